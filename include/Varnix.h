@@ -1,0 +1,195 @@
+// Varnix: key/value tables that the processes of a device, and the devices of one local network, share.
+//
+// Set rows in named tables, watch single keys or whole tables, and let one thread wait on many watchers. The tables of
+// a named database are shared once the database has a sharing group: its members find each other by UDP broadcast on
+// port 1975, connect over TCP, and each watches what the others write.
+//
+//   std::shared_ptr<Varnix::Table> status = Varnix::MakeSharedTable("plant", "status");
+//   Varnix::SetSharingGroup("plant", "line-4", "press-2", "controller", 0);
+//   std::shared_ptr<Varnix::WatcherSet> changes = Varnix::MakeWatcherSet({status->WatchAll()});
+//   status->Set({"temperature", "81"});
+//   for (;;) {
+//     std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> change = changes->Wait();
+//     std::printf("%s is %s\n", change.first.first.c_str(), change.first.second.c_str());
+//   }
+//
+// What holds for everything below
+//
+// Threads: every function and method may be called from any thread at any time, also while main returns or exit() runs.
+//   Once the library's own exit-time destructors have run, tables still work locally, new shared tables are shared with
+//   nobody, and log messages are dropped.
+// Ownership: objects live as long as a std::shared_ptr to them. A watcher keeps its table alive, a set keeps its
+//   watchers; nothing is kept the other way round. Databases, and with them their shared tables, live until the process
+//   exits.
+// Blocking: WatcherSet::Wait and WaitUntil sleep; SetSharingGroup waits for the threads of the sharing that it
+// replaces.
+//   Everything else holds locks for short, bounded work only: no call ever waits for a peer. The log hook runs inside
+//   most calls, so a slow hook makes them slow.
+// Strings: names, keys and values are byte strings; zero bytes and the empty string are ordinary. (Log messages show
+//   them up to the first zero byte.)
+// Errors: nothing is reported through results except by GetSharingGroup. std::bad_alloc and, when a lock fails,
+//   std::system_error can leave any call, and so can what a log hook throws; the call has then registered nothing and
+//   left nothing locked. System calls that fail while sharing is set up (out of descriptors, for example) are logged
+//   and end the process with abort().
+// Signals: no handler and no mask is changed, and SIGPIPE is never raised. Descriptors are closed on exec.
+//
+// Limits of what is shared (rows that never leave the process have none)
+//
+//   table name        at most 255 bytes; a longer one arrives cut to 255
+//   combined key      1 + table name + key at most 4,095 bytes; a longer one is cut to its length modulo 4,096, and one
+//                     whose length is an exact multiple of 4,096 spoils the stream to every peer: stay below
+//   value             at most 1,048,575 bytes; a longer one is cut to its length modulo 1,048,576
+//   empty value       leaves this device only together with the next row
+//   group name        1 to 254 bytes; an empty or longer one meets nobody
+//   database name     1 to 4,095 bytes; one that is empty is not shared
+//   device + process  together must differ between any two members of a group, or those two never meet
+//
+// There is no deletion, no authentication and no encryption: share on a network that you trust.
+
+#ifndef VARNIX_H_
+#define VARNIX_H_
+
+#include <chrono>
+#include <cstdarg>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#define VARNIX_EXPORT __attribute__((visibility("default")))
+
+namespace Varnix {
+
+/// A key and its value, in this order. Any bytes, any length; see above for what can be shared.
+using Row = std::pair<std::string, std::string>;
+
+/// How serious a log message is; numbered as the syslog severities, so it can be cast to int and given to vsyslog().
+/// The library itself uses Error, Info and Debug; a hook must take any value.
+enum class LogLevel : int {
+  Emergency = 0,
+  Alert = 1,
+  Critical = 2,
+  Error = 3,  ///< a system call failed; the message mostly ends in its errno
+  Warning = 4,
+  Notice = 5,
+  Info = 6,  ///< trouble with one peer that the library deals with: retrying, giving up
+  Debug = 7  ///< life cycle and traffic: every row set, every watch, every connection
+};
+
+/// Replaces the log hook, which gets every message as level, tag, printf format and arguments. The tag names the place
+/// ("tbl.set.ins", "tblsvr.dscv.poll"), so that messages can be filtered by prefix. At start the hook prints messages
+/// of level Error to standard error, by perror(), and drops all others. An empty `fn` silences the library, errors
+/// included; nothing brings the first hook back.
+///
+/// Threads: hook calls never overlap, and come from callers' and from the library's own threads.
+/// Ownership: the hook is copied. The previous one is destroyed before this returns, the last one at process exit.
+/// Errors: what a hook throws leaves the exported function that was logging. On one of the library's own threads it
+/// ends
+///   the process, or, on a thread that sends to a peer, the stream to that peer.
+/// A hook must not call this library (it would wait for itself), must not call exit(), must not keep the strings or the
+/// list, and must not use objects that are destroyed before the library, such as static objects of the program.
+VARNIX_EXPORT void SetLoggingFunction(std::function<void(LogLevel, const char*, const char*, va_list)> fn);
+
+/// Reports the changes of one key, or of a whole table, to one consumer.
+///
+/// A watcher keeps no queue: many changes of one row before it is read are reported once, with the newest value. So its
+/// memory is bounded, and a reader that is slow loses intermediate values, never the last one. A row set to the value
+/// that it already has is not a change.
+class VARNIX_EXPORT Watcher {
+ public:
+  virtual ~Watcher();
+
+  /// Takes the next change: a list of exactly one row, or an empty list when nothing is pending. Never sleeps.
+  /// The value is that of now, not that of the moment of the change.
+  virtual std::vector<Row> GetChanges() = 0;
+};
+
+/// A map from key to value whose rows can be set and watched, but neither removed nor read directly.
+class VARNIX_EXPORT Table {
+ public:
+  virtual ~Table();
+
+  /// Inserts the row, or replaces the value of the row with the same key, and wakes those who wait for it.
+  /// A shared table hands the row to its peers as well; that happens on other threads, and never delays this call.
+  virtual void Set(const Row& row) = 0;
+
+  /// A watcher of one key. If the key has a row already, its value is the first change.
+  virtual std::shared_ptr<Watcher> Watch(const std::string& key) = 0;
+
+  /// A watcher of every row. It reports first the rows that are there, in the order of their last change, oldest first,
+  /// then every further change in the order in which it was made.
+  virtual std::shared_ptr<Watcher> WatchAll() = 0;
+};
+
+/// Lets threads sleep until one of several watchers has a change. Made by MakeWatcherSet().
+///
+/// Threads: several may wait on one set; each change goes to one of them. A watcher may be in several sets and may also
+///   be read directly: each of its changes is taken once, by whoever comes first.
+class VARNIX_EXPORT WatcherSet {
+ public:
+  virtual ~WatcherSet();
+
+  /// Sleeps until a member has a change, takes it, and returns it with the watcher that had it. No order is promised
+  /// between the changes of different watchers.
+  virtual std::pair<Row, std::shared_ptr<Watcher>> Wait() = 0;
+
+  /// As Wait(), but gives up at the deadline, a point on the monotonic clock, and then returns an empty row and a null
+  /// watcher. A past deadline means "do not sleep"; any deadline is fine, time_point::max() included.
+  virtual std::pair<Row, std::shared_ptr<Watcher>> WaitUntil(const std::chrono::steady_clock::time_point& deadline) = 0;
+};
+
+/// A new, empty table of this process alone. Names need not be unique: two calls make two tables.
+/// Names that begin with "_vrx_." are the library's own.
+VARNIX_EXPORT std::shared_ptr<Table> MakeTable(std::string name);
+
+/// The tables of this process that are alive, each with its name, in no particular order; the library's own, whose
+/// names begin with "_vrx_.", included.
+VARNIX_EXPORT std::vector<std::pair<std::string, std::shared_ptr<Table>>> GetLocalTables();
+
+/// A set of the given watchers, which it keeps alive. Null pointers and watchers that are not this library's are left
+/// out; one given twice is one member. A set without members never has a change.
+VARNIX_EXPORT std::shared_ptr<WatcherSet> MakeWatcherSet(std::vector<std::shared_ptr<Watcher>> watchers);
+
+/// The table that lists the databases of this process: one row each, with the name as key and an empty value.
+/// A database comes into being when a call first mentions its name.
+VARNIX_EXPORT std::shared_ptr<Table> GetDatabaseTable();
+
+/// The table that lists the tables of a database: one row each, with the name as key and an empty value, for the tables
+/// made here and for those that peers have sent rows of.
+VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
+
+/// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
+/// or by a peer, is seen by the watchers of all. It may be made, set and watched before or after SetSharingGroup();
+/// rows that were set before are shared then.
+VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table);
+
+/// Shares the database with the members of `group` on the local network, from now until the process exits or the next
+/// call for this database. Members share when their database and their group have the same name. There may be any
+/// number of them on one host or on many.
+///
+/// device, process: who we are. Together they must be different for each member, and both are only compared and logged.
+/// broadcast_address: where announcements are sent: an IPv4 address in network byte order, such as the s_addr of
+///   inet_aton(). 0 stands for 255.255.255.255, which needs a route; 127.255.255.255 stays on this host.
+/// Blocks: if the database was shared already, until all threads of that sharing have ended, also when nothing changes.
+///   Peers are met again at their next announcement, up to 60 seconds later, or sooner through their own connections;
+///   call NetworkChanged() to bring the group together in seconds.
+/// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared,
+/// with
+///   the new settings stored. System calls that fail are logged and end the process with abort().
+VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
+                                   unsigned broadcast_address);
+
+/// Whether the database is shared and, if it is, its settings; if it is not, the outputs are left as they are. Never
+/// makes a database. `broadcast_address` may be null; it gets 4294967295 for 255.255.255.255, also when that was asked
+/// for by 0. The address is in network byte order.
+VARNIX_EXPORT bool GetSharingGroup(std::string database, std::string& group, std::string& device, std::string& process,
+                                   unsigned* broadcast_address);
+
+/// Tells every shared database that the network has changed (a link came up, an address is new): it announces itself at
+/// once and again 2, 4 and 6 seconds later. Does not wait for that.
+VARNIX_EXPORT void NetworkChanged();
+
+}  // namespace Varnix
+
+#endif  // VARNIX_H_

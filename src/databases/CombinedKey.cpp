@@ -1,0 +1,35 @@
+#include "databases/CombinedKey.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::string::size_type kLongestName = 255;
+
+std::string::size_type ClaimedLength(const std::string& combined) {
+  return combined.empty() ? 0 : static_cast<unsigned char>(combined.front());
+}
+
+}  // namespace
+
+std::string CombinedKey(const std::string& name, const std::string& key) {
+  const std::string::size_type length = std::min(name.size(), kLongestName);
+  std::string combined;
+  combined.reserve(1 + length + key.size());
+  combined.push_back(static_cast<char>(length));
+  combined.append(name, 0, length);
+  combined.append(key);
+  return combined;
+}
+
+SplitKey::SplitKey(const std::string& combined) {
+  const std::string::size_type length = ClaimedLength(combined);
+  if (length + 1 > combined.size()) return;
+  name.assign(combined, 1, length);
+  key.assign(combined, 1 + length, std::string::npos);
+}
+
+PrintableKey::PrintableKey(const std::string& combined)
+    : name_length(static_cast<int>(std::min(ClaimedLength(combined), combined.empty() ? 0 : combined.size() - 1))),
+      name(combined.c_str() + (combined.empty() ? 0 : 1)),
+      key(name + name_length) {}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <memory>
+#include <string>
+
+#include "databases/TableDecombiner.h"
+#include "network/TableServer.h"
+#include "threads/Mutex.h"
+
+// How a database is shared: with whom, and as whom.
+struct SharingSettings {
+  std::string group;
+  std::string device;
+  std::string process;
+  unsigned broadcast_address = 0;  // IPv4, network byte order; 0 selects 255.255.255.255.
+};
+
+// One named group of shared tables: the combined table that all of them feed and that is served to peers, the
+// decombiner that takes in what peers send, and, once it has a sharing group, the table server.
+//
+// Threads: any. The database lock comes after the cache lock and before those of the decombiner and the tables.
+class Database {
+ public:
+  explicit Database(std::string database_name);
+  // Stops sharing. Nobody else may be using the database any more.
+  ~Database();
+  Database(const Database&) = delete;
+  Database& operator=(const Database&) = delete;
+
+  std::shared_ptr<Varnix::Table> MakeTable(const std::string& table);
+  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner->GetTableTable(); }
+
+  // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
+  // Errors: on an exception the new settings are stored and there is no server, unless only the last log line failed.
+  void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock);
+  // False, with nothing written, while there is no server.
+  bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock);
+  void NetworkChanged() VARNIX_EXCLUDES(lock);
+  // Stops the server for good: from now on settings are stored, but nothing is shared. For a process that exits.
+  void EndSharing() VARNIX_EXCLUDES(lock);
+
+ private:
+  void StopServer() VARNIX_REQUIRES(lock);
+
+  const std::shared_ptr<Varnix::Table> combined;
+  const std::shared_ptr<TableDecombiner> decombiner;
+  std::unique_ptr<TableServer> server VARNIX_GUARDED_BY(lock);
+  const std::string name;
+  Mutex lock;
+  SharingSettings sharing VARNIX_GUARDED_BY(lock);
+  bool sharing_ended VARNIX_GUARDED_BY(lock) = false;
+};

@@ -1,0 +1,86 @@
+#include "databases/DatabaseCache.h"
+
+#include <unistd.h>
+
+#include "databases/InternalTableName.h"
+#include "tables/LocalTable.h"
+
+namespace {
+
+// The one reference that the library itself holds. Never destroyed, because threads that outlive main, and destructors
+// of the host's static objects, still ask for the cache.
+struct Holder {
+  Mutex lock;
+  std::shared_ptr<DatabaseCache> cache VARNIX_GUARDED_BY(lock);
+};
+
+// Releases the cache at process exit.
+class ReleaseAtExit {
+ public:
+  explicit ReleaseAtExit(Holder& released) : holder(released) {}
+  ~ReleaseAtExit() {
+    // A forked child has copies of the servers, but not their threads, and their sockets and pipes are its parent's.
+    if (getpid() != process) return;
+    auto cache = std::make_shared<DatabaseCache>();
+    cache->EndSharing();
+    {
+      MutexLock guard(holder.lock);
+      cache.swap(holder.cache);
+    }
+    // Whoever still has a copy destroys the cache later. But no stream may be left when stdio flushes all of them.
+    if (cache.use_count() > 1) cache->EndSharing();
+  }
+
+ private:
+  Holder& holder;
+  const pid_t process = getpid();
+};
+
+}  // namespace
+
+std::shared_ptr<DatabaseCache> DatabaseCache::Instance() {
+  static Holder& holder = *new Holder{{}, std::make_shared<DatabaseCache>()};
+  static ReleaseAtExit release_at_exit(holder);
+  MutexLock guard(holder.lock);
+  return holder.cache;
+}
+
+DatabaseCache::DatabaseCache() : database_table(LocalTable::Make(InternalTableName("dbtbl", "main"))) {}
+
+std::shared_ptr<Database> DatabaseCache::GetDatabase(const std::string& name) {
+  MutexLock guard(lock);
+  const auto [entry, absent] = databases.try_emplace(name);
+  if (absent) {
+    try {
+      entry->second = MakeDatabase(name);
+    } catch (...) {
+      databases.erase(entry);
+      throw;
+    }
+  }
+  return entry->second;
+}
+
+std::shared_ptr<Database> DatabaseCache::MakeDatabase(const std::string& name) {
+  auto database = std::make_shared<Database>(name);
+  if (sharing_ended) database->EndSharing();
+  database_table->Set({name, ""});
+  return database;
+}
+
+std::shared_ptr<Database> DatabaseCache::FindDatabase(const std::string& name) {
+  MutexLock guard(lock);
+  const auto found = databases.find(name);
+  return found == databases.end() ? nullptr : found->second;
+}
+
+void DatabaseCache::NetworkChanged() {
+  MutexLock guard(lock);
+  for (const auto& [name, database] : databases) database->NetworkChanged();
+}
+
+void DatabaseCache::EndSharing() {
+  MutexLock guard(lock);
+  sharing_ended = true;
+  for (const auto& [name, database] : databases) database->EndSharing();
+}

@@ -1,0 +1,5 @@
+#include "databases/InternalTableName.h"
+
+std::string InternalTableName(const std::string& kind, const std::string& database) {
+  return "_vrx_." + kind + "." + database;
+}

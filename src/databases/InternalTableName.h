@@ -1,0 +1,6 @@
+#pragma once
+
+#include <string>
+
+// "_vrx_." + kind + "." + database: the name of one of the library's own tables. Nothing is escaped.
+std::string InternalTableName(const std::string& kind, const std::string& database);

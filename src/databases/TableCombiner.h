@@ -1,0 +1,25 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <memory>
+#include <string>
+
+// What an application holds for a shared table. Rows set here go into the combined table of the database, which is
+// served to peers, and into the table's local copy, which also gets what peers send; watching watches the local copy.
+//
+// Threads: any; takes no lock of its own.
+class TableCombiner final : public Varnix::Table {
+ public:
+  TableCombiner(std::shared_ptr<Varnix::Table> combined_table, std::shared_ptr<Varnix::Table> local_copy,
+                std::string table_name);
+
+  void Set(const Varnix::Row& row) override;
+  std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override;
+  std::shared_ptr<Varnix::Watcher> WatchAll() override;
+
+ private:
+  const std::shared_ptr<Varnix::Table> combined;
+  const std::shared_ptr<Varnix::Table> local;
+  const std::string name;
+};

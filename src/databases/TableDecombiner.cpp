@@ -1,0 +1,47 @@
+#include "databases/TableDecombiner.h"
+
+#include <utility>
+
+#include "databases/CombinedKey.h"
+#include "databases/InternalTableName.h"
+#include "logging/Log.h"
+#include "tables/LocalTable.h"
+
+using Varnix::LogLevel;
+
+TableDecombiner::TableDecombiner(std::string database_name)
+    : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
+
+void TableDecombiner::Set(const Varnix::Row& row) {
+  SplitKey split(row.first);
+  const std::shared_ptr<Varnix::Table> table = GetTable(split.name);
+  Log(LogLevel::Debug, "tblcmbn.set", "TableDecombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
+      split.name.c_str(), split.key.c_str(), row.second.size());
+  table->Set({std::move(split.key), row.second});
+}
+
+std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }
+
+std::shared_ptr<Varnix::Watcher> TableDecombiner::WatchAll() { return nullptr; }
+
+std::shared_ptr<Varnix::Table> TableDecombiner::GetTable(const std::string& name) {
+  MutexLock guard(lock);
+  const auto [entry, absent] = tables.try_emplace(name);
+  if (absent) {
+    try {
+      entry->second = MakeLocalCopy(name);
+    } catch (...) {
+      tables.erase(entry);
+      throw;
+    }
+  }
+  return entry->second;
+}
+
+std::shared_ptr<Varnix::Table> TableDecombiner::MakeLocalCopy(const std::string& name) {
+  std::shared_ptr<Varnix::Table> table = LocalTable::Make(InternalTableName("out_" + name, database));
+  table_table->Set({name, ""});
+  Log(LogLevel::Debug, "tblcmbn.create", "TableDecombiner(%p) created table %s -> %p", static_cast<void*>(this),
+      name.c_str(), static_cast<void*>(table.get()));
+  return table;
+}

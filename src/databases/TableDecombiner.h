@@ -1,0 +1,36 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "threads/Mutex.h"
+
+// Where the rows that peers send enter a database: each goes, under its plain key, into the local copy of the table
+// that its combined key names. Makes the local copies on first use and lists them in the database's table table.
+//
+// Threads: any. The decombiner lock comes before the table lock; it is not held while a row is set into a local copy.
+class TableDecombiner final : public Varnix::Table {
+ public:
+  explicit TableDecombiner(std::string database_name);
+
+  void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock);
+  // Nobody watches the way in: both return null.
+  std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override;
+  std::shared_ptr<Varnix::Watcher> WatchAll() override;
+
+  // The local copy of the named shared table.
+  std::shared_ptr<Varnix::Table> GetTable(const std::string& name) VARNIX_EXCLUDES(lock);
+  // The table that has one row (name, "") for each of them.
+  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return table_table; }
+
+ private:
+  std::shared_ptr<Varnix::Table> MakeLocalCopy(const std::string& name) VARNIX_REQUIRES(lock);
+
+  Mutex lock;
+  const std::string database;
+  std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);
+  const std::shared_ptr<Varnix::Table> table_table;
+};

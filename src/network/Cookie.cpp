@@ -1,0 +1,88 @@
+#include "network/Cookie.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "logging/Log.h"
+#include "network/SystemCalls.h"
+
+FILE* Cookie::OpenStream() {
+  constexpr cookie_io_functions_t kFunctions = {&Cookie::Read, &Cookie::Write, nullptr, nullptr};
+  return fopencookie(this, "r+", kFunctions);
+}
+
+ssize_t Cookie::Read(void* cookie, char* buffer, std::size_t size) {
+  Cookie& self = *static_cast<Cookie*>(cookie);
+  for (;;) {
+    if (!self.WaitFor(POLLIN, "cook.rd.poll", "Cookie::Read: poll error %d")) return -1;
+    const ssize_t received = recv(self.socket, buffer, size, 0);
+    if (received >= 0) return received;
+    if (errno == EINTR) continue;
+    Log(Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error %d", errno);
+    return -1;
+  }
+}
+
+ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
+  Cookie& self = *static_cast<Cookie*>(cookie);
+  // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way.
+  if (self.lock_lent_) return static_cast<ssize_t>(size);
+  std::size_t taken = 0;
+  while (taken < size) {
+    if (!self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;
+    const ssize_t sent = send(self.socket, buffer + taken, size - taken, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) {
+      taken += static_cast<std::size_t>(sent);
+    } else if (errno == EAGAIN) {
+      LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
+    } else if (errno != EINTR) {
+      return 0;
+    }
+  }
+  return static_cast<ssize_t>(size);
+}
+
+// True when the socket has any event; false, with `aborted` set, when the server stops, which is looked at first.
+bool Cookie::WaitFor(short events, const char* tag, const char* format) {
+  pollfd entries[] = {{done_descriptor, POLLIN, 0}, {socket, events, 0}};
+  for (;;) {
+    if (Poll(entries) < 0) {
+      if (errno == EINTR) continue;
+      LogErrnoAndAbort(tag, format);
+    }
+    if (entries[0].revents != 0) {
+      aborted = true;
+      return false;
+    }
+    if (entries[1].revents != 0) return true;
+  }
+}
+
+// Lends the stream's lock out while it waits, if our thread holds it. That is safe: nothing is buffered for writing
+// while a read waits; and a flush that finds what a write is sending is turned away in Write, leaves the bytes where
+// they are and marks them as written, which is what our thread does next anyway.
+int Cookie::Poll(pollfd* entries) {
+  FILE* const lent = locked_stream_;
+  if (lent != nullptr) {
+    lock_lent_ = true;
+    funlockfile(lent);
+  }
+  const int ready = poll(entries, 2, -1);
+  if (lent != nullptr) {
+    flockfile(lent);
+    lock_lent_ = false;
+  }
+  return ready;
+}
+
+StreamLock::StreamLock(FILE* stream, Cookie& cookie) : stream_(stream), cookie_(cookie) {
+  flockfile(stream_);
+  cookie_.locked_stream_ = stream_;
+}
+
+StreamLock::~StreamLock() {
+  cookie_.locked_stream_ = nullptr;
+  funlockfile(stream_);
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdio>
+
+// What stands behind the stdio stream of a connected socket: every wait for the socket also watches the done pipe of
+// the server, so that one byte there ends all reads and writes of all its streams, now and later.
+//
+// Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) walks over every stream of the
+// process, and would wait for the lock of ours as long as ours waits for a peer. So our thread lends the lock out
+// during such waits (see Poll), and holds it for the rest of each record (see StreamLock). Ownership: owns neither
+// descriptor nor the stream.
+struct Cookie {
+  Cookie(int connected_socket, int done_pipe) : socket(connected_socket), done_descriptor(done_pipe) {}
+
+  // A stream of this cookie, in mode "r+" with stdio's own buffering; null, with errno, on failure.
+  FILE* OpenStream();
+
+  // stdio's hooks; `cookie` is a Cookie. Read returns the number of bytes, 0 at the end of the stream, -1 on failure or
+  // abort. Write takes all bytes and returns their number, because glibc drops the rest of a short write, or returns 0
+  // on failure or abort.
+  static ssize_t Read(void* cookie, char* buffer, std::size_t size);
+  static ssize_t Write(void* cookie, const char* buffer, std::size_t size);
+
+  const int socket;
+  const int done_descriptor;  // Polled, never read.
+  bool aborted = false;       // The done pipe was readable. Never cleared.
+
+ private:
+  friend class StreamLock;
+
+  bool WaitFor(short events, const char* tag, const char* format);
+  int Poll(struct pollfd* entries);
+
+  // Both change only under the stream's lock, which no sanitizer sees: hence atomic.
+  std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
+  std::atomic<bool> lock_lent_{false};         // Our thread waits within a record; whoever comes now is the host.
+};
+
+// Locks a stream of a cookie for one record, so that a flush of the host's never meets half of one.
+class StreamLock {
+ public:
+  StreamLock(FILE* stream, Cookie& cookie);
+  ~StreamLock();
+  StreamLock(const StreamLock&) = delete;
+  StreamLock& operator=(const StreamLock&) = delete;
+
+ private:
+  FILE* const stream_;
+  Cookie& cookie_;
+};

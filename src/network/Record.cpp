@@ -1,0 +1,63 @@
+#include "network/Record.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <utility>
+
+#include "network/Cookie.h"
+#include "network/StopExceptions.h"
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 4;
+constexpr unsigned kLengthBitsB = 20;
+constexpr std::uint32_t kMaxLengthA = 0xFFF;
+constexpr std::uint32_t kMaxLengthB = 0xFFFFF;
+
+// One item of `size` bytes, under the StreamLock of the caller. An item of 0 bytes counts as not written.
+bool WriteItem(const void* bytes, std::size_t size, FILE* stream) {
+  return fwrite_unlocked(bytes, size, 1, stream) == 1;
+}
+
+bool ReadItem(void* bytes, std::size_t size, FILE* stream) {
+  return size == 0 || fread_unlocked(bytes, size, 1, stream) == 1;
+}
+
+bool FailOrAbort(const Cookie& cookie) {
+  if (cookie.aborted) throw AbortRequested();
+  return false;
+}
+
+}  // namespace
+
+bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie) {
+  const std::uint32_t length_a = record.first.size() & kMaxLengthA;
+  const std::uint32_t length_b = record.second.size() & kMaxLengthB;
+  const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
+  const unsigned char header[kHeaderSize] = {
+      static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
+      static_cast<unsigned char>(lengths >> 8), static_cast<unsigned char>(lengths)};
+
+  const StreamLock lock(stream, cookie);
+  if (!WriteItem(header, kHeaderSize, stream) || !WriteItem(record.first.data(), length_a, stream) ||
+      !WriteItem(record.second.data(), length_b, stream)) {
+    return FailOrAbort(cookie);
+  }
+  return fflush_unlocked(stream) == 0;
+}
+
+bool ReadRecord(Varnix::Row& record, FILE* stream, Cookie& cookie) {
+  const StreamLock lock(stream, cookie);
+  unsigned char header[kHeaderSize];
+  if (!ReadItem(header, kHeaderSize, stream)) return FailOrAbort(cookie);
+  const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
+                                std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
+  Varnix::Row read{std::string(lengths >> kLengthBitsB, '\0'), std::string(lengths & kMaxLengthB, '\0')};
+  if (!ReadItem(read.first.data(), read.first.size(), stream) ||
+      !ReadItem(read.second.data(), read.second.size(), stream)) {
+    return FailOrAbort(cookie);
+  }
+  record = std::move(read);
+  return true;
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <cstdio>
+
+struct Cookie;
+
+// The only unit on the wire, in both directions: a header of 4 bytes, big-endian, with the length of field A in its
+// upper 12 bits and that of field B in its lower 20, then field A, then field B. A record is a row: A its key, B its
+// value.
+
+// Writes and flushes one record; longer fields are cut to their length modulo 4,096 and 1,048,576.
+// False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written.
+// What is in the stream's buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
+bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie);
+
+// Reads one record. False, with `record` unchanged, when the stream has ended or failed.
+// Throws AbortRequested when the server stops.
+bool ReadRecord(Varnix::Row& record, FILE* stream, Cookie& cookie);

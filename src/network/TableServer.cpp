@@ -1,0 +1,210 @@
+#include "network/TableServer.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "databases/CombinedKey.h"
+#include "databases/InternalTableName.h"
+#include "logging/Log.h"
+#include "network/ActiveESNs.h"
+#include "network/Discovery.h"
+#include "network/ReceiveLoop.h"
+#include "network/SystemCalls.h"
+#include "network/TableSender.h"
+#include "tables/LocalTable.h"
+
+using Varnix::LogLevel;
+
+namespace {
+
+constexpr int kPauseWithoutDescriptors_ms = 100;
+
+sockaddr_in MakeBroadcastAddress(unsigned address) {
+  sockaddr_in broadcast{};
+  broadcast.sin_family = AF_INET;
+  broadcast.sin_port = htons(kDiscoveryPort);
+  broadcast.sin_addr.s_addr = address;
+  return broadcast;
+}
+
+// False, with errno, when there is no thread or no memory to be had.
+template <class Body>
+bool StartDetached(Body body) {
+  try {
+    std::thread(std::move(body)).detach();
+    return true;
+  } catch (const std::system_error& error) {
+    errno = error.code().value();
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
+  return false;
+}
+
+bool IsOutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }
+
+}  // namespace
+
+TableServer::TableServer(const std::string& uid, const std::string& database,
+                         const std::shared_ptr<Varnix::Table>& receive_table,
+                         const std::shared_ptr<Varnix::Table>& send_table, const std::string& group,
+                         unsigned broadcast_address)
+    : uid_(uid),
+      database_(database),
+      group_(group),
+      receive_table_(receive_table),
+      send_table_(send_table),
+      done_table_(LocalTable::Make(InternalTableName("ts_done", database))),
+      broadcast_addr_(MakeBroadcastAddress(broadcast_address)) {
+  const PrintableKey printable(uid_);
+  Log(LogLevel::Debug, "tblsvr.ctor", "TableServer for %.*s::%s::%s(%p) ctor", printable.name_length, printable.name,
+      printable.key, database_.c_str(), static_cast<void*>(this));
+  listen_fd_ = OpenListeningSocket(listen_port_);
+  discover_fd_ = OpenDiscoverySocket();
+  done_pipe_ = OpenDonePipe();
+  wake_pipe_ = OpenWakePipe();
+  try {
+    StartThreads();
+  } catch (...) {
+    Stop();
+    throw;
+  }
+}
+
+void TableServer::StartThreads() {
+  active_esns_ = std::make_shared<ActiveESNs>([this] {
+    MutexLock lock(mutex_);
+    esns_released_ = true;
+    released_cv_.notify_one();
+  });
+  discover_thread_ = std::thread(&TableServer::Discover, this);
+  accept_thread_ = std::thread(&TableServer::Accept, this);
+}
+
+TableServer::~TableServer() {
+  try {
+    if (!stopped_) Stop();
+  } catch (...) {
+    // The hook threw; the server has stopped all the same, and nobody is there to be told.
+  }
+}
+
+void TableServer::Stop() {
+  stopped_ = true;
+  // Every step is taken, whatever the log hook does: no thread may be left that uses the server.
+  std::exception_ptr thrown;
+  try {
+    SignalDone();
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  try {
+    SetDoneRow();
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  JoinThreads();
+  AwaitPeerThreads();
+  CloseDescriptors();
+  if (thrown) std::rethrow_exception(thrown);
+}
+
+void TableServer::SignalDone() {
+  if (write(done_pipe_.write_end, "D", 1) == 1) return;
+  Log(LogLevel::Error, "tblsvr.dest", "TableServer: pipe write fail error %d", errno);
+}
+
+void TableServer::SetDoneRow() {
+  const Varnix::Row done("done", "y");
+  try {
+    done_table_->Set(done);
+  } catch (...) {
+    done_table_->SetUnlogged(done);
+    throw;
+  }
+}
+
+void TableServer::JoinThreads() {
+  if (discover_thread_.joinable()) discover_thread_.join();
+  if (accept_thread_.joinable()) accept_thread_.join();
+}
+
+// Every peer thread holds the ActiveESNs: when it is released, the last of them has finished.
+void TableServer::AwaitPeerThreads() {
+  if (!active_esns_) return;
+  active_esns_.reset();
+  MutexLock lock(mutex_);
+  while (!esns_released_) released_cv_.wait(lock.ForWaiting());
+  esns_released_ = false;
+}
+
+void TableServer::CloseDescriptors() {
+  close(listen_fd_);
+  close(discover_fd_);
+  close(done_pipe_.read_end);
+  close(done_pipe_.write_end);
+  close(wake_pipe_.read_end);
+  close(wake_pipe_.write_end);
+}
+
+void TableServer::NetworkChanged() {
+  if (write(wake_pipe_.write_end, "W", 1) == 1) return;
+  Log(LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed %d", errno);
+}
+
+std::shared_ptr<Varnix::Table> TableServer::GetDoneTable() const { return done_table_; }
+
+void TableServer::Discover() { Discovery(*this).Run(); }
+
+void TableServer::Accept() {
+  pollfd entries[] = {{done_pipe_.read_end, POLLIN, 0}, {listen_fd_, POLLIN, 0}};
+  for (;;) {
+    if (poll(entries, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      LogErrnoAndAbort("tblsvr.acc.poll", "TableServer: Accept::poll error %d");
+    }
+    if (entries[0].revents != 0) return;
+    if (entries[1].revents != 0) AcceptConnection();
+  }
+}
+
+void TableServer::AcceptConnection() {
+  sockaddr_in peer{};
+  socklen_t size = sizeof peer;
+  const int socket = accept(listen_fd_, reinterpret_cast<sockaddr*>(&peer), &size);
+  if (socket >= 0) {
+    CloseOnExec(socket);
+    IncomingConnection(socket, ntohl(peer.sin_addr.s_addr));
+    return;
+  }
+  const int error = errno;
+  Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
+  // The connection is still waiting and accepting it would fail at once again: leave the processor to others for a
+  // while.
+  if (IsOutOfResources(error)) {
+    pollfd done = {done_pipe_.read_end, POLLIN, 0};
+    poll(&done, 1, kPauseWithoutDescriptors_ms);
+  }
+}
+
+void TableServer::FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns) {
+  const bool started = StartDetached([this, address, port, active_esns = std::move(active_esns)]() mutable {
+    ReceiveLoop(*this, address, port, std::move(active_esns)).Run();
+  });
+  if (!started) Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", errno);
+}
+
+void TableServer::IncomingConnection(int socket, unsigned address) {
+  const bool started = StartDetached(
+      [this, socket, address, active_esns = active_esns_] { SendTable(*this, socket, address, active_esns); });
+  if (started) return;
+  Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", errno);
+  close(socket);
+}

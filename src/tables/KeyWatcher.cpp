@@ -1,0 +1,44 @@
+#include "tables/KeyWatcher.h"
+
+#include <utility>
+
+LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key,
+                                   Position current) noexcept VARNIX_NO_LOCK_ANALYSIS
+    : LWatcher(std::move(watched)),
+      row(current),
+      key(std::move(watched_key)),
+      changed(row != table->rows.end()) {}
+
+LocalTable::KeyWatcher::~KeyWatcher() { destruction_lock_.lock(); }
+
+std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
+  MutexLock lock(table_lock);
+  if (Empty()) return {};
+  std::vector<Varnix::Row> changes{*row};  // Copied before the flag falls: a failed copy must not lose the change.
+  changed = false;
+  NotifyListeners(true);
+  return changes;
+}
+
+void LocalTable::KeyWatcher::RowInserted(Position position) {
+  if (position->first != key) return;
+  row = position;
+  Changed();
+}
+
+void LocalTable::KeyWatcher::RowUpdated(Position position) {
+  if (position == row) Changed();
+}
+
+void LocalTable::KeyWatcher::Changed() {
+  changed = true;
+  NotifyListeners(false);
+}
+
+bool LocalTable::KeyWatcher::Empty() const { return !changed; }
+
+Varnix::Row LocalTable::KeyWatcher::Take() {
+  Varnix::Row taken = *row;
+  changed = false;
+  return taken;
+}

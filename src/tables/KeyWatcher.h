@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tables/LWatcher.h"
+
+// Reports the row of one key: its present value first, if it has one, then the newest value after each burst of
+// changes.
+class LocalTable::KeyWatcher final : public LWatcher {
+ public:
+  // `current` is the row that the key has, or the end of the table's rows.
+  KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key, Position current) noexcept;
+  ~KeyWatcher() override;
+
+  std::vector<Varnix::Row> GetChanges() override VARNIX_EXCLUDES(table_lock);
+  void RowInserted(Position position) override VARNIX_REQUIRES(table_lock);
+  void RowUpdated(Position position) override VARNIX_REQUIRES(table_lock);
+  bool Empty() const override VARNIX_REQUIRES(table_lock);
+  Varnix::Row Take() override VARNIX_REQUIRES(table_lock);
+
+ private:
+  void Changed() VARNIX_REQUIRES(table_lock);
+
+  Position row VARNIX_GUARDED_BY(table_lock);
+  const std::string key;
+  bool changed VARNIX_GUARDED_BY(table_lock);
+};

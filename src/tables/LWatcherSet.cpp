@@ -1,0 +1,70 @@
+#include "tables/LWatcherSet.h"
+
+#include <algorithm>
+
+std::shared_ptr<Varnix::WatcherSet> LocalTable::LWatcherSet::Make(
+    const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers) {
+  // Outlives the lock: if adding a member throws, the set's destructor takes the table lock itself.
+  std::shared_ptr<LWatcherSet> set;
+  MutexLock lock(table_lock);
+  set = std::make_shared<LWatcherSet>();
+  // Room for all in both: moving a member from one to the other then never allocates.
+  set->idle.reserve(watchers.size());
+  set->ready.reserve(watchers.size());
+  for (const std::shared_ptr<Varnix::Watcher>& watcher : watchers) {
+    if (const auto local = std::dynamic_pointer_cast<LWatcher>(watcher)) set->Add(local);
+  }
+  return set;
+}
+
+LocalTable::LWatcherSet::~LWatcherSet() {
+  MutexLock lock(table_lock);
+  for (const std::shared_ptr<LWatcher>& member : idle) member->RemoveListener(this);
+  for (const std::shared_ptr<LWatcher>& member : ready) member->RemoveListener(this);
+}
+
+void LocalTable::LWatcherSet::Add(const std::shared_ptr<LWatcher>& watcher) {
+  (watcher->Empty() ? idle : ready).insert(watcher);
+  watcher->AddListener(this);
+}
+
+void LocalTable::LWatcherSet::WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) {
+  Members& from = empty ? ready : idle;
+  Members& to = empty ? idle : ready;
+  to.insert(from.extract(watcher));
+  if (!empty) cond.notify_one();
+}
+
+std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::TakeNext() {
+  // A watch-all watcher tells only of its first pending change. So whoever leaves changes behind, also by failing to
+  // copy one, wakes the next sleeper.
+  struct WakeNext {
+    LWatcherSet& set;
+    ~WakeNext() VARNIX_NO_LOCK_ANALYSIS {
+      if (!set.ready.empty()) set.cond.notify_one();
+    }
+  } wake_next{*this};
+  const std::shared_ptr<LWatcher> member = *ready.begin();
+  Varnix::Row row = member->Take();
+  if (member->Empty()) member->NotifyListeners(true);  // All its sets: no other may take from it either.
+  return {std::move(row), member};
+}
+
+std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::Wait() {
+  MutexLock lock(table_lock);
+  while (ready.empty()) cond.wait(lock.ForWaiting());
+  return TakeNext();
+}
+
+std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::WaitUntil(
+    const std::chrono::steady_clock::time_point& deadline) {
+  // A far deadline is slept for in slices: its seconds need not fit a time_t of 32 bits.
+  constexpr std::chrono::hours kLongestSleep(24);
+  MutexLock lock(table_lock);
+  while (ready.empty()) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return {};
+    cond.wait_until(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
+  }
+  return TakeNext();
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "tables/LWatcher.h"
+#include "tables/WatcherSetListener.h"
+
+// Keeps its members parted, at all times, into those with nothing pending and those with a change, so that a wait never
+// polls them.
+//
+// Threads: any; several may wait at once. Nothing but the copy of a row throws or allocates once the set is made.
+class LocalTable::LWatcherSet final : public WatcherSetListener, public Varnix::WatcherSet {
+ public:
+  static std::shared_ptr<Varnix::WatcherSet> Make(const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers)
+      VARNIX_EXCLUDES(table_lock);
+
+  LWatcherSet() = default;
+  ~LWatcherSet() override;
+
+  void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) override VARNIX_REQUIRES(table_lock);
+  std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> Wait() override VARNIX_EXCLUDES(table_lock);
+  std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> WaitUntil(
+      const std::chrono::steady_clock::time_point& deadline) override VARNIX_EXCLUDES(table_lock);
+
+ private:
+  using Members = std::unordered_set<std::shared_ptr<LWatcher>>;
+
+  void Add(const std::shared_ptr<LWatcher>& watcher) VARNIX_REQUIRES(table_lock);
+  std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> TakeNext() VARNIX_REQUIRES(table_lock);
+
+  // Destroyed without the table lock: dropping the members may destroy them, and then their tables.
+  Members idle VARNIX_GUARDED_BY(table_lock);
+  Members ready VARNIX_GUARDED_BY(table_lock);
+  std::condition_variable cond;
+};

@@ -1,0 +1,83 @@
+#include "tables/LocalTable.h"
+
+#include "logging/Log.h"
+#include "tables/AllWatcher.h"
+#include "tables/KeyWatcher.h"
+#include "tables/LocalTableRegistry.h"
+
+using Varnix::LogLevel;
+
+std::shared_ptr<LocalTable> LocalTable::Make(std::string name) {
+  MutexLock lock(table_lock);
+  auto table = std::make_shared<LocalTable>(std::move(name));
+  LocalTableRegistry::Enter(table);
+  return table;
+}
+
+std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> LocalTable::GetAll() {
+  MutexLock lock(table_lock);
+  std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> named;
+  for (std::shared_ptr<LocalTable>& table : LocalTableRegistry::Alive()) {
+    named.emplace_back(table->name, std::move(table));
+  }
+  return named;
+}
+
+LocalTable::LocalTable(std::string table_name) : name(std::move(table_name)) {}
+
+LocalTable::~LocalTable() { LocalTableRegistry::Leave(this); }
+
+void LocalTable::Set(const Varnix::Row& row) {
+  MutexLock lock(table_lock);
+  const auto found = index.find(row.first);
+  const bool known = found != index.end();
+  Log(LogLevel::Debug, known ? "tbl.set.upd" : "tbl.set.ins",
+      known ? "Table(%p) updating row for %s (%zu bytes)" : "Table(%p) inserting row for %s (%zu bytes)",
+      static_cast<void*>(this), row.first.c_str(), row.second.size());
+  known ? Update(found->second, row.second) : Insert(row);
+}
+
+void LocalTable::SetUnlogged(const Varnix::Row& row) {
+  MutexLock lock(table_lock);
+  const auto found = index.find(row.first);
+  found != index.end() ? Update(found->second, row.second) : Insert(row);
+}
+
+void LocalTable::Insert(const Varnix::Row& row) {
+  // All that can throw comes first, on a list of its own: then the row is in everywhere, or nowhere.
+  Rows inserted{row};
+  index.emplace(row.first, inserted.begin());
+  rows.splice(rows.end(), inserted);
+  const Position position = std::prev(rows.end());
+  for (LWatcher* watcher : watchers) watcher->RowInserted(position);
+}
+
+void LocalTable::Update(Position position, const std::string& value) {
+  if (position->second == value) return;
+  position->second = value;
+  // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
+  for (LWatcher* watcher : watchers) watcher->RowUpdated(position);
+  rows.splice(rows.end(), rows, position);
+}
+
+std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
+  // Outlives the lock: if logging throws, the watcher's destructor takes the table lock itself.
+  std::shared_ptr<KeyWatcher> watcher;
+  MutexLock lock(table_lock);
+  const auto found = index.find(key);
+  watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index.end() ? found->second : rows.end());
+  watchers.insert(watcher.get());
+  Log(LogLevel::Debug, "tbl.watch.key", "Table(%p) watching %s (%zu watchers total)", static_cast<void*>(this),
+      key.c_str(), watchers.size());
+  return watcher;
+}
+
+std::shared_ptr<Varnix::Watcher> LocalTable::WatchAll() {
+  std::shared_ptr<AllWatcher> watcher;  // Outlives the lock, as above.
+  MutexLock lock(table_lock);
+  watcher = std::make_shared<AllWatcher>(shared_from_this(), rows.begin());
+  watchers.insert(watcher.get());
+  Log(LogLevel::Debug, "tbl.watch.all", "Table(%p) watching all (%zu watchers total)", static_cast<void*>(this),
+      watchers.size());
+  return watcher;
+}

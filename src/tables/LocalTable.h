@@ -1,0 +1,54 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "tables/TableLock.h"
+
+// A table of this process: a map from key to value that remembers in which order its rows last changed.
+//
+// Threads: any; every method takes the table lock.
+// Ownership: watchers own their table, the table never owns its watchers.
+// Errors: when a call throws, the table is as it was.
+class LocalTable final : public Varnix::Table, public std::enable_shared_from_this<LocalTable> {
+ public:
+  class LWatcher;
+  class AllWatcher;
+  class KeyWatcher;
+  class WatcherSetListener;
+  class LWatcherSet;
+
+  using Rows = std::list<Varnix::Row>;
+  using Position = Rows::iterator;  // rows.end() stands for "no row".
+
+  // A new table, entered into the registry.
+  static std::shared_ptr<LocalTable> Make(std::string name) VARNIX_EXCLUDES(table_lock);
+  // Every live table of the registry with its name.
+  static std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> GetAll() VARNIX_EXCLUDES(table_lock);
+
+  explicit LocalTable(std::string table_name);
+  ~LocalTable() override;
+
+  void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(table_lock);
+  std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override VARNIX_EXCLUDES(table_lock);
+  std::shared_ptr<Varnix::Watcher> WatchAll() override VARNIX_EXCLUDES(table_lock);
+
+  // As Set(), for a caller who has to succeed although the log hook throws.
+  void SetUnlogged(const Varnix::Row& row) VARNIX_EXCLUDES(table_lock);
+
+ private:
+  void Insert(const Varnix::Row& row) VARNIX_REQUIRES(table_lock);
+  void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
+
+  const std::string name;
+  Rows rows VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
+  std::unordered_map<std::string, Position> index VARNIX_GUARDED_BY(table_lock);
+  std::unordered_set<LWatcher*> watchers VARNIX_GUARDED_BY(table_lock);  // Each removes itself when it is destroyed.
+};

@@ -1,0 +1,7 @@
+#pragma once
+
+#include "threads/Mutex.h"
+
+// The one lock of all tables, watchers and watcher sets of the process. Taken before the registry lock of local tables
+// and before the log lock.
+inline Mutex table_lock;

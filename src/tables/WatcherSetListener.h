@@ -1,0 +1,12 @@
+#pragma once
+
+#include <memory>
+
+#include "tables/LocalTable.h"
+
+// Told by a watcher, under the table lock, when it passes between "nothing pending" and "a change pending".
+class LocalTable::WatcherSetListener {
+ public:
+  virtual void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) VARNIX_REQUIRES(table_lock) = 0;
+  virtual ~WatcherSetListener() = default;
+};

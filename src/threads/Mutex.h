@@ -1,0 +1,37 @@
+#pragma once
+
+#include <mutex>
+
+// Clang checks the lock rules that the headers state with these (-Wthread-safety); other compilers see plain code.
+#if defined(__clang__)
+#define VARNIX_THREADS(x) __attribute__((x))
+#else
+#define VARNIX_THREADS(x)
+#endif
+#define VARNIX_GUARDED_BY(...) VARNIX_THREADS(guarded_by(__VA_ARGS__))
+#define VARNIX_REQUIRES(...) VARNIX_THREADS(requires_capability(__VA_ARGS__))
+#define VARNIX_EXCLUDES(...) VARNIX_THREADS(locks_excluded(__VA_ARGS__))
+#define VARNIX_NO_LOCK_ANALYSIS VARNIX_THREADS(no_thread_safety_analysis)
+
+// A std::mutex that the analysis can follow. std::unique_lock and std::condition_variable take it as one.
+// Constant-initialised and trivially destroyed, so a global one works before and after every static object.
+class VARNIX_THREADS(capability("mutex")) Mutex : public std::mutex {
+ public:
+  void lock() VARNIX_THREADS(acquire_capability()) { std::mutex::lock(); }
+  void unlock() VARNIX_THREADS(release_capability()) { std::mutex::unlock(); }
+};
+
+// Holds a Mutex for a scope. Throws std::system_error when locking fails.
+class VARNIX_THREADS(scoped_lockable) MutexLock {
+ public:
+  explicit MutexLock(Mutex& mutex) VARNIX_THREADS(acquire_capability(mutex)) : lock_(mutex) {}
+  ~MutexLock() VARNIX_THREADS(release_capability()) {}
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+  // For std::condition_variable, which gives the mutex back locked.
+  std::unique_lock<std::mutex>& ForWaiting() { return lock_; }
+
+ private:
+  std::unique_lock<std::mutex> lock_;
+};

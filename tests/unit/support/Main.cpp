@@ -1,0 +1,44 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <thread>
+
+namespace {
+
+std::ptrdiff_t Entries(const char* directory) {
+  return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
+}
+
+// Fails every test after which a descriptor or a thread is left over. Detached threads get a moment to go.
+class LeakCheck : public testing::EmptyTestEventListener {
+ private:
+  void OnTestStart(const testing::TestInfo&) override {
+    descriptors_ = Entries("/proc/self/fd");
+    threads_ = Entries("/proc/self/task");
+  }
+
+  void OnTestEnd(const testing::TestInfo&) override {
+    const auto deadline = std::chrono::system_clock::now() + std::chrono::seconds(10);
+    while (Entries("/proc/self/task") > threads_ && std::chrono::system_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(descriptors_, Entries("/proc/self/fd")) << "open descriptors before and after the test";
+    EXPECT_EQ(threads_, Entries("/proc/self/task")) << "threads before and after the test";
+  }
+
+  std::ptrdiff_t descriptors_ = 0;
+  std::ptrdiff_t threads_ = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  // Death tests start a new process: forking one with threads would copy locks that nobody releases.
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
+  testing::UnitTest::GetInstance()->listeners().Append(new LeakCheck);
+  return RUN_ALL_TESTS();
+}
