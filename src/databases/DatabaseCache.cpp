@@ -1,9 +1,8 @@
 #include "databases/DatabaseCache.h"
 
-#include <unistd.h>
-
 #include "databases/InternalTableName.h"
 #include "tables/LocalTable.h"
+#include "threads/Fork.h"
 
 namespace {
 
@@ -19,8 +18,7 @@ class ReleaseAtExit {
  public:
   explicit ReleaseAtExit(Holder& released) : holder(released) {}
   ~ReleaseAtExit() {
-    // A forked child has copies of the servers, but not their threads, and their sockets and pipes are its parent's.
-    if (getpid() != process) return;
+    if (in_forked_child) return;  // It has copies of the servers, but none of their threads.
     auto cache = std::make_shared<DatabaseCache>();
     cache->EndSharing();
     {
@@ -33,7 +31,6 @@ class ReleaseAtExit {
 
  private:
   Holder& holder;
-  const pid_t process = getpid();
 };
 
 }  // namespace

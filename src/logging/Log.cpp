@@ -1,12 +1,15 @@
 #include "logging/Log.h"
 
+#include <atomic>
 #include <cstdio>
+#include <thread>
 
 #include "threads/Mutex.h"
 
 namespace {
 
 Mutex log_lock;
+std::atomic<std::thread::id> hook_thread;  // Runs the hook just now.
 
 // Never destroyed, only emptied at exit: tables in the host's static objects, and threads that outlive main, still log.
 LogHook& Hook() VARNIX_REQUIRES(log_lock) {
@@ -22,14 +25,21 @@ struct EmptyHookAtExit {
 }  // namespace
 
 void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) {
-  // Ends the argument list also when the hook throws.
-  struct Arguments {
-    va_list list;
-    ~Arguments() { va_end(list); }
-  } arguments;
-  va_start(arguments.list, format);
+  // Tidies up also when the hook throws.
+  struct Call {
+    va_list arguments;
+    ~Call() {
+      va_end(arguments);
+      hook_thread = std::thread::id();
+    }
+  };
   MutexLock lock(log_lock);
-  if (LogHook& hook = Hook()) hook(level, tag, format, arguments.list);
+  const LogHook& hook = Hook();
+  if (!hook) return;
+  Call call;
+  va_start(call.arguments, format);
+  hook_thread = std::this_thread::get_id();
+  hook(level, tag, format, call.arguments);
 }
 
 void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, va_list args) {
@@ -46,3 +56,9 @@ void SetLogHook(const LogHook& hook) {
   previous.swap(Hook());
   // `previous` goes before `lock`: no call of the old hook can be running, and none is left when this returns.
 }
+
+void LockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.lock(); }
+
+void UnlockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.unlock(); }
+
+bool IsInLogHook() { return hook_thread == std::this_thread::get_id(); }

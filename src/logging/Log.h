@@ -19,3 +19,9 @@ void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, 
 
 // Replaces the hook by a copy. The previous hook is gone when this returns.
 void SetLogHook(const LogHook& hook);
+
+// For fork(), which must not copy a log lock that another thread holds.
+void LockLog();
+void UnlockLog();
+// Whether this thread is running the hook, and so holds the log lock and maybe others.
+bool IsInLogHook();

@@ -7,6 +7,7 @@
 
 #include "logging/Log.h"
 #include "network/SystemCalls.h"
+#include "threads/Fork.h"
 
 FILE* Cookie::OpenStream() {
   constexpr cookie_io_functions_t kFunctions = {&Cookie::Read, &Cookie::Write, nullptr, nullptr};
@@ -27,8 +28,9 @@ ssize_t Cookie::Read(void* cookie, char* buffer, std::size_t size) {
 
 ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
   Cookie& self = *static_cast<Cookie*>(cookie);
-  // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way.
-  if (self.lock_lent_) return static_cast<ssize_t>(size);
+  // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way. So
+  // are those that a forked child flushes when it exits, but from its parent.
+  if (self.lock_lent_ || in_forked_child) return static_cast<ssize_t>(size);
   std::size_t taken = 0;
   while (taken < size) {
     if (!self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;

@@ -48,3 +48,7 @@ std::vector<std::shared_ptr<LocalTable>> LocalTableRegistry::Alive() {
   }
   return alive;
 }
+
+void LocalTableRegistry::Lock() VARNIX_NO_LOCK_ANALYSIS { registry_lock.lock(); }
+
+void LocalTableRegistry::Unlock() VARNIX_NO_LOCK_ANALYSIS { registry_lock.unlock(); }

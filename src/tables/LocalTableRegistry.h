@@ -17,4 +17,8 @@ class LocalTableRegistry {
   static void Leave(LocalTable* table);
   // Strong references to all tables but those that are being destroyed, in no defined order.
   static std::vector<std::shared_ptr<LocalTable>> Alive();
+
+  // For fork(), which must not copy a registry lock that another thread holds.
+  static void Lock();
+  static void Unlock();
 };
