@@ -1,0 +1,93 @@
+"""A stranger's project finds and links the library in each way that the README offers."""
+
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+
+import pytest
+
+HERE = pathlib.Path(__file__).parent
+SOURCE = HERE.parent.parent
+BUILD = pathlib.Path(os.environ["VARNIX_BUILD"])
+COMPILER = [os.environ["VARNIX_CXX"], *shlex.split(os.environ["VARNIX_CXX_FLAGS"])]
+TOOLCHAIN = os.environ["VARNIX_TOOLCHAIN"]
+EMULATOR = shlex.split(os.environ["VARNIX_EMULATOR"])
+
+
+def run(*command, **variables):
+    done = subprocess.run([str(word) for word in command], env={**os.environ, **variables}, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def build_with_cmake(project, build, *definitions):
+    if TOOLCHAIN:
+        definitions += (f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}",)
+    run("cmake", "-G", "Ninja", "-S", HERE / project, "-B", build, f"-DCMAKE_CXX_COMPILER={COMPILER[0]}",
+        "-DCMAKE_CXX_FLAGS=" + shlex.join(COMPILER[1:]), *definitions)
+    run("cmake", "--build", build)
+    return build / "stranger"
+
+
+def assert_works(program, prefix=None):
+    variables = {"LD_LIBRARY_PATH": f"{prefix}/lib"} if prefix and not EMULATOR else {}
+    emulator = EMULATOR + (["-E", f"LD_LIBRARY_PATH={prefix}/lib"] if prefix else []) if EMULATOR else []
+    assert run(*emulator, program, **variables) == "temperature is 81\n"
+
+
+@pytest.fixture(params=["fresh prefix", "moved prefix"])
+def prefix(request, tmp_path):
+    installed = tmp_path / "installed"
+    run("cmake", "--install", BUILD, "--prefix", installed)
+    if request.param == "fresh prefix":
+        return installed
+    return pathlib.Path(shutil.move(installed, tmp_path / "moved"))
+
+
+def test_find_package_finds_it(prefix, tmp_path):
+    program = build_with_cmake("installed", tmp_path / "build", f"-DVarnix_DIR={prefix}/lib/cmake/Varnix")
+
+    assert_works(program, prefix)
+
+
+def test_pkg_config_finds_it(prefix, tmp_path):
+    flags = run("pkg-config", "--cflags", "--libs", "varnix", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig").split()
+
+    run(*COMPILER, "-std=c++11", HERE / "plain" / "main.cpp", *flags, "-o", tmp_path / "stranger")
+
+    assert_works(tmp_path / "stranger", prefix)
+
+
+def test_plain_linking_finds_it(prefix, tmp_path):
+    run(*COMPILER, "-std=c++11", f"-I{prefix}/include", HERE / "plain" / "main.cpp", f"-L{prefix}/lib", "-lvarnix",
+        "-o", tmp_path / "stranger")
+
+    assert_works(tmp_path / "stranger", prefix)
+
+
+def test_installing_gives_the_header_the_library_and_the_two_packages_and_nothing_else(prefix):
+    installed = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir())
+
+    assert installed == sorted([
+        "include/Varnix.h",
+        "lib/libvarnix.so",
+        "lib/libvarnix.so.1",
+        "lib/libvarnix.so.1.0.0",
+        "lib/cmake/Varnix/VarnixConfig.cmake",
+        "lib/cmake/Varnix/VarnixConfigVersion.cmake",
+        "lib/cmake/Varnix/VarnixTargets.cmake",
+        f"lib/cmake/Varnix/VarnixTargets-{os.environ['VARNIX_CONFIG'].lower()}.cmake",
+        "lib/pkgconfig/varnix.pc",
+    ])
+
+
+@pytest.mark.parametrize("project", ["subproject", "fetched"])
+def test_as_a_sub_project_it_brings_its_library_alone(project, tmp_path):
+    program = build_with_cmake(project, tmp_path / "build", f"-DVARNIX_SOURCE={SOURCE}")
+    run("cmake", "--install", tmp_path / "build", "--prefix", tmp_path / "installed")
+
+    assert_works(program)
+    assert not list(tmp_path.glob("installed/**/Varnix.h"))
