@@ -87,6 +87,7 @@ enum class LogLevel : int {
 /// Errors: what a hook throws leaves the exported function that was logging. On one of the library's own threads it
 /// ends
 ///   the process, or, on a thread that sends to a peer, the stream to that peer.
+/// The library's threads for peers have 256 KiB of stack for the hook and all it calls.
 /// A hook must not call this library (it would wait for itself), must not call exit(), must not keep the strings or the
 /// list, and must not use objects that are destroyed before the library, such as static objects of the program.
 VARNIX_EXPORT void SetLoggingFunction(std::function<void(LogLevel, const char*, const char*, va_list)> fn);

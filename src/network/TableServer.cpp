@@ -2,12 +2,15 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <exception>
-#include <system_error>
+#include <memory>
+#include <new>
 #include <utility>
 
 #include "databases/CombinedKey.h"
@@ -25,6 +28,9 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr int kPauseWithoutDescriptors_ms = 100;
+// Ample for our frames and a log hook, and not the usual 8 MiB each: a 32-bit process has no room for hundreds of
+// those.
+constexpr std::size_t kPeerStackSize = std::size_t{256} * 1024;
 
 sockaddr_in MakeBroadcastAddress(unsigned address) {
   sockaddr_in broadcast{};
@@ -37,15 +43,25 @@ sockaddr_in MakeBroadcastAddress(unsigned address) {
 // False, with errno, when there is no thread or no memory to be had.
 template <class Body>
 bool StartDetached(Body body) {
-  try {
-    std::thread(std::move(body)).detach();
-    return true;
-  } catch (const std::system_error& error) {
-    errno = error.code().value();
-  } catch (const std::bad_alloc&) {
+  std::unique_ptr<Body> owned(new (std::nothrow) Body(std::move(body)));
+  if (!owned) {
     errno = ENOMEM;
+    return false;
   }
-  return false;
+  const auto run = [](void* started) noexcept -> void* {
+    (*std::unique_ptr<Body>(static_cast<Body*>(started)))();
+    return nullptr;
+  };
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  pthread_attr_setstacksize(&attributes, kPeerStackSize);
+  pthread_t thread;
+  errno = pthread_create(&thread, &attributes, run, owned.get());
+  pthread_attr_destroy(&attributes);
+  if (errno != 0) return false;
+  owned.release();  // NOLINT(bugprone-unused-return-value): the thread has it.
+  return true;
 }
 
 bool IsOutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }

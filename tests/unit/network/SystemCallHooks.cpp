@@ -1,6 +1,11 @@
 #include "SystemCallHooks.h"
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <cstdarg>
+#include <new>
+#include <system_error>
 #include <thread>
 
 // The linker's --wrap sends each call of this program to __wrap_X and leaves the real one as __real_X.
@@ -29,6 +34,7 @@ int __real_getsockopt(int, int, int, void*, socklen_t*);
 int __real_getsockname(int, sockaddr*, socklen_t*);
 FILE* __real_fopencookie(void*, const char*, cookie_io_functions_t);
 int __real_close(int);
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
 #endif
@@ -139,6 +145,17 @@ FILE* __wrap_fopencookie(void* cookie, const char* mode, cookie_io_functions_t f
 }
 
 int __wrap_close(int descriptor) { return Hooks().close.Call(descriptor); }
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*), void* argument) {
+  try {
+    Hooks().start_thread.Call();
+  } catch (const std::system_error& error) {
+    return error.code().value();
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+  return __real_pthread_create(thread, attributes, body, argument);
+}
 
 Now __wrap__ZNSt6chrono3_V212steady_clock3nowEv() { return Hooks().now.Call(); }
 

@@ -74,7 +74,9 @@ struct SystemCallHooks {
   Hook<FILE*(void* cookie, const char* mode, cookie_io_functions_t functions)> fopencookie;
   Hook<int(int descriptor)> close;
   Hook<std::chrono::steady_clock::time_point()> now;
-  Hook<void()> start_thread;  // Runs before the thread is started, and keeps it from starting when it throws.
+  // Runs before a thread is started, by std::thread or pthread_create, and keeps it from starting when it throws
+  // std::system_error or std::bad_alloc.
+  Hook<void()> start_thread;
 };
 
 SystemCallHooks& Hooks();
