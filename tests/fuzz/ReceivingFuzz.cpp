@@ -1,0 +1,25 @@
+// A peer that sends anything at all ends the stream that receives from it, in one of the ways that a stream can end.
+
+#include <unistd.h>
+
+#include <chrono>
+
+#include "QuietServer.h"
+#include "network/StopExceptions.h"
+#include "network/TableReceiver.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static QuietServer quiet;
+  const SocketPair pair(data, size);
+  {
+    Hooked socket(Hooks().socket, [&](int, int, int) { return pair.near; });
+    Hooked connect(Hooks().connect, [](int, const sockaddr*, socklen_t) { return 0; });
+    try {
+      ReceiveTable(quiet.Server(), 0x7F000001, 4711, std::chrono::seconds(5), quiet.MakeESNs());
+    } catch (const SelfConnect&) {
+    } catch (const WrongServer&) {
+    }
+  }
+  close(pair.far);
+  return 0;
+}

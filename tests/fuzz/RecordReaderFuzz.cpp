@@ -1,0 +1,74 @@
+// Whatever the bytes are, and however the network splits them, the reader yields the same records; and a record that is
+// written is read back as it was.
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "Expect.h"
+#include "SystemCallHooks.h"
+#include "network/Cookie.h"
+#include "network/Record.h"
+
+namespace {
+
+// Lets `recv` give the bytes in pieces of the given size, and reads records until the stream ends.
+std::vector<Varnix::Row> ReadAll(const std::string& bytes, std::size_t piece) {
+  std::size_t given = 0;
+  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
+    entries[0].revents = 0;
+    entries[1].revents = POLLIN;
+    return 1;
+  });
+  Hooked recv(Hooks().recv, [&](int, void* buffer, std::size_t size, int) {
+    const std::size_t count = std::min({size, piece, bytes.size() - given});
+    std::memcpy(buffer, bytes.data() + given, count);
+    given += count;
+    return static_cast<ssize_t>(count);
+  });
+  Cookie cookie(-1, -1);
+  FILE* const stream = cookie.OpenStream();
+  std::vector<Varnix::Row> records;
+  Varnix::Row record;
+  while (ReadRecord(record, stream, cookie)) records.push_back(record);
+  fclose(stream);
+  return records;
+}
+
+std::string Write(const Varnix::Row& record) {
+  std::string sent;
+  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
+    entries[0].revents = 0;
+    entries[1].revents = POLLOUT;
+    return 1;
+  });
+  Hooked send(Hooks().send, [&](int, const void* bytes, std::size_t size, int) {
+    sent.append(static_cast<const char*>(bytes), size);
+    return static_cast<ssize_t>(size);
+  });
+  Cookie cookie(-1, -1);
+  FILE* const stream = cookie.OpenStream();
+  EXPECT_PROPERTY(WriteRecord(record, stream, cookie));
+  fclose(stream);
+  return sent;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < 1) return 0;
+  const std::size_t piece = 1U + data[0];
+  const std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
+
+  const std::vector<Varnix::Row> records = ReadAll(bytes, bytes.size());
+  EXPECT_PROPERTY(records == ReadAll(bytes, piece));
+
+  for (const Varnix::Row& record : records) {
+    if (record.first.empty() || record.second.empty()) continue;  // Those are not written as one item each.
+    EXPECT_PROPERTY(ReadAll(Write(record), piece) == std::vector<Varnix::Row>{record});
+  }
+  return 0;
+}
