@@ -1,0 +1,115 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <future>
+#include <string>
+
+#include "SystemCallHooks.h"
+#include "network/Cookie.h"
+#include "support/LogRecorder.h"
+
+// For tests of one end of a connection: a cookie on a socket, and a done pipe. The test itself is the peer; what the
+// peer does passes by the hooks.
+class ConnectionTest : public testing::Test {
+ protected:
+  static constexpr std::chrono::seconds kDeadline{10};  // Bounds a failing run only.
+
+  ConnectionTest() : ConnectionTest(MakePair()) {}
+  ~ConnectionTest() override {
+    PeerCloses();
+    for (const int descriptor : {socket_, done_[0], done_[1]}) close(descriptor);
+  }
+
+  void PeerSends(const std::string& bytes) const {
+    ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  // Fewer bytes when the stream ends, or nothing more comes for ten seconds.
+  std::string PeerReceives(std::size_t size) const {
+    std::string bytes(size, '\0');
+    std::size_t received = 0;
+    while (received < size) {
+      const ssize_t piece = Hooks().recv.Real(peer_, &bytes[received], size - received, 0);
+      if (piece <= 0) break;
+      received += static_cast<std::size_t>(piece);
+    }
+    bytes.resize(received);
+    return bytes;
+  }
+  // What has arrived already.
+  std::string PeerReceivesWaiting() const {
+    std::string bytes(65536, '\0');
+    const ssize_t received = Hooks().recv.Real(peer_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
+    return bytes;
+  }
+  void PeerCloses() {
+    if (peer_ >= 0) close(peer_);
+    peer_ = -1;
+  }
+
+  // As the server does when it stops.
+  void SignalDone() const { ASSERT_EQ(Hooks().write.Real(done_[1], "D", 1), 1); }
+  // Leaves no room in the connection: the next write has to wait. Returns how many bytes now come first.
+  std::size_t FillConnection() const {
+    const std::string bytes(65536, '-');
+    std::size_t filled = 0;
+    for (;;) {
+      const ssize_t taken = Hooks().send.Real(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+      if (taken <= 0) return filled;
+      filled += static_cast<std::size_t>(taken);
+    }
+  }
+
+  LogRecorder log_;
+  const int socket_;
+  int peer_;
+  const std::array<int, 2> done_;
+  Cookie cookie_;
+
+ private:
+  explicit ConnectionTest(std::array<int, 2> pair)
+      : socket_(pair[0]), peer_(pair[1]), done_(MakePipe()), cookie_(socket_, done_[0]) {
+    const timeval deadline = {kDeadline.count(), 0};
+    setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+  }
+
+  static std::array<int, 2> MakePair() {
+    std::array<int, 2> pair;
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
+    return pair;
+  }
+  static std::array<int, 2> MakePipe() {
+    std::array<int, 2> ends;
+    EXPECT_EQ(pipe(ends.data()), 0);
+    return ends;
+  }
+};
+
+// Tells that a thread has come to wait, by a hook on poll; a stream's thread has lent out its lock by then.
+class WaitingInPoll {
+ public:
+  WaitingInPoll()
+      : hooked_(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
+          if (!told_.exchange(true)) waiting_.set_value();
+          return Hooks().poll.Real(entries, count, time_out);
+        }) {}
+
+  bool Eventually() {
+    return waiting_.get_future().wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) ==
+           std::future_status::ready;
+  }
+
+ private:
+  std::atomic<bool> told_{false};
+  std::promise<void> waiting_;
+  Hooked<int(pollfd*, nfds_t, int)> hooked_;
+};

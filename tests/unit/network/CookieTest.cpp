@@ -1,0 +1,866 @@
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+#include "ConnectionTest.h"
+#include "FailWith.h"
+#include "network/Cookie.h"
+#include "network/Record.h"
+#include "network/StopExceptions.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using Trace = std::vector<std::string>;
+
+class CookieTest : public ConnectionTest {
+ protected:
+  ssize_t Write(const std::string& bytes) { return Cookie::Write(&cookie_, bytes.data(), bytes.size()); }
+  ssize_t Read(std::string& bytes, std::size_t size = 100) {
+    bytes.assign(size, '\0');
+    const ssize_t received = Cookie::Read(&cookie_, bytes.data(), bytes.size());
+    bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
+    return received;
+  }
+  ssize_t Read() {
+    std::string bytes;
+    return Read(bytes);
+  }
+};
+
+// "poll" for each poll, and "send 7" for each send of 7 bytes, of which the connection takes at most `capacity`.
+class TraceOfWriting {
+ public:
+  explicit TraceOfWriting(std::size_t capacity)
+      : poll_(Hooks().poll,
+              [this](pollfd* entries, nfds_t count, int time_out) {
+                trace.emplace_back("poll");
+                return Hooks().poll.Real(entries, count, time_out);
+              }),
+        send_(Hooks().send, [this, capacity](int descriptor, const void* bytes, std::size_t size, int flags) {
+          trace.push_back("send " + std::to_string(size));
+          return Hooks().send.Real(descriptor, bytes, std::min(size, capacity), flags);
+        }) {}
+
+  Trace trace;
+
+ private:
+  Hooked<int(pollfd*, nfds_t, int)> poll_;
+  Hooked<ssize_t(int, const void*, std::size_t, int)> send_;
+};
+
+// Counts what arrives at the process while it lives.
+class SigpipeCounter {
+ public:
+  SigpipeCounter() {
+    Count() = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++Count(); };
+    sigaction(SIGPIPE, &action, &previous_);
+  }
+  ~SigpipeCounter() { sigaction(SIGPIPE, &previous_, nullptr); }
+  SigpipeCounter(const SigpipeCounter&) = delete;
+  SigpipeCounter& operator=(const SigpipeCounter&) = delete;
+
+  static std::atomic<int>& Count() {
+    static std::atomic<int> count{0};
+    return count;
+  }
+
+ private:
+  struct sigaction previous_ {};
+};
+
+// A TCP connection over loopback.
+struct TcpConnection {
+  TcpConnection() {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener, generic, size), 0);
+    EXPECT_EQ(listen(listener, 1), 0);
+    EXPECT_EQ(getsockname(listener, generic, &size), 0);
+    peer = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(connect(peer, generic, size), 0);
+    ours = accept(listener, nullptr, nullptr);
+    close(listener);
+  }
+  ~TcpConnection() {
+    close(ours);
+    if (peer >= 0) close(peer);
+  }
+  TcpConnection(const TcpConnection&) = delete;
+  TcpConnection& operator=(const TcpConnection&) = delete;
+
+  void PeerResets() {
+    const linger at_once = {1, 0};
+    setsockopt(peer, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+    close(peer);
+    peer = -1;
+    pollfd entry = {ours, POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 10000), 1) << "the reset did not arrive";
+  }
+
+  int ours = -1;
+  int peer = -1;
+};
+
+}  // namespace
+
+// Making the stream.
+
+TEST_F(CookieTest, StreamIsMadeInModeRPlusOfReadAndWriteAlone) {
+  void* made_of = nullptr;
+  std::string made_in;
+  cookie_io_functions_t made_with{};
+  Hooked fopencookie(Hooks().fopencookie, [&](void* cookie, const char* mode, cookie_io_functions_t functions) {
+    made_of = cookie;
+    made_in = mode;
+    made_with = functions;
+    return stdin;
+  });
+
+  FILE* const stream = cookie_.OpenStream();
+
+  EXPECT_EQ(stream, stdin);
+  EXPECT_EQ(made_of, &cookie_);
+  EXPECT_EQ(made_in, "r+");
+  EXPECT_EQ(made_with.read, &Cookie::Read);
+  EXPECT_EQ(made_with.write, &Cookie::Write);
+  EXPECT_EQ(made_with.seek, nullptr);
+  EXPECT_EQ(made_with.close, nullptr);
+}
+
+TEST_F(CookieTest, StreamThatCannotBeMadeIsNull) {
+  Hooked fopencookie(Hooks().fopencookie, [](void*, const char*, cookie_io_functions_t) -> FILE* {
+    errno = ENOMEM;
+    return nullptr;
+  });
+
+  FILE* const stream = cookie_.OpenStream();
+
+  EXPECT_EQ(stream, nullptr);
+  EXPECT_EQ(errno, ENOMEM);
+  EXPECT_THAT(log_.Lines(), IsEmpty()) << "the caller tells";
+}
+
+TEST_F(CookieTest, StreamKeepsBytesInItsBufferUntilItIsFlushed) {
+  FILE* const stream = cookie_.OpenStream();
+
+  fwrite("abc", 3, 1, stream);
+
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(fflush(stream), 0);
+  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  fclose(stream);
+}
+
+TEST_F(CookieTest, StreamReadsAndWritesTheSameConnection) {
+  FILE* const stream = cookie_.OpenStream();
+  PeerSends("question");
+
+  char question[8];
+  EXPECT_EQ(fread(question, sizeof question, 1, stream), 1U);
+  EXPECT_EQ(fwrite("answer", 6, 1, stream), 1U);
+  EXPECT_EQ(fflush(stream), 0);
+
+  EXPECT_EQ(std::string(question, sizeof question), "question");
+  EXPECT_EQ(PeerReceives(6), "answer");
+  fclose(stream);
+}
+
+TEST_F(CookieTest, SocketAndDonePipeStayOpenWhenTheStreamIsClosed) {
+  FILE* const stream = cookie_.OpenStream();
+
+  fclose(stream);
+
+  PeerSends("x");
+  char byte = 0;
+  EXPECT_EQ(read(socket_, &byte, 1), 1);
+  SignalDone();
+  EXPECT_EQ(read(done_[0], &byte, 1), 1);
+}
+
+// Writing.
+
+TEST_F(CookieTest, WriteSendsTheBytesAndReturnsTheirNumber) {
+  const ssize_t written = Write(std::string("ab\0cd", 5));
+
+  EXPECT_EQ(written, 5);
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("ab\0cd", 5));
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, WriteWaitsForTheDonePipeFirstAndForRoomInTheSocketWithoutLimit) {
+  std::vector<pollfd> waited_for;
+  int limit = 0;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    waited_for.assign(entries, entries + count);
+    limit = time_out;
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  Write("a");
+
+  ASSERT_EQ(waited_for.size(), 2U);
+  EXPECT_EQ(waited_for[0].fd, done_[0]);
+  EXPECT_EQ(waited_for[0].events, POLLIN);
+  EXPECT_EQ(waited_for[1].fd, socket_);
+  EXPECT_EQ(waited_for[1].events, POLLOUT);
+  EXPECT_EQ(limit, -1);
+}
+
+TEST_F(CookieTest, WriteSendsWithoutWaitingAndWithoutSignal) {
+  int sent_to = -1;
+  int sent_with = 0;
+  Hooked send(Hooks().send, [&](int descriptor, const void*, std::size_t size, int flags) {
+    sent_to = descriptor;
+    sent_with = flags;
+    return static_cast<ssize_t>(size);
+  });
+
+  Write("a");
+
+  EXPECT_EQ(sent_to, socket_);
+  EXPECT_EQ(sent_with, MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+TEST_F(CookieTest, WriteGoesOnWithTheRestOfAShortSendUntilAllIsTaken) {
+  TraceOfWriting writing(3);
+
+  const ssize_t written = Write("abcdefgh");
+
+  EXPECT_EQ(written, 8);
+  EXPECT_EQ(PeerReceivesWaiting(), "abcdefgh");
+  EXPECT_THAT(writing.trace, ElementsAre("poll", "send 8", "poll", "send 5", "poll", "send 2"));
+}
+
+TEST_F(CookieTest, WriteGoesOnWhenNothingWasTaken) {
+  int sends = 0;
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) {
+    return ++sends == 1 ? ssize_t{0} : Hooks().send.Real(descriptor, bytes, size, flags);
+  });
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 3);
+  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+}
+
+TEST_F(CookieTest, WriteStopsBetweenTwoPiecesWhenTheDonePipeBecomesReadable) {
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t, int flags) {
+    SignalDone();
+    return Hooks().send.Real(descriptor, bytes, 3, flags);
+  });
+
+  const ssize_t written = Write("abcdefgh");
+
+  EXPECT_EQ(written, 0);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+}
+
+TEST_F(CookieTest, WriteStopsSilentlyBetweenTwoPiecesWhenTheConnectionFails) {
+  int sends = 0;
+  Hooked send(Hooks().send,
+              [&](int, const void*, std::size_t, int) { return ++sends == 1 ? 3 : FailWith{ECONNRESET}(); });
+
+  const ssize_t written = Write("abcdefgh");
+
+  EXPECT_EQ(written, 0);
+  EXPECT_EQ(sends, 2);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, WriteWaitsAgainWhenTheSocketHasNoEvent) {
+  int polls = 0;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (++polls == 1) return 0;
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 3);
+  EXPECT_EQ(polls, 2);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, InterruptedPollOfAWriteIsRetriedSilently) {
+  Hooked poll(Hooks().poll, FailOnce(Hooks().poll, EINTR));
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 3);
+  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, InterruptedSendIsRetriedSilentlyAfterAnotherPoll) {
+  Trace trace;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    trace.emplace_back("poll");
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  const auto interrupted = FailOnce(Hooks().send, EINTR);
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) {
+    trace.push_back("send " + std::to_string(size));
+    return interrupted(descriptor, bytes, size, flags);
+  });
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 3);
+  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_THAT(trace, ElementsAre("poll", "send 3", "poll", "send 3"));
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, WriteToAPeerThatHasResetTheConnectionReturnsZeroWithoutLogLineOrSignal) {
+  SigpipeCounter signals;
+  TcpConnection connection;
+  Cookie cookie(connection.ours, done_[0]);
+  connection.PeerResets();
+
+  const ssize_t after_reset = Cookie::Write(&cookie, "a", 1);  // ECONNRESET.
+  const ssize_t later = Cookie::Write(&cookie, "a", 1);        // EPIPE, which would raise the signal.
+
+  EXPECT_EQ(after_reset, 0);
+  EXPECT_EQ(later, 0);
+  EXPECT_FALSE(cookie.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+  EXPECT_EQ(signals.Count(), 0);
+}
+
+TEST_F(CookieTest, StreamThatIsClosedAfterItsPeerRaisesNoSignal) {
+  SigpipeCounter signals;
+  FILE* const stream = cookie_.OpenStream();
+  fwrite("abc", 3, 1, stream);
+  PeerCloses();
+
+  const int result = fclose(stream);
+
+  EXPECT_EQ(result, EOF);
+  EXPECT_EQ(signals.Count(), 0);
+}
+
+TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
+  const auto write = [this] {
+    SetLogHook(DefaultLogger);
+    Hooked poll(Hooks().poll, FailWith{EINVAL});
+    Write("abc");
+  };
+
+  EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT),
+              testing::StrEq("cook.wr.poll: Cookie::Write: poll error 22: Invalid argument\n"));
+}
+
+TEST_F(CookieTest, SendThatWouldBlockThoughTheSocketIsWritableEndsTheProcess) {
+  const auto write = [this] {
+    SetLogHook(DefaultLogger);
+    Hooked send(Hooks().send, FailWith{EAGAIN});
+    Write("abc");
+  };
+
+  EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT),
+              testing::StrEq("cook.wr.wr: Cookie::Write: send error 11: Resource temporarily unavailable\n"));
+}
+
+TEST_F(CookieTest, StopWinsOverRoomInTheSocket) {
+  SignalDone();
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 0);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, BlockedWriteReturnsZeroWhenTheServerStops) {
+  FillConnection();
+  WaitingInPoll waiting;
+  ssize_t written = -1;
+  std::thread writer([&] { written = Write("abc"); });
+  EXPECT_TRUE(waiting.Eventually());
+
+  SignalDone();
+
+  writer.join();
+  EXPECT_EQ(written, 0);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+// Reading.
+
+TEST_F(CookieTest, ReadReturnsWhatHasArrived) {
+  PeerSends(std::string("ab\0cd", 5));
+
+  std::string bytes;
+  const ssize_t received = Read(bytes, 100);
+
+  EXPECT_EQ(received, 5);
+  EXPECT_EQ(bytes, std::string("ab\0cd", 5));
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, ReadTakesNoMoreThanItWasAskedFor) {
+  PeerSends("abcdef");
+
+  std::string bytes;
+  const ssize_t received = Read(bytes, 4);
+
+  EXPECT_EQ(received, 4);
+  EXPECT_EQ(bytes, "abcd");
+}
+
+TEST_F(CookieTest, ReadWaitsForTheDonePipeFirstAndForTheSocketWithoutLimit) {
+  std::vector<pollfd> waited_for;
+  int limit = 0;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    waited_for.assign(entries, entries + count);
+    limit = time_out;
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  PeerSends("a");
+
+  Read();
+
+  ASSERT_EQ(waited_for.size(), 2U);
+  EXPECT_EQ(waited_for[0].fd, done_[0]);
+  EXPECT_EQ(waited_for[0].events, POLLIN);
+  EXPECT_EQ(waited_for[1].fd, socket_);
+  EXPECT_EQ(waited_for[1].events, POLLIN);
+  EXPECT_EQ(limit, -1);
+}
+
+TEST_F(CookieTest, ReadReceivesIntoTheBufferWithoutFlags) {
+  int received_from = -1;
+  std::size_t room = 0;
+  int received_with = -1;
+  Hooked recv(Hooks().recv, [&](int descriptor, void* buffer, std::size_t size, int flags) {
+    received_from = descriptor;
+    room = size;
+    received_with = flags;
+    return Hooks().recv.Real(descriptor, buffer, size, flags);
+  });
+  PeerSends("a");
+
+  std::string bytes;
+  Read(bytes, 17);
+
+  EXPECT_EQ(received_from, socket_);
+  EXPECT_EQ(room, 17U);
+  EXPECT_EQ(received_with, 0);
+}
+
+TEST_F(CookieTest, ReadReturnsZeroWhenThePeerHasClosed) {
+  PeerCloses();
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, 0);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, StreamEndsWhenThePeerHasClosed) {
+  FILE* const stream = cookie_.OpenStream();
+  PeerSends("ab");
+  PeerCloses();
+
+  char bytes[3];
+  const std::size_t items = fread(bytes, sizeof bytes, 1, stream);
+
+  EXPECT_EQ(items, 0U);
+  EXPECT_TRUE(feof(stream));
+  EXPECT_FALSE(cookie_.aborted);
+  fclose(stream);
+}
+
+TEST_F(CookieTest, ReadWaitsAgainWhenTheSocketHasNoEvent) {
+  int polls = 0;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (++polls == 1) return 0;
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  PeerSends("abc");
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, 3);
+  EXPECT_EQ(polls, 2);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, InterruptedPollOfAReadIsRetriedSilently) {
+  Hooked poll(Hooks().poll, FailOnce(Hooks().poll, EINTR));
+  PeerSends("abc");
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, 3);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, InterruptedRecvIsRetriedSilentlyAfterAnotherPoll) {
+  Trace trace;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    trace.emplace_back("poll");
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  const auto interrupted = FailOnce(Hooks().recv, EINTR);
+  Hooked recv(Hooks().recv, [&](int descriptor, void* buffer, std::size_t size, int flags) {
+    trace.emplace_back("recv");
+    return interrupted(descriptor, buffer, size, flags);
+  });
+  PeerSends("abc");
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, 3);
+  EXPECT_THAT(trace, ElementsAre("poll", "recv", "poll", "recv"));
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, ReadErrorIsLoggedAndReturned) {
+  Hooked recv(Hooks().recv, FailWith{ECONNRESET});
+  PeerSends("abc");
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(LogLine{Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error 104", ""}));
+}
+
+TEST_F(CookieTest, ReadThatWouldBlockIsAnErrorLikeAnyOther) {
+  Hooked recv(Hooks().recv, FailWith{EAGAIN});
+  PeerSends("abc");
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(LogLine{Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error 11", ""}));
+}
+
+TEST_F(CookieTest, FailedPollOfAReadEndsTheProcess) {
+  const auto read = [this] {
+    SetLogHook(DefaultLogger);
+    Hooked poll(Hooks().poll, FailWith{ENOMEM});
+    Read();
+  };
+
+  EXPECT_EXIT(read(), testing::KilledBySignal(SIGABRT),
+              testing::StrEq("cook.rd.poll: Cookie::Read: poll error 12: Cannot allocate memory\n"));
+}
+
+TEST_F(CookieTest, StopWinsOverPendingData) {
+  PeerSends("abc");
+  SignalDone();
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(CookieTest, StopWinsOverTheEndOfTheStream) {
+  PeerCloses();
+  SignalDone();
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, BlockedReadReturnsMinusOneWhenTheServerStops) {
+  WaitingInPoll waiting;
+  ssize_t received = 0;
+  std::thread reader([&] { received = Read(); });
+  EXPECT_TRUE(waiting.Eventually());
+
+  SignalDone();
+
+  reader.join();
+  EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+// Stopping.
+
+TEST_F(CookieTest, ReadAfterAnAbortReturnsAtOnceAgain) {
+  SignalDone();
+  Read();
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, WriteAfterAnAbortReturnsAtOnceAgain) {
+  FillConnection();
+  SignalDone();
+  Write("abc");
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 0);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, DoneByteStaysInThePipeForTheOtherStreams) {
+  SignalDone();
+
+  Read();
+  Write("abc");
+
+  int bytes = 0;
+  ASSERT_EQ(ioctl(done_[0], FIONREAD, &bytes), 0);
+  EXPECT_EQ(bytes, 1);
+}
+
+TEST_F(CookieTest, AnyEventOnTheDonePipeIsAStop) {
+  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
+    entries[0].revents = POLLERR;
+    entries[1].revents = POLLIN;
+    return 2;
+  });
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, AnyEventOnTheSocketEndsTheWait) {
+  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
+    entries[0].revents = 0;
+    entries[1].revents = POLLHUP;
+    return 1;
+  });
+  PeerCloses();
+
+  const ssize_t received = Read();
+
+  EXPECT_EQ(received, 0);
+  EXPECT_FALSE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, StopIsForgottenByNoLaterSuccess) {
+  SignalDone();
+  Read();
+  char byte;
+  ASSERT_EQ(read(done_[0], &byte, 1), 1);
+
+  const ssize_t written = Write("abc");
+
+  EXPECT_EQ(written, 3);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, StreamReadsShortWhenTheServerStops) {
+  FILE* const stream = cookie_.OpenStream();
+  SignalDone();
+
+  char byte;
+  const std::size_t items = fread(&byte, 1, 1, stream);
+
+  EXPECT_EQ(items, 0U);
+  EXPECT_TRUE(cookie_.aborted);
+  fclose(stream);
+}
+
+TEST_F(CookieTest, StreamWritesShortWhenTheServerStops) {
+  FILE* const stream = cookie_.OpenStream();
+  SignalDone();
+
+  const std::string larger_than_the_buffer(100000, 'a');
+  const std::size_t items = fwrite(larger_than_the_buffer.data(), larger_than_the_buffer.size(), 1, stream);
+
+  EXPECT_EQ(items, 0U);
+  EXPECT_TRUE(cookie_.aborted);
+  fclose(stream);
+}
+
+// The host flushes every stream of the process.
+
+namespace {
+
+// fflush(nullptr) on a thread of its own: true when it returns within ten seconds. `unblock` ends a hanging one.
+template <class Unblock>
+bool HostFlushReturns(Unblock unblock) {
+  std::promise<void> returned;
+  std::thread host([&] {
+    fflush(nullptr);
+    returned.set_value();
+  });
+  const bool in_time = returned.get_future().wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) ==
+                       std::future_status::ready;
+  if (!in_time) unblock();
+  host.join();
+  return in_time;
+}
+
+// What a host may do at any time.
+class HostThatFlushes {
+ public:
+  HostThatFlushes()
+      : thread_([this] {
+          while (!stop_) {
+            fflush(nullptr);
+            ++flushes_;
+          }
+        }) {}
+  ~HostThatFlushes() {
+    stop_ = true;
+    thread_.join();
+  }
+  HostThatFlushes(const HostThatFlushes&) = delete;
+  HostThatFlushes& operator=(const HostThatFlushes&) = delete;
+
+  int Flushes() const { return flushes_; }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::atomic<int> flushes_{0};
+  std::thread thread_;
+};
+
+// Of all sizes around those of stdio's and the connection's buffers.
+std::vector<Varnix::Row> RowsOfManySizes() {
+  std::vector<Varnix::Row> rows;
+  for (std::size_t i = 0; i < 400; ++i) {
+    const std::size_t key_size = 1 + i * 37 % 4095;
+    const std::size_t value_size = i % 20 == 0 ? 300000 + i : 1 + i * 131 % 9000;
+    rows.emplace_back(std::string(key_size, static_cast<char>(i)), std::string(value_size, static_cast<char>(i * 7)));
+  }
+  return rows;
+}
+
+std::string BytesOf(const std::vector<Varnix::Row>& rows) {
+  std::string bytes;
+  for (const auto& [key, value] : rows) {
+    const std::size_t lengths = key.size() << 20 | value.size();
+    for (const int shift : {24, 16, 8, 0}) bytes.push_back(static_cast<char>(lengths >> shift & 0xFF));
+    bytes += key + value;
+  }
+  return bytes;
+}
+
+}  // namespace
+
+TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
+  FILE* const stream = cookie_.OpenStream();
+  WaitingInPoll waiting;
+  Varnix::Row received;
+  std::thread receiver([&] { ReadRecord(received, stream, cookie_); });
+  EXPECT_TRUE(waiting.Eventually());
+
+  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+
+  EXPECT_TRUE(returned);
+  if (returned) PeerSends(std::string("\x00\x10\x00\x02kvv", 7));
+  receiver.join();
+  EXPECT_EQ(received, Varnix::Row("k", "vv"));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
+  FILE* const stream = cookie_.OpenStream();
+  PeerSends(std::string("\x00\x10\x00\x02k", 5));
+  Varnix::Row received;
+  std::promise<void> in_the_middle;
+  Hooked poll(Hooks().poll, [&, polls = std::make_shared<int>(0)](pollfd* entries, nfds_t count, int time_out) {
+    if (++*polls == 2) in_the_middle.set_value();
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  std::thread receiver([&] { ReadRecord(received, stream, cookie_); });
+  in_the_middle.get_future().wait();
+
+  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+
+  EXPECT_TRUE(returned);
+  if (returned) PeerSends("vv");
+  receiver.join();
+  EXPECT_EQ(received, Varnix::Row("k", "vv"));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::size_t filled = FillConnection();
+  WaitingInPoll waiting;
+  bool written = false;
+  std::thread sender([&] { written = WriteRecord({"k", "vv"}, stream, cookie_); });
+  EXPECT_TRUE(waiting.Eventually());
+
+  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+
+  EXPECT_TRUE(returned);
+  EXPECT_EQ(returned ? PeerReceives(filled).size() : filled, filled);
+  sender.join();
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::vector<Varnix::Row> rows = RowsOfManySizes();
+  const std::string expected = BytesOf(rows);
+  std::string received;
+  std::thread peer([&] { received = PeerReceives(expected.size()); });
+
+  {
+    HostThatFlushes host;
+    for (const Varnix::Row& row : rows) EXPECT_TRUE(WriteRecord(row, stream, cookie_));
+    peer.join();
+    while (host.Flushes() == 0) std::this_thread::yield();
+  }
+
+  EXPECT_TRUE(received == expected) << "bytes differ";
+  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::vector<Varnix::Row> rows = RowsOfManySizes();
+  std::thread peer([&] { PeerSends(BytesOf(rows)); });
+  std::vector<Varnix::Row> received;
+
+  {
+    HostThatFlushes host;
+    Varnix::Row row;
+    while (received.size() < rows.size() && ReadRecord(row, stream, cookie_)) received.push_back(row);
+    while (host.Flushes() == 0) std::this_thread::yield();
+  }
+
+  peer.join();
+  EXPECT_TRUE(received == rows) << "rows differ";
+  fclose(stream);
+}

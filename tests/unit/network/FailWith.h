@@ -1,0 +1,28 @@
+#pragma once
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+
+#include "SystemCallHooks.h"
+
+// For a hook: a call that fails with `error`.
+struct FailWith {
+  template <class... Arguments>
+  int operator()(Arguments...) const {
+    errno = error;
+    return -1;
+  }
+
+  int error;
+};
+
+// For a hook: fails the first time, and is the real call from then on.
+template <class Result, class... Arguments>
+typename Hook<Result(Arguments...)>::Function FailOnce(Hook<Result(Arguments...)>& hook, int error) {
+  return [&hook, error, failed = std::make_shared<std::atomic<bool>>(false)](Arguments... arguments) -> Result {
+    if (failed->exchange(true)) return hook.Real(arguments...);
+    errno = error;
+    return -1;
+  };
+}

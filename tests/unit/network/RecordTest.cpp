@@ -1,0 +1,469 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "ConnectionTest.h"
+#include "FailWith.h"
+#include "network/Record.h"
+#include "network/StopExceptions.h"
+
+namespace {
+
+using testing::IsEmpty;
+using Varnix::Row;
+
+class RecordTest : public ConnectionTest {
+ protected:
+  RecordTest() : stream_(cookie_.OpenStream()) {}
+  ~RecordTest() override {
+    if (stream_ != nullptr) fclose(stream_);
+  }
+
+  bool Write(const Row& record) { return WriteRecord(record, stream_, cookie_); }
+  bool Read(Row& record) { return ReadRecord(record, stream_, cookie_); }
+  // The stream's end sends what is buffered.
+  void CloseStream() {
+    fclose(stream_);
+    stream_ = nullptr;
+  }
+  // What the peer receives of `size` bytes while one record is written that may not fit in the connection.
+  std::string PeerReceivesWhileWriting(const Row& record, std::size_t size) {
+    std::string bytes;
+    std::thread peer([&] { bytes = PeerReceives(size); });
+    EXPECT_TRUE(Write(record));
+    peer.join();
+    return bytes;
+  }
+
+  FILE* stream_;
+};
+
+// Literals with embedded zeros.
+template <std::size_t size>
+std::string Bytes(const char (&literal)[size]) {
+  return std::string(literal, size - 1);
+}
+
+}  // namespace
+
+// Writing.
+
+TEST_F(RecordTest, RecordIsAHeaderWithBothLengthsAndThenBothFields) {
+  const bool written = Write({"ab", "xyz"});
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x20\x00\x03") + "abxyz");
+}
+
+TEST_F(RecordTest, ShortestFieldsHaveOneByteEach) {
+  Write({"k", "v"});
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, HeaderIsBigEndianWithTwelveBitsForAAndTwentyForB) {
+  const std::string a(0x102, 'a');
+  const std::string b(0x10304, 'b');
+
+  const std::string bytes = PeerReceivesWhileWriting({a, b}, 4 + 0x102 + 0x10304);
+
+  EXPECT_EQ(bytes.substr(0, 4), Bytes("\x10\x21\x03\x04"));
+  EXPECT_TRUE(bytes.substr(4) == a + b) << "fields differ";
+}
+
+TEST_F(RecordTest, LongestFieldsFillTheHeader) {
+  const std::string a(4095, 'a');
+  const std::string b(1048575, 'b');
+
+  const std::string bytes = PeerReceivesWhileWriting({a, b}, 4 + 4095 + 1048575);
+
+  EXPECT_EQ(bytes.substr(0, 4), Bytes("\xFF\xFF\xFF\xFF"));
+  EXPECT_TRUE(bytes.substr(4) == a + b) << "fields differ";
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+}
+
+TEST_F(RecordTest, FieldAAboveItsLimitIsCutToItsLengthModulo4096) {
+  const std::string a = "first" + std::string(4096, '-');
+
+  const bool written = Write({a, "v"});
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x50\x00\x01") + "firstv");
+}
+
+TEST_F(RecordTest, FieldAIsCutModulo4096HoweverLongItIs) {
+  const std::string a = "ab" + std::string(std::size_t{4096} * 300, '-');
+
+  const bool written = Write({a, "v"});
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x20\x00\x01") + "abv");
+}
+
+TEST_F(RecordTest, FieldBAboveItsLimitIsCutToItsLengthModulo1048576) {
+  const std::string b = "first" + std::string(1048576, '-');
+
+  const bool written = Write({"k", b});
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x05") + "kfirst");
+}
+
+TEST_F(RecordTest, LengthOfALongFieldBLeavesFieldAAlone) {
+  const std::string b(1048577, 'v');
+
+  Write({"abc", b});
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x01") + "abcv");
+}
+
+TEST_F(RecordTest, ZerosInFieldsTravelUnharmed) {
+  Write({Bytes("\0k\0"), Bytes("v\0\0w")});
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
+}
+
+TEST_F(RecordTest, EmptyFieldBIsAFailureThatSendsNothingYet) {
+  const bool written = Write({"key", ""});
+
+  EXPECT_FALSE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(RecordTest, RecordWithAnEmptyFieldBLeavesWithTheNextRecord) {
+  Write({"key", ""});
+
+  const bool written = Write({"k", "v"});
+
+  EXPECT_TRUE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, RecordWithAnEmptyFieldBLeavesAtTheLatestWhenTheStreamIsClosed) {
+  Write({"key", ""});
+
+  CloseStream();
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key");
+}
+
+TEST_F(RecordTest, EmptyFieldAIsAFailureAfterWhichFieldBIsLeftOut) {
+  const bool written = Write({"", "value"});
+
+  EXPECT_FALSE(written);
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+  Write({"k", "v"});
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, RecordOfTwoEmptyFieldsLeavesAsABareHeader) {
+  const bool written = Write({"", ""});
+
+  EXPECT_FALSE(written);
+  Write({"k", "v"});
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x00") + Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, FieldAOfExactly4096BytesCountsAsEmptyAndSpoilsTheStream) {
+  const bool written = Write({std::string(4096, 'a'), "value"});
+
+  EXPECT_FALSE(written);
+  Write({"k", "v"});
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, FieldBOfExactly1048576BytesCountsAsEmpty) {
+  const bool written = Write({"key", std::string(1048576, 'b')});
+
+  EXPECT_FALSE(written);
+  Write({"k", "v"});
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
+}
+
+TEST_F(RecordTest, EveryRecordIsFlushedOnceAndWhole) {
+  std::vector<std::size_t> sends;
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) {
+    sends.push_back(size);
+    return Hooks().send.Real(descriptor, bytes, size, flags);
+  });
+
+  Write({"key", "value"});
+  Write({"k", "v"});
+
+  EXPECT_EQ(sends, (std::vector<std::size_t>{4 + 3 + 5, 4 + 1 + 1}));
+}
+
+TEST_F(RecordTest, RecordsFollowOneAnotherWithNothingBetween) {
+  Write({"a", "1"});
+  Write({"b", "22"});
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
+}
+
+TEST_F(RecordTest, WriteThatMeetsTheStopThrows) {
+  SignalDone();
+
+  EXPECT_THROW(Write({"k", std::string(100000, 'v')}), AbortRequested);
+  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+}
+
+TEST_F(RecordTest, WriteWhoseFlushMeetsTheStopIsAPlainFailure) {
+  SignalDone();
+
+  const bool written = Write({"k", "v"});
+
+  EXPECT_FALSE(written);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(RecordTest, EmptyFieldAfterAnAbortThrows) {
+  SignalDone();
+  Write({"k", "v"});
+
+  EXPECT_THROW(Write({"key", ""}), AbortRequested);
+}
+
+TEST_F(RecordTest, WriteToAConnectionThatFailedIsAPlainFailure) {
+  Hooked send(Hooks().send, FailWith{ECONNRESET});
+
+  const bool written = Write({"k", std::string(100000, 'v')});
+
+  EXPECT_FALSE(written);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(RecordTest, FlushToAConnectionThatFailedIsAPlainFailure) {
+  Hooked send(Hooks().send, FailWith{EPIPE});
+
+  const bool written = Write({"k", "v"});
+
+  EXPECT_FALSE(written);
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(RecordTest, ShortSendsLoseNothingOfARecord) {
+  Hooked send(Hooks().send, [](int descriptor, const void* bytes, std::size_t size, int flags) {
+    return Hooks().send.Real(descriptor, bytes, std::min<std::size_t>(size, 1000), flags);
+  });
+  const std::string a(4000, 'a');
+  std::string b;
+  while (b.size() < 200000) b += std::to_string(b.size()) + ' ';
+
+  const std::string bytes = PeerReceivesWhileWriting({a, b}, 4 + a.size() + b.size());
+
+  EXPECT_TRUE(bytes.substr(4) == a + b) << "fields differ";
+}
+
+// Reading.
+
+TEST_F(RecordTest, RecordIsReadFromItsBytes) {
+  PeerSends(Bytes("\x00\x20\x00\x03") + "abxyz");
+
+  Row record;
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("ab", "xyz"));
+}
+
+TEST_F(RecordTest, HeaderIsReadAsBigEndian) {
+  const std::string a(0x102, 'a');
+  const std::string b(0x304, 'b');
+  PeerSends(Bytes("\x10\x20\x03\x04") + a + b);
+
+  Row record;
+  Read(record);
+
+  EXPECT_EQ(record, Row(a, b));
+}
+
+TEST_F(RecordTest, LowFourBitsOfTheSecondByteBelongToFieldB) {
+  const std::string b(0x10001, 'b');
+  PeerSends(Bytes("\x00\x11\x00\x01") + "k" + b);
+
+  Row record;
+  Read(record);
+
+  EXPECT_EQ(record.first, "k");
+  EXPECT_TRUE(record.second == b) << record.second.size() << " bytes";
+}
+
+TEST_F(RecordTest, LongestRecordIsReadWhole) {
+  const std::string a(4095, 'a');
+  const std::string b(1048575, 'b');
+  std::thread peer([&] { PeerSends(Bytes("\xFF\xFF\xFF\xFF") + a + b); });
+
+  Row record;
+  const bool read = Read(record);
+
+  peer.join();
+  EXPECT_TRUE(read);
+  EXPECT_TRUE(record == Row(a, b)) << "fields differ";
+}
+
+TEST_F(RecordTest, EmptyFieldBIsAccepted) {
+  PeerSends(Bytes("\x00\x30\x00\x00") + "key");
+
+  Row record("old", "old");
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("key", ""));
+}
+
+TEST_F(RecordTest, EmptyFieldAIsAccepted) {
+  PeerSends(Bytes("\x00\x00\x00\x05") + "value");
+
+  Row record("old", "old");
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("", "value"));
+}
+
+TEST_F(RecordTest, TwoEmptyFieldsAreAccepted) {
+  PeerSends(Bytes("\x00\x00\x00\x00"));
+
+  Row record("old", "old");
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("", ""));
+}
+
+TEST_F(RecordTest, ZerosInFieldsAreReadUnharmed) {
+  PeerSends(Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
+
+  Row record;
+  Read(record);
+
+  EXPECT_EQ(record, Row(Bytes("\0k\0"), Bytes("v\0\0w")));
+}
+
+TEST_F(RecordTest, RecordsAreReadOneByOne) {
+  PeerSends(Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
+
+  Row first;
+  Row second;
+  Read(first);
+  Read(second);
+
+  EXPECT_EQ(first, Row("a", "1"));
+  EXPECT_EQ(second, Row("b", "22"));
+}
+
+TEST_F(RecordTest, RecordIsThereAsSoonAsItsLastByteIs) {
+  const std::string larger_than_the_buffer(10001, 'v');
+  PeerSends(Bytes("\x00\x10\x27\x11") + "k" + larger_than_the_buffer);
+  Hooked recv(Hooks().recv, [](int descriptor, void* buffer, std::size_t size, int) {
+    return Hooks().recv.Real(descriptor, buffer, size, MSG_DONTWAIT);
+  });
+  Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int) {
+    if (Hooks().poll.Real(entries, count, 0) == 0) SignalDone();  // It waits for more than there is.
+    return Hooks().poll.Real(entries, count, -1);
+  });
+
+  Row record;
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("k", larger_than_the_buffer));
+}
+
+TEST_F(RecordTest, RecordThatComesByteByByteIsTheSame) {
+  Hooked recv(Hooks().recv, [](int descriptor, void* buffer, std::size_t, int flags) {
+    return Hooks().recv.Real(descriptor, buffer, 1, flags);
+  });
+  const std::string b(9000, 'b');
+  PeerSends(Bytes("\x00\x20\x23\x28") + "ab" + b);
+
+  Row record;
+  const bool read = Read(record);
+
+  EXPECT_TRUE(read);
+  EXPECT_EQ(record, Row("ab", b));
+}
+
+TEST_F(RecordTest, StreamThatHasEndedIsAPlainFailure) {
+  PeerCloses();
+
+  Row record("old", "row");
+  const bool read = Read(record);
+
+  EXPECT_FALSE(read);
+  EXPECT_EQ(record, Row("old", "row"));
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(RecordTest, ReadErrorIsAPlainFailure) {
+  PeerSends(Bytes("\x00\x10\x00\x01") + "kv");
+  Hooked recv(Hooks().recv, FailWith{ECONNRESET});
+
+  Row record("old", "row");
+  const bool read = Read(record);
+
+  EXPECT_FALSE(read);
+  EXPECT_EQ(record, Row("old", "row"));
+  EXPECT_FALSE(cookie_.aborted);
+}
+
+TEST_F(RecordTest, ReadThatMeetsTheStopThrows) {
+  PeerSends(Bytes("\x00\x10\x00\x01") + "kv");
+  SignalDone();
+
+  Row record("old", "row");
+  EXPECT_THROW(Read(record), AbortRequested);
+  EXPECT_EQ(record, Row("old", "row"));
+}
+
+TEST_F(RecordTest, WrittenRecordIsReadBack) {
+  Write({Bytes("\5table\0key"), Bytes("\0value\xFF")});
+  PeerSends(PeerReceivesWaiting());
+
+  Row record;
+  Read(record);
+
+  EXPECT_EQ(record, Row(Bytes("\5table\0key"), Bytes("\0value\xFF")));
+}
+
+// Every byte of a record at which it can break off.
+class BrokenRecordTest : public RecordTest, public testing::WithParamInterface<std::size_t> {
+ protected:
+  const std::string arrived_ = (Bytes("\x00\x20\x00\x03") + "abxyz").substr(0, GetParam());
+};
+
+INSTANTIATE_TEST_SUITE_P(AfterBytes, BrokenRecordTest, testing::Range<std::size_t>(0, 9));
+
+TEST_P(BrokenRecordTest, IsAPlainFailureWhenTheStreamEnds) {
+  PeerSends(arrived_);
+  PeerCloses();
+
+  Row record("old", "row");
+  const bool read = Read(record);
+
+  EXPECT_FALSE(read);
+  EXPECT_EQ(record, Row("old", "row"));
+  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_P(BrokenRecordTest, ThrowsWhenTheServerStops) {
+  PeerSends(arrived_);
+  Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
+    if (Hooks().poll.Real(entries, count, 0) == 0) SignalDone();  // When all that arrived has been read.
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  Row record("old", "row");
+  EXPECT_THROW(Read(record), AbortRequested);
+  EXPECT_EQ(record, Row("old", "row"));
+  EXPECT_TRUE(cookie_.aborted);
+}
