@@ -15,36 +15,45 @@
 //
 // What holds for everything below
 //
-// Threads: every function and method may be called from any thread at any time, also while main returns or exit() runs.
-//   Once the library's own exit-time destructors have run, tables still work locally, new shared tables are shared with
-//   nobody, and log messages are dropped.
-// Ownership: objects live as long as a std::shared_ptr to them. A watcher keeps its table alive, a set keeps its
-//   watchers; nothing is kept the other way round. Databases, and with them their shared tables, live until the process
-//   exits.
-// Blocking: WatcherSet::Wait and WaitUntil sleep; SetSharingGroup waits for the threads of the sharing that it
-// replaces.
-//   Everything else holds locks for short, bounded work only: no call ever waits for a peer. The log hook runs inside
-//   most calls, so a slow hook makes them slow.
+// Threads: every function and method may be called from any thread, but not from a log hook, and also while main
+//   returns or exit() runs. As with any object, what one thread destroys no other may be calling; but a set whose last
+//   reference goes while a thread waits in it lives on until that wait ends.
+// Ownership: objects live as long as a std::shared_ptr to them. A watcher keeps its table alive, a set its watchers;
+//   nothing is kept the other way round. Databases, with all their tables, live until the process exits.
+// Blocking: WatcherSet::Wait and WaitUntil sleep. SetSharingGroup waits for the threads of the sharing that it
+//   replaces; meanwhile NetworkChanged, and GetSharingGroup of this database, wait for it, and every call that names a
+//   database waits for that NetworkChanged. Everything else holds locks for short, bounded work only: setting and
+//   reading rows never waits for a peer. The log hook runs inside most calls, so a slow hook makes them slow.
 // Strings: names, keys and values are byte strings; zero bytes and the empty string are ordinary. (Log messages show
 //   them up to the first zero byte.)
-// Errors: nothing is reported through results except by GetSharingGroup. std::bad_alloc and, when a lock fails,
-//   std::system_error can leave any call, and so can what a log hook throws; the call has then registered nothing and
-//   left nothing locked. System calls that fail while sharing is set up (out of descriptors, for example) are logged
-//   and end the process with abort().
-// Signals: no handler and no mask is changed, and SIGPIPE is never raised. Descriptors are closed on exec.
+// Memory: a table keeps each key with its last value; a shared table keeps what is set here twice. Watchers keep none.
+// Errors: only GetSharingGroup reports through its result. std::bad_alloc and, when a lock fails, std::system_error can
+//   leave any call, and so can what a log hook throws. Such a call has left nothing locked, and its table, watcher or
+//   set as it was. What consists of several steps may have done the first of them: Set of a shared table may have
+//   handed the row to the peers and not to the watchers here, a call that names a new database or table may have made
+//   it, and SetSharingGroup has stored the settings.
+// Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
+//   fail later (poll on valid descriptors, say), are logged and end the process with abort().
+// Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
+//   dropped, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
+// Fork: a child that is forked without exec may use and destroy its copies of tables, watchers and sets, and may exit;
+//   it cannot share. Descriptors are closed on exec.
+// Signals: no handler and no mask is changed, and SIGPIPE is never raised.
 //
 // Limits of what is shared (rows that never leave the process have none)
 //
-//   table name        at most 255 bytes; a longer one arrives cut to 255
-//   combined key      1 + table name + key at most 4,095 bytes; a longer one is cut to its length modulo 4,096, and one
-//                     whose length is an exact multiple of 4,096 spoils the stream to every peer: stay below
-//   value             at most 1,048,575 bytes; a longer one is cut to its length modulo 1,048,576
-//   empty value       leaves this device only together with the next row
-//   group name        1 to 254 bytes; an empty or longer one meets nobody
-//   database name     1 to 4,095 bytes; one that is empty is not shared
-//   device + process  together must differ between any two members of a group, or those two never meet
+//   table name       at most 255 bytes; a longer one arrives cut to 255, so names should differ within these
+//   combined key     1 + table name + key at most 4,095 bytes; a longer one is cut to its length modulo 4,096, and one
+//                    whose length is an exact multiple of 4,096 spoils the stream to every peer: stay below
+//   value            at most 1,048,575 bytes; a longer one is cut to its length modulo 1,048,576
+//   empty value      leaves this device only together with the next row
+//   group name       1 to 254 bytes; an empty or longer one meets nobody
+//   database name    1 to 4,095 bytes; with any other, members never meet
+//   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
+//                    between any two members of a group, or those two never meet
 //
-// There is no deletion, no authentication and no encryption: share on a network that you trust.
+// A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
+// then. There is no deletion, no authentication and no encryption: share on a network that you trust.
 
 #ifndef VARNIX_H_
 #define VARNIX_H_
@@ -82,14 +91,14 @@ enum class LogLevel : int {
 /// of level Error to standard error, by perror(), and drops all others. An empty `fn` silences the library, errors
 /// included; nothing brings the first hook back.
 ///
-/// Threads: hook calls never overlap, and come from callers' and from the library's own threads.
+/// Threads: hook calls never overlap, and come from callers' threads and from the library's own, which have 256 KiB of
+///   stack for it.
 /// Ownership: the hook is copied. The previous one is destroyed before this returns, the last one at process exit.
 /// Errors: what a hook throws leaves the exported function that was logging. On one of the library's own threads it
-/// ends
-///   the process, or, on a thread that sends to a peer, the stream to that peer.
-/// The library's threads for peers have 256 KiB of stack for the hook and all it calls.
-/// A hook must not call this library (it would wait for itself), must not call exit(), must not keep the strings or the
-/// list, and must not use objects that are destroyed before the library, such as static objects of the program.
+///   ends the process, or, while a peer is being served, the stream to that peer.
+/// A hook must not call this library and must not own objects of it (it would wait for itself), must not call exit() or
+/// fork without exec, must not keep the strings or the list, and must not use objects that are destroyed before the
+/// library, such as static objects of the program.
 VARNIX_EXPORT void SetLoggingFunction(std::function<void(LogLevel, const char*, const char*, va_list)> fn);
 
 /// Reports the changes of one key, or of a whole table, to one consumer.
@@ -152,17 +161,19 @@ VARNIX_EXPORT std::vector<std::pair<std::string, std::shared_ptr<Table>>> GetLoc
 /// out; one given twice is one member. A set without members never has a change.
 VARNIX_EXPORT std::shared_ptr<WatcherSet> MakeWatcherSet(std::vector<std::shared_ptr<Watcher>> watchers);
 
-/// The table that lists the databases of this process: one row each, with the name as key and an empty value.
-/// A database comes into being when a call first mentions its name.
+/// The table that lists the databases of this process: one row each, with the name as key and an empty value. It is
+/// there to be watched, not to be set. A database is made when GetTableTable, MakeSharedTable or SetSharingGroup first
+/// names it.
 VARNIX_EXPORT std::shared_ptr<Table> GetDatabaseTable();
 
 /// The table that lists the tables of a database: one row each, with the name as key and an empty value, for the tables
-/// made here and for those that peers have sent rows of.
+/// made here and for those that peers have sent rows of. It is there to be watched, not to be set.
 VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
 
 /// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
 /// or by a peer, is seen by the watchers of all. It may be made, set and watched before or after SetSharingGroup();
-/// rows that were set before are shared then.
+/// rows that were set before are shared then. Two threads, or two peers, that set one key at the same moment may leave
+/// different members with different last values: let each key have one writer.
 VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table);
 
 /// Shares the database with the members of `group` on the local network, from now until the process exits or the next
@@ -175,9 +186,8 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 /// Blocks: if the database was shared already, until all threads of that sharing have ended, also when nothing changes.
 ///   Peers are met again at their next announcement, up to 60 seconds later, or sooner through their own connections;
 ///   call NetworkChanged() to bring the group together in seconds.
-/// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared,
-/// with
-///   the new settings stored. System calls that fail are logged and end the process with abort().
+/// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared.
+///   System calls that fail are logged and end the process with abort().
 VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
                                    unsigned broadcast_address);
 

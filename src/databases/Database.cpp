@@ -8,6 +8,7 @@
 #include "databases/TableCombiner.h"
 #include "logging/Log.h"
 #include "tables/LocalTable.h"
+#include "threads/Fork.h"
 
 using Varnix::LogLevel;
 
@@ -44,7 +45,7 @@ void Database::SetSharing(const SharingSettings& settings) {
   MutexLock guard(lock);
   sharing = std::move(stored);
   StopServer();
-  if (sharing_ended) return;
+  if (sharing_ended || in_forked_child) return;
   server = std::make_unique<TableServer>(CombinedKey(sharing.device, sharing.process), name, decombiner, combined,
                                          sharing.group, sharing.broadcast_address);
   Log(LogLevel::Debug, "tblcmbn.sharing.svr", "DB(%p) SetSharing -> server=%p", static_cast<void*>(this),
@@ -60,7 +61,7 @@ bool Database::GetSharing(SharingSettings& settings) {
 
 void Database::NetworkChanged() {
   MutexLock guard(lock);
-  if (server) server->NetworkChanged();
+  if (server && !in_forked_child) server->NetworkChanged();
 }
 
 void Database::EndSharing() {
@@ -70,6 +71,10 @@ void Database::EndSharing() {
 }
 
 void Database::StopServer() {
-  const std::unique_ptr<TableServer> stopping = std::move(server);
-  if (stopping) stopping->Stop();
+  std::unique_ptr<TableServer> stopping = std::move(server);
+  if (in_forked_child) {
+    static_cast<void>(stopping.release());  // It is the parent's: its threads are not here, its pipes are.
+  } else if (stopping) {
+    stopping->Stop();
+  }
 }

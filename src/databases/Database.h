@@ -33,6 +33,7 @@ class Database {
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner->GetTableTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
+  // A forked child only stores the settings: it cannot share.
   // Errors: on an exception the new settings are stored and there is no server, unless only the last log line failed.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock);
   // False, with nothing written, while there is no server.

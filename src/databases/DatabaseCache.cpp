@@ -1,5 +1,7 @@
 #include "databases/DatabaseCache.h"
 
+#include <utility>
+
 #include "databases/InternalTableName.h"
 #include "tables/LocalTable.h"
 #include "threads/Fork.h"
@@ -10,6 +12,7 @@ namespace {
 // of the host's static objects, still ask for the cache.
 struct Holder {
   Mutex lock;
+  // Null from the moment the process exits until somebody asks again.
   std::shared_ptr<DatabaseCache> cache VARNIX_GUARDED_BY(lock);
 };
 
@@ -19,8 +22,7 @@ class ReleaseAtExit {
   explicit ReleaseAtExit(Holder& released) : holder(released) {}
   ~ReleaseAtExit() {
     if (in_forked_child) return;  // It has copies of the servers, but none of their threads.
-    auto cache = std::make_shared<DatabaseCache>();
-    cache->EndSharing();
+    std::shared_ptr<DatabaseCache> cache;
     {
       MutexLock guard(holder.lock);
       cache.swap(holder.cache);
@@ -39,6 +41,11 @@ std::shared_ptr<DatabaseCache> DatabaseCache::Instance() {
   static Holder& holder = *new Holder{{}, std::make_shared<DatabaseCache>()};
   static ReleaseAtExit release_at_exit(holder);
   MutexLock guard(holder.lock);
+  if (!holder.cache) {
+    auto late = std::make_shared<DatabaseCache>();
+    late->EndSharing();
+    holder.cache = std::move(late);
+  }
   return holder.cache;
 }
 

@@ -27,21 +27,16 @@ std::shared_ptr<Varnix::Watcher> TableDecombiner::WatchAll() { return nullptr; }
 std::shared_ptr<Varnix::Table> TableDecombiner::GetTable(const std::string& name) {
   MutexLock guard(lock);
   const auto [entry, absent] = tables.try_emplace(name);
-  if (absent) {
-    try {
-      entry->second = MakeLocalCopy(name);
-    } catch (...) {
-      tables.erase(entry);
-      throw;
-    }
+  if (!absent) return entry->second;
+  try {
+    entry->second = LocalTable::Make(InternalTableName("out_" + name, database));
+    table_table->Set({name, ""});
+  } catch (...) {
+    tables.erase(entry);
+    throw;
   }
-  return entry->second;
-}
-
-std::shared_ptr<Varnix::Table> TableDecombiner::MakeLocalCopy(const std::string& name) {
-  std::shared_ptr<Varnix::Table> table = LocalTable::Make(InternalTableName("out_" + name, database));
-  table_table->Set({name, ""});
+  // From here on the table is made and listed, also if the log hook throws.
   Log(LogLevel::Debug, "tblcmbn.create", "TableDecombiner(%p) created table %s -> %p", static_cast<void*>(this),
-      name.c_str(), static_cast<void*>(table.get()));
-  return table;
+      name.c_str(), static_cast<void*>(entry->second.get()));
+  return entry->second;
 }

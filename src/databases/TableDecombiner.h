@@ -27,8 +27,6 @@ class TableDecombiner final : public Varnix::Table {
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return table_table; }
 
  private:
-  std::shared_ptr<Varnix::Table> MakeLocalCopy(const std::string& name) VARNIX_REQUIRES(lock);
-
   Mutex lock;
   const std::string database;
   std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);

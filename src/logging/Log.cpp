@@ -22,24 +22,30 @@ struct EmptyHookAtExit {
   ~EmptyHookAtExit() { SetLogHook({}); }
 } empty_hook_at_exit;
 
-}  // namespace
-
-void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) {
-  // Tidies up also when the hook throws.
-  struct Call {
-    va_list arguments;
-    ~Call() {
-      va_end(arguments);
-      hook_thread = std::thread::id();
-    }
+void CallHook(Varnix::LogLevel level, const char* tag, const char* format, va_list arguments) {
+  struct HookThread {
+    HookThread() { hook_thread = std::this_thread::get_id(); }
+    ~HookThread() { hook_thread = std::thread::id(); }
   };
   MutexLock lock(log_lock);
   const LogHook& hook = Hook();
   if (!hook) return;
-  Call call;
-  va_start(call.arguments, format);
-  hook_thread = std::this_thread::get_id();
-  hook(level, tag, format, call.arguments);
+  const HookThread running;
+  hook(level, tag, format, arguments);
+}
+
+}  // namespace
+
+void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  try {
+    CallHook(level, tag, format, arguments);
+  } catch (...) {
+    va_end(arguments);
+    throw;
+  }
+  va_end(arguments);
 }
 
 void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, va_list args) {

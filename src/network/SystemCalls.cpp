@@ -8,7 +8,11 @@
 #include "logging/Log.h"
 
 void LogErrnoAndAbort(const char* tag, const char* format) {
-  Log(Varnix::LogLevel::Error, tag, format, errno);
+  try {
+    Log(Varnix::LogLevel::Error, tag, format, errno);
+  } catch (...) {
+    // There is no going on, whatever the hook thinks of it.
+  }
   std::abort();
 }
 

@@ -51,6 +51,7 @@ std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet
 }
 
 std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::Wait() {
+  const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
   while (ready.empty()) cond.wait(lock.ForWaiting());
   return TakeNext();
@@ -60,6 +61,7 @@ std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet
     const std::chrono::steady_clock::time_point& deadline) {
   // A far deadline is slept for in slices: its seconds need not fit a time_t of 32 bits.
   constexpr std::chrono::hours kLongestSleep(24);
+  const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
   while (ready.empty()) {
     const auto now = std::chrono::steady_clock::now();

@@ -15,8 +15,12 @@
 // Keeps its members parted, at all times, into those with nothing pending and those with a change, so that a wait never
 // polls them.
 //
-// Threads: any; several may wait at once. Nothing but the copy of a row throws or allocates once the set is made.
-class LocalTable::LWatcherSet final : public WatcherSetListener, public Varnix::WatcherSet {
+// Threads: any; several may wait at once. One that waits keeps the set alive: a static set is destroyed while its
+// waiters sleep on when main returns, and so is a forked child's copy. Nothing but the copy of a row throws or
+// allocates once the set is made.
+class LocalTable::LWatcherSet final : public WatcherSetListener,
+                                      public Varnix::WatcherSet,
+                                      public std::enable_shared_from_this<LWatcherSet> {
  public:
   static std::shared_ptr<Varnix::WatcherSet> Make(const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers)
       VARNIX_EXCLUDES(table_lock);
