@@ -1,0 +1,285 @@
+#include <gmock/gmock.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+
+#include "CallRecorder.h"
+#include "FailWith.h"
+#include "network/ServerSockets.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::KilledBySignal;
+using testing::StrEq;
+
+sockaddr_in Loopback(unsigned short port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+bool ConnectTo(unsigned short port) {
+  const int client = socket(AF_INET, SOCK_STREAM, 0);
+  const sockaddr_in address = Loopback(port);
+  const int result = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  close(client);
+  return result == 0;
+}
+
+unsigned short PortOf(int descriptor) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+int OptionOf(int descriptor, int option) {
+  int value = -1;
+  socklen_t size = sizeof value;
+  getsockopt(descriptor, SOL_SOCKET, option, &value, &size);
+  return value;
+}
+
+void OpenListener() {
+  unsigned short port = 0;
+  OpenListeningSocket(port);
+}
+
+}  // namespace
+
+TEST(ServerSockets, ListeningSocketIsMadeByTheseCallsInThisOrder) {
+  CallRecorder calls;
+  unsigned short port = 0;
+
+  const int listener = OpenListeningSocket(port);
+
+  EXPECT_THAT(calls.Calls(), ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)",
+                                         "bind(#1, 0.0.0.0:0, 16)", "getsockname(#1, 16)", "listen(#1, 10)"));
+  close(listener);
+}
+
+TEST(ServerSockets, ListeningSocketTellsItsPortInHostByteOrder) {
+  unsigned short port = 0;
+
+  const int listener = OpenListeningSocket(port);
+
+  EXPECT_NE(port, 0);
+  EXPECT_EQ(port, PortOf(listener));
+  EXPECT_TRUE(ConnectTo(port));
+  close(listener);
+}
+
+TEST(ServerSockets, EveryListeningSocketHasAPortOfItsOwn) {
+  unsigned short one_port = 0;
+  unsigned short other_port = 0;
+
+  const int one = OpenListeningSocket(one_port);
+  const int other = OpenListeningSocket(other_port);
+
+  EXPECT_NE(one_port, other_port);
+  close(one);
+  close(other);
+}
+
+TEST(ServerSockets, ListeningSocketIsClosedOnExec) {
+  unsigned short port = 0;
+
+  const int listener = OpenListeningSocket(port);
+
+  EXPECT_EQ(fcntl(listener, F_GETFD), FD_CLOEXEC);
+  close(listener);
+}
+
+TEST(ServerSockets, DiscoverySocketIsMadeByTheseCallsInThisOrder) {
+  CallRecorder calls;
+
+  const int discoverer = OpenDiscoverySocket();
+
+  EXPECT_THAT(calls.Calls(), ElementsAre("socket(AF_INET, SOCK_DGRAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)",
+                                         "setsockopt(#1, SOL_SOCKET, SO_BROADCAST, 1)",
+                                         "setsockopt(#1, SOL_SOCKET, SO_REUSEADDR, 1)", "bind(#1, 0.0.0.0:1975, 16)"));
+  close(discoverer);
+}
+
+TEST(ServerSockets, DiscoverySocketMayBroadcast) {
+  const int discoverer = OpenDiscoverySocket();
+
+  EXPECT_EQ(OptionOf(discoverer, SO_BROADCAST), 1);
+  close(discoverer);
+}
+
+TEST(ServerSockets, DiscoverySocketIsClosedOnExec) {
+  const int discoverer = OpenDiscoverySocket();
+
+  EXPECT_EQ(fcntl(discoverer, F_GETFD), FD_CLOEXEC);
+  close(discoverer);
+}
+
+TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
+  const int one = OpenDiscoverySocket();
+  const int other = OpenDiscoverySocket();
+  ASSERT_EQ(PortOf(one), 1975);
+  ASSERT_EQ(PortOf(other), 1975);
+  const std::string marker = std::string(2, '\0') + "sockets of " + std::to_string(getpid());
+  sockaddr_in everyone = Loopback(1975);
+  everyone.sin_addr.s_addr = inet_addr("127.255.255.255");
+
+  ASSERT_EQ(sendto(one, marker.data(), marker.size(), 0, reinterpret_cast<const sockaddr*>(&everyone), sizeof everyone),
+            static_cast<ssize_t>(marker.size()));
+
+  for (const int listener : {one, other}) {
+    std::string heard;
+    pollfd entry = {listener, POLLIN, 0};
+    while (heard != marker && poll(&entry, 1, 10000) == 1) {  // Other servers of this host may be heard as well.
+      heard.assign(256, '\0');
+      const ssize_t size = recv(listener, heard.data(), heard.size(), 0);
+      heard.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+    }
+    EXPECT_EQ(heard, marker);
+    close(listener);
+  }
+}
+
+TEST(ServerSockets, DonePipeIsMadeByTheseCallsInThisOrder) {
+  CallRecorder calls;
+
+  const Pipe done = OpenDonePipe();
+
+  EXPECT_THAT(calls.Calls(),
+              ElementsAre("pipe() = #1, #2", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "fcntl(#2, F_SETFD, FD_CLOEXEC)"));
+  EXPECT_EQ(done.read_end, calls.Descriptor(1));
+  EXPECT_EQ(done.write_end, calls.Descriptor(2));
+  close(done.read_end);
+  close(done.write_end);
+}
+
+TEST(ServerSockets, WakePipeIsMadeByTheseCallsInThisOrder) {
+  CallRecorder calls;
+
+  const Pipe wake = OpenWakePipe();
+
+  EXPECT_THAT(calls.Calls(),
+              ElementsAre("pipe() = #1, #2", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "fcntl(#2, F_SETFD, FD_CLOEXEC)"));
+  EXPECT_EQ(wake.read_end, calls.Descriptor(1));
+  EXPECT_EQ(wake.write_end, calls.Descriptor(2));
+  close(wake.read_end);
+  close(wake.write_end);
+}
+
+TEST(ServerSockets, PipesAreClosedOnExec) {
+  const Pipe pipe = OpenDonePipe();
+
+  EXPECT_EQ(fcntl(pipe.read_end, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(fcntl(pipe.write_end, F_GETFD), FD_CLOEXEC);
+  close(pipe.read_end);
+  close(pipe.write_end);
+}
+
+TEST(ServerSockets, FailedListeningSocketEndsTheProcess) {
+  const auto open = [] {
+    Hooked socket(Hooks().socket, FailWith{EMFILE});
+    OpenListener();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.lstn.sock: TableServer: listen socket error 24: Too many open files\n"));
+}
+
+TEST(ServerSockets, FailedBindOfTheListeningSocketEndsTheProcess) {
+  const auto open = [] {
+    Hooked bind(Hooks().bind, FailWith{EADDRINUSE});
+    OpenListener();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.lstn.bind: TableServer: listener bind error 98: Address already in use\n"));
+}
+
+TEST(ServerSockets, FailedGetsocknameEndsTheProcess) {
+  const auto open = [] {
+    Hooked getsockname(Hooks().getsockname, FailWith{ENOBUFS});
+    OpenListener();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.lstn.name: TableServer: getsockname error 105: No buffer space available\n"));
+}
+
+TEST(ServerSockets, FailedListenEndsTheProcess) {
+  const auto open = [] {
+    Hooked listen(Hooks().listen, FailWith{EADDRINUSE});
+    OpenListener();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.lstn.lstn: TableServer: listen error 98: Address already in use\n"));
+}
+
+TEST(ServerSockets, FailedDiscoverySocketEndsTheProcess) {
+  const auto open = [] {
+    Hooked socket(Hooks().socket, FailWith{ENFILE});
+    OpenDiscoverySocket();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.dscv.sock: TableServer: discover socket error 23: Too many open files in system\n"));
+}
+
+TEST(ServerSockets, FailedBroadcastOptionEndsTheProcess) {
+  const auto open = [] {
+    Hooked setsockopt(Hooks().setsockopt, [](int, int, int option, const void*, socklen_t) {
+      return option == SO_BROADCAST ? FailWith{ENOPROTOOPT}() : 0;
+    });
+    OpenDiscoverySocket();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.dscv.opt.bcast: TableServer: setsockopt broadcast error 92: Protocol not available\n"));
+}
+
+TEST(ServerSockets, FailedReuseOptionEndsTheProcess) {
+  const auto open = [] {
+    Hooked setsockopt(Hooks().setsockopt, [](int, int, int option, const void*, socklen_t) {
+      return option == SO_REUSEADDR ? FailWith{ENOPROTOOPT}() : 0;
+    });
+    OpenDiscoverySocket();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.dscv.opt.reuse: TableServer: setsockopt reuseaddr error 92: Protocol not available\n"));
+}
+
+TEST(ServerSockets, FailedBindOfTheDiscoverySocketEndsTheProcess) {
+  const auto open = [] {
+    Hooked bind(Hooks().bind, FailWith{EACCES});
+    OpenDiscoverySocket();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.dscv.bind: TableServer: discover bind error 13: Permission denied\n"));
+}
+
+TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
+  const auto open = [] {
+    Hooked pipe(Hooks().pipe, FailWith{EMFILE});
+    OpenDonePipe();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.pipe.done: TableServer: done pipe error 24: Too many open files\n"));
+}
+
+TEST(ServerSockets, FailedWakePipeEndsTheProcess) {
+  const auto open = [] {
+    Hooked pipe(Hooks().pipe, FailWith{EMFILE});
+    OpenWakePipe();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
+              StrEq("tblsvr.pipe.wake: TableServer: wake pipe error 24: Too many open files\n"));
+}
