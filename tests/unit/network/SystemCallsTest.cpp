@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <stdexcept>
 #include <tuple>
 #include <vector>
 
@@ -32,6 +33,15 @@ TEST(SystemCalls, FatalErrorReachesTheHookAtLevelThreeBeforeTheProcessEnds) {
   };
 
   EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), testing::StrEq("3|cook.rd.poll|Cookie::Read: poll error %d"));
+}
+
+TEST(SystemCalls, HookThatThrowsKeepsNoFatalErrorFromEndingTheProcess) {
+  const auto fail = [] {
+    SetLogHook([](Varnix::LogLevel, const char*, const char*, va_list) { throw std::runtime_error("hook"); });
+    LogErrnoAndAbort("cook.rd.poll", "Cookie::Read: poll error %d");
+  };
+
+  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), testing::StrEq(""));
 }
 
 TEST(SystemCalls, DescriptorIsKeptFromProgramsThatTheHostStarts) {

@@ -1,28 +1,1034 @@
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <unistd.h>
 
-#include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "CallRecorder.h"
+#include "FailWith.h"
+#include "network/ActiveESNs.h"
 #include "network/TableServer.h"
 #include "support/LogRecorder.h"
 
-TEST(TableServer, AnnouncesItselfAtOnce) {
-  LogRecorder log;
-  std::mutex mutex;
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Not;
+using testing::SizeIs;
+using Varnix::LogLevel;
+
+constexpr std::chrono::seconds kDeadline(10);  // Bounds failing runs only.
+
+// The numbers that CallRecorder gives to the descriptors of a server.
+enum Number : std::size_t { kListener = 1, kDiscoverer, kDoneRead, kDoneWrite, kWakeRead, kWakeWrite, kAccepted };
+
+const std::string kRecordOfUid = std::string("\x00\x20\x00\x08", 4) + "db" + "\3devproc";
+
+template <class Promise>
+bool IsKept(Promise& promise) {
+  return promise.get_future().wait_until(std::chrono::system_clock::now() + kDeadline) == std::future_status::ready;
+}
+
+// A peer that connects to a server.
+class Client {
+ public:
+  explicit Client(unsigned short port, const char* own_address = "127.0.0.1")
+      : socket_(Hooks().socket.Real(AF_INET, SOCK_STREAM, 0)) {
+    const timeval deadline = {kDeadline.count(), 0};
+    Hooks().setsockopt.Real(socket_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = inet_addr(own_address);
+    EXPECT_EQ(Hooks().bind.Real(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(Hooks().connect.Real(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  ~Client() { Hooks().close.Real(socket_); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // Fewer bytes when the connection ends, or nothing more comes for ten seconds.
+  std::string Receive(std::size_t size) const {
+    std::string bytes(size, '\0');
+    std::size_t received = 0;
+    while (received < size) {
+      const ssize_t piece = Hooks().recv.Real(socket_, &bytes[received], size - received, 0);
+      if (piece <= 0) break;
+      received += static_cast<std::size_t>(piece);
+    }
+    bytes.resize(received);
+    return bytes;
+  }
+  void Send(const std::string& bytes) const {
+    EXPECT_EQ(Hooks().send.Real(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  // Of the group of the server under test, on port 9, where nobody listens.
+  void Answer() const { Send(std::string("\x00\x50\x00\x02group\x00\x09", 11)); }
+  // False when nothing comes for ten seconds.
+  bool IsEnded() const {
+    char byte;
+    const ssize_t received = Hooks().recv.Real(socket_, &byte, 1, 0);
+    return received == 0 || (received < 0 && errno == ECONNRESET);
+  }
+
+ private:
+  const int socket_;
+};
+
+// A server that neither announces nor hears anything. Hooks of poll that a test sets come before Start().
+class TableServerTest : public testing::Test {
+ protected:
+  TableServerTest() = default;
+
+  void Start(unsigned broadcast_address = inet_addr("127.255.255.255")) {
+    server_ = std::make_unique<TableServer>("\3devproc", "db", receive_table_, send_table_, "group", broadcast_address);
+  }
+
+  // The wait of the accept loop.
+  bool IsAcceptWait(const pollfd* entries, nfds_t count) const {
+    return count == 2 && entries[1].fd == calls_.Descriptor(kListener);
+  }
+  // A wait of the accept loop, or of a receiver, for the stop alone.
+  bool IsPause(const pollfd* entries, nfds_t count) const {
+    return count == 1 && entries[0].fd == calls_.Descriptor(kDoneRead);
+  }
+  std::string Address() const { return AddressOf(server_.get()); }
+
+  LogRecorder log_;
+  CallRecorder calls_;
+  const std::shared_ptr<Varnix::Table> receive_table_ = Varnix::MakeTable("received");
+  const std::shared_ptr<Varnix::Table> send_table_ = Varnix::MakeTable("sent");
+  Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> sendto_{
+      Hooks().sendto,
+      [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
+  Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
+  std::unique_ptr<TableServer> server_;
+};
+
+void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
+void ThrowNoMemory() { throw std::bad_alloc(); }
+
+std::vector<std::string> NamesOfLocalTables() {
+  std::vector<std::string> names;
+  for (const auto& [name, table] : Varnix::GetLocalTables()) names.push_back(name);
+  return names;
+}
+
+// A thread that waits in the kernel, or is gone.
+bool IsAsleep(pid_t thread) {
+  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string text;
+  std::getline(status, text);
+  const std::size_t state = text.rfind(") ");
+  return state == std::string::npos || text[state + 2] == 'S';
+}
+
+std::size_t NumberOfThreads() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("Threads:", 0) == 0) return std::stoul(line.substr(8));
+  }
+  return 0;
+}
+
+}  // namespace
+
+// Construction.
+
+TEST_F(TableServerTest, SaysAtConstructionForWhomItIs) {
+  Start();
+
+  EXPECT_THAT(log_.Lines("tblsvr.ctor"),
+              ElementsAre(LogLine{LogLevel::Debug, "tblsvr.ctor",
+                                  "TableServer for dev::proc::db(" + Address() + ") ctor", ""}));
+  EXPECT_EQ(log_.Lines("tblsvr.ctor")[0].format, "TableServer for %.*s::%s::%s(%p) ctor");
+}
+
+TEST_F(TableServerTest, SaysForWhomItIsBeforeTheFirstSystemCall) {
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) { calls_.Add(tag); });
+
+  Start();
+
+  ASSERT_GE(calls_.Calls().size(), 2U);
+  EXPECT_EQ(calls_.Calls()[0], "tblsvr.ctor");
+  EXPECT_EQ(calls_.Calls()[1], "socket(AF_INET, SOCK_STREAM, 0) = #1");
+}
+
+TEST_F(TableServerTest, UidThatClaimsALongerNameThanItHoldsIsPrintedToItsEnd) {
+  server_ = std::make_unique<TableServer>("\xFFxy", "db", receive_table_, send_table_, "group", 0);
+
+  ASSERT_THAT(log_.Lines("tblsvr.ctor"), SizeIs(1));
+  EXPECT_EQ(log_.Lines("tblsvr.ctor")[0].text, "TableServer for xy::::db(" + Address() + ") ctor");
+}
+
+TEST_F(TableServerTest, MakesItsDescriptorsByTheseCallsInThisOrder) {
+  Start();
+
+  EXPECT_THAT(
+      calls_.Calls(),
+      ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "bind(#1, 0.0.0.0:0, 16)",
+                  "getsockname(#1, 16)", "listen(#1, 10)", "socket(AF_INET, SOCK_DGRAM, 0) = #2",
+                  "fcntl(#2, F_SETFD, FD_CLOEXEC)", "setsockopt(#2, SOL_SOCKET, SO_BROADCAST, 1)",
+                  "setsockopt(#2, SOL_SOCKET, SO_REUSEADDR, 1)", "bind(#2, 0.0.0.0:1975, 16)", "pipe() = #3, #4",
+                  "fcntl(#3, F_SETFD, FD_CLOEXEC)", "fcntl(#4, F_SETFD, FD_CLOEXEC)", "pipe() = #5, #6",
+                  "fcntl(#5, F_SETFD, FD_CLOEXEC)", "fcntl(#6, F_SETFD, FD_CLOEXEC)"));
+}
+
+TEST_F(TableServerTest, StartsItsTwoThreadsWhenAllDescriptorsAreMade) {
+  Hooked start_thread(Hooks().start_thread, [this] { calls_.Add("thread"); });
+
+  Start();
+
+  const std::vector<std::string> calls = calls_.Calls();
+  ASSERT_THAT(calls, SizeIs(18));
+  EXPECT_THAT(std::vector<std::string>(calls.begin() + 15, calls.end()),
+              ElementsAre("fcntl(#6, F_SETFD, FD_CLOEXEC)", "thread", "thread"));
+}
+
+TEST_F(TableServerTest, KnowsWhatItWasMadeOf) {
+  Start();
+
+  EXPECT_EQ(server_->GetUid(), "\3devproc");
+  EXPECT_EQ(server_->GetDatabase(), "db");
+  EXPECT_EQ(server_->GetGroup(), "group");
+  EXPECT_EQ(server_->GetReceiveTable(), receive_table_);
+  EXPECT_EQ(server_->GetSendTable(), send_table_);
+  EXPECT_EQ(server_->GetDoneDescriptor(), calls_.Descriptor(kDoneRead));
+  EXPECT_NE(server_->GetListenPort(), 0);
+}
+
+TEST_F(TableServerTest, HasADoneTableNamedAfterItsDatabase) {
+  Start();
+
+  bool found = false;
+  for (const auto& [name, table] : Varnix::GetLocalTables()) {
+    found = found || (name == "_vrx_.ts_done.db" && table == server_->GetDoneTable());
+  }
+  EXPECT_TRUE(found);
+}
+
+TEST_F(TableServerTest, DoneTableIsEmptyWhileTheServerRuns) {
+  Start();
+
+  EXPECT_THAT(server_->GetDoneTable()->WatchAll()->GetChanges(), IsEmpty());
+}
+
+// What the server's announcements are sent to.
+class BroadcastAddressTest : public TableServerTest {
+ protected:
+  struct Sent {
+    int descriptor;
+    std::string address;
+  };
+
+  Sent FirstAnnouncement(unsigned broadcast_address) {
+    Sent sent{};
+    std::promise<void> announced;
+    Hooks().sendto.Set([&, told = false](int descriptor, const void*, std::size_t size, int, const sockaddr* address,
+                                         socklen_t address_size) mutable {
+      if (!told) {
+        sent = {descriptor, std::string(reinterpret_cast<const char*>(address), address_size)};
+        announced.set_value();
+      }
+      told = true;
+      return static_cast<ssize_t>(size);
+    });
+    Start(broadcast_address);
+    EXPECT_TRUE(IsKept(announced));
+    server_->Stop();
+    return sent;
+  }
+
+  // AF_INET in the byte order of this machine, then the port 1975, then `address`, then zeros.
+  static std::string AddressBytes(const std::string& address) {
+    const sa_family_t family = AF_INET;
+    return std::string(reinterpret_cast<const char*>(&family), 2) + "\x07\xB7" + address + std::string(8, '\0');
+  }
+};
+
+TEST_F(BroadcastAddressTest, IsUsedUnchangedWithTheDiscoveryPort) {
+  const Sent sent = FirstAnnouncement(inet_addr("127.255.255.255"));
+
+  EXPECT_EQ(sent.address, AddressBytes("\x7F\xFF\xFF\xFF"));
+  EXPECT_EQ(sent.descriptor, calls_.Descriptor(kDiscoverer));
+}
+
+TEST_F(BroadcastAddressTest, OfAllBitsIsTheLimitedBroadcast) {
+  const Sent sent = FirstAnnouncement(0xFFFFFFFF);
+
+  EXPECT_EQ(sent.address, AddressBytes("\xFF\xFF\xFF\xFF"));
+}
+
+TEST_F(BroadcastAddressTest, MayBeTheAddressOfOneHost) {
+  const Sent sent = FirstAnnouncement(inet_addr("127.1.2.3"));
+
+  EXPECT_EQ(sent.address, AddressBytes("\x7F\x01\x02\x03"));
+}
+
+TEST_F(TableServerTest, AnnouncesItsPortAndItsGroup) {
   std::string announcement;
-  Hooked sendto(Hooks().sendto, [&](int, const void* bytes, std::size_t size, int, const sockaddr*, socklen_t) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    announcement.assign(static_cast<const char*>(bytes), size);
+  std::promise<void> announced;
+  Hooks().sendto.Set([&](int, const void* bytes, std::size_t size, int, const sockaddr*, socklen_t) {
+    if (announcement.empty()) {
+      announcement.assign(static_cast<const char*>(bytes), size);
+      announced.set_value();
+    }
     return static_cast<ssize_t>(size);
   });
 
-  unsigned short port = 0;
-  {
-    TableServer server(CombinedKey("dev", "proc"), "db", Varnix::MakeTable("r"), Varnix::MakeTable("s"), "group",
-                       inet_addr("127.255.255.255"));
-    port = server.GetListenPort();
+  Start();
+
+  ASSERT_TRUE(IsKept(announced));
+  server_->Stop();
+  const unsigned short port = server_->GetListenPort();
+  EXPECT_EQ(announcement, std::string({static_cast<char>(port >> 8), static_cast<char>(port & 0xFF)}) + "group");
+}
+
+// Which of the server's own threads, counted from 1, cannot be started.
+class MissingThreadTest : public TableServerTest, public testing::WithParamInterface<int> {
+ protected:
+  void StartWithoutThread() {
+    Hooked start_thread(Hooks().start_thread, [this] {
+      if (++started_ == GetParam()) ThrowNoThread();
+    });
+    Start();
   }
 
-  const char port_bytes[] = {static_cast<char>(port >> 8), static_cast<char>(port & 0xFF)};
-  EXPECT_EQ(announcement, std::string(port_bytes, 2) + "group");
+ private:
+  int started_ = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Thread, MissingThreadTest, testing::Values(1, 2));
+
+TEST_P(MissingThreadTest, IsToldByTheConstructor) {
+  std::error_code error;
+
+  try {
+    StartWithoutThread();
+  } catch (const std::system_error& thrown) {
+    error = thrown.code();
+  }
+
+  EXPECT_EQ(error, std::error_code(EAGAIN, std::generic_category()));
+}
+
+TEST_P(MissingThreadTest, LeavesNoDescriptorOpen) {
+  EXPECT_THROW(StartWithoutThread(), std::system_error);
+
+  EXPECT_THAT(calls_.Calls(),
+              IsSupersetOf({"close(#1)", "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"}));
+}
+
+TEST_P(MissingThreadTest, LeavesNoThread) {
+  const std::size_t before = NumberOfThreads();
+
+  EXPECT_THROW(StartWithoutThread(), std::system_error);
+
+  const auto deadline = std::chrono::system_clock::now() + kDeadline;
+  while (NumberOfThreads() > before && std::chrono::system_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_EQ(NumberOfThreads(), before);
+}
+
+TEST_P(MissingThreadTest, LeavesNoDoneTable) {
+  EXPECT_THROW(StartWithoutThread(), std::system_error);
+
+  EXPECT_THAT(NamesOfLocalTables(), Not(Contains("_vrx_.ts_done.db")));
+}
+
+TEST_P(MissingThreadTest, LeavesRoomForAnotherServer) {
+  EXPECT_THROW(StartWithoutThread(), std::system_error);
+
+  Start();
+
+  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+}
+
+TEST_F(TableServerTest, HookThatThrowsAtConstructionLeavesNothingBehind) {
+  SetLogHook([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("hook"); });
+
+  EXPECT_THROW(Start(), std::runtime_error);
+
+  EXPECT_THAT(calls_.Calls(), IsEmpty());
+  EXPECT_THAT(NamesOfLocalTables(), Not(Contains("_vrx_.ts_done.db")));
+}
+
+// Stopping.
+
+TEST_F(TableServerTest, StopSignalsThenSetsTheDoneRowThenClosesInThisOrder) {
+  Start();
+  calls_.Clear();
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) { calls_.Add(tag); });
+
+  server_->Stop();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("write(#4, D)", "tbl.set.ins", "close(#1)", "close(#2)", "close(#3)",
+                                          "close(#4)", "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, StopSetsTheRowDoneToY) {
+  Start();
+  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+
+  server_->Stop();
+
+  EXPECT_THAT(done_table->WatchAll()->GetChanges(), ElementsAre(Varnix::Row("done", "y")));
+}
+
+TEST_F(TableServerTest, DestructionIsAStop) {
+  Start();
+  calls_.Clear();
+
+  server_.reset();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("write(#4, D)", "close(#1)", "close(#2)", "close(#3)", "close(#4)",
+                                          "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, DestructionAfterAStopTakesNoStepAgain) {
+  Start();
+  server_->Stop();
+  calls_.Clear();
+
+  server_.reset();
+
+  EXPECT_THAT(calls_.Calls(), IsEmpty());
+}
+
+TEST_F(TableServerTest, DoneTableGoesWithTheServer) {
+  Start();
+
+  server_.reset();
+
+  EXPECT_THAT(NamesOfLocalTables(), Not(Contains("_vrx_.ts_done.db")));
+}
+
+TEST_F(TableServerTest, DestructionWithoutPeersIsSilentButForTheDoneRow) {
+  Start();
+  log_.Clear();
+
+  server_.reset();
+
+  EXPECT_THAT(log_.Tags(), ElementsAre("tbl.set.ins"));
+}
+
+TEST_F(TableServerTest, DonePipeStaysReadableOnceTheStopHasBegun) {
+  Start();
+  int unread = 0;
+  int ready = 0;
+  calls_.OnCall([&](const std::string& call) {
+    if (call != "close(#1)") return;  // All threads have seen the byte by now.
+    pollfd entry = {calls_.Descriptor(kDoneRead), POLLIN, 0};
+    ready = Hooks().poll.Real(&entry, 1, 0);
+    ioctl(calls_.Descriptor(kDoneRead), FIONREAD, &unread);
+  });
+
+  server_->Stop();
+
+  EXPECT_EQ(ready, 1);
+  EXPECT_EQ(unread, 1);
+}
+
+TEST_F(TableServerTest, FailedWriteToTheDonePipeIsLoggedAndTheStopGoesOn) {
+  Start();
+  log_.Clear();
+  Hooks().write.Set([](int descriptor, const void* bytes, std::size_t size) -> ssize_t {
+    Hooks().write.Real(descriptor, bytes, size);  // The threads have to end all the same.
+    return FailWith{EPIPE}();
+  });
+
+  server_->Stop();
+
+  EXPECT_THAT(log_.Lines("tblsvr.dest"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.dest", "TableServer: pipe write fail error 32", ""}));
+  EXPECT_THAT(log_.Tags(), ElementsAre("tblsvr.dest", "tbl.set.ins"));
+  EXPECT_THAT(calls_.Calls(), Contains("close(#6)"));
+}
+
+TEST_F(TableServerTest, WriteToTheDonePipeThatTakesNothingIsAFailure) {
+  Start();
+  Hooks().write.Set([](int descriptor, const void* bytes, std::size_t size) -> ssize_t {
+    Hooks().write.Real(descriptor, bytes, size);
+    errno = EIO;
+    return 0;
+  });
+
+  server_->Stop();
+
+  EXPECT_THAT(log_.Lines("tblsvr.dest"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.dest", "TableServer: pipe write fail error 5", ""}));
+}
+
+TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatNeverAnswers) {
+  Start();
+  const Client silent(server_->GetListenPort());
+  ASSERT_EQ(silent.Receive(14), kRecordOfUid);
+
+  server_->Stop();
+
+  EXPECT_TRUE(silent.IsEnded());
+  EXPECT_TRUE(log_.Eventually("tblsndr.dtor"));
+}
+
+TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatReceivesRows) {
+  Start();
+  const Client peer(server_->GetListenPort());
+  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
+  ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
+
+  server_->Stop();
+
+  EXPECT_TRUE(peer.IsEnded());
+}
+
+TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
+  Start();
+  const Client peer(server_->GetListenPort());
+  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  const std::size_t threads_of_server = 3;
+  const std::size_t others = NumberOfThreads() - threads_of_server;
+  const pid_t stopping = gettid();
+  calls_.Clear();
+  // The peer's thread, at its end, stays until the server's own have gone and the stop is either asleep or past it.
+  calls_.OnCall([&](const std::string& call) {
+    if (call != "close(#7)") return;
+    const auto deadline = std::chrono::system_clock::now() + kDeadline;
+    const auto waits = [&] { return NumberOfThreads() <= others + 1 && IsAsleep(stopping); };
+    const auto went_on = [&] {
+      const std::vector<std::string> calls = calls_.Calls();
+      return std::find(calls.begin(), calls.end(), "close(#1)") != calls.end();
+    };
+    while (!waits() && !went_on() && std::chrono::system_clock::now() < deadline) std::this_thread::yield();
+    calls_.Add("last peer thread ends");
+  });
+
+  server_->Stop();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("write(#4, D)", "close(#7)", "last peer thread ends", "close(#1)",
+                                          "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, StopEndsThePauseOfAReceiverAtOnce) {
+  std::promise<void> pausing;
+  std::atomic<int> pauses{0};
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    if (++pauses == 1) pausing.set_value();
+    return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
+  });
+  Start();
+  const Client peer(server_->GetListenPort());
+  peer.Answer();
+  ASSERT_TRUE(IsKept(pausing));
+
+  server_->Stop();
+
+  const std::string server = "TableServer for dev::proc::db(" + Address() + ")";
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.rcv.err.abort"),
+              ElementsAre(LogLine{LogLevel::Info, "tblsvr.fnd.rcv.err.abort",
+                                  server + " aborted while retrying ReceiveTable", ""}));
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.rcv.abort"),
+              ElementsAre(LogLine{LogLevel::Info, "tblsvr.fnd.rcv.abort",
+                                  server + " aborting ReceiveTable for 2130706433:9", ""}));
+}
+
+// A log hook that throws while the server stops, on the thread that stops it.
+class ThrowingHookTest : public TableServerTest {
+ protected:
+  void ThrowAt(const std::string& tag) {
+    SetLogHook([this, tag, stopping = std::this_thread::get_id()](LogLevel, const char* logged, const char*, va_list) {
+      if (std::this_thread::get_id() == stopping && logged == tag) throw std::runtime_error(tag);
+    });
+  }
+  static std::vector<std::string> AllClosed() {
+    return {"close(#1)", "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"};
+  }
+};
+
+TEST_F(ThrowingHookTest, IsHeardFromStopWhenTheDoneRowIsSet) {
+  Start();
+  ThrowAt("tbl.set.ins");
+
+  EXPECT_THROW(server_->Stop(), std::runtime_error);
+}
+
+TEST_F(ThrowingHookTest, AtTheDoneRowKeepsNoStepFromBeingTaken) {
+  Start();
+  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  const Client peer(server_->GetListenPort());
+  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
+  ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
+  ThrowAt("tbl.set.ins");
+
+  EXPECT_THROW(server_->Stop(), std::runtime_error);
+
+  SetLogHook({});
+  EXPECT_THAT(done_table->WatchAll()->GetChanges(), ElementsAre(Varnix::Row("done", "y")));
+  EXPECT_TRUE(peer.IsEnded());
+  EXPECT_THAT(calls_.Calls(), IsSupersetOf(AllClosed()));
+}
+
+TEST_F(ThrowingHookTest, AtTheDonePipeKeepsNoStepFromBeingTaken) {
+  Start();
+  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  ThrowAt("tblsvr.dest");
+  Hooks().write.Set([](int descriptor, const void* bytes, std::size_t size) -> ssize_t {
+    Hooks().write.Real(descriptor, bytes, size);
+    return FailWith{EPIPE}();
+  });
+
+  EXPECT_THROW(server_->Stop(), std::runtime_error);
+
+  EXPECT_THAT(done_table->WatchAll()->GetChanges(), ElementsAre(Varnix::Row("done", "y")));
+  EXPECT_THAT(calls_.Calls(), IsSupersetOf(AllClosed()));
+}
+
+TEST_F(ThrowingHookTest, DoesNotMakeDestructionThrow) {
+  Start();
+  ThrowAt("tbl.set.ins");
+
+  EXPECT_NO_THROW(server_.reset());
+
+  EXPECT_THAT(calls_.Calls(), IsSupersetOf(AllClosed()));
+}
+
+TEST_F(ThrowingHookTest, LeavesNothingForDestructionToDoAfterAStop) {
+  Start();
+  ThrowAt("tbl.set.ins");
+  EXPECT_THROW(server_->Stop(), std::runtime_error);
+  calls_.Clear();
+
+  server_.reset();
+
+  EXPECT_THAT(calls_.Calls(), IsEmpty());
+}
+
+// A change of the network.
+
+TEST_F(TableServerTest, NetworkChangeWritesAWToTheWakePipe) {
+  Start();
+  calls_.Clear();
+
+  server_->NetworkChanged();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("write(#6, W)"));
+}
+
+TEST_F(TableServerTest, NetworkChangeWakesTheDiscoveryThread) {
+  Start();
+
+  server_->NetworkChanged();
+
+  EXPECT_TRUE(log_.Eventually("tblsvr.dscv.chg"));
+}
+
+TEST_F(TableServerTest, FailedWriteToTheWakePipeIsLoggedAndTheServerGoesOn) {
+  Start();
+  Hooks().write.Set(FailWith{EAGAIN});
+
+  server_->NetworkChanged();
+
+  Hooks().write.Reset();
+  EXPECT_THAT(log_.Lines("tblsvr.nwc"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed 11", ""}));
+  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+}
+
+// Accepting.
+
+TEST_F(TableServerTest, AcceptLoopWaitsForTheDonePipeFirstAndForConnectionsWithoutLimit) {
+  std::optional<std::pair<std::vector<pollfd>, int>> first;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (IsAcceptWait(entries, count) && !first) {
+      first.emplace(std::vector<pollfd>(entries, entries + count), time_out);
+    }
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  Start();
+  server_->Stop();
+
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->first[0].fd, calls_.Descriptor(kDoneRead));
+  EXPECT_EQ(first->first[0].events, POLLIN);
+  EXPECT_EQ(first->first[1].fd, calls_.Descriptor(kListener));
+  EXPECT_EQ(first->first[1].events, POLLIN);
+  EXPECT_EQ(first->second, -1);
+}
+
+TEST_F(TableServerTest, AcceptedConnectionIsServed) {
+  Start();
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+}
+
+TEST_F(TableServerTest, ConnectionsAreServedSideBySide) {
+  Start();
+
+  const Client one(server_->GetListenPort());
+  const Client other(server_->GetListenPort());
+
+  EXPECT_EQ(one.Receive(14), kRecordOfUid);
+  EXPECT_EQ(other.Receive(14), kRecordOfUid);
+}
+
+TEST_F(TableServerTest, AcceptedSocketIsClosedOnExecFromTheStart) {
+  Start();
+  calls_.Clear();
+
+  const Client peer(server_->GetListenPort());
+  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("accept(#1, 16) = #7", "fcntl(#7, F_SETFD, FD_CLOEXEC)"));
+  EXPECT_EQ(fcntl(calls_.Descriptor(kAccepted), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(TableServerTest, PeerIsConnectedBackToAtTheAddressItCameFrom) {
+  Start();
+
+  const Client peer(server_->GetListenPort(), "127.0.0.2");
+  peer.Answer();
+
+  ASSERT_TRUE(log_.Eventually("tblrcvr.ctor"));
+  EXPECT_THAT(log_.Lines("tblrcvr.ctor")[0].text, EndsWith(" for db:2130706434:9 starting"));
+}
+
+TEST_F(TableServerTest, InterruptedPollOfTheAcceptLoopIsRetriedSilently) {
+  std::atomic<int> polls{0};
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (IsAcceptWait(entries, count) && ++polls == 1) return FailWith{EINTR}();
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  Start();
+
+  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+  EXPECT_THAT(log_.Lines("tblsvr.acc.poll"), IsEmpty());
+  server_->Stop();  // Its threads count no further.
+}
+
+TEST_F(TableServerTest, FailedPollOfTheAcceptLoopEndsTheProcess) {
+  const auto start = [this] {
+    SetLogHook(DefaultLogger);
+    Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+      if (IsAcceptWait(entries, count)) return FailWith{EINVAL}();
+      return Hooks().poll.Real(entries, count, time_out);
+    });
+    Start();
+    server_.reset();  // Joins the thread that ends the process.
+  };
+
+  EXPECT_EXIT(start(), testing::KilledBySignal(SIGABRT),
+              testing::StrEq("tblsvr.acc.poll: TableServer: Accept::poll error 22: Invalid argument\n"));
+}
+
+TEST_F(TableServerTest, StopWinsOverAWaitingConnection) {
+  std::atomic<int> accepts{0};
+  Hooked accept(Hooks().accept, [&](int, sockaddr*, socklen_t*) {
+    ++accepts;
+    return FailWith{ECONNABORTED}();
+  });
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    entries[0].revents = POLLIN;
+    entries[1].revents = POLLIN;
+    return 2;
+  });
+
+  Start();
+  server_->Stop();
+
+  EXPECT_EQ(accepts, 0);
+}
+
+TEST_F(TableServerTest, AcceptLoopPollsAgainWhenTheListenerHasNoEvent) {
+  std::atomic<int> polls{0};
+  std::atomic<int> accepts{0};
+  Hooked accept(Hooks().accept, [&](int, sockaddr*, socklen_t*) {
+    ++accepts;
+    return FailWith{ECONNABORTED}();
+  });
+  std::promise<void> polled_again;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    if (++polls == 1) return 0;
+    if (polls == 2) polled_again.set_value();
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+
+  Start();
+
+  EXPECT_TRUE(IsKept(polled_again));
+  server_->Stop();
+  EXPECT_EQ(accepts, 0);
+}
+
+TEST_F(TableServerTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
+  Start();
+  Hooks().accept.Set(FailOnce(Hooks().accept, ECONNABORTED));
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error 103", ""}));
+}
+
+// What the accept loop does after an accept that failed with a given error.
+class FailedAcceptTest : public TableServerTest, public testing::WithParamInterface<int> {
+ protected:
+  // The waits and accepts of the loop, up to the second accept.
+  std::vector<std::string> Trace() {
+    std::promise<void> accepted_again;
+    const auto fail_once = FailOnce(Hooks().accept, GetParam());
+    Hooks().accept.Set([&, accepts = 0](int descriptor, sockaddr* address, socklen_t* size) mutable {
+      trace_.emplace_back("accept");
+      if (++accepts == 2) accepted_again.set_value();
+      return fail_once(descriptor, address, size);
+    });
+    Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
+      if (IsAcceptWait(entries, count)) trace_.emplace_back("wait");
+      if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+      trace_.push_back("pause of " + std::to_string(time_out) + " ms for " + std::to_string(entries[0].events));
+      return 0;
+    });
+    Start();
+    const Client peer(server_->GetListenPort());
+    EXPECT_TRUE(IsKept(accepted_again));
+    EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+    server_->Stop();
+    std::vector<std::string> trace = trace_;
+    trace.erase(std::find(trace.rbegin(), trace.rend(), "accept").base(), trace.end());
+    return trace;
+  }
+
+ private:
+  std::vector<std::string> trace_;  // Of the accept thread alone.
+};
+
+class AcceptWithoutResourcesTest : public FailedAcceptTest {};
+INSTANTIATE_TEST_SUITE_P(Error, AcceptWithoutResourcesTest, testing::Values(EMFILE, ENFILE, ENOBUFS, ENOMEM));
+
+TEST_P(AcceptWithoutResourcesTest, WaitsForTheStopForAHundredMillisecondsBeforeItPollsAgain) {
+  EXPECT_THAT(Trace(), ElementsAre("wait", "accept", "pause of 100 ms for 1", "wait", "accept"));
+  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc",
+                                  "TableServer: Accept::accept error " + std::to_string(GetParam()), ""}));
+}
+
+class AcceptOfALostConnectionTest : public FailedAcceptTest {};
+INSTANTIATE_TEST_SUITE_P(Error, AcceptOfALostConnectionTest, testing::Values(ECONNABORTED, EINTR, EPROTO, EPERM));
+
+TEST_P(AcceptOfALostConnectionTest, IsFollowedByTheNextPollAtOnce) {
+  EXPECT_THAT(Trace(), ElementsAre("wait", "accept", "wait", "accept"));
+  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc",
+                                  "TableServer: Accept::accept error " + std::to_string(GetParam()), ""}));
+}
+
+TEST_F(TableServerTest, StopEndsThePauseOfTheAcceptLoop) {
+  std::promise<void> pausing;
+  std::atomic<int> pauses{0};
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    if (++pauses == 1) pausing.set_value();
+    return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
+  });
+  Hooks().accept.Set(FailWith{EMFILE});
+  Start();
+  const Client peer(server_->GetListenPort());
+  ASSERT_TRUE(IsKept(pausing));
+
+  server_->Stop();
+
+  EXPECT_EQ(pauses, 1);
+}
+
+TEST_F(TableServerTest, InterruptedPauseOfTheAcceptLoopIsOverlooked) {
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (IsPause(entries, count)) return FailWith{EINTR}();
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  Hooks().accept.Set(FailOnce(Hooks().accept, EMFILE));
+  Start();
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.poll")));
+}
+
+// Peer threads that cannot be started.
+
+TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsLoggedAndClosed) {
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_TRUE(peer.IsEnded());
+  EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.thread",
+                                  "TableServer: IncomingConnection::thread error 11", ""}));
+}
+
+TEST_F(TableServerTest, ConnectionForWhichThereIsNoMemoryIsLoggedAndClosed) {
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoMemory);
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_TRUE(peer.IsEnded());
+  EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.thread",
+                                  "TableServer: IncomingConnection::thread error 12", ""}));
+}
+
+TEST_F(TableServerTest, ServerGoesOnAfterAConnectionForWhichThereWasNoThread) {
+  Start();
+  {
+    Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    EXPECT_TRUE(Client(server_->GetListenPort()).IsEnded());
+  }
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+}
+
+TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadIsLogged) {
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+
+  server_->FoundPeer(INADDR_LOOPBACK, 9, std::make_shared<ActiveESNs>([] {}));
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
+                                                                   "TableServer: FoundPeer::thread error 11", ""}));
+}
+
+TEST_F(TableServerTest, FoundPeerForWhichThereIsNoMemoryIsLogged) {
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoMemory);
+
+  server_->FoundPeer(INADDR_LOOPBACK, 9, std::make_shared<ActiveESNs>([] {}));
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
+                                                                   "TableServer: FoundPeer::thread error 12", ""}));
+}
+
+TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+  int released = 0;
+
+  server_->FoundPeer(INADDR_LOOPBACK, 9, std::make_shared<ActiveESNs>([&] { ++released; }));
+
+  EXPECT_EQ(released, 1);
+}
+
+TEST_F(TableServerTest, PeerThatCannotBeConnectedBackToIsServedAllTheSame) {
+  Start();
+  const Client peer(server_->GetListenPort());
+  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+
+  peer.Answer();
+  ASSERT_TRUE(log_.Eventually("tblsvr.fnd.thread"));
+  send_table_->Set({"k", "v"});
+
+  EXPECT_EQ(peer.Receive(6), std::string("\x00\x10\x00\x01kv", 6));
+}
+
+TEST_F(TableServerTest, NextMessageOfAPeerTriesAgainToConnectBack) {
+  Start();
+  {
+    const Client peer(server_->GetListenPort());
+    ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+    Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    peer.Answer();
+    ASSERT_TRUE(log_.Eventually("tblsvr.fnd.thread"));
+  }
+
+  const Client peer(server_->GetListenPort());
+  peer.Answer();
+
+  EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
+}
+
+// Two servers on the real discovery port, in a group that no other process has.
+
+class TwoServersTest : public testing::Test {
+ protected:
+  std::unique_ptr<TableServer> Make(const std::string& uid, const std::string& database) const {
+    return std::make_unique<TableServer>(uid, database, Varnix::MakeTable("r"), Varnix::MakeTable("s"), group_,
+                                         inet_addr("127.255.255.255"));
+  }
+  // Waits until `server` has found the other, and that it serves another database.
+  bool HasHeard(const TableServer& server, const TableServer& other) const {
+    const std::string text = "(" + AddressOf(&server) +
+                             ") aborting ReceiveTable for 2130706433:" + std::to_string(other.GetListenPort()) +
+                             " because connected to wrong table server";
+    const auto heard = [&] {
+      const std::vector<LogLine> lines = log_.Lines("tblsvr.fnd.rcv.abort.svr");
+      return std::any_of(lines.begin(), lines.end(),
+                         [&](const LogLine& line) { return line.text.find(text) != std::string::npos; });
+    };
+    for (std::size_t lines = 1; !heard(); ++lines) {
+      if (!log_.Eventually("tblsvr.fnd.rcv.abort.svr", lines)) return false;
+    }
+    return true;
+  }
+
+  LogRecorder log_;
+  const std::string group_ = "group of " + std::to_string(getpid());
+};
+
+TEST_F(TwoServersTest, OfTwoDatabasesShareTheDiscoveryPortAndHearEachOther) {
+  const auto first = Make("\3devproc", "first");
+  const auto second = Make("\3devproc", "second");
+
+  first->NetworkChanged();  // Announces again: the second was not there the first time.
+
+  EXPECT_TRUE(HasHeard(*first, *second));
+  EXPECT_TRUE(HasHeard(*second, *first));
+}
+
+TEST_F(TwoServersTest, HavePortsOfTheirOwn) {
+  const auto first = Make("\3devproc", "first");
+  const auto second = Make("\3devproc", "second");
+
+  EXPECT_NE(first->GetListenPort(), second->GetListenPort());
+}
+
+TEST_F(TwoServersTest, MayFollowOneAnotherForOneDatabase) {
+  Make("\3devproc", "first").reset();
+
+  const auto successor = Make("\3devproc", "first");
+  const auto other = Make("\3devproc", "second");
+
+  EXPECT_TRUE(HasHeard(*successor, *other));
 }
