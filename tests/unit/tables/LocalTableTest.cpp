@@ -1,14 +1,316 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "FailingAllocations.h"
+#include "support/LogRecorder.h"
+#include "support/ThrowingHook.h"
 #include "tables/LocalTable.h"
+
+namespace {
+
+using Varnix::LogLevel;
+using Varnix::Row;
+
+// All that the watcher has to report now.
+std::vector<Row> Drain(Varnix::Watcher& watcher) {
+  std::vector<Row> rows;
+  for (std::vector<Row> next = watcher.GetChanges(); !next.empty(); next = watcher.GetChanges()) {
+    rows.push_back(next.at(0));
+  }
+  return rows;
+}
+
+std::vector<Row> Contents(Varnix::Table& table) { return Drain(*table.WatchAll()); }
+
+std::vector<std::shared_ptr<Varnix::Table>> Listed(const std::string& name) {
+  std::vector<std::shared_ptr<Varnix::Table>> found;
+  for (const auto& [listed, table] : Varnix::GetLocalTables()) {
+    if (listed == name) found.push_back(table);
+  }
+  return found;
+}
+
+}  // namespace
 
 TEST(LocalTable, IdenticalSetIsInvisibleToEveryWatcher) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
-  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
   table->Set({"k", "v"});
-  ASSERT_EQ(all->GetChanges(), std::vector<Varnix::Row>({{"k", "v"}}));
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  const std::shared_ptr<Varnix::Watcher> key = table->Watch("k");
+  Drain(*all);
+  Drain(*key);
 
   table->Set({"k", "v"});
 
   EXPECT_TRUE(all->GetChanges().empty());
+  EXPECT_TRUE(key->GetChanges().empty());
+}
+
+TEST(LocalTable, IdenticalSetKeepsTheRowInItsPlace) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"a", "1"});
+  table->Set({"b", "2"});
+
+  table->Set({"a", "1"});
+
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"a", "1"}, {"b", "2"}}));
+}
+
+TEST(LocalTable, SetLogsOneInsertAndThenUpdatesAlsoOfAnUnchangedValue) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::string name = "Table(" + AddressOf(table.get()) + ")";
+  LogRecorder log;
+
+  table->Set({"key", "four"});
+  table->Set({"key", "four"});
+  table->Set({"key", ""});
+
+  EXPECT_EQ(log.Lines(), (std::vector<LogLine>{
+                             {LogLevel::Debug, "tbl.set.ins", name + " inserting row for key (4 bytes)", ""},
+                             {LogLevel::Debug, "tbl.set.upd", name + " updating row for key (4 bytes)", ""},
+                             {LogLevel::Debug, "tbl.set.upd", name + " updating row for key (0 bytes)", ""},
+                         }));
+}
+
+TEST(LocalTable, ChangedRowMovesBehindAllOthers) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"a", "1"});
+  table->Set({"b", "2"});
+  table->Set({"c", "3"});
+
+  table->Set({"a", "4"});
+
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"b", "2"}, {"c", "3"}, {"a", "4"}}));
+}
+
+TEST(LocalTable, ChangedRowThatIsLastStaysLast) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"a", "1"});
+  table->Set({"b", "2"});
+
+  table->Set({"b", "3"});
+
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"a", "1"}, {"b", "3"}}));
+}
+
+TEST(LocalTable, EmptyKeyAndEmptyValueAreOrdinary) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::shared_ptr<Varnix::Watcher> key = table->Watch("");
+
+  table->Set({"", ""});
+
+  EXPECT_EQ(Drain(*key), (std::vector<Row>{{"", ""}}));
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"", ""}}));
+}
+
+TEST(LocalTable, ZeroBytesInKeysAndValuesCount) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::string key("k\0a", 3);
+  const std::string other("k\0b", 3);
+  const std::string value("v\0\0", 3);
+
+  table->Set({key, value});
+  table->Set({other, "v"});
+
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{key, value}, {other, "v"}}));
+}
+
+TEST(LocalTable, WatchingLogsTheNumberOfWatchersTheNewOneIncluded) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::string name = "Table(" + AddressOf(table.get()) + ")";
+  LogRecorder log;
+
+  const std::shared_ptr<Varnix::Watcher> key = table->Watch("mode");
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+
+  EXPECT_EQ(log.Lines(), (std::vector<LogLine>{
+                             {LogLevel::Debug, "tbl.watch.key", name + " watching mode (1 watchers total)", ""},
+                             {LogLevel::Debug, "tbl.watch.all", name + " watching all (2 watchers total)", ""},
+                         }));
+}
+
+TEST(LocalTable, ForgetsAWatcherThatIsGone) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->WatchAll().reset();
+  table->Watch("k").reset();
+  LogRecorder log;
+
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+
+  EXPECT_THAT(log.Lines().at(0).text, testing::EndsWith("watching all (1 watchers total)"));
+}
+
+TEST(LocalTable, CannotBeWatchedWithoutASharedOwner) {
+  LocalTable unowned("t");
+
+  EXPECT_THROW(unowned.Watch("k"), std::bad_weak_ptr);
+  EXPECT_THROW(unowned.WatchAll(), std::bad_weak_ptr);
+}
+
+TEST(LocalTable, LivesAsLongAsItsWatchers) {
+  std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("kept by its watcher");
+  table->Set({"k", "v"});
+  std::shared_ptr<Varnix::Watcher> watcher = table->WatchAll();
+
+  table.reset();
+  EXPECT_EQ(Listed("kept by its watcher").size(), 1U);
+  EXPECT_EQ(Drain(*watcher), (std::vector<Row>{{"k", "v"}}));
+
+  watcher.reset();
+  EXPECT_EQ(Listed("kept by its watcher").size(), 0U);
+}
+
+TEST(MakeTable, MakesTwoTablesOfOneName) {
+  const std::shared_ptr<Varnix::Table> first = Varnix::MakeTable("twice");
+  const std::shared_ptr<Varnix::Table> second = Varnix::MakeTable("twice");
+
+  first->Set({"k", "v"});
+
+  EXPECT_NE(first, second);
+  EXPECT_TRUE(Contents(*second).empty());
+  EXPECT_THAT(Listed("twice"), testing::UnorderedElementsAre(first, second));
+}
+
+TEST(MakeTable, LogsNothing) {
+  LogRecorder log;
+
+  Varnix::MakeTable("t").reset();
+
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(GetLocalTables, ForgetsATableThatIsGone) {
+  std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("gone");
+  ASSERT_EQ(Listed("gone"), (std::vector<std::shared_ptr<Varnix::Table>>{table}));
+
+  table.reset();
+
+  EXPECT_TRUE(Listed("gone").empty());
+}
+
+TEST(LocalTable, SetChangesNothingWhenTheLogHookThrows) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"k", "old"});
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  Drain(*all);
+  {
+    const ThrowingHook hook(1);
+    EXPECT_THROW(table->Set({"k", "new"}), HookError);
+  }
+  {
+    const ThrowingHook hook(1);
+    EXPECT_THROW(table->Set({"other", "v"}), HookError);
+  }
+
+  EXPECT_TRUE(all->GetChanges().empty());
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"k", "old"}}));
+}
+
+TEST(LocalTable, SetsWithoutAWordWhenAskedTo) {
+  const std::shared_ptr<LocalTable> table = LocalTable::Make("t");
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  LogRecorder log;
+
+  table->SetUnlogged({"done", "n"});
+  table->SetUnlogged({"done", "y"});
+
+  EXPECT_TRUE(log.Lines().empty());
+  EXPECT_EQ(Drain(*all), (std::vector<Row>{{"done", "y"}}));
+}
+
+TEST(LocalTable, WatchRegistersNothingWhenTheLogHookThrows) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  {
+    const ThrowingHook hook(1);
+    EXPECT_THROW(table->Watch("k"), HookError);
+  }
+  {
+    const ThrowingHook hook(1);
+    EXPECT_THROW(table->WatchAll(), HookError);
+  }
+
+  LogRecorder log;
+  const std::shared_ptr<Varnix::Watcher> watcher = table->Watch("k");
+  EXPECT_THAT(log.Lines().at(0).text, testing::EndsWith("watching k (1 watchers total)"));
+}
+
+TEST(LocalTable, SetEitherHappensOrDoesNotWhenMemoryRunsOut) {
+  const std::string key(100, 'k');
+  const std::string value(1000, 'v');
+  for (long n = 1;; ++n) {
+    const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+    table->Set({"old", "short"});
+    const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+    const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet({all});
+    Drain(*all);
+    const Row inserted(key, value);
+    const Row updated("old", value);
+    bool failed = false;
+    for (const Row* row : {&inserted, &updated}) {
+      bool failed_here = false;
+      {
+        const FailingAllocation failing(n);
+        try {
+          table->Set(*row);
+        } catch (const std::bad_alloc&) {
+        }
+        failed_here = failing.HasFailed();
+      }
+      EXPECT_EQ(Drain(*all).empty(), failed_here);
+      failed = failed || failed_here;
+    }
+    table->Set(inserted);
+    table->Set(updated);
+
+    std::vector<Row> rows = Contents(*table);
+    std::sort(rows.begin(), rows.end());
+    EXPECT_EQ(rows, (std::vector<Row>{inserted, updated}));
+    if (!failed) return;
+    ASSERT_LT(n, 50);
+  }
+}
+
+TEST(LocalTable, WatchingRegistersNothingWhenMemoryRunsOut) {
+  const std::string key(100, 'k');
+  for (long n = 1;; ++n) {
+    const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+    bool failed = false;
+    for (const bool all : {false, true}) {
+      FailingAllocation failing(n);
+      try {
+        all ? table->WatchAll() : table->Watch(key);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failed || failing.HasFailed();
+    }
+
+    LogRecorder log;
+    const std::shared_ptr<Varnix::Watcher> watcher = table->WatchAll();
+    EXPECT_THAT(log.Lines().at(0).text, testing::EndsWith("watching all (1 watchers total)"));
+    if (!failed) return;
+    ASSERT_LT(n, 50);
+  }
+}
+
+TEST(MakeTable, RegistersNothingWhenMemoryRunsOut) {
+  for (long n = 1;; ++n) {
+    bool failed = false;
+    try {
+      FailingAllocation failing(n);
+      const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("a name that does not fit into the string itself");
+      failed = failing.HasFailed();
+      EXPECT_FALSE(failed);
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
+
+    EXPECT_TRUE(Listed("a name that does not fit into the string itself").empty());
+    if (!failed) return;
+    ASSERT_LT(n, 50);
+  }
 }

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+// Every row of a table, oldest change first.
+inline std::vector<Varnix::Row> Contents(Varnix::Table& table) {
+  const std::shared_ptr<Varnix::Watcher> watcher = table.WatchAll();
+  std::vector<Varnix::Row> rows;
+  for (auto next = watcher->GetChanges(); !next.empty(); next = watcher->GetChanges()) rows.push_back(next.at(0));
+  return rows;
+}
+
+// The live local tables of one name.
+inline std::vector<std::shared_ptr<Varnix::Table>> LocalTables(const std::string& name) {
+  std::vector<std::shared_ptr<Varnix::Table>> found;
+  for (const auto& [listed, table] : Varnix::GetLocalTables()) {
+    if (listed == name) found.push_back(table);
+  }
+  return found;
+}

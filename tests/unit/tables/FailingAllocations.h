@@ -1,0 +1,12 @@
+#pragma once
+
+// Makes the n-th allocation of this thread, counted from 1, fail while this object lives.
+class FailingAllocation {
+ public:
+  explicit FailingAllocation(long n);
+  ~FailingAllocation();
+  FailingAllocation(const FailingAllocation&) = delete;
+  FailingAllocation& operator=(const FailingAllocation&) = delete;
+
+  bool HasFailed() const;
+};

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include "FailingAllocations.h"
+#include "tables/KeyWatcher.h"
+
+namespace {
+
+using Varnix::Row;
+using Rows = std::vector<Row>;
+
+class KeyWatcherTest : public testing::Test {
+ protected:
+  const std::shared_ptr<Varnix::Table> table_ = Varnix::MakeTable("t");
+};
+
+}  // namespace
+
+TEST_F(KeyWatcherTest, OfAMissingKeyReportsNothingUntilItIsInserted) {
+  const auto watcher = table_->Watch("k");
+  table_->Set({"other", "v"});
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "v"}}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(KeyWatcherTest, OfAPresentKeyReportsItsValueFirst) {
+  table_->Set({"k", "v"});
+
+  const auto watcher = table_->Watch("k");
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "v"}}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(KeyWatcherTest, ReportsThreeUpdatesBeforeAReadAsOneChangeWithTheThirdValue) {
+  table_->Set({"k", "0"});
+  const auto watcher = table_->Watch("k");
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "0"}}));
+
+  table_->Set({"k", "1"});
+  table_->Set({"k", "2"});
+  table_->Set({"k", "3"});
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "3"}}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(KeyWatcherTest, IgnoresTheChangesOfOtherKeys) {
+  table_->Set({"k", "v"});
+  table_->Set({"kk", "1"});
+  const auto watcher = table_->Watch("k");
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "v"}}));
+
+  table_->Set({"kk", "2"});
+  table_->Set({std::string("k\0", 2), "3"});
+
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(KeyWatcherTest, ReportsTheValueOfTheMomentOfReading) {
+  const auto watcher = table_->Watch("k");
+  table_->Set({"k", "1"});
+  table_->Set({"k", "2"});
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "2"}}));
+}
+
+TEST_F(KeyWatcherTest, LosesNoChangeWhenMemoryRunsOut) {
+  const Row row(std::string(100, 'k'), std::string(1000, 'v'));
+  table_->Set(row);
+  const auto watcher = table_->Watch(row.first);
+  for (long n = 1;; ++n) {
+    FailingAllocation failing(n);
+    try {
+      EXPECT_EQ(watcher->GetChanges(), Rows{row});
+      EXPECT_GT(n, 1);
+      return;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+}

@@ -1,0 +1,300 @@
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "FailingAllocations.h"
+#include "tables/LWatcherSet.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Varnix::Row;
+using Change = std::pair<Row, std::shared_ptr<Varnix::Watcher>>;
+
+const Clock::time_point kPast = Clock::time_point();
+const Change kNothing;
+
+class ForeignWatcher final : public Varnix::Watcher {
+ public:
+  std::vector<Row> GetChanges() override { return {{"foreign", "row"}}; }
+};
+
+class LWatcherSetTest : public testing::Test {
+ protected:
+  const std::shared_ptr<Varnix::Table> table_ = Varnix::MakeTable("t");
+};
+
+std::chrono::nanoseconds ProcessorTimeOfThisThread() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+}  // namespace
+
+TEST_F(LWatcherSetTest, WithoutMembersGivesNothingAtTheDeadline) {
+  const auto set = Varnix::MakeWatcherSet({});
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(20);
+
+  EXPECT_EQ(set->WaitUntil(deadline), kNothing);
+
+  EXPECT_GE(Clock::now(), deadline);
+}
+
+TEST_F(LWatcherSetTest, GivesTheRowsOfAWatchAllWatcherInTheOrderOfTheirLastChange) {
+  for (const char* key : {"a", "b", "c"}) table_->Set({key, "1"});
+  table_->Set({"a", "2"});
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+
+  EXPECT_EQ(set->Wait(), (Change{{"b", "1"}, watcher}));
+  EXPECT_EQ(set->Wait(), (Change{{"c", "1"}, watcher}));
+  EXPECT_EQ(set->Wait(), (Change{{"a", "2"}, watcher}));
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, GivesAPendingChangeAlsoAfterTheDeadline) {
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(set->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
+}
+
+TEST_F(LWatcherSetTest, LeavesOutNullPointersAndForeignWatchers) {
+  const auto set = Varnix::MakeWatcherSet({nullptr, std::make_shared<ForeignWatcher>()});
+
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, TakesAWatcherThatIsGivenTwiceAsOneMember) {
+  table_->Set({"k", "v"});
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher, watcher});
+
+  EXPECT_EQ(set->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, TellsWhichMemberHadTheChange) {
+  const auto mode = table_->Watch("mode");
+  const auto speed = table_->Watch("speed");
+  const auto set = Varnix::MakeWatcherSet({mode, speed});
+
+  table_->Set({"speed", "9"});
+
+  EXPECT_EQ(set->Wait(), (Change{{"speed", "9"}, speed}));
+}
+
+TEST_F(LWatcherSetTest, SetOnAnotherThreadEndsAWait) {
+  const auto watcher = table_->Watch("k");
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  std::thread setter([&] { table_->Set({"k", "v"}); });
+
+  EXPECT_EQ(set->Wait(), (Change{{"k", "v"}, watcher}));
+
+  setter.join();
+}
+
+TEST_F(LWatcherSetTest, GivesNoChangeThatWasReadDirectly) {
+  table_->Set({"k", "v"});
+  const auto all = table_->WatchAll();
+  const auto key = table_->Watch("k");
+  const auto set = Varnix::MakeWatcherSet({all, key});
+
+  all->GetChanges();
+  key->GetChanges();
+
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, TwoSetsWithOneMemberGiveEachChangeOnce) {
+  const auto watcher = table_->WatchAll();
+  const auto one = Varnix::MakeWatcherSet({watcher});
+  const auto other = Varnix::MakeWatcherSet({watcher});
+  table_->Set({"a", "1"});
+  table_->Set({"b", "1"});
+
+  EXPECT_EQ(one->WaitUntil(kPast), (Change{{"a", "1"}, watcher}));
+  EXPECT_EQ(other->WaitUntil(kPast), (Change{{"b", "1"}, watcher}));
+  EXPECT_EQ(one->WaitUntil(kPast), kNothing);
+  EXPECT_EQ(other->WaitUntil(kPast), kNothing);
+
+  table_->Set({"c", "1"});
+  EXPECT_EQ(other->WaitUntil(kPast), (Change{{"c", "1"}, watcher}));
+  EXPECT_EQ(one->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, KeepsItsMembersAlive) {
+  auto watcher = table_->WatchAll();
+  const std::weak_ptr<Varnix::Watcher> alive = watcher;
+  auto set = Varnix::MakeWatcherSet({std::move(watcher)});
+  ASSERT_FALSE(alive.expired());
+
+  set.reset();
+
+  EXPECT_TRUE(alive.expired());
+}
+
+TEST_F(LWatcherSetTest, LeavesItsMembersInWorkingOrderWhenItIsDestroyed) {
+  const auto watcher = table_->WatchAll();
+  Varnix::MakeWatcherSet({watcher}).reset();
+
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(watcher->GetChanges(), (std::vector<Row>{{"k", "v"}}));
+}
+
+TEST_F(LWatcherSetTest, LivesOnWhileAThreadWaitsInIt) {
+  const auto watcher = table_->Watch("k");
+  auto set = Varnix::MakeWatcherSet({watcher});
+  const std::weak_ptr<Varnix::WatcherSet> alive = set;
+  Change seen;
+  std::thread waiter([raw = set.get(), &seen] { seen = raw->Wait(); });
+  while (alive.use_count() < 2) std::this_thread::yield();  // The waiter has its own reference.
+
+  set.reset();
+  EXPECT_FALSE(alive.expired());
+  table_->Set({"k", "v"});
+  waiter.join();
+
+  EXPECT_EQ(seen, (Change{{"k", "v"}, watcher}));
+  EXPECT_TRUE(alive.expired());
+}
+
+TEST_F(LWatcherSetTest, NeverGivesUpBeforeTheDeadline) {
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+  for (int i = 0; i < 50; ++i) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::microseconds(100 * i);
+
+    set->WaitUntil(deadline);
+
+    EXPECT_GE(Clock::now(), deadline);
+  }
+}
+
+TEST_F(LWatcherSetTest, DoesNotSleepForAnyPastDeadline) {
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+
+  EXPECT_EQ(set->WaitUntil(Clock::time_point::min()), kNothing);
+  EXPECT_EQ(set->WaitUntil(Clock::time_point(std::chrono::nanoseconds(-1))), kNothing);
+  EXPECT_EQ(set->WaitUntil(Clock::now()), kNothing);
+}
+
+class FarDeadline : public LWatcherSetTest, public testing::WithParamInterface<Clock::time_point> {};
+
+TEST_P(FarDeadline, IsSleptFor) {
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  std::atomic<bool> waiting{false};
+  std::chrono::nanoseconds used{0};
+  Change seen;
+  std::thread waiter([&] {
+    waiting = true;
+    seen = set->WaitUntil(GetParam());
+    used = ProcessorTimeOfThisThread();
+  });
+  while (!waiting) std::this_thread::yield();
+  Varnix::MakeWatcherSet({})->WaitUntil(Clock::now() + std::chrono::milliseconds(300));  // Time in which it could spin.
+
+  table_->Set({"k", "v"});
+  waiter.join();
+
+  EXPECT_EQ(seen, (Change{{"k", "v"}, watcher}));
+  EXPECT_LT(used, std::chrono::milliseconds(150));
+}
+
+INSTANTIATE_TEST_SUITE_P(Deadlines, FarDeadline,
+                         testing::Values(Clock::time_point::max(), Clock::now() + std::chrono::hours(24 * 365 * 100),
+                                         Clock::now() + std::chrono::hours(25),
+                                         Clock::time_point(std::chrono::seconds(0x7FFFFFFFLL)),
+                                         Clock::time_point(std::chrono::seconds(0x80000001LL)),
+                                         Clock::time_point(std::chrono::seconds(0x100000001LL))));
+
+TEST_F(LWatcherSetTest, LosesNoChangeWhenMemoryRunsOut) {
+  const Row row(std::string(100, 'k'), std::string(1000, 'v'));
+  table_->Set(row);
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  for (long n = 1;; ++n) {
+    FailingAllocation failing(n);
+    try {
+      EXPECT_EQ(set->WaitUntil(kPast), (Change{row, watcher}));
+      EXPECT_GT(n, 1);
+      return;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+}
+
+TEST_F(LWatcherSetTest, LeavesNoTraceWhenMemoryRunsOutWhileItIsMade) {
+  table_->Set({"k", "v"});
+  const std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k"),
+                                                               table_->Watch("missing")};
+  for (long n = 1;; ++n) {
+    bool failed = false;
+    try {
+      FailingAllocation failing(n);
+      Varnix::MakeWatcherSet(watchers).reset();
+      failed = failing.HasFailed();
+    } catch (const std::bad_alloc&) {
+      failed = true;
+    }
+
+    table_->Set({"missing", std::to_string(n)});  // Would call a set that is gone.
+    if (!failed) return;
+    ASSERT_LT(n, 50);
+  }
+}
+
+TEST_F(LWatcherSetTest, SeveralWaitersTogetherTakeEveryChangeOnce) {
+  constexpr int kRows = 20000;
+  constexpr int kWaiters = 3;
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+  std::mutex mutex;
+  std::map<std::string, int> taken;
+  std::thread waiters[kWaiters];
+  for (std::thread& waiter : waiters) {
+    waiter = std::thread([&] {
+      for (;;) {
+        const Row row = set->Wait().first;
+        if (row.first == "end") {
+          table_->Set({"end", row.second + "."});  // For the next one.
+          return;
+        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        ++taken[row.first];
+      }
+    });
+  }
+
+  for (int i = 0; i < kRows; ++i) table_->Set({std::to_string(i), "v"});
+  table_->Set({"end", ""});
+  for (std::thread& waiter : waiters) waiter.join();
+
+  // A waiter may meet the end before another has counted its last row; but after joining, all are counted.
+  EXPECT_EQ(taken.size(), static_cast<std::size_t>(kRows));
+  for (const auto& [key, times] : taken) EXPECT_EQ(times, 1) << key;
+}
+
+TEST_F(LWatcherSetTest, NoWaiterSleepsWhileAChangeIsPending) {
+  // Both waiters sleep before both rows are set in one go: the watcher tells of its first row only.
+  constexpr int kRounds = 2000;
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+  for (int round = 0; round < kRounds; ++round) {
+    std::thread one([&] { set->Wait(); });
+    std::thread other([&] { set->Wait(); });
+    table_->Set({"a", std::to_string(round)});
+    table_->Set({"b", std::to_string(round)});
+    one.join();
+    other.join();
+  }
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
