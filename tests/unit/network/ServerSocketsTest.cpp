@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -143,6 +144,31 @@ TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
     EXPECT_EQ(heard, marker);
     close(listener);
   }
+}
+
+TEST(ServerSockets, ProcessesOfAHostShareTheDiscoveryPort) {
+  int told[2];
+  int release[2];
+  ASSERT_EQ(pipe(told), 0);
+  ASSERT_EQ(pipe(release), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(release[1]);
+    OpenDiscoverySocket();
+    char byte = write(told[1], "y", 1) == 1 ? 'y' : 'n';
+    while (read(release[0], &byte, 1) > 0) {
+    }
+    _exit(0);
+  }
+  close(told[1]);
+  char bound = 'n';
+  EXPECT_EQ(read(told[0], &bound, 1), 1) << "the child has no socket";
+
+  const int discoverer = OpenDiscoverySocket();
+
+  EXPECT_EQ(PortOf(discoverer), 1975);
+  for (const int descriptor : {discoverer, told[0], release[0], release[1]}) close(descriptor);
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 TEST(ServerSockets, DonePipeIsMadeByTheseCallsInThisOrder) {

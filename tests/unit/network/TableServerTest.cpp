@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -527,6 +528,36 @@ TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
 
   EXPECT_THAT(calls_.Calls(), ElementsAre("write(#4, D)", "close(#7)", "last peer thread ends", "close(#1)",
                                           "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, StopEndsAWriterThatAStalledPeerBlocksWhileTheHostFlushesAllTheTime) {
+  std::promise<void> blocked;
+  std::atomic<bool> told{false};
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    const bool of_a_writer = count == 2 && entries[1].events == POLLOUT;
+    if (of_a_writer && Hooks().poll.Real(entries, count, 0) == 0 && !told.exchange(true)) blocked.set_value();
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  for (int i = 0; i < 30; ++i) send_table_->Set({"k" + std::to_string(i), std::string(1000000, 'v')});
+  Start();
+  const Client stalled(server_->GetListenPort());
+  stalled.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
+  ASSERT_TRUE(IsKept(blocked));
+  std::atomic<int> flushes{0};
+  std::atomic<bool> stopped{false};
+  std::thread host([&] {
+    while (!stopped || flushes == 0) {
+      fflush(nullptr);
+      ++flushes;
+    }
+  });
+
+  server_->Stop();
+
+  stopped = true;
+  host.join();
+  EXPECT_THAT(calls_.Calls(), Contains("close(#7)"));
+  EXPECT_THAT(log_.Lines("tblsndr.dtor"), SizeIs(1));
 }
 
 TEST_F(TableServerTest, StopEndsThePauseOfAReceiverAtOnce) {
