@@ -1,0 +1,201 @@
+// A program that uses the library as its tests tell it to, by lines on standard input. Byte strings are in hexadecimal,
+// "-" is the empty one. What happens is reported by lines on standard output, and every command ends in the line "ok".
+// Log lines go to standard error, as level, tag and text.
+#include <Varnix.h>
+#include <arpa/inet.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace {
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+std::string ToHex(const std::string& bytes) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  if (bytes.empty()) return "-";
+  std::string hex;
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    hex += kDigits[value >> 4];
+    hex += kDigits[value & 0xF];
+  }
+  return hex;
+}
+
+// Past stdio, so that a flush of all streams is the library's business alone.
+void Say(const std::string& words) {
+  static std::mutex& lock = *new std::mutex;
+  const std::lock_guard<std::mutex> guard(lock);
+  const std::string line = words + "\n";
+  for (std::size_t written = 0; written < line.size();) {
+    const ssize_t size = write(STDOUT_FILENO, line.data() + written, line.size() - written);
+    if (size < 0) return;
+    written += static_cast<std::size_t>(size);
+  }
+}
+
+void LogToStandardError(Varnix::LogLevel level, const char* tag, const char* format, va_list arguments) {
+  char text[4096];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  const std::string line = std::to_string(static_cast<int>(level)) + " " + tag + " " + text + "\n";
+  if (write(STDERR_FILENO, line.data(), line.size()) < 0) std::abort();
+}
+
+// The thread goes on until the process has ended, as threads of careless hosts do.
+void ReportRows(const std::string& prefix, const std::shared_ptr<Varnix::Table>& table) {
+  std::thread([prefix, set = Varnix::MakeWatcherSet({table->WatchAll()})] {
+    for (;;) {
+      const Varnix::Row row = set->Wait().first;
+      Say(prefix + " " + ToHex(row.first) + " " + ToHex(row.second));
+    }
+  }).detach();
+}
+
+class Host {
+ public:
+  // Until it is told to return: the exit status.
+  int Run() {
+    for (std::string line; !status_ && std::getline(std::cin, line);) {
+      words_ = std::istringstream(line);
+      std::string command;
+      words_ >> command;
+      (this->*Commands().at(command))();
+      if (!status_) Say("ok");
+    }
+    return status_.value_or(0);
+  }
+
+ private:
+  static const std::map<std::string, void (Host::*)()>& Commands() {
+    static const std::map<std::string, void (Host::*)()> commands = {
+        {"share", &Host::Share},
+        {"group", &Host::Group},
+        {"set", &Host::Set},
+        {"watch", &Host::Watch},
+        {"watch-tables", &Host::WatchTables},
+        {"watch-databases", &Host::WatchDatabases},
+        {"network-changed", &Host::NetworkChanged},
+        {"flush", &Host::Flush},
+        {"spawn", &Host::Spawn},
+        {"fork", &Host::Fork},
+        {"become", &Host::Become},
+        {"return", &Host::Return},
+    };
+    return commands;
+  }
+
+  std::string Word() {
+    std::string word;
+    words_ >> word;
+    return word;
+  }
+
+  std::string Bytes() { return FromHex(Word()); }
+
+  std::shared_ptr<Varnix::Table> SharedTable(const std::string& database, const std::string& table) {
+    std::shared_ptr<Varnix::Table>& entry = tables_[{database, table}];
+    if (!entry) entry = Varnix::MakeSharedTable(database, table);
+    return entry;
+  }
+
+  void Share() {
+    const std::string database = Bytes(), group = Bytes(), device = Bytes(), process = Bytes();
+    Varnix::SetSharingGroup(database, group, device, process, inet_addr(Word().c_str()));
+  }
+
+  void Group() {
+    std::string group, device, process;
+    unsigned address = 0;
+    if (!Varnix::GetSharingGroup(Bytes(), group, device, process, &address)) return Say("group none");
+    char dotted[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &address, dotted, sizeof dotted);
+    Say("group " + ToHex(group) + " " + ToHex(device) + " " + ToHex(process) + " " + dotted);
+  }
+
+  void Set() {
+    const std::string database = Bytes(), table = Bytes(), key = Bytes(), value = Bytes();
+    SharedTable(database, table)->Set({key, value});
+  }
+
+  void Watch() {
+    const std::string database = Bytes(), table = Bytes();
+    ReportRows("row " + ToHex(database) + " " + ToHex(table), SharedTable(database, table));
+  }
+
+  void WatchTables() {
+    const std::string database = Bytes();
+    ReportRows("table " + ToHex(database), Varnix::GetTableTable(database));
+  }
+
+  void WatchDatabases() { ReportRows("database", Varnix::GetDatabaseTable()); }
+
+  void NetworkChanged() { Varnix::NetworkChanged(); }
+
+  void Flush() { std::fflush(nullptr); }
+
+  // A program that sleeps until it is killed.
+  void Spawn() {
+    const pid_t child = fork();
+    if (child == 0) {
+      execl("/bin/sleep", "sleep", "1000", nullptr);
+      _exit(1);
+    }
+    Say("spawned " + std::to_string(child));
+  }
+
+  // A child without exec, which ends as the next word says.
+  void Fork() {
+    const std::string end = Word();
+    const pid_t child = fork();
+    if (child == 0) {
+      status_ = 7;
+      if (end == "exit") std::exit(7);
+      return;
+    }
+    Say("forked " + std::to_string(child));
+    int status = 0;
+    waitpid(child, &status, 0);
+    Say("child " + std::string(WIFEXITED(status) ? "exited " : "killed ") +
+        std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status)));
+  }
+
+  // Root is above the limits of what a user may have.
+  void Become() {
+    const auto user = static_cast<uid_t>(std::stoul(Word()));
+    if (setresuid(user, user, user) != 0) std::abort();
+    prctl(PR_SET_DUMPABLE, 1);  // The leak sanitizer looks into its own process.
+  }
+
+  void Return() { status_ = 0; }
+
+  std::istringstream words_;
+  std::map<std::pair<std::string, std::string>, std::shared_ptr<Varnix::Table>> tables_;
+  std::optional<int> status_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || argv[1] != std::string("--default-log")) Varnix::SetLoggingFunction(LogToStandardError);
+  return Host().Run();
+}

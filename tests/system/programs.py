@@ -1,0 +1,163 @@
+"""The programs that the tests run, and the host that they drive."""
+
+import os
+import pathlib
+import re
+import resource
+import shlex
+import signal
+import subprocess
+import threading
+import time
+
+PROGRAMS = pathlib.Path(os.environ["VARNIX_PROGRAMS"])
+EMULATOR = shlex.split(os.environ.get("VARNIX_EMULATOR", ""))
+DEADLINE = 60  # Seconds; they only bound a failing run.
+
+
+def command(name, *arguments):
+    return [*EMULATOR, str(PROGRAMS / name), *arguments]
+
+
+def hexed(data):
+    return data.hex() or "-"
+
+
+def unhexed(word):
+    return b"" if word == "-" else bytes.fromhex(word)
+
+
+class Host:
+    """A process that uses the library; see host.cpp."""
+
+    def __init__(self, *arguments, environment=None):
+        self._process = subprocess.Popen(command("system_host", *arguments), stdin=subprocess.PIPE,
+                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                         env={**os.environ, **(environment or {})}, start_new_session=True)
+        self.pid = self._process.pid
+        self.events = []  # Lines of standard output, without the "ok"s.
+        self.log = []  # (level, tag, text)
+        self.errors = []  # Lines of standard error that are not log lines.
+        self._ready = 0
+        self._changed = threading.Condition()
+        self._readers = [threading.Thread(target=self._read_events), threading.Thread(target=self._read_log)]
+        for reader in self._readers:
+            reader.start()
+
+    def _read_events(self):
+        for line in self._process.stdout:
+            with self._changed:
+                if line == b"ok\n":
+                    self._ready += 1
+                else:
+                    self.events.append(line.decode().rstrip("\n"))
+                self._changed.notify_all()
+
+    def _read_log(self):
+        for line in self._process.stderr:
+            text = line.decode("latin-1").rstrip("\n")
+            entry = re.fullmatch(r"([0-7]) ([a-z.]+) (.*)", text)
+            with self._changed:
+                if entry:
+                    self.log.append((int(entry[1]), entry[2], entry[3]))
+                else:
+                    self.errors.append(text)
+                self._changed.notify_all()
+
+    def eventually(self, condition):
+        """Waits until it is true of the lines read so far; whether it came true."""
+        with self._changed:
+            return self._changed.wait_for(condition, DEADLINE)
+
+    def do(self, *words):
+        with self._changed:
+            awaited = self._ready + 1
+        self._process.stdin.write((" ".join(words) + "\n").encode())
+        self._process.stdin.flush()
+        assert self.eventually(lambda: self._ready >= awaited), (words, self.errors)
+
+    def share(self, database, group, device, process=b"p", address="127.255.255.255"):
+        self.do("share", hexed(database), hexed(group), hexed(device), hexed(process), address)
+
+    def set(self, database, table, key, value):
+        self.do("set", hexed(database), hexed(table), hexed(key), hexed(value))
+
+    def watch(self, database, table):
+        self.do("watch", hexed(database), hexed(table))
+
+    def rows(self, database, table):
+        """The changes that a watcher of the table has reported, oldest first."""
+        prefix = f"row {hexed(database)} {hexed(table)} "
+        with self._changed:
+            lines = [event for event in self.events if event.startswith(prefix)]
+        return [tuple(unhexed(word) for word in line[len(prefix):].split()) for line in lines]
+
+    def table(self, database, table):
+        """The last value of each key that has been reported."""
+        return dict(self.rows(database, table))
+
+    def gets_row(self, database, table, key, value):
+        line = f"row {hexed(database)} {hexed(table)} {hexed(key)} {hexed(value)}"
+        return self.eventually(lambda: line in self.events)
+
+    def logs(self, level, tag, pattern):
+        """Waits for a line; `pattern` is a regular expression for its whole text."""
+        return self.eventually(lambda: self.logged(level, tag, pattern))
+
+    def logged(self, level, tag, pattern):
+        return [text for entry, named, text in self.log
+                if (entry, named) == (level, tag) and re.fullmatch(pattern, text, re.DOTALL)]
+
+    def children(self):
+        return [int(event.split()[1]) for event in list(self.events) if event.split()[0] in ("spawned", "forked")]
+
+    def close_input(self):
+        self._process.stdin.close()
+
+    def ends(self):
+        """Tells the host to return from main; its exit status."""
+        if not self._process.stdin.closed:
+            try:
+                self._process.stdin.write(b"return\n")
+                self._process.stdin.close()
+            except BrokenPipeError:
+                pass
+        return self._process.wait(DEADLINE)
+
+    def clean_up(self):
+        """The exit status, and nothing is left of the process and its children."""
+        try:
+            return self.ends()
+        finally:
+            for child in self.children():
+                try:
+                    os.kill(child, signal.SIGKILL)
+                except ProcessLookupError:
+                    pass
+            self._process.kill()
+            self._process.wait()
+            for reader in self._readers:
+                reader.join()
+
+    def limit(self, kind, count):
+        """Sets the soft limit of the running process; the previous one."""
+        soft, hard = resource.prlimit(self.pid, kind)
+        resource.prlimit(self.pid, kind, (count, hard))
+        return soft
+
+    def descriptors(self):
+        return {int(name) for name in os.listdir(f"/proc/{self.pid}/fd")}
+
+    def processor_seconds(self):
+        fields = pathlib.Path(f"/proc/{self.pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def eventually(condition):
+    """Waits for what no line tells of."""
+    end = time.monotonic() + DEADLINE
+    while not condition():
+        if time.monotonic() > end:
+            return False
+        time.sleep(0.01)
+    return True
