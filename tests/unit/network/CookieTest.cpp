@@ -657,8 +657,9 @@ TEST_F(CookieTest, AnyEventOnTheDonePipeIsAStop) {
 }
 
 TEST_F(CookieTest, AnyEventOnTheSocketEndsTheWait) {
-  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
-    entries[0].revents = 0;
+  int polls = 0;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t, int) {
+    entries[0].revents = ++polls > 1 ? POLLIN : 0;
     entries[1].revents = POLLHUP;
     return 1;
   });

@@ -24,7 +24,7 @@ TEST(StopExceptions, AlreadyConnectedSaysWhyTheStreamEnds) {
 template <class Exception>
 class EachStopException : public testing::Test {};
 using StopExceptionTypes = testing::Types<SelfConnect, WrongServer, AbortRequested, AlreadyConnected>;
-TYPED_TEST_SUITE(EachStopException, StopExceptionTypes);
+TYPED_TEST_SUITE(EachStopException, StopExceptionTypes, );  // clang wants the last argument, if empty.
 
 TYPED_TEST(EachStopException, IsCaughtAsAStandardException) {
   std::string text;

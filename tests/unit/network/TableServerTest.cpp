@@ -588,7 +588,7 @@ TEST_F(TableServerTest, StopEndsThePauseOfAReceiverAtOnce) {
 class ThrowingHookTest : public TableServerTest {
  protected:
   void ThrowAt(const std::string& tag) {
-    SetLogHook([this, tag, stopping = std::this_thread::get_id()](LogLevel, const char* logged, const char*, va_list) {
+    SetLogHook([tag, stopping = std::this_thread::get_id()](LogLevel, const char* logged, const char*, va_list) {
       if (std::this_thread::get_id() == stopping && logged == tag) throw std::runtime_error(tag);
     });
   }
