@@ -7,6 +7,7 @@ namespace {
 
 thread_local long left = 0;  // 0: none fails.
 thread_local bool failed = false;
+thread_local long live = 0;
 
 }  // namespace
 
@@ -19,15 +20,22 @@ FailingAllocation::~FailingAllocation() { left = 0; }
 
 bool FailingAllocation::HasFailed() const { return failed; }
 
+long LiveAllocations() { return live; }
+
 void* operator new(std::size_t size) {
   if (left > 0 && --left == 0) {
     failed = true;
     throw std::bad_alloc();
   }
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
+  void* const memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  ++live;
+  return memory;
 }
 
-void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr) --live;
+  std::free(memory);
+}
 
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }

@@ -10,3 +10,6 @@ class FailingAllocation {
 
   bool HasFailed() const;
 };
+
+// How many allocations of this thread have not been freed, less what it has freed for other threads.
+long LiveAllocations();

@@ -193,6 +193,15 @@ TEST(GetLocalTables, ForgetsATableThatIsGone) {
   EXPECT_TRUE(Listed("gone").empty());
 }
 
+TEST(LocalTable, LeavesNothingBehindWhenItIsGone) {
+  Varnix::MakeTable("the first makes the registry").reset();
+  const long before = LiveAllocations();
+
+  Varnix::MakeTable("t").reset();
+
+  EXPECT_EQ(LiveAllocations(), before);
+}
+
 TEST(LocalTable, SetChangesNothingWhenTheLogHookThrows) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
   table->Set({"k", "old"});
