@@ -1,0 +1,898 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <netinet/tcp.h>
+
+#include <algorithm>
+#include <csignal>
+#include <new>
+#include <stdexcept>
+#include <vector>
+
+#include "Bytes.h"
+#include "FailWith.h"
+#include "HookedHere.h"
+#include "PeerSocket.h"
+#include "ReceiverCalls.h"
+#include "RecordingTable.h"
+#include "VacantServer.h"
+#include "network/ActiveESNs.h"
+#include "network/StopExceptions.h"
+#include "network/TableReceiver.h"
+#include "support/LogRecorder.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::KilledBySignal;
+using testing::Not;
+using testing::StartsWith;
+using testing::StrEq;
+using Varnix::LogLevel;
+using Varnix::Row;
+
+// The first record of a peer: database and uid.
+const std::string kPeer = Bytes(
+    "\x00\x20\x00\x09"
+    "db"
+    "\x04peerproc");
+// A row: 4 and 2 bytes.
+const std::string kRow = Bytes(
+    "\x00\x40\x00\x02"
+    "\x01"
+    "abc"
+    "on");
+
+// Receives from 127.1.2.3:4660 on the thread of the test.
+class TableReceiverTest : public testing::Test {
+ protected:
+  explicit TableReceiverTest(const ServerSettings& settings = {}) : server_(WithReceiveTable(settings)) {}
+
+  void Receive(std::chrono::nanoseconds time_limit = 5s) {
+    ReceiveTable(*server_, 0x7F010203, 4660, time_limit, esns_);
+  }
+  void ReceiveWithDefaultLogger() {
+    SetLogHook(DefaultLogger);
+    Receive();
+  }
+  bool IsRegistered(const std::string& uid) const { return !EsnRegistration(esns_, uid).Inserted(); }
+
+  // As "7 tag: text", with R for the receiver and S for the server; those of tables are left out.
+  std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    std::string receiver;
+    for (const LogLine& line : log_.Lines()) {
+      if (line.tag.rfind("tbl.", 0) == 0) continue;
+      if (line.tag == "tblrcvr.ctor") receiver = line.text.substr(0, line.text.find(')') + 1);
+      std::string text = line.text;
+      Replace(text, receiver, "TableReceiver(R)");
+      Replace(text, "(" + AddressOf(&*server_) + ")", "(S)");
+      lines.push_back(std::to_string(static_cast<int>(line.level)) + " " + line.tag + ": " + text);
+    }
+    return lines;
+  }
+  // Those between the first, of starting, and the last, of stopping.
+  std::vector<std::string> LinesBetween() const {
+    std::vector<std::string> lines = Lines();
+    if (lines.size() < 2) return {"no lines"};
+    EXPECT_EQ(lines.front(), "7 tblrcvr.ctor: TableReceiver(R) for db:2130772483:4660 starting");
+    EXPECT_EQ(lines.back(), "7 tblrcvr.dtor: TableReceiver(R) stopping");
+    return {lines.begin() + 1, lines.end() - 1};
+  }
+
+  const std::shared_ptr<RecordingTable> table_ = std::make_shared<RecordingTable>();
+  VacantServer server_;
+  const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
+  PeerSocket peer_;
+  LogRecorder log_;
+  ReceiverCalls calls_{peer_, server_->GetDoneDescriptor()};
+
+ private:
+  ServerSettings WithReceiveTable(ServerSettings settings) const {
+    settings.receive_table = table_;
+    return settings;
+  }
+  static void Replace(std::string& text, const std::string& from, const std::string& to) {
+    const std::size_t found = from.empty() ? std::string::npos : text.find(from);
+    if (found != std::string::npos) text.replace(found, from.size(), to);
+  }
+};
+
+class TableReceiverWithoutGroupTest : public TableReceiverTest {
+ protected:
+  TableReceiverWithoutGroupTest() : TableReceiverTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.group = "";
+    return settings;
+  }
+};
+
+// Whose server's identity claims a device name of 10 bytes and has 3.
+class TableReceiverOfMalformedUidTest : public TableReceiverTest {
+ protected:
+  TableReceiverOfMalformedUidTest() : TableReceiverTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.uid =
+        "\x0A"
+        "abc";
+    return settings;
+  }
+};
+
+}  // namespace
+
+// A whole stream.
+
+TEST_F(TableReceiverTest, StreamIsLoggedInTheseLines) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_THAT(Lines(), ElementsAre("7 tblrcvr.ctor: TableReceiver(R) for db:2130772483:4660 starting",
+                                   "7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded",
+                                   "7 tblrcvr.gotuid: TableReceiver(R) got uid: peer::proc",
+                                   "7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: peer::proc "
+                                   "2130772483:4660",
+                                   "7 tblrcvr.strm.grp: TableReceiver(R) sending group=\"group\" port=65244",
+                                   "7 tblrcvr.dtor: TableReceiver(R) stopping"));
+}
+
+TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("socket(AF_INET, SOCK_STREAM, 0)",            //
+                                          "fcntl(F_SETFD, FD_CLOEXEC)",                 //
+                                          "setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)",    //
+                                          "setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)",   //
+                                          "setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)",  //
+                                          "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)",    //
+                                          "fcntl(F_GETFL)",                             //
+                                          "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",        //
+                                          "connect(127.1.2.3:4660, 16)",                //
+                                          "poll(done POLLIN, socket POLLOUT, 5000)",    //
+                                          "getsockopt(SOL_SOCKET, SO_ERROR)",           //
+                                          "fcntl(F_GETFL)",                             //
+                                          "fcntl(F_SETFL, O_RDWR)",                     //
+                                          "fopencookie",                                //
+                                          "send 11",                                    //
+                                          "close"));
+}
+
+TEST_F(TableReceiverTest, GroupAndListeningPortAreSentAsOneRecord) {
+  peer_.says = kPeer;
+
+  Receive();
+
+  EXPECT_EQ(peer_.Received(), Bytes("\x00\x50\x00\x02"
+                                    "group"
+                                    "\xFE\xDC"));
+}
+
+TEST_F(TableReceiverTest, RowsAreSetIntoTheReceiveTableInTheirOrder) {
+  peer_.says = kPeer;
+  peer_.answers = kRow + Bytes(
+                             "\x00\x40\x00\x03"
+                             "\x01"
+                             "abc"
+                             "off"
+                             "\x00\x20\x00\x01"
+                             "\x00"
+                             "x"
+                             "y");
+
+  Receive();
+
+  EXPECT_THAT(table_->rows, ElementsAre(Row("\x01"
+                                            "abc",
+                                            "on"),
+                                        Row("\x01"
+                                            "abc",
+                                            "off"),
+                                        Row(Bytes("\x00"
+                                                  "x"),
+                                            "y")));
+}
+
+TEST_F(TableReceiverTest, RowsWithZeroBytesAndWithEmptyFieldsAreSetAsTheyAre) {
+  peer_.says = kPeer;
+  peer_.answers = Bytes(
+      "\x00\x30\x00\x03"
+      "a\0b"
+      "\0\0\0"
+      "\x00\x00\x00\x00"
+      "\x00\x10\x00\x00"
+      "k");
+
+  Receive();
+
+  EXPECT_THAT(table_->rows, ElementsAre(Row(Bytes("a\0b"), Bytes("\0\0\0")), Row("", ""), Row("k", "")));
+}
+
+TEST_F(TableReceiverTest, RowThatTheStreamCutsShortIsNotSet) {
+  peer_.says = kPeer;
+  peer_.answers = kRow + kRow.substr(0, kRow.size() - 1);
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, PeerIsRegisteredWhileItsRowsAreReceived) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  bool registered = false;
+  table_->before_set = [&](const Row&) { registered = IsRegistered("\x04peerproc"); };
+
+  Receive();
+
+  EXPECT_TRUE(registered);
+}
+
+TEST_F(TableReceiverTest, EndsByUnregisteringLoggingAndClosingInThisOrder) {
+  peer_.says = kPeer;
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
+    if (tag != std::string("tblrcvr.dtor")) return;
+    calls_.Add(IsRegistered("\x04peerproc") ? "log, registered" : "log, not registered");
+  });
+
+  Receive();
+
+  const std::vector<std::string> calls = calls_.Calls();
+  EXPECT_THAT(std::vector<std::string>(calls.end() - 3, calls.end()),
+              ElementsAre("send 11", "log, not registered", "close"));
+}
+
+TEST_F(TableReceiverWithoutGroupTest, StreamIsClosedBeforeTheSocket) {
+  peer_.says = kPeer;
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
+    if (tag == std::string("tblrcvr.dtor")) calls_.Add("log");
+  });
+
+  Receive();
+
+  const std::vector<std::string> calls = calls_.Calls();
+  EXPECT_THAT(std::vector<std::string>(calls.end() - 3, calls.end()), ElementsAre("log", "send 4", "close"));
+}
+
+// The socket.
+
+TEST_F(TableReceiverTest, SocketThatCannotBeMadeEndsTheProcess) {
+  calls_.Fail("socket(AF_INET, SOCK_STREAM, 0)", EMFILE);
+
+  EXPECT_EXIT(ReceiveWithDefaultLogger(), KilledBySignal(SIGABRT),
+              StrEq("tblrcvr.sock: TableReceiver: socket error 24: Too many open files\n"));
+}
+
+TEST_F(TableReceiverTest, SocketIsClosedOnExec) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  int flags = 0;
+  table_->before_set = [&](const Row&) { flags = Hooks().fcntl.Real(calls_.Socket(), F_GETFD, 0); };
+
+  Receive();
+
+  EXPECT_EQ(flags, FD_CLOEXEC);
+}
+
+TEST_F(TableReceiverTest, SocketDetectsASilentPeerAfterFourSeconds) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  std::vector<int> options;
+  table_->before_set = [&](const Row&) {
+    const std::vector<std::pair<int, int>> asked = {{SOL_SOCKET, SO_KEEPALIVE},
+                                                    {IPPROTO_TCP, TCP_KEEPIDLE},
+                                                    {IPPROTO_TCP, TCP_KEEPINTVL},
+                                                    {IPPROTO_TCP, TCP_KEEPCNT}};
+    for (const auto& [level, option] : asked) {
+      int value = -1;
+      socklen_t size = sizeof value;
+      Hooks().getsockopt.Real(calls_.Socket(), level, option, &value, &size);
+      options.push_back(value);
+    }
+  };
+
+  Receive();
+
+  EXPECT_THAT(options, ElementsAre(1, 1, 1, 3));
+}
+
+TEST_F(TableReceiverTest, KeepaliveThatCannotBeSwitchedOnIsOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)", ENOPROTOOPT);
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.ka: TableReceiver: setsockopt failed setting SO_KEEPALIVE");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, IdleTimeThatCannotBeSetIsOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)", ENOPROTOOPT);
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.kid: TableReceiver: setsockopt failed setting TCP_KEEPIDLE");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, ProbeIntervalThatCannotBeSetIsOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)", ENOPROTOOPT);
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.kiv: TableReceiver: setsockopt failed setting TCP_KEEPINTVL");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, ProbeCountThatCannotBeSetIsOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)", ENOPROTOOPT);
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.ki: TableReceiver: setsockopt failed setting TCP_KEEPCNT");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, AllFourKeepaliveFailuresAreLoggedInTheirOrder) {
+  peer_.says = kPeer;
+  calls_.Fail("setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)", ENOPROTOOPT);
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)", ENOPROTOOPT);
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)", ENOPROTOOPT);
+  calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)", ENOPROTOOPT);
+
+  Receive();
+
+  const std::vector<std::string> lines = LinesBetween();
+  ASSERT_GE(lines.size(), 4U);
+  EXPECT_THAT(std::vector<std::string>(lines.begin(), lines.begin() + 4),
+              ElementsAre("6 tblrcvr.sock.ka: TableReceiver: setsockopt failed setting SO_KEEPALIVE",
+                          "6 tblrcvr.sock.kid: TableReceiver: setsockopt failed setting TCP_KEEPIDLE",
+                          "6 tblrcvr.sock.kiv: TableReceiver: setsockopt failed setting TCP_KEEPINTVL",
+                          "6 tblrcvr.sock.ki: TableReceiver: setsockopt failed setting TCP_KEEPCNT"));
+}
+
+// Connecting.
+
+namespace {
+
+// The calls up to those that make the connection.
+const std::vector<std::string> kSetUp = {
+    "socket(AF_INET, SOCK_STREAM, 0)",           "fcntl(F_SETFD, FD_CLOEXEC)",
+    "setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)",   "setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)",
+    "setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)", "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)"};
+
+std::vector<std::string> AfterSetUp(const std::vector<std::string>& calls) {
+  if (calls.size() < kSetUp.size() || !std::equal(kSetUp.begin(), kSetUp.end(), calls.begin())) return {"no set-up"};
+  return {calls.begin() + static_cast<std::ptrdiff_t>(kSetUp.size()), calls.end()};
+}
+
+int TimesOut(pollfd*) { return 0; }
+
+int IsInterrupted(pollfd*) { return FailWith{EINTR}(); }
+
+}  // namespace
+
+TEST_F(TableReceiverTest, FlagsThatCannotBeReadAreFollowedByABlockingConnect) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("fcntl(F_GETFL)", EBADF);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "connect(127.1.2.3:4660, 16)", "fopencookie", "send 11", "close"));
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.nonblck.getfl: TableReceiver: fcntl failed getting flags: 9");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, FlagsThatCannotBeSetAreFollowedByABlockingConnect) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", EPERM);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "fopencookie", "send 11", "close"));
+  EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.nonblck.setfl: TableReceiver: fcntl failed setting O_NONBLOCK: 1");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, BlockingConnectThatFailsEndsTheStreamSilently) {
+  calls_.Fail("fcntl(F_GETFL)", EBADF);
+  calls_.Fail("connect(127.1.2.3:4660, 16)", ETIMEDOUT);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()), ElementsAre("fcntl(F_GETFL)", "connect(127.1.2.3:4660, 16)", "close"));
+  EXPECT_THAT(LinesBetween(),
+              ElementsAre("6 tblrcvr.sock.nonblck.getfl: TableReceiver: fcntl failed getting flags: 9"));
+}
+
+TEST_F(TableReceiverTest, ConnectThatSucceedsAtOnceIsNotWaitedFor) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.connects_at_once = true;
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "fopencookie", "send 11", "close"));
+  EXPECT_THAT(LinesBetween(), Not(Contains(StartsWith("7 tblrcvr.sock.conn.succ"))));
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, ConnectThatFailsAtOnceEndsTheStreamSilentlyWithABlockingSocket) {
+  calls_.Fail("connect(127.1.2.3:4660, 16)", ENETUNREACH);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, ConnectThatTimesOutEndsTheStreamSilently) {
+  calls_.polls = {TimesOut};
+
+  Receive();
+
+  EXPECT_THAT(
+      AfterSetUp(calls_.Calls()),
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                  "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, TimeLimitIsCutToWholeMilliseconds) {
+  calls_.polls = {TimesOut};
+
+  Receive(1999999ns);
+
+  EXPECT_THAT(calls_.Calls(), Contains("poll(done POLLIN, socket POLLOUT, 1)"));
+}
+
+TEST_F(TableReceiverTest, StopWhileConnectingEndsTheStreamSilently) {
+  server_.SignalDone();
+
+  Receive();
+
+  EXPECT_THAT(
+      AfterSetUp(calls_.Calls()),
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                  "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, AnyEventOfTheDonePipeStopsTheConnecting) {
+  calls_.polls = {[](pollfd* entries) {
+    entries[0].revents = POLLHUP;
+    entries[1].revents = POLLOUT;
+    return 2;
+  }};
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, WaitWithoutAnyEventEndsTheStreamSilently) {
+  calls_.polls = {[](pollfd*) { return 1; }};
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, InterruptedWaitIsRepeatedWithTheSameTimeOut) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.polls = {IsInterrupted, IsInterrupted};
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "poll(done POLLIN, socket POLLOUT, 5000)", "poll(done POLLIN, socket POLLOUT, 5000)",
+                          "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
+                          "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "fopencookie", "send 11", "close"));
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, WaitThatFailsEndsTheStreamSilently) {
+  calls_.polls = {[](pollfd*) { return FailWith{ENOMEM}(); }};
+
+  Receive();
+
+  EXPECT_THAT(
+      AfterSetUp(calls_.Calls()),
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                  "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(), IsEmpty());
+}
+
+TEST_F(TableReceiverTest, ResultOfTheConnectThatCannotBeReadIsLogged) {
+  calls_.Fail("getsockopt(SOL_SOCKET, SO_ERROR)", ENOBUFS);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
+                          "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(),
+              ElementsAre("6 tblrcvr.sock.opt.err: TableReceiver: getsockopt failed checking SO_ERROR: 105"));
+}
+
+TEST_F(TableReceiverTest, RefusedConnectIsLoggedWithErrnoAndNotWithTheErrorOfTheSocket) {
+  const HookedHere getsockopt(Hooks().getsockopt, [](int, int, int, void* value, socklen_t*) {
+    *static_cast<int*>(value) = ECONNREFUSED;
+    errno = EPROTO;
+    return 0;
+  });
+
+  Receive();
+
+  EXPECT_THAT(
+      AfterSetUp(calls_.Calls()),
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                  "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
+  EXPECT_THAT(LinesBetween(), ElementsAre("6 tblrcvr.sock.conn.err: TableReceiver: connect failed: 71"));
+}
+
+TEST_F(TableReceiverTest, PortThatNobodyListensOnRefusesTheConnect) {
+  const int closed = socket(AF_INET, SOCK_STREAM, 0);  // Bound, so that nobody else gets the port.
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(Hooks().bind.Real(closed, generic, size), 0);
+  ASSERT_EQ(Hooks().getsockname.Real(closed, generic, &size), 0);
+  const HookedHere connect(Hooks().connect, [&](int descriptor, const sockaddr*, socklen_t) {
+    return Hooks().connect.Real(descriptor, generic, sizeof address);
+  });
+
+  Receive();
+
+  EXPECT_EQ(log_.Lines("tblrcvr.sock.conn.succ").size(), 0U);
+  EXPECT_THAT(table_->rows, IsEmpty());
+  Hooks().close.Real(closed);
+}
+
+TEST_F(TableReceiverTest, SocketIsBlockingAgainWhenTheStreamBegins) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  int flags = -1;
+  table_->before_set = [&](const Row&) { flags = Hooks().fcntl.Real(calls_.Socket(), F_GETFL, 0); };
+
+  Receive();
+
+  EXPECT_EQ(flags, O_RDWR);
+}
+
+TEST_F(TableReceiverTest, FlagsThatCannotBeReadAgainAreOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("fcntl(F_GETFL)", EBADF, 2);
+
+  Receive();
+
+  EXPECT_THAT(AfterSetUp(calls_.Calls()),
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+                          "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
+                          "fcntl(F_GETFL)", "fopencookie", "send 11", "close"));
+  EXPECT_EQ(LinesBetween()[1], "6 tblrcvr.sock.blck.getfl: TableReceiver: fcntl failed getting flags: 9");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, FlagsThatCannotBeSetBackAreOnlyLogged) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("fcntl(F_SETFL, O_RDWR)", EPERM);
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween()[1], "6 tblrcvr.sock.blck.setfl: TableReceiver: fcntl failed clearing O_NONBLOCK: 1");
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, FlagsAreSetBackAlsoForAConnectThatFailedAndThatIsLoggedToo) {
+  calls_.polls = {TimesOut};
+  calls_.Fail("fcntl(F_SETFL, O_RDWR)", EPERM);
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(),
+              ElementsAre("6 tblrcvr.sock.blck.setfl: TableReceiver: fcntl failed clearing O_NONBLOCK: 1"));
+}
+
+// The handshake.
+
+TEST_F(TableReceiverTest, StreamThatCannotBeMadeIsLoggedAndEndsNormally) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  calls_.Fail("fopencookie", ENOMEM);
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded",
+                                          "3 tblrcvr.cook.fopen: TableReceiver: fopencoookie failed"));
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, PeerThatClosesAtOnceEndsTheStreamNormally) {
+  peer_.says = "";
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded"));
+  EXPECT_EQ(peer_.Received(), "");
+}
+
+TEST_F(TableReceiverTest, FirstRecordThatIsCutShortEndsTheStreamNormally) {
+  peer_.says = kPeer.substr(0, kPeer.size() - 1);
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded"));
+  EXPECT_EQ(peer_.Received(), "");
+}
+
+TEST_F(TableReceiverTest, OtherDatabaseIsTheWrongServer) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x09"
+      "dc"
+      "\x04peerproc");
+
+  EXPECT_THROW(Receive(), WrongServer);
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded"));
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, DatabaseThatOursIsAPrefixOfIsTheWrongServer) {
+  peer_.says = Bytes(
+      "\x00\x30\x00\x09"
+      "db\0"
+      "\x04peerproc");
+
+  EXPECT_THROW(Receive(), WrongServer);
+}
+
+TEST_F(TableReceiverTest, DatabaseThatIsAPrefixOfOursIsTheWrongServer) {
+  peer_.says = Bytes(
+      "\x00\x10\x00\x09"
+      "d"
+      "\x04peerproc");
+
+  EXPECT_THROW(Receive(), WrongServer);
+}
+
+TEST_F(TableReceiverTest, WrongServerOfOurOwnUidIsTheWrongServer) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x08"
+      "dc"
+      "\x03"
+      "devproc");
+
+  EXPECT_THROW(Receive(), WrongServer);
+}
+
+TEST_F(TableReceiverTest, OwnUidIsAConnectionToOurselvesThatIsSeenAfterTheUidIsLogged) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x08"
+      "db"
+      "\x03"
+      "devproc");
+
+  EXPECT_THROW(Receive(), SelfConnect);
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded",
+                                          "7 tblrcvr.gotuid: TableReceiver(R) got uid: dev::proc"));
+  EXPECT_EQ(peer_.Received(), "");
+}
+
+TEST_F(TableReceiverTest, OwnUidIsNotRegistered) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x08"
+      "db"
+      "\x03"
+      "devproc");
+  const EsnRegistration registration(esns_,
+                                     "\x03"
+                                     "devproc");
+
+  EXPECT_THROW(Receive(), SelfConnect);
+}
+
+TEST_F(TableReceiverTest, UidThatDiffersFromOursOnlyInItsDivisionIsAPeer) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x08"
+      "db"
+      "\x04"
+      "devproc");
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), Contains("7 tblrcvr.gotuid: TableReceiver(R) got uid: devp::roc"));
+  EXPECT_THAT(LinesBetween(), Contains(StartsWith("7 tblsvr.fnd: ")));
+}
+
+TEST_F(TableReceiverTest, PeerThatIsBeingReceivedFromAlreadyIsAnsweredNothing) {
+  peer_.says = kPeer;
+  const EsnRegistration registration(esns_, "\x04peerproc");
+
+  EXPECT_THROW(Receive(), AlreadyConnected);
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded",
+                                          "7 tblrcvr.gotuid: TableReceiver(R) got uid: peer::proc"));
+  EXPECT_EQ(peer_.Received(), "");
+}
+
+TEST_F(TableReceiverTest, SecondStreamLeavesTheRegistrationOfTheFirst) {
+  peer_.says = kPeer;
+  const EsnRegistration registration(esns_, "\x04peerproc");
+
+  EXPECT_THROW(Receive(), AlreadyConnected);
+
+  EXPECT_TRUE(IsRegistered("\x04peerproc"));
+}
+
+TEST_F(TableReceiverTest, OtherPeersMayBeReceivedFromAtTheSameTime) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  const EsnRegistration registration(esns_, "\x04peerproD");
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, AnswerThatCannotBeSentEndsTheStreamWithoutReadingRows) {
+  peer_.says = kPeer;
+  calls_.Fail("send 11", EPIPE);
+  const HookedHere recv(Hooks().recv, [this](int descriptor, void* buffer, std::size_t size, int flags) {
+    calls_.Add("recv");
+    return Hooks().recv.Real(descriptor, buffer, size, flags);
+  });
+
+  Receive();
+
+  const std::vector<std::string> calls = calls_.Calls();
+  EXPECT_THAT(std::vector<std::string>(calls.end() - 4, calls.end()),
+              ElementsAre("fopencookie", "recv", "send 11", "close"));
+  EXPECT_EQ(LinesBetween().back(), "7 tblrcvr.strm.grp: TableReceiver(R) sending group=\"group\" port=65244");
+}
+
+TEST_F(TableReceiverWithoutGroupTest, EmptyGroupSpoilsTheAnswer) {
+  peer_.says = kPeer;
+
+  Receive();
+
+  EXPECT_EQ(LinesBetween().back(), "7 tblrcvr.strm.grp: TableReceiver(R) sending group=\"\" port=65244");
+  EXPECT_EQ(peer_.Received(), Bytes("\x00\x00\x00\x02"));
+}
+
+TEST_F(TableReceiverTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x04"
+      "db"
+      "\xFF"
+      "abc");
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), Contains("7 tblrcvr.gotuid: TableReceiver(R) got uid: abc::"));
+  EXPECT_THAT(LinesBetween(),
+              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: abc:: 2130772483:4660"));
+}
+
+TEST_F(TableReceiverTest, EmptyUidIsAPeerWithoutAName) {
+  peer_.says = Bytes(
+      "\x00\x20\x00\x00"
+      "db");
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), Contains("7 tblrcvr.gotuid: TableReceiver(R) got uid: ::"));
+  EXPECT_THAT(LinesBetween(),
+              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: :: 2130772483:4660"));
+}
+
+TEST_F(TableReceiverOfMalformedUidTest, OwnUidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
+  peer_.says = kPeer;
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(),
+              Contains("7 tblsvr.fnd: TableServer for abc::::db(S) found peer: peer::proc 2130772483:4660"));
+}
+
+// Ends.
+
+TEST_F(TableReceiverTest, StopDuringTheHandshakeIsThrown) {
+  peer_.says = "";
+  peer_.ends = false;
+  const HookedHere fopencookie(Hooks().fopencookie,
+                               [this](void* cookie, const char* mode, cookie_io_functions_t functions) {
+                                 server_.SignalDone();
+                                 return Hooks().fopencookie.Real(cookie, mode, functions);
+                               });
+
+  EXPECT_THROW(Receive(), AbortRequested);
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded"));
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, StopWhileRowsAreReceivedIsThrownAndUnregistersThePeer) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  peer_.ends = false;
+  table_->before_set = [this](const Row&) { server_.SignalDone(); };
+
+  EXPECT_THROW(Receive(), AbortRequested);
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+  EXPECT_FALSE(IsRegistered("\x04peerproc"));
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, RowWhoseMemoryCannotBeHadEndsOnlyTheStream) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  table_->before_set = [](const Row&) { throw std::bad_alloc(); };
+
+  EXPECT_NO_THROW(Receive());
+
+  EXPECT_FALSE(IsRegistered("\x04peerproc"));
+  EXPECT_EQ(Lines().back(), "7 tblrcvr.dtor: TableReceiver(R) stopping");
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, AnyOtherExceptionLeavesTheStreamAndUnregistersThePeer) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  table_->before_set = [](const Row&) { throw std::runtime_error("table"); };
+
+  EXPECT_THROW(Receive(), std::runtime_error);
+
+  EXPECT_FALSE(IsRegistered("\x04peerproc"));
+  EXPECT_EQ(calls_.Calls().back(), "close");
+}
+
+TEST_F(TableReceiverTest, PeerThatResetsTheConnectionEndsTheStreamNormally) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  peer_.ends = false;
+  table_->before_set = [this](const Row&) { peer_.Reset(); };
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+  EXPECT_EQ(LinesBetween().back(), "3 cook.rd.rd: Cookie::Read: read error 104");
+}

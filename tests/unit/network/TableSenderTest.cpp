@@ -1,0 +1,807 @@
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <deque>
+#include <future>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "Bytes.h"
+#include "FailWith.h"
+#include "HookedHere.h"
+#include "PeerSocket.h"
+#include "VacantServer.h"
+#include "network/ActiveESNs.h"
+#include "network/TableSender.h"
+#include "support/LogRecorder.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::KilledBySignal;
+using testing::Not;
+using testing::StrEq;
+using Varnix::LogLevel;
+
+// What the sender says first: a record of database and uid.
+const std::string kUs = Bytes(
+    "\x00\x20\x00\x08"
+    "db"
+    "\x03"
+    "devproc");
+// What a peer of our group answers: a record of group and listening port.
+const std::string kOurGroup = Bytes(
+    "\x00\x50\x00\x02"
+    "group"
+    "\x12\x34");
+
+// What a peer of another group answers: it is not connected back to.
+const std::string kOtherGroup = Bytes(
+    "\x00\x50\x00\x02"
+    "other"
+    "\x12\x34");
+
+// Throws at the lines of one tag.
+class ThrowingHook {
+ public:
+  explicit ThrowingHook(const std::string& tag) {
+    SetLogHook([this, tag](LogLevel, const char* line_tag, const char*, va_list) {
+      last_tag_ = line_tag;
+      if (tag == line_tag) throw std::runtime_error(tag);
+    });
+  }
+  ~ThrowingHook() { SetLogHook(DefaultLogger); }
+  ThrowingHook(const ThrowingHook&) = delete;
+  ThrowingHook& operator=(const ThrowingHook&) = delete;
+
+  const std::string& LastTag() const { return last_tag_; }
+
+ private:
+  std::string last_tag_;
+};
+
+// Serves a connection from 127.1.2.3 on the thread of the test. No peer that it finds can be connected to. The steady
+// clock runs a second at each look at it, so that a sender with nothing to do does not sleep.
+class TableSenderTest : public testing::Test {
+ protected:
+  explicit TableSenderTest(const ServerSettings& settings = {}) : TableSenderTest(settings, MakePair()) {}
+  ~TableSenderTest() override {
+    EndPeerThreads();  // While the hooks are set.
+    if (peer_ >= 0) Hooks().close.Real(peer_);
+    if (!sent_) Hooks().close.Real(socket_);
+  }
+
+  void Send() {
+    sent_ = true;
+    SendTable(*server_, socket_, 0x7F010203, esns_);
+  }
+  void SendWithDefaultLogger() {
+    SetLogHook(DefaultLogger);
+    Send();
+  }
+  void PeerSays(const std::string& bytes) const {
+    ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  void PeerEnds() const { shutdown(peer_, SHUT_WR); }
+  void PeerCloses() {
+    Hooks().close.Real(peer_);
+    peer_ = -1;
+  }
+  // All of the stream, once the sender has closed it.
+  std::string PeerReceives() const { return ReceiveUntilEnd(peer_); }
+  // What has arrived already.
+  std::string WaitingForPeer() const {
+    std::string bytes(65536, '\0');
+    const ssize_t received = Hooks().recv.Real(peer_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
+    return bytes;
+  }
+  void SetRow(const std::string& key, const std::string& value) const { server_->GetSendTable()->Set({key, value}); }
+  // The receivers that were started, each as "database:address:port".
+  std::vector<std::string> FoundPeers() {
+    EndPeerThreads();
+    std::vector<std::string> found;
+    for (const LogLine& line : log_.Lines("tblrcvr.ctor")) {
+      const std::size_t begin = line.text.find(" for ") + 5;
+      found.push_back(line.text.substr(begin, line.text.find(" starting") - begin));
+    }
+    return found;
+  }
+  // The sender's own, as "7 tag: text", with T for the sender.
+  std::vector<std::string> Lines() const {
+    std::vector<std::string> lines;
+    for (const LogLine& line : log_.Lines()) {
+      if (line.tag.rfind("tblsndr.", 0) != 0) continue;
+      std::string text = line.text;
+      if (sender_.empty()) sender_ = text.substr(0, text.find(')') + 1);
+      if (text.rfind(sender_, 0) == 0) text.replace(0, sender_.size(), "TableSender(T)");
+      lines.push_back(std::to_string(static_cast<int>(line.level)) + " " + line.tag + ": " + text);
+    }
+    return lines;
+  }
+
+  VacantServer server_;
+  const int socket_;
+  LogRecorder log_;
+  std::vector<std::string> trace_;  // "send 14", "recv", "poll socket POLLIN 0", "close".
+  // What happens at the looks for the end of the connection, one after another. After the last, the peer ends it.
+  std::deque<std::function<int(pollfd&)>> passes_;
+
+ private:
+  TableSenderTest(const ServerSettings& settings, std::pair<int, int> pair)
+      : server_(settings), socket_(pair.first), peer_(pair.second) {}
+  static std::pair<int, int> MakePair() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    return {ends[0], ends[1]};
+  }
+
+  void EndPeerThreads() {
+    if (!esns_) return;
+    server_.SignalDone();
+    esns_.reset();
+    EXPECT_EQ(released_.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
+  }
+
+  std::promise<void> released_;
+  std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([this] { released_.set_value(); });
+  int peer_;
+  bool sent_ = false;
+  mutable std::string sender_;
+  std::chrono::steady_clock::time_point time_;
+  HookedHere<std::chrono::steady_clock::time_point()> now_{Hooks().now, [this] { return time_ += 1s; }};
+  HookedHere<int(pollfd*, nfds_t, int)> poll_{
+      Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
+        if (count != 1) return Hooks().poll.Real(entries, count, time_out);
+        trace_.push_back(std::string("poll ") + (entries[0].fd == socket_ ? "socket" : "?") +
+                         (entries[0].events == POLLIN ? " POLLIN " : " ? ") + std::to_string(time_out));
+        if (passes_.empty()) {
+          PeerEnds();
+          return Hooks().poll.Real(entries, count, time_out);
+        }
+        const auto pass = std::move(passes_.front());
+        passes_.pop_front();
+        entries[0].revents = 0;
+        return pass(entries[0]);
+      }};
+  HookedHere<ssize_t(int, const void*, std::size_t, int)> send_{
+      Hooks().send, [this](int descriptor, const void* bytes, std::size_t size, int flags) {
+        trace_.push_back("send " + std::to_string(size));
+        return Hooks().send.Real(descriptor, bytes, size, flags);
+      }};
+  HookedHere<ssize_t(int, void*, std::size_t, int)> recv_{
+      Hooks().recv, [this](int descriptor, void* buffer, std::size_t size, int flags) {
+        trace_.emplace_back("recv");
+        return Hooks().recv.Real(descriptor, buffer, size, flags);
+      }};
+  HookedHere<int(int)> close_{Hooks().close, [this](int descriptor) {
+                                if (descriptor == socket_) trace_.emplace_back("close");
+                                return Hooks().close.Real(descriptor);
+                              }};
+  Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
+};
+
+class TableSenderWithoutGroupTest : public TableSenderTest {
+ protected:
+  TableSenderWithoutGroupTest() : TableSenderTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.group = "";
+    return settings;
+  }
+};
+
+class TableSenderWithoutDatabaseTest : public TableSenderTest {
+ protected:
+  TableSenderWithoutDatabaseTest() : TableSenderTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.database = "";
+    return settings;
+  }
+};
+
+// Whose server's identity claims a device name of 10 bytes and has 3.
+class TableSenderOfMalformedUidTest : public TableSenderTest {
+ protected:
+  TableSenderOfMalformedUidTest() : TableSenderTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.uid =
+        "\x0A"
+        "abc";
+    return settings;
+  }
+};
+
+int NothingIsThere(pollfd&) { return 0; }
+
+}  // namespace
+
+// The handshake.
+
+TEST_F(TableSenderTest, StreamIsLoggedInTheseLines) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(Lines(), ElementsAre("7 tblsndr.ctor: TableSender(T) for db:" + std::to_string(socket_) + " starting",
+                                   "7 tblsndr.senduid: TableSender(T) sending uid: dev::proc",
+                                   "7 tblsndr.getgrp: TableSender(T) received group=\"group\" port=4660",
+                                   "7 tblsndr.strm: TableSender(T) sending tbl::key (5 bytes)",
+                                   "7 tblsndr.dtor: TableSender(T) stopping"));
+}
+
+TEST_F(TableSenderTest, DatabaseAndUidAreSentAsTheFirstRecord) {
+  PeerEnds();
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), Bytes("\x00\x20\x00\x08"
+                                  "db"
+                                  "\x03"
+                                  "devproc"));
+}
+
+TEST_F(TableSenderTest, StreamIsMadeOfTheseCallsInThisOrder) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_,
+              ElementsAre("send 14", "recv", "poll socket POLLIN 0", "send 16", "poll socket POLLIN 0", "close"));
+}
+
+TEST_F(TableSenderTest, SocketGetsNoOptions) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup);
+  int options = 0;
+  const HookedHere setsockopt(Hooks().setsockopt, [&](int, int, int, const void*, socklen_t) {
+    ++options;
+    return 0;
+  });
+
+  Send();
+
+  EXPECT_EQ(options, 0);
+}
+
+TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcess) {
+  const auto send = [this] {
+    const HookedHere fopencookie(Hooks().fopencookie, [](void*, const char*, cookie_io_functions_t) -> FILE* {
+      errno = ENOMEM;
+      return nullptr;
+    });
+    SendWithDefaultLogger();
+  };
+
+  EXPECT_EXIT(send(), KilledBySignal(SIGABRT),
+              StrEq("tblsndr.cook.fopen: TableSender: fopencookie failed: Cannot allocate memory\n"));
+}
+
+TEST_F(TableSenderTest, PeerThatIsGoneAlreadyEndsTheStreamSilently) {
+  PeerCloses();
+
+  Send();
+
+  EXPECT_THAT(Lines(), ElementsAre("7 tblsndr.ctor: TableSender(T) for db:" + std::to_string(socket_) + " starting",
+                                   "7 tblsndr.senduid: TableSender(T) sending uid: dev::proc",
+                                   "7 tblsndr.dtor: TableSender(T) stopping"));
+  EXPECT_THAT(trace_, Not(Contains("recv")));
+  EXPECT_EQ(trace_.back(), "close");
+}
+
+TEST_F(TableSenderTest, PeerThatClosesInsteadOfAnsweringEndsTheStreamSilently) {
+  PeerEnds();
+
+  Send();
+
+  EXPECT_THAT(Lines(), ElementsAre("7 tblsndr.ctor: TableSender(T) for db:" + std::to_string(socket_) + " starting",
+                                   "7 tblsndr.senduid: TableSender(T) sending uid: dev::proc",
+                                   "7 tblsndr.dtor: TableSender(T) stopping"));
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
+}
+
+TEST_F(TableSenderTest, AnswerThatIsCutShortEndsTheStreamSilently) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup.substr(0, kOurGroup.size() - 1));
+  PeerEnds();
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+}
+
+TEST_F(TableSenderTest, AnswerWithThreeBytesOfPortEndsTheStreamWithoutRows) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(
+      Bytes("\x00\x50\x00\x03"
+            "group"
+            "\x12\x34\x56"));
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
+}
+
+TEST_F(TableSenderTest, AnswerWithOneByteOfPortEndsTheStreamWithoutRows) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(
+      Bytes("\x00\x50\x00\x01"
+            "group"
+            "\x12"));
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
+}
+
+TEST_F(TableSenderTest, AnswerWithoutAPortEndsTheStreamWithoutRows) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(
+      Bytes("\x00\x50\x00\x00"
+            "group"));
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
+}
+
+TEST_F(TableSenderOfMalformedUidTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
+  PeerEnds();
+
+  Send();
+
+  EXPECT_EQ(Lines()[1], "7 tblsndr.senduid: TableSender(T) sending uid: abc::");
+  EXPECT_EQ(PeerReceives(), Bytes("\x00\x20\x00\x04"
+                                  "db"
+                                  "\x0A"
+                                  "abc"));
+}
+
+TEST_F(TableSenderWithoutDatabaseTest, StreamIsClosedBeforeTheSocketAndSendsWhatIsBuffered) {
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 4", "close"));
+  EXPECT_EQ(PeerReceives(), Bytes("\x00\x00\x00\x08"));
+  EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
+}
+
+// Connecting back.
+
+TEST_F(TableSenderTest, PeerOfTheSameGroupIsConnectedBackToAtThePortThatItNames) {
+  PeerSays(kOurGroup);
+
+  Send();
+
+  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:4660"));
+}
+
+TEST_F(TableSenderTest, PortIsReadAsUnsignedBytes) {
+  PeerSays(
+      Bytes("\x00\x50\x00\x02"
+            "group"
+            "\xFF\x80"));
+
+  Send();
+
+  EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"group\" port=65408");
+  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:65408"));
+}
+
+TEST_F(TableSenderWithoutGroupTest, PeerWithoutAGroupIsConnectedBackToIfWeHaveNoneEither) {
+  PeerSays(Bytes("\x00\x00\x00\x02\x12\x34"));
+
+  Send();
+
+  EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"\" port=4660");
+  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:4660"));
+}
+
+TEST_F(TableSenderTest, PeerOfAnotherGroupIsServedButNotConnectedBackTo) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(
+      Bytes("\x00\x50\x00\x02"
+            "grouq"
+            "\x12\x34"));
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"grouq\" port=4660");
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x70\x00\x05"
+                                        "\x03tblkey"
+                                        "value"));
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+}
+
+TEST_F(TableSenderTest, PeerWhoseGroupIsAPrefixIsNotConnectedBackTo) {
+  PeerSays(
+      Bytes("\x00\x40\x00\x02"
+            "grou"
+            "\x12\x34"));
+
+  Send();
+
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+}
+
+TEST_F(TableSenderTest, PeerWhoseGroupIsAnExtensionIsNotConnectedBackTo) {
+  PeerSays(
+      Bytes("\x00\x60\x00\x02"
+            "group\0"
+            "\x12\x34"));
+
+  Send();
+
+  EXPECT_THAT(FoundPeers(), IsEmpty());
+}
+
+TEST_F(TableSenderTest, PeerIsServedAlsoWhenThereIsNoThreadToConnectBackWith) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+  const Hooked start_thread(Hooks().start_thread, [] {
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+  });
+
+  Send();
+
+  EXPECT_EQ(log_.Lines("tblsvr.fnd.thread").size(), 1U);
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x70\x00\x05"
+                                        "\x03tblkey"
+                                        "value"));
+}
+
+// Streaming.
+
+TEST_F(TableSenderTest, DoneTableIsWatchedBeforeTheRows) {
+  PeerSays(kOurGroup);
+
+  Send();
+
+  const std::vector<LogLine> watched = log_.Lines("tbl.watch.all");
+  ASSERT_EQ(watched.size(), 2U);
+  EXPECT_EQ(watched[0].text, "Table(" + AddressOf(server_->GetDoneTable().get()) + ") watching all (1 watchers total)");
+  EXPECT_EQ(watched[1].text, "Table(" + AddressOf(server_->GetSendTable().get()) + ") watching all (1 watchers total)");
+}
+
+TEST_F(TableSenderTest, RowsOfTheTableAreSentOldestChangeFirst) {
+  SetRow("\x01tk1", "a");
+  SetRow("\x01tk2", "bb");
+  SetRow("\x01tk1", "ccc");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x02"
+                                        "\x01tk2"
+                                        "bb"
+                                        "\x00\x40\x00\x03"
+                                        "\x01tk1"
+                                        "ccc"));
+}
+
+TEST_F(TableSenderTest, RowsThatAreSetLaterAreSentToo) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  const auto sets_rows = [this](pollfd&) {
+    SetRow("\x01tk2", "bb");
+    SetRow("\x01tk1", "ccc");
+    return 0;
+  };
+  passes_ = {NothingIsThere, sets_rows, NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
+                                        "\x01tk1"
+                                        "a"
+                                        "\x00\x40\x00\x02"
+                                        "\x01tk2"
+                                        "bb"
+                                        "\x00\x40\x00\x03"
+                                        "\x01tk1"
+                                        "ccc"));
+}
+
+TEST_F(TableSenderTest, IdleStreamSendsNothing) {
+  PeerSays(kOurGroup);
+  const auto sets_a_row = [this](pollfd&) {
+    SetRow("\x01tk1", "a");
+    return 0;
+  };
+  passes_.assign(20, NothingIsThere);
+  passes_.emplace_back(sets_a_row);
+  passes_.emplace_back(NothingIsThere);
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
+                                        "\x01tk1"
+                                        "a"));
+}
+
+TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionWhenASecondHasPassed) {
+  PeerSays(kOurGroup);
+  int looks = 0;
+  int looks_until_poll = 0;
+  const HookedHere now(Hooks().now, [&] {
+    ++looks;
+    const std::chrono::nanoseconds passed = looks == 1    ? 0ns
+                                            : looks < 100 ? 1s - 1ns  // Too early, as often as it likes to look.
+                                            : looks < 200 ? 1s
+                                                          : 1h;  // For one that would wait longer.
+    return std::chrono::steady_clock::time_point(passed);
+  });
+  passes_ = {[&](pollfd&) {
+    looks_until_poll = looks;
+    PeerEnds();
+    return 1;
+  }};
+
+  Send();
+
+  EXPECT_GE(looks_until_poll, 100);
+  EXPECT_LT(looks_until_poll, 200);
+}
+
+TEST_F(TableSenderTest, ClosedConnectionOfAnIdleStreamEndsIt) {
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0",
+                                  "poll socket POLLIN 0", "close"));
+  EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
+}
+
+TEST_F(TableSenderTest, ConnectionThatHasFailedEndsTheStream) {
+  PeerSays(kOurGroup);
+  passes_ = {[](pollfd& entry) {
+    entry.revents = POLLERR | POLLHUP;
+    return 1;
+  }};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "close"));
+}
+
+TEST_F(TableSenderTest, RowThatWasTakenWhenThePeerHadGoneIsDropped) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  passes_ = {};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(log_.Lines("tblsndr.strm").size(), 0U);
+}
+
+TEST_F(TableSenderTest, LookThatFailsDoesNotEndTheStream) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  passes_ = {[](pollfd&) { return FailWith{EINTR}(); }};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
+                                        "\x01tk1"
+                                        "a"));
+}
+
+TEST_F(TableSenderTest, RowThatCannotBeSentIsFollowedByTheNextLook) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  int sends = 0;
+  const HookedHere send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) -> ssize_t {
+    if (sends++ == 0) return Hooks().send.Real(descriptor, bytes, size, flags);
+    errno = EPIPE;
+    return -1;
+  });
+  passes_ = {NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_,
+              ElementsAre("recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
+  EXPECT_EQ(log_.Lines("tblsndr.strm").size(), 1U);
+}
+
+TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesWithTheNextRow) {
+  SetRow("\x01tk1", "");
+  PeerSays(kOurGroup);
+  std::string before_the_next_row;
+  const auto sets_a_row = [&](pollfd&) {
+    before_the_next_row = WaitingForPeer();
+    SetRow("\x01tk2", "b");
+    return 0;
+  };
+  passes_ = {NothingIsThere, sets_a_row, NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(before_the_next_row, kUs);
+  EXPECT_EQ(PeerReceives(), Bytes("\x00\x40\x00\x00"
+                                  "\x01tk1"
+                                  "\x00\x40\x00\x01"
+                                  "\x01tk2"
+                                  "b"));
+}
+
+TEST_F(TableSenderTest, RowWithZeroBytesIsSentAsItIs) {
+  SetRow(Bytes("\x01t\0k"), Bytes("\0v\0"));
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x03"
+                                        "\x01t\0k"
+                                        "\0v\0"));
+}
+
+TEST_F(TableSenderTest, KeyThatClaimsALongerTableNameThanItHasIsClampedInTheLog) {
+  SetRow(
+      "\x0A"
+      "abc",
+      "v");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(Lines()[3], "7 tblsndr.strm: TableSender(T) sending abc:: (1 bytes)");
+}
+
+TEST_F(TableSenderTest, EmptyKeyIsLoggedWithoutATableName) {
+  SetRow("", "v");
+  PeerSays(kOurGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(Lines()[3], "7 tblsndr.strm: TableSender(T) sending :: (1 bytes)");
+}
+
+// The stop of the server, and exceptions.
+
+TEST_F(TableSenderTest, DoneRowEndsTheStream) {
+  PeerSays(kOurGroup);
+  const auto server_stops = [this](pollfd&) {
+    server_->GetDoneTable()->Set({"done", "y"});
+    return 0;
+  };
+  passes_ = {server_stops, NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
+  EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
+  EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, StopThatCameBeforeTheFirstRecordEndsTheStream) {
+  server_.SignalDone();
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), "");
+  EXPECT_THAT(trace_, ElementsAre("close"));
+  EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
+}
+
+TEST_F(TableSenderTest, StopWhileThePeerIsWaitedForEndsTheStream) {
+  const HookedHere send(Hooks().send, [this](int descriptor, const void* bytes, std::size_t size, int flags) {
+    server_.SignalDone();
+    return Hooks().send.Real(descriptor, bytes, size, flags);
+  });
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_THAT(trace_, ElementsAre("close"));
+  EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
+}
+
+TEST_F(TableSenderTest, StopWhileARowIsWrittenEndsTheStreamAtTheNextLook) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  const auto server_stops = [this](pollfd&) {
+    server_.SignalDone();
+    server_->GetDoneTable()->Set({"done", "y"});
+    return 0;
+  };
+  passes_ = {server_stops, NothingIsThere, NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
+  EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtOnce) {
+  SetRow("\x01tk1", std::string(100000, 'a'));
+  PeerSays(kOurGroup);
+  const auto server_stops = [this](pollfd&) {
+    server_.SignalDone();
+    return 0;
+  };
+  passes_ = {server_stops, NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "close"));
+  EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, ExceptionOfTheLogHookBeforeTheFirstRecordEndsTheStreamAlone) {
+  const ThrowingHook hook("tblsndr.senduid");
+
+  EXPECT_NO_THROW(Send());
+
+  EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
+  EXPECT_EQ(PeerReceives(), "");
+}
+
+TEST_F(TableSenderTest, ExceptionOfTheLogHookAfterTheAnswerEndsTheStreamAlone) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOurGroup);
+  const ThrowingHook hook("tblsndr.getgrp");
+
+  EXPECT_NO_THROW(Send());
+
+  EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
+  EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, ExceptionOfTheLogHookWhileTheTablesAreWatchedEndsTheStreamAlone) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOtherGroup);
+  const ThrowingHook hook("tbl.watch.all");
+
+  EXPECT_NO_THROW(Send());
+
+  EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
+  EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, ExceptionOfTheLogHookBeforeARowEndsTheStreamAlone) {
+  SetRow("\x01tk1", "a");
+  PeerSays(kOtherGroup);
+  passes_ = {NothingIsThere};
+  const ThrowingHook hook("tblsndr.strm");
+
+  EXPECT_NO_THROW(Send());
+
+  EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
+  EXPECT_EQ(PeerReceives(), kUs);
+}
