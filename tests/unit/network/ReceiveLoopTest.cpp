@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 #include <future>
@@ -149,6 +150,64 @@ class ReceiveLoopOfMalformedUidTest : public ReceiveLoopTest {
         "abc";
     return settings;
   }
+};
+
+// Whole servers, which announce themselves on this host, in a group that no other process is in.
+class SharingTest : public testing::Test {
+ protected:
+  struct Tables {
+    const std::shared_ptr<Varnix::Table> received = Varnix::MakeTable("received");
+    const std::shared_ptr<Varnix::Table> sent = Varnix::MakeTable("sent");
+  };
+
+  std::unique_ptr<TableServer> Start(const std::string& process, const Tables& tables) const {
+    return std::make_unique<TableServer>(CombinedKey("dev", process), "db", tables.received, tables.sent,
+                                         "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"));
+  }
+  // Waits until the key has the value.
+  static bool Arrives(const Tables& tables, const std::string& key, const std::string& value) {
+    const auto watcher = tables.received->Watch(key);
+    const auto set = Varnix::MakeWatcherSet({watcher});
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    for (;;) {
+      const auto [row, changed] = set->WaitUntil(deadline);
+      if (!changed || row.second == value) return changed != nullptr;
+    }
+  }
+  static bool Eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::yield();
+    }
+    return true;
+  }
+  static std::size_t Count(const std::vector<LogLine>& lines, const std::string& tag, const std::string& end = "") {
+    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
+      return line.tag == tag && line.text.size() >= end.size() &&
+             line.text.compare(line.text.size() - end.size(), end.size(), end) == 0;
+    }));
+  }
+  std::size_t Count(const std::string& tag, const std::string& end = "") const { return Count(log_.Lines(), tag, end); }
+  // Waits until two servers have settled: each has met itself and the other, whoever was connected to has connected
+  // back, the first of them has tried once more in return, and only one stream is left in each direction.
+  bool AllHaveMet() const {
+    return Eventually([this] {
+      const std::vector<LogLine> lines = log_.Lines();
+      return Count(lines, "tblrcvr.gotuid") >= 5 && Count(lines, "tblsvr.fnd") >= 2 &&
+             Count(lines, "tblrcvr.ctor") - Count(lines, "tblrcvr.dtor") == 2 &&
+             Count(lines, "tblsndr.ctor") - Count(lines, "tblsndr.dtor") == 2;
+    });
+  }
+  std::vector<LogLine> LinesOfReceiveLoops() const {
+    std::vector<LogLine> lines;
+    for (const LogLine& line : log_.Lines()) {
+      if (line.tag.rfind("tblsvr.fnd.rcv", 0) == 0) lines.push_back(line);
+    }
+    return lines;
+  }
+
+  LogRecorder log_;
 };
 
 // What a peer says to begin with: a record of database and uid.
@@ -411,4 +470,81 @@ TEST_F(ReceiveLoopOfMalformedUidTest, LengthThatClaimsTooMuchIsClampedInTheLineO
   RunWithPeer(kOtherDatabase);
 
   EXPECT_THAT(Lines(), ElementsAre(WrongTableServer()));
+}
+
+// Servers among themselves.
+
+TEST_F(SharingTest, TwoServersOfAGroupReceiveEachOthersRows) {
+  const Tables left_tables;
+  const Tables right_tables;
+  left_tables.sent->Set({"\x01tl", "of left"});
+  right_tables.sent->Set({"\x01tr", "of right"});
+
+  const auto left = Start("left", left_tables);
+  const auto right = Start("right", right_tables);
+
+  EXPECT_TRUE(Arrives(left_tables, "\x01tr", "of right"));
+  EXPECT_TRUE(Arrives(right_tables, "\x01tl", "of left"));
+}
+
+TEST_F(SharingTest, TwoServersOfAGroupEndUpWithOneConnectionInEachDirection) {
+  const auto left = Start("left", {});
+  const auto right = Start("right", {});
+
+  EXPECT_TRUE(AllHaveMet());
+
+  EXPECT_EQ(Count("tblsvr.fnd", " found peer: dev::left 2130706433:" + std::to_string(left->GetListenPort())), 1U);
+  EXPECT_EQ(Count("tblsvr.fnd", " found peer: dev::right 2130706433:" + std::to_string(right->GetListenPort())), 1U);
+  EXPECT_THAT(LinesOfReceiveLoops(), IsEmpty());
+}
+
+TEST_F(SharingTest, AnnouncementOfAPeerThatIsReceivedFromLeavesItsStreamAlone) {
+  const Tables left_tables;
+  const Tables right_tables;
+  const auto left = Start("left", left_tables);
+  const auto right = Start("right", right_tables);
+  ASSERT_TRUE(AllHaveMet());
+  log_.Clear();
+
+  left->NetworkChanged();
+
+  EXPECT_TRUE(Eventually([&] { return Count("tblrcvr.gotuid", "dev::left") >= 2; }));  // Both have heard it.
+  left_tables.sent->Set({"\x01tl", "after"});
+  EXPECT_TRUE(Arrives(right_tables, "\x01tl", "after"));
+  EXPECT_EQ(Count("tblsvr.fnd"), 0U);
+}
+
+TEST_F(SharingTest, PeerThatIsFoundTwiceInQuickSuccessionGivesOneStreamAndOneThreadThatEndsSilently) {
+  const VacantServer server;  // Of another group: it is not connected back to.
+  const auto peer = Start("peer", {});
+  ASSERT_TRUE(log_.Eventually("tblrcvr.dtor"));  // It has met itself.
+  log_.Clear();
+  std::promise<void> released;
+  auto esns = std::make_shared<ActiveESNs>([&] { released.set_value(); });
+
+  server->FoundPeer(INADDR_LOOPBACK, peer->GetListenPort(), esns);
+  server->FoundPeer(INADDR_LOOPBACK, peer->GetListenPort(), esns);
+
+  EXPECT_TRUE(Eventually([&] { return Count("tblrcvr.strm.grp") == 1 && Count("tblrcvr.dtor") == 1; }));
+  server.SignalDone();
+  esns.reset();
+  ASSERT_EQ(released.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
+  EXPECT_EQ(Count("tblsvr.fnd"), 1U);
+  EXPECT_THAT(LinesOfReceiveLoops(),
+              ElementsAre(LogLine{LogLevel::Info, "tblsvr.fnd.rcv.abort",
+                                  "TableServer for dev::proc::db(" + AddressOf(&*server) +
+                                      ") aborting ReceiveTable for 2130706433:" + std::to_string(peer->GetListenPort()),
+                                  ""}));
+}
+
+TEST_F(SharingTest, ServerThatHearsItselfConnectsToItselfAndEndsThatSilently) {
+  auto server = Start("self", {});
+
+  EXPECT_TRUE(log_.Eventually("tblrcvr.gotuid"));
+  EXPECT_TRUE(log_.Eventually("tblrcvr.dtor"));
+  server.reset();
+
+  EXPECT_EQ(Count("tblrcvr.gotuid", "dev::self"), 1U);
+  EXPECT_EQ(Count("tblsvr.fnd"), 0U);
+  EXPECT_THAT(LinesOfReceiveLoops(), IsEmpty());
 }
