@@ -726,6 +726,15 @@ bool HostFlushReturns(Unblock unblock) {
   return in_time;
 }
 
+bool IsLockedForOthers(FILE* stream) {
+  bool locked = false;
+  std::thread([&] {
+    locked = ftrylockfile(stream) != 0;
+    if (!locked) funlockfile(stream);
+  }).join();
+  return locked;
+}
+
 // What a host may do at any time.
 class HostThatFlushes {
  public:
@@ -826,6 +835,50 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   sender.join();
   EXPECT_TRUE(written);
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, StreamIsLockedWhileARecordIsReadExceptForTheWaits) {
+  FILE* const stream = cookie_.OpenStream();
+  std::vector<bool> locked_in_waits;
+  std::vector<bool> locked_between;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    locked_in_waits.push_back(IsLockedForOthers(stream));
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  Hooked recv(Hooks().recv, [&](int descriptor, void* buffer, std::size_t, int flags) {
+    locked_between.push_back(IsLockedForOthers(stream));
+    return Hooks().recv.Real(descriptor, buffer, 4, flags);
+  });
+  PeerSends(std::string("\x00\x10\x00\x03kvvv", 8));
+
+  Varnix::Row received;
+  ReadRecord(received, stream, cookie_);
+
+  EXPECT_THAT(locked_in_waits, ElementsAre(false, false));
+  EXPECT_THAT(locked_between, ElementsAre(true, true));
+  EXPECT_FALSE(IsLockedForOthers(stream)) << "after the record";
+  fclose(stream);
+}
+
+TEST_F(CookieTest, StreamIsLockedWhileARecordIsWrittenExceptForTheWaits) {
+  FILE* const stream = cookie_.OpenStream();
+  std::vector<bool> locked_in_waits;
+  std::vector<bool> locked_between;
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    locked_in_waits.push_back(IsLockedForOthers(stream));
+    return Hooks().poll.Real(entries, count, time_out);
+  });
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t, int flags) {
+    locked_between.push_back(IsLockedForOthers(stream));
+    return Hooks().send.Real(descriptor, bytes, 4, flags);
+  });
+
+  WriteRecord({"k", "vvv"}, stream, cookie_);
+
+  EXPECT_THAT(locked_in_waits, ElementsAre(false, false));
+  EXPECT_THAT(locked_between, ElementsAre(true, true));
+  EXPECT_FALSE(IsLockedForOthers(stream)) << "after the record";
   fclose(stream);
 }
 
