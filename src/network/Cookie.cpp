@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "logging/Log.h"
 #include "network/SystemCalls.h"
@@ -21,16 +22,19 @@ ssize_t Cookie::Read(void* cookie, char* buffer, std::size_t size) {
     const ssize_t received = recv(self.socket, buffer, size, 0);
     if (received >= 0) return received;
     if (errno == EINTR) continue;
-    Log(Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error %d", errno);
+    self.read_error_ = errno;
+    if (self.locked_stream_ == nullptr) self.LogReadError();
     return -1;
   }
 }
 
 ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
+  // What a forked child flushes when it exits is its parent's to send; and the cookie may be on the stack of a thread
+  // that the child does not have.
+  if (in_forked_child) return static_cast<ssize_t>(size);
   Cookie& self = *static_cast<Cookie*>(cookie);
-  // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way. So
-  // are those that a forked child flushes when it exits, but from its parent.
-  if (self.lock_lent_ || in_forked_child) return static_cast<ssize_t>(size);
+  // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way.
+  if (self.lock_lent_) return static_cast<ssize_t>(size);
   std::size_t taken = 0;
   while (taken < size) {
     if (!self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;
@@ -38,7 +42,7 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
     if (sent >= 0) {
       taken += static_cast<std::size_t>(sent);
     } else if (errno == EAGAIN) {
-      LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
+      self.LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
     } else if (errno != EINTR) {
       return 0;
     }
@@ -77,6 +81,17 @@ int Cookie::Poll(pollfd* entries) {
     lock_lent_ = false;
   }
   return ready;
+}
+
+void Cookie::LogReadError() {
+  if (read_error_ == 0) return;
+  errno = std::exchange(read_error_, 0);
+  Log(Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error %d", errno);
+}
+
+void Cookie::LogErrnoAndAbort(const char* tag, const char* format) {
+  if (locked_stream_ != nullptr) funlockfile(locked_stream_);  // The log hook may need it; nothing is left to guard.
+  ::LogErrnoAndAbort(tag, format);
 }
 
 StreamLock::StreamLock(FILE* stream, Cookie& cookie) : stream_(stream), cookie_(cookie) {

@@ -29,14 +29,20 @@ struct Cookie {
   const int done_descriptor;  // Polled, never read.
   bool aborted = false;       // The done pipe was readable. Never cleared.
 
+  // Logs the failure of a read within a record, once the record's lock is released: the log hook may flush or open
+  // streams, and would wait for that lock; and what it throws must not cross the frames of stdio.
+  void LogReadError();
+
  private:
   friend class StreamLock;
 
   bool WaitFor(short events, const char* tag, const char* format);
   int Poll(struct pollfd* entries);
+  [[noreturn]] void LogErrnoAndAbort(const char* tag, const char* format);
 
   // Both change only under the stream's lock, which no sanitizer sees: hence atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
+  int read_error_ = 0;                         // An errno that has not been logged yet.
   std::atomic<bool> lock_lent_{false};         // Our thread waits within a record; whoever comes now is the host.
 };
 

@@ -29,6 +29,21 @@ bool FailOrAbort(const Cookie& cookie) {
   return false;
 }
 
+bool ReadFields(Varnix::Row& record, FILE* stream, Cookie& cookie) {
+  const StreamLock lock(stream, cookie);
+  unsigned char header[kHeaderSize];
+  if (!ReadItem(header, kHeaderSize, stream)) return false;
+  const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
+                                std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
+  Varnix::Row read{std::string(lengths >> kLengthBitsB, '\0'), std::string(lengths & kMaxLengthB, '\0')};
+  if (!ReadItem(read.first.data(), read.first.size(), stream) ||
+      !ReadItem(read.second.data(), read.second.size(), stream)) {
+    return false;
+  }
+  record = std::move(read);
+  return true;
+}
+
 }  // namespace
 
 bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie) {
@@ -48,16 +63,7 @@ bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie) {
 }
 
 bool ReadRecord(Varnix::Row& record, FILE* stream, Cookie& cookie) {
-  const StreamLock lock(stream, cookie);
-  unsigned char header[kHeaderSize];
-  if (!ReadItem(header, kHeaderSize, stream)) return FailOrAbort(cookie);
-  const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
-                                std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
-  Varnix::Row read{std::string(lengths >> kLengthBitsB, '\0'), std::string(lengths & kMaxLengthB, '\0')};
-  if (!ReadItem(read.first.data(), read.first.size(), stream) ||
-      !ReadItem(read.second.data(), read.second.size(), stream)) {
-    return FailOrAbort(cookie);
-  }
-  record = std::move(read);
-  return true;
+  if (ReadFields(record, stream, cookie)) return true;
+  cookie.LogReadError();
+  return FailOrAbort(cookie);
 }

@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <new>
+#include <optional>
 #include <utility>
 
 #include "databases/CombinedKey.h"
@@ -98,10 +100,16 @@ void TableSender::SendRow(const Varnix::Row& row) {
 }
 
 void SendTable(TableServer& server, int socket, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {
-  TableSender sender(server, socket);
-  sender.MakeStream();
+  std::optional<TableSender> sender;
   try {
-    sender.Converse(address, active_esns);
+    sender.emplace(server, socket);
+  } catch (const std::bad_alloc&) {
+    close(socket);  // No memory even to start with: the peer tries again.
+    return;
+  }
+  sender->MakeStream();
+  try {
+    sender->Converse(address, active_esns);
   } catch (...) {
     // Whatever it was, the server's stop among them: it ends this stream and nothing else.
   }

@@ -31,6 +31,7 @@ constexpr int kPauseWithoutDescriptors_ms = 100;
 // Ample for our frames and a log hook, and not the usual 8 MiB each: a 32-bit process has no room for hundreds of
 // those.
 constexpr std::size_t kPeerStackSize = std::size_t{256} * 1024;
+constexpr std::size_t kLargeStackSize = std::size_t{8} * 1024 * 1024;
 
 sockaddr_in MakeBroadcastAddress(unsigned address) {
   sockaddr_in broadcast{};
@@ -57,8 +58,13 @@ bool StartDetached(Body body) {
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   pthread_attr_setstacksize(&attributes, kPeerStackSize);
   pthread_t thread;
-  errno = pthread_create(&thread, &attributes, run, owned.get());
+  int error = pthread_create(&thread, &attributes, run, owned.get());
+  if (error == EINVAL) {  // The host's thread-local objects alone need more.
+    pthread_attr_setstacksize(&attributes, kLargeStackSize);
+    error = pthread_create(&thread, &attributes, run, owned.get());
+  }
   pthread_attr_destroy(&attributes);
+  errno = error;
   if (errno != 0) return false;
   owned.release();  // NOLINT(bugprone-unused-return-value): the thread has it.
   return true;

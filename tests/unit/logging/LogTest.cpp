@@ -128,7 +128,7 @@ TEST_F(DefaultLoggerTest, PrintsAnErrorWithItsTagAndTheTextOfErrno) {
 
 TEST_F(DefaultLoggerTest, PrintsNothingOfAnyOtherLevel) {
   for (int level : {0, 1, 2, 4, 5, 6, 7}) {
-    EXPECT_EQ(Printed(static_cast<LogLevel>(level), "tag", "text"), "") << level;
+    EXPECT_EQ(Printed(static_cast<LogLevel>(level), "tag", "%s", "text"), "") << level;
   }
 }
 
