@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <string>
+
 #include "databases/CombinedKey.h"
 
 namespace {
@@ -71,4 +74,43 @@ TEST(PrintableKey, NeverShowsMoreThanIsThere) {
   EXPECT_EQ(Print("\xff"
                   "short"),
             "short::");
+}
+
+TEST(PrintableKey, OfAKeyWithZeroBytesShowsWhatIsBeforeThem) {
+  EXPECT_EQ(std::string(PrintableKey(std::string("\3a\0bk\0ey", 8)).name, 3), std::string("a\0b", 3));
+  EXPECT_STREQ(PrintableKey(std::string("\3abck\0ey", 8)).key, "k");
+}
+
+TEST(PrintableKey, StaysWithinTheStringWhateverLengthItClaims) {
+  for (std::size_t claimed = 0; claimed <= 255; ++claimed) {
+    for (const std::size_t held :
+         {std::size_t{0}, std::size_t{1}, std::size_t{40}, std::size_t{254}, std::size_t{255}, std::size_t{256}}) {
+      const std::string combined = static_cast<char>(claimed) + std::string(held, 'n');
+
+      const PrintableKey printable(combined);
+
+      ASSERT_EQ(static_cast<std::size_t>(printable.name_length), std::min(claimed, held));
+      ASSERT_EQ(printable.name, combined.data() + 1);
+      ASSERT_EQ(std::string(printable.key).size(), held - std::min(claimed, held));
+    }
+  }
+}
+
+TEST(SplitKey, IsTheInverseOfCombinedKey) {
+  for (const std::size_t name_size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{127}, std::size_t{128}, std::size_t{255}}) {
+    for (const std::string& key : {std::string(), std::string("key"), std::string("k\0", 2), std::string(3000, 'k')}) {
+      const SplitKey split(CombinedKey(std::string(name_size, 'n'), key));
+
+      EXPECT_EQ(split.name, std::string(name_size, 'n'));
+      EXPECT_EQ(split.key, key);
+    }
+  }
+}
+
+TEST(SplitKey, ThatClaimsOneByteMoreThanItHoldsHasTwoEmptyHalves) {
+  const SplitKey split("\4cfg");
+
+  EXPECT_EQ(split.name, "");
+  EXPECT_EQ(split.key, "");
 }

@@ -1,11 +1,26 @@
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "Tables.h"
 #include "databases/DatabaseCache.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 #include "support/ThrowingHook.h"
 
 namespace {
@@ -17,6 +32,33 @@ bool IsListed(const std::string& database) {
   const Rows rows = Contents(*Varnix::GetDatabaseTable());
   return std::find(rows.begin(), rows.end(), Varnix::Row(database, "")) != rows.end();
 }
+
+// Each test has a database of its own in this process, and leaves no server running.
+class SetSharingGroup : public testing::Test {
+ protected:
+  ~SetSharingGroup() override {
+    if (const auto database = DatabaseCache::Instance()->FindDatabase(name_)) database->EndSharing();
+  }
+
+  // Group, device and process, or nothing.
+  std::vector<std::string> Reported() const {
+    std::vector<std::string> settings(3);
+    const bool shared = Varnix::GetSharingGroup(name_, settings[0], settings[1], settings[2], nullptr);
+    return shared ? settings : std::vector<std::string>();
+  }
+
+  unsigned ReportedAddress() const {
+    std::string group;
+    std::string device;
+    std::string process;
+    unsigned address = 0;
+    Varnix::GetSharingGroup(name_, group, device, process, &address);
+    return address;
+  }
+
+  // None is used twice: sharing that has ended has ended for good.
+  const std::string name_ = std::string("shared by ") + testing::UnitTest::GetInstance()->current_test_info()->name();
+};
 
 }  // namespace
 
@@ -96,6 +138,121 @@ TEST(DatabaseCache, SharesNoDatabaseOnceSharingHasEnded) {
 
   SharingSettings settings;
   EXPECT_FALSE(late->GetSharing(settings));
+}
+
+TEST(DatabaseCache, MakesOneDatabaseForThreadsThatAllAskForIt) {
+  DatabaseCache cache;
+  LogRecorder log;
+  std::vector<std::shared_ptr<Database>> databases(4);
+  std::vector<std::thread> threads;
+  for (auto& database : databases) threads.emplace_back([&] { database = cache.GetDatabase("a"); });
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_THAT(databases, testing::Each(databases[0]));
+  EXPECT_EQ(log.Lines("tblcmbn.ctor").size(), 1U);
+  EXPECT_EQ(log.Lines("tbl.set.ins").size(), 1U);
+}
+
+TEST(DatabaseCache, LogsTheNewDatabaseAndThenListsIt) {
+  DatabaseCache cache;
+  LogRecorder log;
+
+  const auto database = cache.GetDatabase("a");
+
+  const auto combined = LocalTables("_vrx_.comb.a");
+  ASSERT_EQ(combined.size(), 1U);
+  ASSERT_EQ(log.Lines().size(), 2U);
+  EXPECT_EQ(log.Lines()[0].level, LogLevel::Debug);
+  EXPECT_EQ(log.Lines()[0].tag, "tblcmbn.ctor");
+  EXPECT_EQ(log.Lines()[0].format, "DB(%p) constructed: %s -> combined: %p decombiner: %p");
+  EXPECT_THAT(log.Lines()[0].text,
+              testing::StartsWith("DB(" + AddressOf(database.get()) +
+                                  ") constructed: a -> combined: " + AddressOf(combined[0].get()) + " decombiner: 0x"));
+  EXPECT_EQ(log.Lines()[1],
+            (LogLine{LogLevel::Debug, "tbl.set.ins",
+                     "Table(" + AddressOf(cache.GetDatabaseTable().get()) + ") inserting row for a (0 bytes)", ""}));
+}
+
+TEST(DatabaseCache, FindsADatabaseThatIsBeingMadeOnlyWhenItIsWhole) {
+  DatabaseCache cache;
+  std::optional<SleepingThread> finder;
+  std::shared_ptr<Database> found;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::string(tag) == "tblcmbn.ctor") finder.emplace([&] { found = cache.FindDatabase("new"); });
+  });
+
+  const auto made = cache.GetDatabase("new");
+  finder.reset();
+
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(found, made);
+}
+
+TEST(DatabaseCache, FindsADatabaseWhileAnotherStartsToShare) {
+  DatabaseCache cache;
+  const auto known = cache.GetDatabase("known");
+  const auto sharing = cache.GetDatabase("sharing");
+  std::future<std::shared_ptr<Database>> found;
+  std::future_status status = std::future_status::deferred;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::string(tag) != "tblsvr.ctor") return;
+    found = std::async(std::launch::async, [&] { return cache.FindDatabase("known"); });
+    status = found.wait_for(std::chrono::seconds(10));
+  });
+
+  sharing->SetSharing({"group", "dev", "proc", inet_addr("127.255.255.255")});
+
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(status, std::future_status::ready);
+  EXPECT_EQ(found.get(), known);
+}
+
+TEST(DatabaseCache, IsWholeAfterMemoryRanOutAnywhere) {
+  const std::string name = "a name that does not fit into the string itself";
+  for (long n = 1;; ++n) {
+    DatabaseCache cache;
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        cache.GetDatabase(name);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failing.HasFailed();
+    }
+    EXPECT_EQ(cache.FindDatabase(name) == nullptr, failed);
+    EXPECT_NO_THROW(cache.NetworkChanged());
+
+    EXPECT_NE(cache.GetDatabase(name), nullptr);
+
+    EXPECT_EQ(Contents(*cache.GetDatabaseTable()), (Rows{{name, ""}}));
+    if (!failed) return;
+    ASSERT_LT(n, 100);
+  }
+}
+
+TEST(DatabaseCache, IsTheSameForThreadsThatAllAskForItFirst) {
+  std::vector<std::shared_ptr<DatabaseCache>> caches(4);
+  std::vector<std::thread> threads;
+  for (auto& cache : caches) threads.emplace_back([&] { cache = DatabaseCache::Instance(); });
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_NE(caches[0], nullptr);
+  EXPECT_THAT(caches, testing::Each(caches[0]));
+}
+
+TEST(GetDatabaseTableDeathTest, IsEmptyAtFirstAndHasOneRowAfterATableTableWasAskedForTwice) {
+  const auto in_a_process_without_databases = [] {
+    const bool absent = LocalTables("_vrx_.dbtbl.main").empty();
+    const auto table = Varnix::GetDatabaseTable();
+    const bool empty = Contents(*table).empty();
+    const bool same = Varnix::GetTableTable("a") == Varnix::GetTableTable("a");
+    const bool listed = Contents(*table) == Rows{{"a", ""}};
+    std::fprintf(stderr, "absent %d, empty %d, same %d, listed %d", absent, empty, same, listed);
+    std::_Exit(0);
+  };
+
+  EXPECT_EXIT(in_a_process_without_databases(), testing::ExitedWithCode(0), "^absent 1, empty 1, same 1, listed 1$");
 }
 
 TEST(GetDatabaseTable, IsOneTableNamedAsTheLibrarysOwn) {
@@ -183,4 +340,170 @@ TEST(NetworkChanged, WithoutASharedDatabaseDoesNothing) {
   Varnix::NetworkChanged();
 
   EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(NetworkChanged, MakesNoDatabase) {
+  const Rows before = Contents(*Varnix::GetDatabaseTable());
+
+  Varnix::NetworkChanged();
+
+  EXPECT_EQ(Contents(*Varnix::GetDatabaseTable()), before);
+}
+
+TEST(NetworkChanged, ReachesEverySharedDatabaseAndNoOther) {
+  DatabaseCache cache;
+  cache.GetDatabase("unshared");
+  for (const char* name : {"one", "two"}) {
+    cache.GetDatabase(name)->SetSharing({"group", "dev", "proc", inet_addr("127.255.255.255")});
+  }
+  LogRecorder log;
+
+  cache.NetworkChanged();
+
+  EXPECT_TRUE(log.Eventually("tblsvr.dscv.chg", 2));
+}
+
+TEST(MakeSharedTable, FeedsTheSameCombinedTableThroughAllItsHandles) {
+  Varnix::MakeSharedTable("feeding", "t")->Set({"a", "1"});
+  Varnix::MakeSharedTable("feeding", "t")->Set({"b", "2"});
+
+  EXPECT_EQ(Contents(*LocalTables("_vrx_.comb.feeding").at(0)), (Rows{{"\1ta", "1"}, {"\1tb", "2"}}));
+}
+
+TEST(MakeSharedTable, KeepsTablesOfOneNameInTwoDatabasesApart) {
+  const auto here = Varnix::MakeSharedTable("here", "t");
+  const auto there = Varnix::MakeSharedTable("there", "t");
+
+  here->Set({"k", "v"});
+
+  EXPECT_EQ(Contents(*here), (Rows{{"k", "v"}}));
+  EXPECT_EQ(Contents(*there), Rows());
+}
+
+TEST(MakeSharedTable, NamesTheLocalCopyOfATableWithoutAName) {
+  Varnix::MakeSharedTable("nameless", "");
+
+  EXPECT_EQ(LocalTables("_vrx_.out_.nameless").size(), 1U);
+  EXPECT_EQ(Contents(*Varnix::GetTableTable("nameless")), (Rows{{"", ""}}));
+}
+
+TEST(MakeSharedTable, WorksAfterTheLogHookHasThrownAnywhere) {
+  for (int n = 1;; ++n) {
+    const std::string name = "throwing " + std::to_string(n);
+    bool thrown = false;
+    {
+      const ThrowingHook hook(n);
+      try {
+        Varnix::MakeSharedTable(name, "t");
+      } catch (const HookError&) {
+        thrown = true;
+      }
+    }
+
+    const auto table = Varnix::MakeSharedTable(name, "t");
+    table->Set({"k", "v"});
+
+    EXPECT_EQ(Contents(*table), (Rows{{"k", "v"}}));
+    EXPECT_TRUE(IsListed(name));
+    EXPECT_EQ(Contents(*Varnix::GetTableTable(name)), (Rows{{"t", ""}}));
+    EXPECT_EQ(LocalTables("_vrx_.comb." + name).size(), 1U);
+    EXPECT_EQ(LocalTables("_vrx_.out_t." + name).size(), 1U);
+    if (!thrown) {
+      EXPECT_EQ(n, 7);  // Database, its row, the table's row, the table, the combiner, the call.
+      return;
+    }
+  }
+}
+
+TEST(GetTableTable, WorksAfterTheLogHookHasThrownAnywhere) {
+  for (int n : {1, 2}) {  // The database and its row.
+    const std::string name = "throwing table table " + std::to_string(n);
+    {
+      const ThrowingHook hook(n);
+      EXPECT_THROW(Varnix::GetTableTable(name), HookError);
+    }
+    EXPECT_FALSE(IsListed(name));
+
+    EXPECT_EQ(Contents(*Varnix::GetTableTable(name)), Rows());
+
+    EXPECT_TRUE(IsListed(name));
+    EXPECT_EQ(LocalTables("_vrx_.tbltbl." + name).size(), 1U);
+  }
+}
+
+TEST(GetTableTable, ListsTheTablesOfItsDatabaseToItsWatchers) {
+  const auto watcher = Varnix::GetTableTable("watched listing")->WatchAll();
+
+  Varnix::MakeSharedTable("watched listing", "one");
+  Varnix::MakeSharedTable("watched listing", "one");
+  Varnix::MakeSharedTable("watched listing", "two");
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"one", ""}}));
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"two", ""}}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(SetSharingGroup, MakesTheDatabaseAndIsReportedByGetSharingGroup) {
+  EXPECT_FALSE(IsListed(name_));
+
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+
+  EXPECT_TRUE(IsListed(name_));
+  EXPECT_EQ(Reported(), (std::vector<std::string>{"g", "dev", "p"}));
+  EXPECT_EQ(ReportedAddress(), inet_addr("127.255.255.255"));
+}
+
+TEST_F(SetSharingGroup, IsReportedWithoutTheAddressToThoseWhoDoNotAskForIt) {
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+  std::string group;
+  std::string device;
+  std::string process;
+
+  EXPECT_TRUE(Varnix::GetSharingGroup(name_, group, device, process, nullptr));
+
+  EXPECT_EQ(group, "g");
+}
+
+TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+
+  Varnix::SetSharingGroup(name_, "g2", "dev2", "p2", inet_addr("127.255.255.255"));
+
+  EXPECT_EQ(Reported(), (std::vector<std::string>{"g2", "dev2", "p2"}));
+}
+
+TEST_F(SetSharingGroup, LetsNetworkChangedReachTheServer) {
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+  LogRecorder log;
+
+  Varnix::NetworkChanged();
+
+  EXPECT_TRUE(log.Eventually("tblsvr.dscv.chg"));
+}
+
+TEST_F(SetSharingGroup, LeavesTheContentsOfItsTablesAlone) {
+  const auto table = Varnix::MakeSharedTable(name_, "t");
+  table->Set({"before", "v"});
+
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+  table->Set({"while", "v"});
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+
+  EXPECT_EQ(Contents(*table), (Rows{{"before", "v"}, {"while", "v"}}));
+}
+
+TEST_F(SetSharingGroup, StoresTheLimitedBroadcastAddressForZero) {
+  // In a namespace without a network nothing can leave, and what a thread starts there lives in the same emptiness.
+  int error = 0;
+  std::thread([&] {
+    if (unshare(CLONE_NEWNET) == 0) {
+      Varnix::SetSharingGroup(name_, "g", "dev", "p", 0);
+    } else {
+      error = errno;
+    }
+  }).join();
+  if (error != 0) GTEST_SKIP() << "no network namespace: " << std::strerror(error);
+
+  EXPECT_EQ(Reported(), (std::vector<std::string>{"g", "dev", "p"}));
+  EXPECT_EQ(ReportedAddress(), 4294967295U);
 }

@@ -2,6 +2,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "Tables.h"
 #include "databases/Database.h"
 #include "support/LogRecorder.h"
@@ -11,6 +16,18 @@ namespace {
 
 using Varnix::LogLevel;
 using Rows = std::vector<Varnix::Row>;
+
+// Counts the lines of this thread alone: what the hook throws on one of the library's own ends the process.
+void ShareWhileHookThrowsAt(int n, Database& database, const SharingSettings& settings) {
+  const std::thread::id here = std::this_thread::get_id();
+  SetLogHook([here, left = n](LogLevel, const char*, const char*, va_list) mutable {
+    if (std::this_thread::get_id() == here && --left == 0) throw HookError();
+  });
+  struct RestoreLogger {
+    ~RestoreLogger() { SetLogHook(DefaultLogger); }
+  } restore_logger;
+  database.SetSharing(settings);
+}
 
 SharingSettings Settings() { return {"database test", "dev", "proc", inet_addr("127.255.255.255")}; }
 
@@ -140,19 +157,10 @@ TEST(Database, IsInOrderAfterTheLogHookHasThrownAnywhereInSetSharing) {
     Database database("d");
     database.SetSharing(Settings());
     bool thrown = false;
-    {
-      // Counts the lines of this thread alone: what the hook throws on one of the library's own ends the process.
-      const std::thread::id here = std::this_thread::get_id();
-      int left = n;
-      SetLogHook([&](LogLevel, const char*, const char*, va_list) {
-        if (std::this_thread::get_id() == here && --left == 0) throw HookError();
-      });
-      try {
-        database.SetSharing(Settings());
-      } catch (const HookError&) {
-        thrown = true;
-      }
-      SetLogHook(DefaultLogger);
+    try {
+      ShareWhileHookThrowsAt(n, database, Settings());
+    } catch (const HookError&) {
+      thrown = true;
     }
 
     database.SetSharing(Settings());
@@ -164,4 +172,142 @@ TEST(Database, IsInOrderAfterTheLogHookHasThrownAnywhereInSetSharing) {
       return;
     }
   }
+}
+
+TEST(Database, KeepsItsSettingsWhenTheLogHookThrowsAtTheFirstLineOfSetSharing) {
+  Database database("d");
+  database.SetSharing(Settings());
+
+  EXPECT_THROW(ShareWhileHookThrowsAt(1, database, {"new", "dev2", "proc2", Settings().broadcast_address}), HookError);
+
+  SharingSettings settings;
+  EXPECT_TRUE(database.GetSharing(settings));
+  EXPECT_EQ(settings.group, "database test");
+  EXPECT_EQ(settings.device, "dev");
+  EXPECT_EQ(settings.process, "proc");
+}
+
+TEST(Database, IsNotSharedWhenTheLogHookThrowsBeforeTheNewServerIsMade) {
+  for (int n : {2, 3}) {  // The stop row of the old server, and the constructor of the new one.
+    Database database("d");
+    database.SetSharing(Settings());
+
+    EXPECT_THROW(ShareWhileHookThrowsAt(n, database, Settings()), HookError);
+
+    SharingSettings settings;
+    EXPECT_FALSE(database.GetSharing(settings)) << n;
+  }
+}
+
+TEST(Database, IsSharedAnewWhenTheLogHookThrowsAfterTheNewServerIsMade) {
+  Database database("d");
+  database.SetSharing(Settings());
+
+  EXPECT_THROW(ShareWhileHookThrowsAt(4, database, {"new", "dev2", "proc2", Settings().broadcast_address}), HookError);
+
+  SharingSettings settings;
+  EXPECT_TRUE(database.GetSharing(settings));
+  EXPECT_EQ(settings.group, "new");
+  EXPECT_EQ(settings.device, "dev2");
+  EXPECT_EQ(settings.process, "proc2");
+}
+
+TEST(Database, IsInOrderAfterTheLogHookHasThrownAnywhereInItsFirstSetSharing) {
+  for (int n : {1, 2, 3}) {  // Settings, constructor, server.
+    Database database("d");
+    EXPECT_THROW(ShareWhileHookThrowsAt(n, database, Settings()), HookError);
+    SharingSettings settings;
+    EXPECT_EQ(database.GetSharing(settings), n == 3);
+
+    database.SetSharing(Settings());
+
+    EXPECT_TRUE(database.GetSharing(settings));
+  }
+}
+
+TEST(Database, MakesNoTableWhenTheLogHookThrowsInTheFirstMakeTableAndMakesItAfterwards) {
+  for (int n : {1, 2, 3}) {  // The row in the table table, the new table, the combiner.
+    Database database("d");
+    {
+      const ThrowingHook hook(n);
+      EXPECT_THROW(database.MakeTable("t"), HookError);
+    }
+    EXPECT_EQ(LocalTables("_vrx_.out_t.d").size(), Contents(*database.GetTableTable()).size());
+
+    database.MakeTable("t")->Set({"k", "v"});
+
+    EXPECT_EQ(Contents(*database.GetTableTable()), (Rows{{"t", ""}}));
+    EXPECT_EQ(Contents(*LocalTables("_vrx_.out_t.d").at(0)), (Rows{{"k", "v"}}));
+  }
+}
+
+TEST(Database, EndsInOrderWhenTheLogHookThrowsAtAnyLineOfItsDestruction) {
+  for (int n : {1, 2}) {  // The destruction itself and the server's stop row.
+    auto database = std::make_unique<Database>("d");
+    database->SetSharing(Settings());
+    const std::thread::id here = std::this_thread::get_id();
+    int left = n;
+    SetLogHook([&](LogLevel, const char*, const char*, va_list) {
+      if (std::this_thread::get_id() == here && --left == 0) throw HookError();
+    });
+
+    database.reset();
+
+    SetLogHook(DefaultLogger);
+    EXPECT_LE(left, 0);
+    EXPECT_TRUE(LocalTables("_vrx_.comb.d").empty());
+  }
+}
+
+TEST(Database, HasOneServerAtATimeThoughSeveralThreadsShareIt) {
+  constexpr int kThreads = 3;
+  constexpr int kTimes = 3;
+  Database database("d");
+  LogRecorder log;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&database] {
+      for (int time = 0; time < kTimes; ++time) database.SetSharing(Settings());
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  std::vector<std::string> tags;
+  for (const std::string& tag : log.Tags()) {
+    if (tag == "tbl.set.ins" || tag == "tblsvr.ctor" || tag == "tblcmbn.sharing.svr") tags.push_back(tag);
+  }
+  std::vector<std::string> expected{"tblsvr.ctor", "tblcmbn.sharing.svr"};
+  for (int i = 1; i < kThreads * kTimes; ++i) {
+    // The stop row of the server before comes first.
+    for (const char* tag : {"tbl.set.ins", "tblsvr.ctor", "tblcmbn.sharing.svr"}) expected.emplace_back(tag);
+  }
+  EXPECT_EQ(tags, expected);
+}
+
+TEST(Database, KeepsZeroBytesInItsSettings) {
+  Database database("d");
+  const SharingSettings given{std::string("g\0g", 3), std::string("d\0d", 3), std::string("p\0p", 3),
+                              Settings().broadcast_address};
+
+  database.SetSharing(given);
+
+  SharingSettings settings;
+  ASSERT_TRUE(database.GetSharing(settings));
+  EXPECT_EQ(settings.group, given.group);
+  EXPECT_EQ(settings.device, given.device);
+  EXPECT_EQ(settings.process, given.process);
+}
+
+TEST(Database, DropsItsTablesAfterItsServer) {
+  auto database = std::make_unique<Database>("d");
+  const auto held = database->MakeTable("held");
+  database->SetSharing(Settings());
+  ASSERT_EQ(LocalTables("_vrx_.ts_done.d").size(), 1U);
+
+  database.reset();
+
+  EXPECT_TRUE(LocalTables("_vrx_.ts_done.d").empty());
+  EXPECT_TRUE(LocalTables("_vrx_.tbltbl.d").empty());
+  EXPECT_EQ(LocalTables("_vrx_.comb.d").size(), 1U);  // The combiner that the application holds still feeds it.
+  held->Set({"k", "v"});
 }

@@ -10,3 +10,8 @@ TEST(InternalTableName, EscapesNothing) {
   EXPECT_EQ(InternalTableName("comb", "x.y"), "_vrx_.comb.x.y");
   EXPECT_EQ(InternalTableName("tbltbl", ""), "_vrx_.tbltbl.");
 }
+
+TEST(InternalTableName, KeepsZeroBytes) {
+  EXPECT_EQ(InternalTableName(std::string("out_a\0b", 7), std::string("d\0e", 3)),
+            std::string("_vrx_.out_a\0b.d\0e", 17));
+}

@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "Tables.h"
 #include "databases/TableCombiner.h"
 #include "support/LogRecorder.h"
@@ -59,4 +64,80 @@ TEST_F(TableCombinerTest, SetsNothingWhenTheLogHookThrowsAtOnce) {
 
   EXPECT_EQ(Contents(*combined_), Rows());
   EXPECT_EQ(Contents(*local_), Rows());
+}
+
+TEST_F(TableCombinerTest, EitherSetsOrThrowsWhereverTheLogHookThrows) {
+  const std::vector<std::pair<Rows, Rows>> contents_after_throw_at_line{
+      {{}, {}},                     // Its own.
+      {{}, {}},                     // The combined table's.
+      {{{"\3cfgmode", "on"}}, {}},  // The local copy's: the combined row is set already.
+  };
+  for (std::size_t n = 1; n <= contents_after_throw_at_line.size(); ++n) {
+    const auto combined = Varnix::MakeTable("combined");
+    const auto local = Varnix::MakeTable("local");
+    TableCombiner combiner(combined, local, "cfg");
+    {
+      const ThrowingHook hook(static_cast<int>(n));
+      EXPECT_THROW(combiner.Set({"mode", "on"}), HookError);
+    }
+    EXPECT_EQ(Contents(*combined), contents_after_throw_at_line[n - 1].first);
+    EXPECT_EQ(Contents(*local), contents_after_throw_at_line[n - 1].second);
+
+    combiner.Set({"mode", "on"});
+
+    EXPECT_EQ(Contents(*combined), (Rows{{"\3cfgmode", "on"}}));
+    EXPECT_EQ(Contents(*local), (Rows{{"mode", "on"}}));
+  }
+}
+
+TEST_F(TableCombinerTest, CutsItsNameAt255BytesInTheCombinedTableOnly) {
+  TableCombiner combiner(combined_, local_, std::string(300, 'n'));
+
+  combiner.Set({"k", "v"});
+
+  EXPECT_EQ(Contents(*combined_), (Rows{{"\xff" + std::string(255, 'n') + "k", "v"}}));
+  EXPECT_EQ(Contents(*local_), (Rows{{"k", "v"}}));
+}
+
+TEST_F(TableCombinerTest, KeepsZeroBytes) {
+  TableCombiner combiner(combined_, local_, std::string("a\0b", 3));
+
+  combiner.Set({std::string("k\0", 2), std::string("\0v", 2)});
+
+  EXPECT_EQ(Contents(*combined_), (Rows{{std::string("\3a\0bk\0", 6), std::string("\0v", 2)}}));
+  EXPECT_EQ(Contents(*local_), (Rows{{std::string("k\0", 2), std::string("\0v", 2)}}));
+}
+
+TEST_F(TableCombinerTest, TakesAnEmptyNameKeyAndValue) {
+  TableCombiner combiner(combined_, local_, "");
+
+  combiner.Set({"", ""});
+
+  EXPECT_EQ(Contents(*combined_), (Rows{{std::string(1, '\0'), ""}}));
+  EXPECT_EQ(Contents(*local_), (Rows{{"", ""}}));
+}
+
+TEST_F(TableCombinerTest, LogsAnUnchangedRowThreeTimesAndTellsNobody) {
+  combiner_.Set({"mode", "on"});
+  const auto watcher = combiner_.Watch("mode");
+  watcher->GetChanges();
+  LogRecorder log;
+
+  combiner_.Set({"mode", "on"});
+
+  EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tblcmbn.set", "tbl.set.upd", "tbl.set.upd"}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(TableCombinerTest, KeepsItsTablesAlive) {
+  auto combined = Varnix::MakeTable("combined");
+  auto local = Varnix::MakeTable("local");
+  const std::weak_ptr<Varnix::Table> combined_alive = combined;
+  const std::weak_ptr<Varnix::Table> local_alive = local;
+  auto combiner = std::make_shared<TableCombiner>(std::move(combined), std::move(local), "cfg");
+  EXPECT_FALSE(combined_alive.expired() || local_alive.expired());
+
+  combiner.reset();
+
+  EXPECT_TRUE(combined_alive.expired() && local_alive.expired());
 }

@@ -1,7 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
 #include "Tables.h"
+#include "databases/CombinedKey.h"
 #include "databases/TableDecombiner.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/ThrowingHook.h"
 
@@ -108,5 +117,131 @@ TEST_F(TableDecombinerTest, IsWholeAfterTheLogHookHasThrownAnywhere) {
       EXPECT_EQ(n, 5);  // It logs four lines.
       return;
     }
+  }
+}
+
+TEST_F(TableDecombinerTest, LogsAMalformedKeyAsTwoEmptyHalves) {
+  decombiner_.GetTable("");
+  LogRecorder log;
+
+  decombiner_.Set(
+      {"\x0a"
+       "12345",
+       "value"});
+
+  EXPECT_EQ(log.Lines("tblcmbn.set"),
+            (std::vector<LogLine>{{LogLevel::Debug, "tblcmbn.set",
+                                   "TableDecombiner(" + AddressOf(&decombiner_) + ") setting : (5 bytes)", ""}}));
+}
+
+TEST_F(TableDecombinerTest, PutsTheRowsOfATableWithALongNameUnderItsFirst255Bytes) {
+  decombiner_.Set({CombinedKey(std::string(300, 'n'), "k"), "v"});
+
+  EXPECT_EQ(Contents(*decombiner_.GetTableTable()), (Rows{{std::string(255, 'n'), ""}}));
+  ASSERT_EQ(Copies(std::string(255, 'n')).size(), 1U);
+  EXPECT_EQ(Contents(*Copies(std::string(255, 'n'))[0]), (Rows{{"k", "v"}}));
+}
+
+TEST_F(TableDecombinerTest, KeepsZeroBytes) {
+  decombiner_.Set({std::string("\3a\0bk\0", 6), std::string("\0v", 2)});
+
+  ASSERT_EQ(Copies(std::string("a\0b", 3)).size(), 1U);
+  EXPECT_EQ(Contents(*Copies(std::string("a\0b", 3))[0]), (Rows{{std::string("k\0", 2), std::string("\0v", 2)}}));
+}
+
+TEST_F(TableDecombinerTest, SetsARowWithAnEmptyKeyOfItsOwnTable) {
+  decombiner_.Set({"\3cfg", "v"});
+
+  EXPECT_EQ(Contents(*decombiner_.GetTable("cfg")), (Rows{{"", "v"}}));
+}
+
+TEST_F(TableDecombinerTest, TellsTheWatchersOfTheTableTableOfANewTable) {
+  const auto watcher = decombiner_.GetTableTable()->Watch("cfg");
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+
+  decombiner_.GetTable("cfg");
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"cfg", ""}}));
+}
+
+TEST_F(TableDecombinerTest, LogsNothingForATableThatIsThere) {
+  decombiner_.GetTable("cfg");
+  LogRecorder log;
+
+  decombiner_.GetTable("cfg");
+
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(TableDecombinerTest, LeavesItsTablesToThoseWhoHoldThem) {
+  auto decombiner = std::make_shared<TableDecombiner>("short-lived");
+  const auto held = decombiner->GetTable("held");
+  decombiner->GetTable("not held");
+
+  decombiner.reset();
+
+  EXPECT_EQ(LocalTables("_vrx_.out_not held.short-lived").size(), 0U);
+  EXPECT_EQ(LocalTables("_vrx_.tbltbl.short-lived").size(), 0U);
+  held->Set({"k", "v"});
+  EXPECT_EQ(Contents(*held), (Rows{{"k", "v"}}));
+}
+
+TEST_F(TableDecombinerTest, GivesATableToOthersWhileARowIsSetIntoIt) {
+  const auto table = decombiner_.GetTable("cfg");
+  std::future<std::shared_ptr<Varnix::Table>> other;
+  std::future_status status = std::future_status::deferred;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::string(tag) != "tbl.set.ins") return;
+    other = std::async(std::launch::async, [&] { return decombiner_.GetTable("cfg"); });
+    status = other.wait_for(std::chrono::seconds(10));
+  });
+
+  decombiner_.Set({"\3cfgmode", "on"});
+
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(status, std::future_status::ready);
+  EXPECT_EQ(other.get(), table);
+}
+
+TEST_F(TableDecombinerTest, MakesOneTableForThreadsThatAllSetItsFirstRow) {
+  constexpr int kThreads = 4;
+  const auto listings = decombiner_.GetTableTable()->WatchAll();
+  LogRecorder log;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([this, i] { decombiner_.Set({"\3cfg" + std::to_string(i), "v"}); });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_EQ(log.Lines("tblcmbn.create").size(), 1U);
+  EXPECT_EQ(listings->GetChanges(), (Rows{{"cfg", ""}}));
+  EXPECT_EQ(listings->GetChanges(), Rows());
+  EXPECT_EQ(Contents(*decombiner_.GetTable("cfg")).size(), static_cast<std::size_t>(kThreads));
+}
+
+TEST_F(TableDecombinerTest, IsWholeAfterMemoryRanOutAnywhere) {
+  const Varnix::Row row(CombinedKey("a name that does not fit into the string itself", "k"), std::string(100, 'v'));
+  for (long n = 1;; ++n) {
+    TableDecombiner decombiner("without memory");
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        decombiner.Set(row);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failing.HasFailed();
+    }
+    // What is listed is made, and what is made is listed.
+    EXPECT_EQ(LocalTables("_vrx_.out_a name that does not fit into the string itself.without memory").size(),
+              Contents(*decombiner.GetTableTable()).size());
+
+    decombiner.Set(row);
+
+    EXPECT_EQ(Contents(*decombiner.GetTableTable()).size(), 1U);
+    EXPECT_EQ(Contents(*decombiner.GetTable("a name that does not fit into the string itself")),
+              (Rows{{"k", std::string(100, 'v')}}));
+    if (!failed) return;
+    ASSERT_LT(n, 100);
   }
 }

@@ -2,13 +2,19 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "logging/Log.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 
 namespace {
 
@@ -56,6 +62,26 @@ TEST(Log, DropsEveryMessageWhileTheHookIsEmpty) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST(Log, DoesNotEvenFormatWhileTheHookIsEmpty) {
+  int characters = -1;
+  SetLogHook({});
+
+  Log(LogLevel::Error, "tag", "text%n", &characters);
+
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(characters, -1);
+}
+
+TEST(Log, HandsEveryLevelOfTheSyslogRangeToTheHook) {
+  LogRecorder log;
+
+  for (int level = 0; level <= 7; ++level) Log(static_cast<LogLevel>(level), "tag", "text");
+
+  std::vector<int> levels;
+  for (const LogLine& line : log.Lines()) levels.push_back(static_cast<int>(line.level));
+  EXPECT_EQ(levels, (std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}));
+}
+
 TEST(Log, PassesOnWhatTheHookThrowsWithTheLockReleased) {
   Varnix::SetLoggingFunction([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("full"); });
 
@@ -99,6 +125,59 @@ TEST(SetLoggingFunction, DestroysThePreviousHookBeforeItReturns) {
   Varnix::SetLoggingFunction(DefaultLogger);
 
   EXPECT_TRUE(alive.expired());
+}
+
+TEST(SetLoggingFunction, DestroysThePreviousHookBeforeAnyMessageReachesTheNewOne) {
+  struct Captured {
+    ~Captured() {
+      logger.emplace([] { Log(LogLevel::Debug, "tag", "text"); });  // Sleeps for the log lock, or is through already.
+      destroyed = true;
+    }
+    std::optional<SleepingThread>& logger;
+    std::atomic<bool>& destroyed;
+  };
+  std::optional<SleepingThread> logger;
+  std::atomic<bool> destroyed{false};
+  std::vector<bool> destroyed_at_message;
+  SetLogHook([kept = std::shared_ptr<Captured>(new Captured{logger, destroyed})](LogLevel, const char*, const char*,
+                                                                                 va_list) {});
+
+  SetLogHook([&](LogLevel, const char*, const char*, va_list) { destroyed_at_message.push_back(destroyed); });
+  logger.reset();
+  SetLogHook(DefaultLogger);
+
+  EXPECT_EQ(destroyed_at_message, std::vector<bool>{true});
+}
+
+TEST(SetLoggingFunction, WaitsForARunningCallOfTheHook) {
+  std::optional<SleepingThread> setter;
+  std::atomic<bool> replaced{false};
+  bool replaced_during_call = false;
+  SetLogHook([&](LogLevel, const char*, const char*, va_list) {
+    setter.emplace([&] {
+      SetLogHook(DefaultLogger);
+      replaced = true;
+    });
+    replaced_during_call = replaced;
+  });
+
+  Log(LogLevel::Debug, "tag", "text");
+  setter.reset();
+
+  EXPECT_FALSE(replaced_during_call);
+  EXPECT_TRUE(replaced);
+}
+
+TEST(SetLoggingFunction, LeavesACopyOfTheFunctionToTheCaller) {
+  int calls = 0;
+  const LogHook hook = [&](LogLevel, const char*, const char*, va_list) { ++calls; };
+
+  Varnix::SetLoggingFunction(hook);
+  Log(LogLevel::Debug, "tag", "text");
+  SetLogHook(DefaultLogger);
+
+  EXPECT_TRUE(static_cast<bool>(hook));
+  EXPECT_EQ(calls, 1);
 }
 
 TEST(SetLoggingFunction, KeepsTheHookWhenTheNewOneCannotBeCopied) {
@@ -145,4 +224,80 @@ TEST_F(DefaultLoggerTest, CutsTagAndMessageTogetherAt1199Characters) {
 
   EXPECT_EQ(Printed(LogLevel::Error, tag.c_str(), "%s", message.c_str()),
             std::string(300, 't') + ": " + std::string(897, 'm') + ": Address already in use\n");
+}
+
+TEST_F(DefaultLoggerTest, PrintsNothingForALifecycleMessage) {
+  EXPECT_EQ(Printed(LogLevel::Debug, "tbl.set.ins", "Table(%p) inserting row for %s (%zu bytes)",
+                    static_cast<const void*>(nullptr), "key", std::size_t{4}),
+            "");
+}
+
+TEST_F(DefaultLoggerTest, PrintsAMessageOf1023CharactersWhole) {
+  const std::string message(1023, 'm');
+
+  EXPECT_EQ(Printed(LogLevel::Error, "t", "%s", message.c_str()), "t: " + message + ": Address already in use\n");
+}
+
+TEST_F(DefaultLoggerTest, PrintsTagAndMessageOf1199CharactersWhole) {
+  const std::string tag(174, 't');
+  const std::string message(1023, 'm');
+
+  EXPECT_EQ(Printed(LogLevel::Error, tag.c_str(), "%s", message.c_str()),
+            tag + ": " + message + ": Address already in use\n");
+}
+
+TEST_F(DefaultLoggerTest, FormatsAlsoWhatItThrowsAway) {
+  int characters = -1;
+
+  EXPECT_EQ(Printed(LogLevel::Debug, "tag", "text%n", &characters), "");
+
+  EXPECT_EQ(characters, 4);
+}
+
+TEST_F(DefaultLoggerTest, AllocatesNothing) {
+  testing::internal::CaptureStderr();
+  bool failed = false;
+  {
+    const FailingAllocation failing(1);
+    Log(LogLevel::Error, "tag", "text");
+    Log(LogLevel::Debug, "tag", "text");
+    failed = failing.HasFailed();
+  }
+
+  testing::internal::GetCapturedStderr();
+  EXPECT_FALSE(failed);
+}
+
+TEST(DefaultLoggerDeathTest, IsInPlaceBeforeAnyHookIsSet) {
+  EXPECT_EXIT(
+      {
+        errno = EADDRINUSE;
+        Log(LogLevel::Error, "tblsvr.lstn.lstn", "TableServer: listen error %d", 98);
+        std::_Exit(0);
+      },
+      testing::ExitedWithCode(0), "tblsvr.lstn.lstn: TableServer: listen error 98: Address already in use\n");
+}
+
+TEST(LogDeathTest, ReachesTheHookFromDestructorsOfTheHostsStaticObjects) {
+  EXPECT_EXIT(
+      {
+        static struct LogsLate {
+          ~LogsLate() { Log(LogLevel::Debug, "tag", "late"); }
+        } logs_late;
+        SetLogHook([](LogLevel, const char*, const char* format, va_list) { std::fputs(format, stderr); });
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "late");
+}
+
+TEST(LogDeathTest, ThrowsAwayTheHookWithWhatItCapturedWhenTheProcessExits) {
+  EXPECT_EXIT(
+      {
+        struct Captured {
+          ~Captured() { std::fputs("destroyed", stderr); }
+        };
+        SetLogHook([kept = std::make_shared<Captured>()](LogLevel, const char*, const char*, va_list) {});
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "destroyed");
 }

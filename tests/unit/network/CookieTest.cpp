@@ -2,17 +2,24 @@
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <csignal>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ConnectionTest.h"
 #include "FailWith.h"
+#include "logging/Log.h"
 #include "network/Cookie.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
+#include "support/Says.h"
+#include "threads/Fork.h"
 
 namespace {
 
@@ -360,24 +367,26 @@ TEST_F(CookieTest, StreamThatIsClosedAfterItsPeerRaisesNoSignal) {
 
 TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
   const auto write = [this] {
+    in_forked_child = false;  // Under an emulator the test itself forks, and means the parent.
     SetLogHook(DefaultLogger);
     Hooked poll(Hooks().poll, FailWith{EINVAL});
     Write("abc");
   };
 
   EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT),
-              testing::StrEq("cook.wr.poll: Cookie::Write: poll error 22: Invalid argument\n"));
+              Says("cook.wr.poll: Cookie::Write: poll error 22: Invalid argument\n"));
 }
 
 TEST_F(CookieTest, SendThatWouldBlockThoughTheSocketIsWritableEndsTheProcess) {
   const auto write = [this] {
+    in_forked_child = false;  // Under an emulator the test itself forks, and means the parent.
     SetLogHook(DefaultLogger);
     Hooked send(Hooks().send, FailWith{EAGAIN});
     Write("abc");
   };
 
   EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT),
-              testing::StrEq("cook.wr.wr: Cookie::Write: send error 11: Resource temporarily unavailable\n"));
+              Says("cook.wr.wr: Cookie::Write: send error 11: Resource temporarily unavailable\n"));
 }
 
 TEST_F(CookieTest, StopWinsOverRoomInTheSocket) {
@@ -571,7 +580,7 @@ TEST_F(CookieTest, FailedPollOfAReadEndsTheProcess) {
   };
 
   EXPECT_EXIT(read(), testing::KilledBySignal(SIGABRT),
-              testing::StrEq("cook.rd.poll: Cookie::Read: poll error 12: Cannot allocate memory\n"));
+              Says("cook.rd.poll: Cookie::Read: poll error 12: Cannot allocate memory\n"));
 }
 
 TEST_F(CookieTest, StopWinsOverPendingData) {
@@ -880,6 +889,67 @@ TEST_F(CookieTest, StreamIsLockedWhileARecordIsWrittenExceptForTheWaits) {
   EXPECT_THAT(locked_between, ElementsAre(true, true));
   EXPECT_FALSE(IsLockedForOthers(stream)) << "after the record";
   fclose(stream);
+}
+
+TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
+  FILE* const stream = cookie_.OpenStream();
+  Hooked recv(Hooks().recv, FailWith{ECONNRESET});
+  PeerSends("x");
+  std::vector<std::pair<std::string, bool>> locked_at;
+  SetLogHook([&](Varnix::LogLevel, const char* tag, const char*, va_list) {
+    locked_at.emplace_back(tag, IsLockedForOthers(stream));
+  });
+
+  Varnix::Row received;
+  EXPECT_FALSE(ReadRecord(received, stream, cookie_));
+
+  EXPECT_EQ(locked_at, (std::vector<std::pair<std::string, bool>>{{"cook.rd.rd", false}}));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HookThatThrowsAtAReadErrorReachesTheReaderOfTheRecordAndNotTheFramesOfStdio) {
+  FILE* const stream = cookie_.OpenStream();
+  Hooked recv(Hooks().recv, FailWith{ECONNRESET});
+  PeerSends("x");
+  SetLogHook([](Varnix::LogLevel, const char* tag, const char*, va_list) { throw std::runtime_error(tag); });
+
+  Varnix::Row received;
+  EXPECT_THROW(ReadRecord(received, stream, cookie_), std::runtime_error);
+
+  EXPECT_FALSE(IsLockedForOthers(stream));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, FailedPollWithinARecordIsLoggedWithTheStreamUnlocked) {
+  FILE* const stream = cookie_.OpenStream();
+  const auto read = [&] {
+    const Hooked poll(Hooks().poll, FailWith{EINVAL});
+    SetLogHook([&](Varnix::LogLevel, const char* tag, const char*, va_list) {
+      fprintf(stderr, "%s %s", tag, IsLockedForOthers(stream) ? "locked" : "unlocked");
+    });
+    Varnix::Row received;
+    ReadRecord(received, stream, cookie_);
+  };
+
+  EXPECT_EXIT(read(), testing::KilledBySignal(SIGABRT), "cook.rd.poll unlocked");
+
+  fclose(stream);
+}
+
+TEST_F(CookieTest, ForkedChildSendsNothingOfWhatItsParentHasBuffered) {
+  FILE* const stream = cookie_.OpenStream();
+  WriteRecord({"k", ""}, stream, cookie_);  // Stays in the buffer.
+
+  const pid_t child = fork();
+  if (child == 0) {
+    fflush(nullptr);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+
+  EXPECT_EQ(PeerReceivesWaiting(), "");
+  fclose(stream);
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {

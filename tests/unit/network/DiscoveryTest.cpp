@@ -12,6 +12,7 @@
 #include "VacantServer.h"
 #include "network/Discovery.h"
 #include "support/LogRecorder.h"
+#include "support/Says.h"
 
 using namespace std::chrono_literals;
 
@@ -20,7 +21,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::KilledBySignal;
-using testing::StrEq;
 using testing::UnorderedElementsAre;
 using Varnix::LogLevel;
 
@@ -407,7 +407,7 @@ TEST_F(DiscoveryTest, InterruptedPollStartsAPassWithTheTimeThatIsLeft) {
 
 TEST_F(DiscoveryTest, PollThatFailsEndsTheProcess) {
   EXPECT_EXIT(RunWithDefaultLogger(Fails(EINVAL)), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.poll: TableServer: Discover::poll error 22: Invalid argument\n"));
+              Says("tblsvr.dscv.poll: TableServer: Discover::poll error 22: Invalid argument\n"));
 }
 
 // The stop.
@@ -540,7 +540,7 @@ TEST_F(DiscoveryTest, WakePipeThatCannotBeReadEndsTheProcess) {
   };
 
   EXPECT_EXIT(run(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.done.rd: TableServer: Discover::poll done pipe read error 5: Input/output error\n"));
+              Says("tblsvr.dscv.done.rd: TableServer: Discover::poll done pipe read error 5: Input/output error\n"));
 }
 
 TEST_F(DiscoveryTest, WakePipeThatHasEndedEndsTheProcess) {
@@ -553,7 +553,7 @@ TEST_F(DiscoveryTest, WakePipeThatHasEndedEndsTheProcess) {
   };
 
   EXPECT_EXIT(run(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.done.rd: TableServer: Discover::poll done pipe read error 0: Success\n"));
+              Says("tblsvr.dscv.done.rd: TableServer: Discover::poll done pipe read error 0: Success\n"));
 }
 
 TEST_F(DiscoveryTest, WakePipeIsReadOneByteAtATime) {

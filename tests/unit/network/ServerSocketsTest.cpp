@@ -9,12 +9,12 @@
 #include "CallRecorder.h"
 #include "FailWith.h"
 #include "network/ServerSockets.h"
+#include "support/Says.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::KilledBySignal;
-using testing::StrEq;
 
 sockaddr_in Loopback(unsigned short port) {
   sockaddr_in address{};
@@ -213,7 +213,7 @@ TEST(ServerSockets, FailedListeningSocketEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.lstn.sock: TableServer: listen socket error 24: Too many open files\n"));
+              Says("tblsvr.lstn.sock: TableServer: listen socket error 24: Too many open files\n"));
 }
 
 TEST(ServerSockets, FailedBindOfTheListeningSocketEndsTheProcess) {
@@ -223,7 +223,7 @@ TEST(ServerSockets, FailedBindOfTheListeningSocketEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.lstn.bind: TableServer: listener bind error 98: Address already in use\n"));
+              Says("tblsvr.lstn.bind: TableServer: listener bind error 98: Address already in use\n"));
 }
 
 TEST(ServerSockets, FailedGetsocknameEndsTheProcess) {
@@ -233,7 +233,7 @@ TEST(ServerSockets, FailedGetsocknameEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.lstn.name: TableServer: getsockname error 105: No buffer space available\n"));
+              Says("tblsvr.lstn.name: TableServer: getsockname error 105: No buffer space available\n"));
 }
 
 TEST(ServerSockets, FailedListenEndsTheProcess) {
@@ -243,7 +243,7 @@ TEST(ServerSockets, FailedListenEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.lstn.lstn: TableServer: listen error 98: Address already in use\n"));
+              Says("tblsvr.lstn.lstn: TableServer: listen error 98: Address already in use\n"));
 }
 
 TEST(ServerSockets, FailedDiscoverySocketEndsTheProcess) {
@@ -253,7 +253,7 @@ TEST(ServerSockets, FailedDiscoverySocketEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.sock: TableServer: discover socket error 23: Too many open files in system\n"));
+              Says("tblsvr.dscv.sock: TableServer: discover socket error 23: Too many open files in system\n"));
 }
 
 TEST(ServerSockets, FailedBroadcastOptionEndsTheProcess) {
@@ -265,7 +265,7 @@ TEST(ServerSockets, FailedBroadcastOptionEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.opt.bcast: TableServer: setsockopt broadcast error 92: Protocol not available\n"));
+              Says("tblsvr.dscv.opt.bcast: TableServer: setsockopt broadcast error 92: Protocol not available\n"));
 }
 
 TEST(ServerSockets, FailedReuseOptionEndsTheProcess) {
@@ -277,7 +277,7 @@ TEST(ServerSockets, FailedReuseOptionEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.opt.reuse: TableServer: setsockopt reuseaddr error 92: Protocol not available\n"));
+              Says("tblsvr.dscv.opt.reuse: TableServer: setsockopt reuseaddr error 92: Protocol not available\n"));
 }
 
 TEST(ServerSockets, FailedBindOfTheDiscoverySocketEndsTheProcess) {
@@ -287,7 +287,7 @@ TEST(ServerSockets, FailedBindOfTheDiscoverySocketEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.dscv.bind: TableServer: discover bind error 13: Permission denied\n"));
+              Says("tblsvr.dscv.bind: TableServer: discover bind error 13: Permission denied\n"));
 }
 
 TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
@@ -297,7 +297,7 @@ TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.pipe.done: TableServer: done pipe error 24: Too many open files\n"));
+              Says("tblsvr.pipe.done: TableServer: done pipe error 24: Too many open files\n"));
 }
 
 TEST(ServerSockets, FailedWakePipeEndsTheProcess) {
@@ -307,5 +307,5 @@ TEST(ServerSockets, FailedWakePipeEndsTheProcess) {
   };
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
-              StrEq("tblsvr.pipe.wake: TableServer: wake pipe error 24: Too many open files\n"));
+              Says("tblsvr.pipe.wake: TableServer: wake pipe error 24: Too many open files\n"));
 }

@@ -13,6 +13,7 @@
 #include "SystemCallHooks.h"
 #include "logging/Log.h"
 #include "network/SystemCalls.h"
+#include "support/Says.h"
 
 TEST(SystemCalls, FatalErrorIsLoggedWithErrnoAndEndsTheProcess) {
   const auto fail = [] {
@@ -21,7 +22,7 @@ TEST(SystemCalls, FatalErrorIsLoggedWithErrnoAndEndsTheProcess) {
   };
 
   EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT),
-              testing::StrEq("tblsvr.lstn.sock: TableServer: listen socket error 24: Too many open files\n"));
+              Says("tblsvr.lstn.sock: TableServer: listen socket error 24: Too many open files\n"));
 }
 
 TEST(SystemCalls, FatalErrorReachesTheHookAtLevelThreeBeforeTheProcessEnds) {
@@ -32,7 +33,7 @@ TEST(SystemCalls, FatalErrorReachesTheHookAtLevelThreeBeforeTheProcessEnds) {
     LogErrnoAndAbort("cook.rd.poll", "Cookie::Read: poll error %d");
   };
 
-  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), testing::StrEq("3|cook.rd.poll|Cookie::Read: poll error %d"));
+  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), Says("3|cook.rd.poll|Cookie::Read: poll error %d"));
 }
 
 TEST(SystemCalls, HookThatThrowsKeepsNoFatalErrorFromEndingTheProcess) {
@@ -41,7 +42,7 @@ TEST(SystemCalls, HookThatThrowsKeepsNoFatalErrorFromEndingTheProcess) {
     LogErrnoAndAbort("cook.rd.poll", "Cookie::Read: poll error %d");
   };
 
-  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), testing::StrEq(""));
+  EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), Says(""));
 }
 
 TEST(SystemCalls, DescriptorIsKeptFromProgramsThatTheHostStarts) {

@@ -14,7 +14,9 @@
 #include "VacantServer.h"
 #include "network/ActiveESNs.h"
 #include "network/TableSender.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/Says.h"
 
 using namespace std::chrono_literals;
 
@@ -25,7 +27,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::KilledBySignal;
 using testing::Not;
-using testing::StrEq;
 using Varnix::LogLevel;
 
 // What the sender says first: a record of database and uid.
@@ -210,6 +211,19 @@ class TableSenderWithoutDatabaseTest : public TableSenderTest {
   }
 };
 
+// Whose server's identity does not fit into the string itself.
+class TableSenderOfLongUidTest : public TableSenderTest {
+ protected:
+  TableSenderOfLongUidTest() : TableSenderTest(Settings()) {}
+
+ private:
+  static ServerSettings Settings() {
+    ServerSettings settings;
+    settings.uid = CombinedKey("device", std::string(100, 'p'));
+    return settings;
+  }
+};
+
 // Whose server's identity claims a device name of 10 bytes and has 3.
 class TableSenderOfMalformedUidTest : public TableSenderTest {
  protected:
@@ -291,7 +305,7 @@ TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcess) {
   };
 
   EXPECT_EXIT(send(), KilledBySignal(SIGABRT),
-              StrEq("tblsndr.cook.fopen: TableSender: fopencookie failed: Cannot allocate memory\n"));
+              Says("tblsndr.cook.fopen: TableSender: fopencookie failed: Cannot allocate memory\n"));
 }
 
 TEST_F(TableSenderTest, PeerThatIsGoneAlreadyEndsTheStreamSilently) {
@@ -761,6 +775,17 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtO
 
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "close"));
   EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderOfLongUidTest, SenderThatFindsNoMemoryToStartWithClosesItsSocketAndNothingElse) {
+  {
+    const FailingAllocation failing(1);
+    Send();
+    EXPECT_TRUE(failing.HasFailed());
+  }
+
+  EXPECT_EQ(PeerReceives(), "");
+  EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, ExceptionOfTheLogHookBeforeTheFirstRecordEndsTheStreamAlone) {

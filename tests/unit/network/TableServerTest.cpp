@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -9,9 +10,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -25,14 +28,18 @@
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
 #include "support/LogRecorder.h"
+#include "support/Says.h"
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::EndsWith;
+using testing::Ge;
 using testing::IsEmpty;
 using testing::IsSupersetOf;
+using testing::Lt;
 using testing::Not;
 using testing::SizeIs;
 using Varnix::LogLevel;
@@ -48,6 +55,38 @@ template <class Promise>
 bool IsKept(Promise& promise) {
   return promise.get_future().wait_until(std::chrono::system_clock::now() + kDeadline) == std::future_status::ready;
 }
+
+constexpr std::size_t kSmallStack = std::size_t{256} * 1024;  // The thread sanitizer adds some of its own.
+constexpr std::size_t kLargeStack = std::size_t{8} * 1024 * 1024;
+
+// What the threads of senders have for their stacks, while this object lives.
+class StackSizesOfSenders {
+ public:
+  StackSizesOfSenders() {
+    SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
+      if (std::strcmp(tag, "tblsndr.ctor") != 0) return;
+      pthread_attr_t attributes;
+      std::size_t size = 0;
+      EXPECT_EQ(pthread_getattr_np(pthread_self(), &attributes), 0);
+      EXPECT_EQ(pthread_attr_getstacksize(&attributes, &size), 0);
+      pthread_attr_destroy(&attributes);
+      const std::lock_guard<std::mutex> lock(mutex_);
+      sizes_.push_back(size);
+    });
+  }
+  ~StackSizesOfSenders() { SetLogHook(DefaultLogger); }
+  StackSizesOfSenders(const StackSizesOfSenders&) = delete;
+  StackSizesOfSenders& operator=(const StackSizesOfSenders&) = delete;
+
+  std::vector<std::size_t> Get() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return sizes_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::size_t> sizes_;
+};
 
 // A peer that connects to a server.
 class Client {
@@ -780,7 +819,7 @@ TEST_F(TableServerTest, FailedPollOfTheAcceptLoopEndsTheProcess) {
   };
 
   EXPECT_EXIT(start(), testing::KilledBySignal(SIGABRT),
-              testing::StrEq("tblsvr.acc.poll: TableServer: Accept::poll error 22: Invalid argument\n"));
+              Says("tblsvr.acc.poll: TableServer: Accept::poll error 22: Invalid argument\n"));
 }
 
 TEST_F(TableServerTest, StopWinsOverAWaitingConnection) {
@@ -943,6 +982,29 @@ TEST_F(TableServerTest, ConnectionForWhichThereIsNoMemoryIsLoggedAndClosed) {
   EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
               ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.thread",
                                   "TableServer: IncomingConnection::thread error 12", ""}));
+}
+
+TEST_F(TableServerTest, PeerThreadReservesAQuarterOfAMebibyteForItsStack) {
+  const StackSizesOfSenders sizes;
+  Start();
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_THAT(sizes.Get(), ElementsAre(AllOf(Ge(kSmallStack), Lt(kLargeStack))));
+}
+
+TEST_F(TableServerTest, PeerThreadGetsALargeStackInAHostWhoseThreadLocalObjectsDoNotFitIntoASmallOne) {
+  const StackSizesOfSenders sizes;
+  Start();
+  Hooked start_thread(Hooks().start_thread, [starts = std::make_shared<int>(0)] {
+    if (++*starts == 1) throw std::system_error(EINVAL, std::generic_category());
+  });
+
+  const Client peer(server_->GetListenPort());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
 }
 
 TEST_F(TableServerTest, ServerGoesOnAfterAConnectionForWhichThereWasNoThread) {

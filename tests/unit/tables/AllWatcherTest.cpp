@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "FailingAllocations.h"
+#include "support/FailingAllocations.h"
 #include "tables/AllWatcher.h"
 
 namespace {

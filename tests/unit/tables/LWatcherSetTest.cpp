@@ -1,17 +1,16 @@
 #include <gtest/gtest.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "FailingAllocations.h"
+#include "support/FailingAllocations.h"
+#include "support/SleepingThread.h"
 #include "tables/LWatcherSet.h"
 
 namespace {
@@ -38,31 +37,6 @@ std::chrono::nanoseconds ProcessorTimeOfThisThread() {
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
-
-// A thread that waits in a set; it sleeps when the constructor returns.
-class SleepingWaiter {
- public:
-  explicit SleepingWaiter(Varnix::WatcherSet& set)
-      : thread_([this, &set] {
-          thread_id_ = gettid();
-          set.Wait();
-        }) {
-    while (thread_id_ == 0 || State() != 'S') std::this_thread::yield();
-  }
-  ~SleepingWaiter() { thread_.join(); }
-
- private:
-  // Nothing else that it does between telling its id and waiting makes it sleep: no one holds the table lock.
-  char State() const {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread_id_) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    return text.at(text.rfind(')') + 2);
-  }
-
-  std::atomic<pid_t> thread_id_{0};
-  std::thread thread_;
-};
 
 }  // namespace
 
@@ -322,8 +296,8 @@ TEST_F(LWatcherSetTest, NoWaiterSleepsWhileAChangeIsPending) {
   constexpr int kRounds = 50;
   const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
   for (int round = 0; round < kRounds; ++round) {
-    SleepingWaiter one(*set);
-    SleepingWaiter other(*set);
+    const SleepingThread one([&] { set->Wait(); });
+    const SleepingThread other([&] { set->Wait(); });
     const Row a("a", std::to_string(round));
     const Row b("b", std::to_string(round));
 
@@ -347,4 +321,211 @@ TEST_F(LWatcherSetTest, NeedsNoMemoryToLearnOfChanges) {
   table_->Set(fits);
 
   EXPECT_FALSE(failing.HasFailed());
+}
+
+TEST_F(LWatcherSetTest, WithoutMembersSleepsForGoodInWait) {
+  EXPECT_EXIT(
+      {
+        const auto set = Varnix::MakeWatcherSet({});
+        const SleepingThread waiter([&] {
+          set->Wait();
+          _exit(1);
+        });
+        table_->Set({"k", "v"});
+        set->WaitUntil(Clock::now() + std::chrono::milliseconds(50));  // Time in which the other could return.
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(LWatcherSetTest, GivesTheChangesOfSeveralTables) {
+  const auto other_table = Varnix::MakeTable("other");
+  const auto here = table_->WatchAll();
+  const auto there = other_table->Watch("k");
+  const auto set = Varnix::MakeWatcherSet({here, there});
+
+  other_table->Set({"k", "there"});
+  EXPECT_EQ(set->Wait(), (Change{{"k", "there"}, there}));
+  table_->Set({"k", "here"});
+  EXPECT_EQ(set->Wait(), (Change{{"k", "here"}, here}));
+
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, GivesABurstOfChangesOfAKeyOnceWithTheLastValue) {
+  const auto watcher = table_->Watch("k");
+  const auto set = Varnix::MakeWatcherSet({watcher});
+
+  for (const char* value : {"1", "2", "3"}) table_->Set({"k", value});
+
+  EXPECT_EQ(set->Wait(), (Change{{"k", "3"}, watcher}));
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, GivesAChangeWithAnEmptyKeyAndValueTogetherWithItsWatcher) {
+  const auto watcher = table_->Watch("");
+  const auto set = Varnix::MakeWatcherSet({watcher});
+
+  table_->Set({"", ""});
+
+  EXPECT_EQ(set->WaitUntil(kPast), (Change{{"", ""}, watcher}));  // The watcher tells it from the deadline.
+}
+
+TEST_F(LWatcherSetTest, ASetThatIsGoneDoesNotDisturbAnotherWithTheSameMember) {
+  const auto watcher = table_->WatchAll();
+  const auto stays = Varnix::MakeWatcherSet({watcher});
+  Varnix::MakeWatcherSet({watcher}).reset();
+
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(stays->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
+}
+
+TEST_F(LWatcherSetTest, WaitersInTwoSetsWithOneMemberTogetherTakeEveryChangeOnce) {
+  constexpr int kRows = 5000;
+  const auto watcher = table_->WatchAll();
+  const auto one = Varnix::MakeWatcherSet({watcher});
+  const auto other = Varnix::MakeWatcherSet({watcher});
+  std::mutex mutex;
+  std::map<std::string, int> taken;
+  const auto take_all = [&](Varnix::WatcherSet& set) {
+    for (Row row = set.Wait().first; row.first != "end"; row = set.Wait().first) {
+      const std::lock_guard<std::mutex> lock(mutex);
+      ++taken[row.first];
+    }
+    table_->Set({"end", "for the other"});
+  };
+  {
+    const SleepingThread first([&] { take_all(*one); });
+    const SleepingThread second([&] { take_all(*other); });
+
+    for (int i = 0; i < kRows; ++i) table_->Set({std::to_string(i), "v"});
+    table_->Set({"end", ""});
+  }
+
+  EXPECT_EQ(taken.size(), static_cast<std::size_t>(kRows));
+  for (const auto& [key, times] : taken) EXPECT_EQ(times, 1) << key;
+}
+
+TEST_F(LWatcherSetTest, WaitersAndDirectReadersTogetherTakeEveryChangeOnce) {
+  constexpr int kRows = 5000;
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  std::atomic<int> taken{0};
+  std::thread waiter([&] {
+    while (taken < kRows) {
+      if (set->WaitUntil(Clock::now() + std::chrono::milliseconds(1)).second != nullptr) ++taken;
+    }
+  });
+  std::thread reader([&] {
+    while (taken < kRows) taken += static_cast<int>(watcher->GetChanges().size());
+  });
+
+  for (int i = 0; i < kRows; ++i) table_->Set({std::to_string(i), "v"});
+  waiter.join();
+  reader.join();
+
+  EXPECT_EQ(taken, kRows);
+}
+
+TEST_F(LWatcherSetTest, AWaiterWithoutMemoryForTheChangeWakesTheNext) {
+  const Row row("k", std::string(1000, 'v'));
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+  std::atomic<bool> failed{false};
+  {
+    const SleepingThread without([&] {
+      const FailingAllocation failing(1);
+      try {
+        set->Wait();
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    });
+    {
+      const SleepingThread with([&] { set->Wait(); });
+
+      table_->Set(row);
+
+      // Joined here: whichever of the two is woken, this one gets the change.
+    }
+    if (!failed) table_->Set({"k", std::string(1000, 'w')});  // The other sleeps on.
+  }
+
+  EXPECT_TRUE(failed);
+}
+
+TEST_F(LWatcherSetTest, LosesNoChangeOfAKeyWhenMemoryRunsOut) {
+  const Row row(std::string(100, 'k'), std::string(1000, 'v'));
+  const auto watcher = table_->Watch(row.first);
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  table_->Set(row);
+  Change taken;
+  int failures = 0;
+  for (long n = 1; taken == kNothing; ++n) {
+    const FailingAllocation failing(n);
+    try {
+      taken = set->Wait();
+    } catch (const std::bad_alloc&) {
+      ++failures;
+    }
+  }
+
+  EXPECT_EQ(failures, 2);  // The key and the value.
+  EXPECT_EQ(taken, (Change{row, watcher}));
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, WorksAfterMemoryRanOutWhileAnotherWasMade) {
+  const std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
+  const auto set = Varnix::MakeWatcherSet(watchers);
+  for (long n = 1;; ++n) {
+    const FailingAllocation failing(n);
+    try {
+      Varnix::MakeWatcherSet(watchers).reset();
+    } catch (const std::bad_alloc&) {
+    }
+    if (!failing.HasFailed()) break;
+  }
+
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(set->WaitUntil(kPast).first, (Row{"k", "v"}));
+  EXPECT_EQ(set->WaitUntil(kPast).first, (Row{"k", "v"}));
+  EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, ThatCannotBeMadeDropsWatchersThatNobodyElseHasWithTheLockReleased) {
+  for (long n = 1;; ++n) {
+    std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
+    const std::weak_ptr<Varnix::Watcher> alive = watchers[0];
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        Varnix::MakeWatcherSet(std::move(watchers)).reset();
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failing.HasFailed();
+    }
+
+    EXPECT_TRUE(alive.expired());
+    if (!failed) return;
+    ASSERT_LT(n, 50);
+  }
+}
+
+TEST_F(LWatcherSetTest, MayBeMadeAndDestroyedWhileTheTableChanges) {
+  const auto watcher = table_->WatchAll();
+  std::atomic<bool> done{false};
+  std::thread setter([&] {
+    for (int i = 0; !done; ++i) table_->Set({"k", std::to_string(i)});
+  });
+
+  for (int i = 0; i < 500; ++i) {
+    const auto set = Varnix::MakeWatcherSet({watcher, table_->Watch("k")});
+    EXPECT_EQ(set->Wait().first.first, "k");
+  }
+
+  done = true;
+  setter.join();
 }

@@ -1,5 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tables/AllWatcher.h"
+#include "tables/KeyWatcher.h"
 #include "tables/LWatcher.h"
 #include "tables/WatcherSetListener.h"
 
@@ -103,4 +112,97 @@ TEST_F(ListenerTest, AKeyWatcherTellsThatItIsEmptyWhenItIsRead) {
   watcher->GetChanges();
 
   EXPECT_EQ(listener_.told, (Told{{watcher.get(), true}}));
+}
+
+TEST_F(ListenerTest, AnUpdateToAnEqualValueIsToldToNobody) {
+  table_->Set({"k", "1"});
+  const auto all = table_->WatchAll();
+  const auto key = table_->Watch("k");
+  all->GetChanges();
+  key->GetChanges();
+  Listen(all);
+  Listen(key);
+
+  table_->Set({"k", "1"});
+
+  EXPECT_EQ(listener_.told, Told());
+}
+
+TEST_F(ListenerTest, TakingTellsNobody) {
+  table_->Set({"k", "1"});
+  for (const auto& watcher : {table_->WatchAll(), table_->Watch("k")}) {
+    Listen(watcher);
+
+    const MutexLock lock(table_lock);
+    const auto local = std::dynamic_pointer_cast<LocalTable::LWatcher>(watcher);
+    EXPECT_EQ(local->Take(), (Varnix::Row{"k", "1"}));
+
+    EXPECT_TRUE(local->Empty());
+    EXPECT_EQ(listener_.told, Told());
+  }
+}
+
+TEST_F(ListenerTest, IsToldOnceThoughAddedTwice) {
+  const auto watcher = table_->Watch("k");
+  Listen(watcher);
+  Listen(watcher);
+
+  table_->Set({"k", "1"});
+
+  EXPECT_EQ(listener_.told, (Told{{watcher.get(), false}}));
+}
+
+TEST_F(ListenerTest, IsToldNoMoreOnceItIsRemoved) {
+  const auto watcher = table_->Watch("k");
+  Listen(watcher);
+  {
+    const MutexLock lock(table_lock);
+    std::dynamic_pointer_cast<LocalTable::LWatcher>(watcher)->RemoveListener(&listener_);
+  }
+
+  table_->Set({"k", "1"});
+
+  EXPECT_EQ(listener_.told, Told());
+}
+
+TEST_F(ListenerTest, CannotBeToldByAWatcherWithoutASharedOwner) {
+  LocalTable::KeyWatcher unowned(LocalTable::Make("t"), "k", LocalTable::Position());
+  const MutexLock lock(table_lock);
+  EXPECT_NO_THROW(unowned.NotifyListeners(true));  // Nobody listens.
+
+  unowned.AddListener(&listener_);
+
+  EXPECT_THROW(unowned.NotifyListeners(true), std::bad_weak_ptr);
+}
+
+TEST(LWatcher, MayBeMadeReadAndDestroyedWhileOthersSetRows) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  std::atomic<bool> done{false};
+  std::thread setter([&] {
+    for (int i = 0; !done; ++i) table->Set({std::to_string(i % 8), std::to_string(i)});
+  });
+
+  for (int i = 0; i < 1000; ++i) {
+    const auto all = table->WatchAll();
+    const auto key = table->Watch("3");
+    EXPECT_LE(all->GetChanges().size(), 1U);
+    EXPECT_LE(key->GetChanges().size(), 1U);
+  }
+
+  done = true;
+  setter.join();
+}
+
+TEST(LWatcher, MayBeTheLastToHoldItsTable) {
+  std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::weak_ptr<Varnix::Table> alive = table;
+  std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  std::shared_ptr<Varnix::Watcher> key = table->Watch("k");
+  table.reset();
+
+  all.reset();
+  EXPECT_FALSE(alive.expired());
+  key.reset();
+
+  EXPECT_TRUE(alive.expired());
 }

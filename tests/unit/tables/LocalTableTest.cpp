@@ -4,9 +4,10 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
-#include "FailingAllocations.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/ThrowingHook.h"
 #include "tables/LocalTable.h"
@@ -120,6 +121,100 @@ TEST(LocalTable, ZeroBytesInKeysAndValuesCount) {
   EXPECT_EQ(Contents(*table), (std::vector<Row>{{key, value}, {other, "v"}}));
 }
 
+TEST(LocalTable, KeysThatDifferBehindAZeroByteAreWatchedApart) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::shared_ptr<Varnix::Watcher> watcher = table->Watch(std::string("k\0a", 3));
+
+  table->Set({std::string("k\0b", 3), "1"});
+  EXPECT_TRUE(watcher->GetChanges().empty());
+  table->Set({std::string("k\0a", 3), "2"});
+
+  EXPECT_EQ(watcher->GetChanges(), (std::vector<Row>{{std::string("k\0a", 3), "2"}}));
+}
+
+TEST(LocalTable, ValuesThatDifferBehindAZeroByteAreDifferent) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"k", std::string("v\0a", 3)});
+  const std::shared_ptr<Varnix::Watcher> watcher = table->Watch("k");
+  Drain(*watcher);
+
+  table->Set({"k", std::string("v\0b", 3)});
+  EXPECT_EQ(Drain(*watcher), (std::vector<Row>{{"k", std::string("v\0b", 3)}}));
+  table->Set({"k", "v"});
+  EXPECT_EQ(Drain(*watcher), (std::vector<Row>{{"k", "v"}}));
+}
+
+TEST(LocalTable, LogsAKeyUpToItsFirstZeroByteAndTheWholeLengthOfTheValue) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::string name = "Table(" + AddressOf(table.get()) + ")";
+  const std::string key("k\0tail", 6);
+  LogRecorder log;
+
+  table->Set({key, std::string(7, '\0')});
+  const std::shared_ptr<Varnix::Watcher> watcher = table->Watch(key);
+
+  EXPECT_EQ(log.Lines(), (std::vector<LogLine>{
+                             {LogLevel::Debug, "tbl.set.ins", name + " inserting row for k (7 bytes)", ""},
+                             {LogLevel::Debug, "tbl.watch.key", name + " watching k (1 watchers total)", ""},
+                         }));
+}
+
+TEST(LocalTable, HandsItsFormatsToTheHookUnexpanded) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  LogRecorder log;
+
+  table->Set({"k", "1"});
+  table->Set({"k", "2"});
+  table->Watch("k").reset();
+  table->WatchAll().reset();
+
+  std::vector<std::string> formats;
+  for (const LogLine& line : log.Lines()) formats.push_back(line.format);
+  EXPECT_EQ(formats, (std::vector<std::string>{
+                         "Table(%p) inserting row for %s (%zu bytes)",
+                         "Table(%p) updating row for %s (%zu bytes)",
+                         "Table(%p) watching %s (%zu watchers total)",
+                         "Table(%p) watching all (%zu watchers total)",
+                     }));
+}
+
+TEST(LocalTable, OneEffectiveAndOneIdenticalSetAreOneChange) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  LogRecorder log;
+
+  table->Set({"k", "v"});
+  table->Set({"k", "v"});
+
+  EXPECT_EQ(Drain(*all), (std::vector<Row>{{"k", "v"}}));
+  EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tbl.set.ins", "tbl.set.upd"}));
+}
+
+TEST(LocalTable, TakesItsOwnRowAsAnArgument) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"a", "1"});
+  table->Set({"b", "2"});
+
+  for (const Row& row : Contents(*table)) table->Set(row);
+
+  EXPECT_EQ(Contents(*table), (std::vector<Row>{{"a", "1"}, {"b", "2"}}));
+}
+
+TEST(LocalTable, KeepsEveryRowThatSeveralThreadsSet) {
+  constexpr int kThreads = 4;
+  constexpr int kRows = 500;
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&table, t] {
+      for (int i = 0; i < kRows; ++i) table->Set({std::to_string(t * kRows + i), "v"});
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  EXPECT_EQ(Contents(*table).size(), static_cast<std::size_t>(kThreads * kRows));
+}
+
 TEST(LocalTable, WatchingLogsTheNumberOfWatchersTheNewOneIncluded) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
   const std::string name = "Table(" + AddressOf(table.get()) + ")";
@@ -182,6 +277,47 @@ TEST(MakeTable, LogsNothing) {
   Varnix::MakeTable("t").reset();
 
   EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(MakeTable, TakesAnyBytesAsAName) {
+  const std::string name("a\0b", 3);
+
+  const std::shared_ptr<Varnix::Table> named = Varnix::MakeTable(name);
+  const std::shared_ptr<Varnix::Table> unnamed = Varnix::MakeTable("");
+
+  EXPECT_EQ(Listed(name), (std::vector<std::shared_ptr<Varnix::Table>>{named}));
+  EXPECT_THAT(Listed(""), testing::Contains(unnamed));
+}
+
+TEST(GetLocalTables, LogsNothing) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  LogRecorder log;
+
+  Varnix::GetLocalTables();
+
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(GetLocalTables, LeavesNothingLockedWhenMemoryRunsOut) {
+  const std::string name = "a name that does not fit into the string itself";
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable(name);
+  for (long n = 1;; ++n) {
+    bool failed = false;
+    {
+      const FailingAllocation failing(n);
+      try {
+        Varnix::GetLocalTables();
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failing.HasFailed();
+    }
+
+    EXPECT_EQ(Listed(name).size(), 1U);
+    if (!failed) break;
+    ASSERT_LT(n, 50);
+  }
+
+  EXPECT_EQ(table.use_count(), 1);
 }
 
 TEST(GetLocalTables, ForgetsATableThatIsGone) {

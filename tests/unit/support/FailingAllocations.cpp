@@ -1,4 +1,4 @@
-#include "FailingAllocations.h"
+#include "support/FailingAllocations.h"
 
 #include <cstdlib>
 #include <new>
@@ -31,6 +31,12 @@ void* operator new(std::size_t size) {
   if (memory == nullptr) throw std::bad_alloc();
   ++live;
   return memory;
+}
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+  return operator new(size);
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 void operator delete(void* memory) noexcept {

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <string>
+
+// For EXPECT_EXIT: all that the process says on standard error before it aborts.
+inline testing::Matcher<const std::string&> Says(const std::string& text) {
+#if defined(VARNIX_EMULATED)
+  return testing::StrEq(text + "qemu: uncaught target signal 6 (Aborted) - core dumped\n");
+#else
+  return testing::StrEq(text);
+#endif
+}
