@@ -1,5 +1,7 @@
 import pytest
 
+pytest.register_assert_rewrite("endings", "programs")
+
 import namespaces
 import programs
 import wire

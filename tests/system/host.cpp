@@ -4,6 +4,7 @@
 #include <Varnix.h>
 #include <arpa/inet.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -99,6 +100,8 @@ class Host {
         {"spawn", &Host::Spawn},
         {"fork", &Host::Fork},
         {"become", &Host::Become},
+        {"forbid-threads", &Host::ForbidThreads},
+        {"allow-threads", &Host::AllowThreads},
         {"return", &Host::Return},
     };
     return commands;
@@ -184,6 +187,17 @@ class Host {
     const auto user = static_cast<uid_t>(std::stoul(Word()));
     if (setresuid(user, user, user) != 0) std::abort();
     prctl(PR_SET_DUMPABLE, 1);  // The leak sanitizer looks into its own process.
+  }
+
+  void ForbidThreads() { LimitThreads(false); }
+
+  void AllowThreads() { LimitThreads(true); }
+
+  void LimitThreads(bool allowed) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NPROC, &limit);
+    limit.rlim_cur = allowed ? limit.rlim_max : 0;
+    if (setrlimit(RLIMIT_NPROC, &limit) != 0) std::abort();
   }
 
   void Return() { status_ = 0; }
