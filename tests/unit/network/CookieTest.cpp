@@ -337,6 +337,23 @@ TEST_F(CookieTest, InterruptedSendIsRetriedSilentlyAfterAnotherPoll) {
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
+TEST_F(CookieTest, WriteThatIsInterruptedBetweenTwoPiecesSendsNoByteTwice) {
+  Trace trace;
+  int sends = 0;
+  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) {
+    trace.push_back("send " + std::to_string(size));
+    if (++sends == 2) return static_cast<ssize_t>(FailWith{EINTR}());
+    return Hooks().send.Real(descriptor, bytes, std::min(size, std::size_t{4}), flags);
+  });
+  Hooked poll(Hooks().poll, FailOnce(Hooks().poll, EINTR));
+
+  const ssize_t written = Write("abcdefgh");
+
+  EXPECT_EQ(written, 8);
+  EXPECT_EQ(PeerReceivesWaiting(), "abcdefgh");
+  EXPECT_THAT(trace, ElementsAre("send 8", "send 4", "send 4"));
+}
+
 TEST_F(CookieTest, WriteToAPeerThatHasResetTheConnectionReturnsZeroWithoutLogLineOrSignal) {
   SigpipeCounter signals;
   TcpConnection connection;
@@ -662,6 +679,17 @@ TEST_F(CookieTest, AnyEventOnTheDonePipeIsAStop) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
+  EXPECT_TRUE(cookie_.aborted);
+}
+
+TEST_F(CookieTest, AnyEventOnTheDonePipeStopsAWrite) {
+  Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
+    entries[0].revents = POLLHUP;
+    return 1;
+  });
+
+  EXPECT_EQ(Write("abc"), 0);
+
   EXPECT_TRUE(cookie_.aborted);
 }
 

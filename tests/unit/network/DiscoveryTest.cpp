@@ -775,6 +775,22 @@ TEST_F(DiscoveryTest, DatagramsAfterARefusedOneAreStillHeard) {
   EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
 }
 
+TEST_F(DiscoveryTest, InterruptedReceiveIsAFailureLikeAnyOther) {
+  const Event has_datagram = [](pollfd* entries, int) {
+    entries[2].revents = POLLIN;
+    return 1;
+  };
+  const HookedHere recvfrom(Hooks().recvfrom, [](int, void*, std::size_t, int, sockaddr*, socklen_t*) -> ssize_t {
+    errno = EINTR;
+    return -1;
+  });
+
+  Run({has_datagram});
+
+  EXPECT_THAT(log_.Lines(),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.dscv.rcv", "TableServer: Discover::recvfrom error 4", ""}));
+}
+
 TEST_F(DiscoveryTest, ReceiveThatFailsIsLoggedAndTheNextPassFollows) {
   const Event has_error = [](pollfd* entries, int) {
     entries[2].revents = POLLERR;

@@ -27,14 +27,15 @@ using testing::IsEmpty;
 using testing::KilledBySignal;
 using Varnix::LogLevel;
 
-// Runs the loop towards 127.1.2.3:4660 on the thread and on the clock of the test.
+// Runs the loop towards 224.1.2.3:4660, a number above 2^31 that no connection ever leaves for, on the thread and on the
+// clock of the test.
 class ReceiveLoopTest : public testing::Test {
  protected:
   using Pause = std::function<int(pollfd& done)>;
 
   explicit ReceiveLoopTest(const ServerSettings& settings = {}) : server_(settings) {}
 
-  void Run() { ReceiveLoop(*server_, 0x7F010203, 4660, esns_).Run(); }
+  void Run() { ReceiveLoop(*server_, 0xE0010203, 4660, esns_).Run(); }
   // Each attempt fails to connect after its time. During the one that follows the last, the server begins to stop.
   void RunWithFailuresAfter(const std::vector<std::chrono::nanoseconds>& times) {
     failures_.assign(times.begin(), times.end());
@@ -61,21 +62,21 @@ class ReceiveLoopTest : public testing::Test {
   // Lines of the loop.
   LogLine Retrying(const std::string& milliseconds) const {
     return {LogLevel::Info, "tblsvr.fnd.rcv.err",
-            Server() + " error from ReceiveTable for 2130772483:4660, retrying for " + milliseconds, ""};
+            Server() + " error from ReceiveTable for 3758162435:4660, retrying for " + milliseconds, ""};
   }
   LogLine GivingUp() const {
-    return {LogLevel::Info, "tblsvr.fnd.rcv.err.fail", Server() + " giving up ReceiveTable for 2130772483:4660 retries",
+    return {LogLevel::Info, "tblsvr.fnd.rcv.err.fail", Server() + " giving up ReceiveTable for 3758162435:4660 retries",
             ""};
   }
   LogLine AbortedWhileRetrying() const {
     return {LogLevel::Info, "tblsvr.fnd.rcv.err.abort", Server() + " aborted while retrying ReceiveTable", ""};
   }
   LogLine Aborting() const {
-    return {LogLevel::Info, "tblsvr.fnd.rcv.abort", Server() + " aborting ReceiveTable for 2130772483:4660", ""};
+    return {LogLevel::Info, "tblsvr.fnd.rcv.abort", Server() + " aborting ReceiveTable for 3758162435:4660", ""};
   }
   LogLine WrongTableServer() const {
     return {LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
-            Server() + " aborting ReceiveTable for 2130772483:4660 because connected to wrong table server", ""};
+            Server() + " aborting ReceiveTable for 3758162435:4660 because connected to wrong table server", ""};
   }
   std::string Server() const { return "TableServer for " + server_name_ + "(" + AddressOf(&*server_) + ")"; }
   // What the loop itself has logged, not its streams.
@@ -375,7 +376,7 @@ TEST_F(ReceiveLoopTest, StopEndsThePauseOfAReceiverThreadAtOnce) {
     return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Only the stop can end it.
   });
   std::promise<void> released;
-  server_->FoundPeer(0x7F010203, 4660, std::make_shared<ActiveESNs>([&] { released.set_value(); }));
+  server_->FoundPeer(0xE0010203, 4660, std::make_shared<ActiveESNs>([&] { released.set_value(); }));
   ASSERT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));
 
   server_.SignalDone();
@@ -445,7 +446,7 @@ TEST_F(ReceiveLoopTest, AnyOtherExceptionLeavesTheLoop) {
 TEST_F(ReceiveLoopTest, AnyOtherExceptionOfAReceiverThreadEndsTheProcess) {
   const auto find_peer = [this] {
     SetLogHook([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("thrown by the hook"); });
-    server_->FoundPeer(0x7F010203, 4660, esns_);
+    server_->FoundPeer(0xE0010203, 4660, esns_);
     for (;;) pause();
   };
 

@@ -46,13 +46,13 @@ const std::string kRow = Bytes(
     "abc"
     "on");
 
-// Receives from 127.1.2.3:4660 on the thread of the test.
+// Receives from 224.1.2.3:4660, a number above 2^31 that no connection ever leaves for, on the thread of the test.
 class TableReceiverTest : public testing::Test {
  protected:
   explicit TableReceiverTest(const ServerSettings& settings = {}) : server_(WithReceiveTable(settings)) {}
 
   void Receive(std::chrono::nanoseconds time_limit = 5s) {
-    ReceiveTable(*server_, 0x7F010203, 4660, time_limit, esns_);
+    ReceiveTable(*server_, 0xE0010203, 4660, time_limit, esns_);
   }
   void ReceiveWithDefaultLogger() {
     SetLogHook(DefaultLogger);
@@ -78,7 +78,7 @@ class TableReceiverTest : public testing::Test {
   std::vector<std::string> LinesBetween() const {
     std::vector<std::string> lines = Lines();
     if (lines.size() < 2) return {"no lines"};
-    EXPECT_EQ(lines.front(), "7 tblrcvr.ctor: TableReceiver(R) for db:2130772483:4660 starting");
+    EXPECT_EQ(lines.front(), "7 tblrcvr.ctor: TableReceiver(R) for db:3758162435:4660 starting");
     EXPECT_EQ(lines.back(), "7 tblrcvr.dtor: TableReceiver(R) stopping");
     return {lines.begin() + 1, lines.end() - 1};
   }
@@ -138,11 +138,11 @@ TEST_F(TableReceiverTest, StreamIsLoggedInTheseLines) {
 
   Receive();
 
-  EXPECT_THAT(Lines(), ElementsAre("7 tblrcvr.ctor: TableReceiver(R) for db:2130772483:4660 starting",
+  EXPECT_THAT(Lines(), ElementsAre("7 tblrcvr.ctor: TableReceiver(R) for db:3758162435:4660 starting",
                                    "7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded",
                                    "7 tblrcvr.gotuid: TableReceiver(R) got uid: peer::proc",
                                    "7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: peer::proc "
-                                   "2130772483:4660",
+                                   "3758162435:4660",
                                    "7 tblrcvr.strm.grp: TableReceiver(R) sending group=\"group\" port=65244",
                                    "7 tblrcvr.dtor: TableReceiver(R) stopping"));
 }
@@ -161,7 +161,7 @@ TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
                                           "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)",    //
                                           "fcntl(F_GETFL)",                             //
                                           "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",        //
-                                          "connect(127.1.2.3:4660, 16)",                //
+                                          "connect(224.1.2.3:4660, 16)",                //
                                           "poll(done POLLIN, socket POLLOUT, 5000)",    //
                                           "getsockopt(SOL_SOCKET, SO_ERROR)",           //
                                           "fcntl(F_GETFL)",                             //
@@ -400,7 +400,7 @@ TEST_F(TableReceiverTest, FlagsThatCannotBeReadAreFollowedByABlockingConnect) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "connect(127.1.2.3:4660, 16)", "fopencookie", "send 11", "close"));
+              ElementsAre("fcntl(F_GETFL)", "connect(224.1.2.3:4660, 16)", "fopencookie", "send 11", "close"));
   EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.nonblck.getfl: TableReceiver: fcntl failed getting flags: 9");
   EXPECT_EQ(table_->rows.size(), 1U);
 }
@@ -413,7 +413,7 @@ TEST_F(TableReceiverTest, FlagsThatCannotBeSetAreFollowedByABlockingConnect) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "fopencookie", "send 11", "close"));
   EXPECT_EQ(LinesBetween().front(), "6 tblrcvr.sock.nonblck.setfl: TableReceiver: fcntl failed setting O_NONBLOCK: 1");
   EXPECT_EQ(table_->rows.size(), 1U);
@@ -421,11 +421,11 @@ TEST_F(TableReceiverTest, FlagsThatCannotBeSetAreFollowedByABlockingConnect) {
 
 TEST_F(TableReceiverTest, BlockingConnectThatFailsEndsTheStreamSilently) {
   calls_.Fail("fcntl(F_GETFL)", EBADF);
-  calls_.Fail("connect(127.1.2.3:4660, 16)", ETIMEDOUT);
+  calls_.Fail("connect(224.1.2.3:4660, 16)", ETIMEDOUT);
 
   Receive();
 
-  EXPECT_THAT(AfterSetUp(calls_.Calls()), ElementsAre("fcntl(F_GETFL)", "connect(127.1.2.3:4660, 16)", "close"));
+  EXPECT_THAT(AfterSetUp(calls_.Calls()), ElementsAre("fcntl(F_GETFL)", "connect(224.1.2.3:4660, 16)", "close"));
   EXPECT_THAT(LinesBetween(),
               ElementsAre("6 tblrcvr.sock.nonblck.getfl: TableReceiver: fcntl failed getting flags: 9"));
 }
@@ -438,19 +438,19 @@ TEST_F(TableReceiverTest, ConnectThatSucceedsAtOnceIsNotWaitedFor) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "fopencookie", "send 11", "close"));
   EXPECT_THAT(LinesBetween(), Not(Contains(StartsWith("7 tblrcvr.sock.conn.succ"))));
   EXPECT_EQ(table_->rows.size(), 1U);
 }
 
 TEST_F(TableReceiverTest, ConnectThatFailsAtOnceEndsTheStreamSilentlyWithABlockingSocket) {
-  calls_.Fail("connect(127.1.2.3:4660, 16)", ENETUNREACH);
+  calls_.Fail("connect(224.1.2.3:4660, 16)", ENETUNREACH);
 
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(), IsEmpty());
 }
@@ -462,7 +462,7 @@ TEST_F(TableReceiverTest, ConnectThatTimesOutEndsTheStreamSilently) {
 
   EXPECT_THAT(
       AfterSetUp(calls_.Calls()),
-      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                   "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(), IsEmpty());
 }
@@ -482,7 +482,7 @@ TEST_F(TableReceiverTest, StopWhileConnectingEndsTheStreamSilently) {
 
   EXPECT_THAT(
       AfterSetUp(calls_.Calls()),
-      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                   "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(), IsEmpty());
 }
@@ -515,7 +515,7 @@ TEST_F(TableReceiverTest, InterruptedWaitIsRepeatedWithTheSameTimeOut) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "poll(done POLLIN, socket POLLOUT, 5000)", "poll(done POLLIN, socket POLLOUT, 5000)",
                           "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
                           "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "fopencookie", "send 11", "close"));
@@ -529,7 +529,7 @@ TEST_F(TableReceiverTest, WaitThatFailsEndsTheStreamSilently) {
 
   EXPECT_THAT(
       AfterSetUp(calls_.Calls()),
-      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                   "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(), IsEmpty());
 }
@@ -540,7 +540,7 @@ TEST_F(TableReceiverTest, ResultOfTheConnectThatCannotBeReadIsLogged) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
                           "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(),
@@ -558,7 +558,7 @@ TEST_F(TableReceiverTest, RefusedConnectIsLoggedWithErrnoAndNotWithTheErrorOfThe
 
   EXPECT_THAT(
       AfterSetUp(calls_.Calls()),
-      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+      ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                   "poll(done POLLIN, socket POLLOUT, 5000)", "fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)", "close"));
   EXPECT_THAT(LinesBetween(), ElementsAre("6 tblrcvr.sock.conn.err: TableReceiver: connect failed: 71"));
 }
@@ -601,7 +601,7 @@ TEST_F(TableReceiverTest, FlagsThatCannotBeReadAgainAreOnlyLogged) {
   Receive();
 
   EXPECT_THAT(AfterSetUp(calls_.Calls()),
-              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(127.1.2.3:4660, 16)",
+              ElementsAre("fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)", "connect(224.1.2.3:4660, 16)",
                           "poll(done POLLIN, socket POLLOUT, 5000)", "getsockopt(SOL_SOCKET, SO_ERROR)",
                           "fcntl(F_GETFL)", "fopencookie", "send 11", "close"));
   EXPECT_EQ(LinesBetween()[1], "6 tblrcvr.sock.blck.getfl: TableReceiver: fcntl failed getting flags: 9");
@@ -715,6 +715,23 @@ TEST_F(TableReceiverTest, OwnUidIsAConnectionToOurselvesThatIsSeenAfterTheUidIsL
   EXPECT_EQ(peer_.Received(), "");
 }
 
+TEST_F(TableReceiverTest, UidThatBeginsWithOursOrIsTheBeginningOfOursIsAnother) {
+  for (const char* says : {"\x00\x20\x00\x09"
+                           "db"
+                           "\x03"
+                           "devprocs",
+                           "\x00\x20\x00\x07"
+                           "db"
+                           "\x03"
+                           "devpro"}) {
+    peer_.says = std::string(says, 4 + 2 + static_cast<unsigned char>(says[3]));
+
+    EXPECT_NO_THROW(Receive());
+  }
+
+  EXPECT_EQ(log_.Lines("tblsvr.fnd").size(), 2U);
+}
+
 TEST_F(TableReceiverTest, OwnUidIsNotRegistered) {
   peer_.says = Bytes(
       "\x00\x20\x00\x08"
@@ -807,7 +824,7 @@ TEST_F(TableReceiverTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
 
   EXPECT_THAT(LinesBetween(), Contains("7 tblrcvr.gotuid: TableReceiver(R) got uid: abc::"));
   EXPECT_THAT(LinesBetween(),
-              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: abc:: 2130772483:4660"));
+              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: abc:: 3758162435:4660"));
 }
 
 TEST_F(TableReceiverTest, EmptyUidIsAPeerWithoutAName) {
@@ -819,7 +836,7 @@ TEST_F(TableReceiverTest, EmptyUidIsAPeerWithoutAName) {
 
   EXPECT_THAT(LinesBetween(), Contains("7 tblrcvr.gotuid: TableReceiver(R) got uid: ::"));
   EXPECT_THAT(LinesBetween(),
-              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: :: 2130772483:4660"));
+              Contains("7 tblsvr.fnd: TableServer for dev::proc::db(S) found peer: :: 3758162435:4660"));
 }
 
 TEST_F(TableReceiverOfMalformedUidTest, OwnUidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
@@ -828,7 +845,7 @@ TEST_F(TableReceiverOfMalformedUidTest, OwnUidThatClaimsALongerNameThanItHasIsCl
   Receive();
 
   EXPECT_THAT(LinesBetween(),
-              Contains("7 tblsvr.fnd: TableServer for abc::::db(S) found peer: peer::proc 2130772483:4660"));
+              Contains("7 tblsvr.fnd: TableServer for abc::::db(S) found peer: peer::proc 3758162435:4660"));
 }
 
 // Ends.

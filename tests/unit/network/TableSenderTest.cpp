@@ -586,6 +586,26 @@ TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionWhenASecondHasPas
   EXPECT_LT(looks_until_poll, 200);
 }
 
+TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionOnceASecond) {
+  PeerSays(kOurGroup);
+  std::chrono::nanoseconds time{0};
+  const HookedHere now(Hooks().now, [&] { return std::chrono::steady_clock::time_point(time += 1ms); });
+  std::vector<std::chrono::nanoseconds> looks;
+  const auto look = [&](pollfd&) {
+    looks.push_back(time);
+    return 0;
+  };
+  passes_ = {look, look, look, look};
+
+  Send();
+
+  ASSERT_EQ(looks.size(), 4U);
+  for (std::size_t i = 1; i < looks.size(); ++i) {
+    EXPECT_GE(looks[i] - looks[i - 1], 1s);
+    EXPECT_LT(looks[i] - looks[i - 1], 2s);
+  }
+}
+
 TEST_F(TableSenderTest, ClosedConnectionOfAnIdleStreamEndsIt) {
   PeerSays(kOurGroup);
   passes_ = {NothingIsThere, NothingIsThere};

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -27,6 +28,7 @@
 #include "FailWith.h"
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/Says.h"
 
@@ -404,6 +406,35 @@ TEST_P(MissingThreadTest, LeavesRoomForAnotherServer) {
   EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
 }
 
+TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+  };
+  SetLogHook({});
+  const std::string long_name(100, 'n');  // Does not fit into a string itself.
+  const auto table = Varnix::MakeTable("t");
+  const auto descriptors = open();
+  int failures = 0;
+  for (bool failed = true; failed;) {
+    {
+      const FailingAllocation failing(failures + 1);
+      try {
+        TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"));
+      } catch (const std::bad_alloc&) {
+      }
+      failed = failing.HasFailed();
+    }
+    failures += failed ? 1 : 0;
+
+    EXPECT_EQ(open(), descriptors);
+    EXPECT_THAT(NamesOfLocalTables(), Not(Contains("_vrx_.ts_done." + long_name)));
+    ASSERT_LT(failures, 100);
+  }
+  SetLogHook(DefaultLogger);
+
+  EXPECT_GE(failures, 7);  // Three names, the table and its name, the registry of peers, the two threads.
+}
+
 TEST_F(TableServerTest, HookThatThrowsAtConstructionLeavesNothingBehind) {
   SetLogHook([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("hook"); });
 
@@ -720,6 +751,20 @@ TEST_F(TableServerTest, NetworkChangeWakesTheDiscoveryThread) {
   EXPECT_TRUE(log_.Eventually("tblsvr.dscv.chg"));
 }
 
+TEST_F(TableServerTest, WriteToTheWakePipeThatTakesNothingIsAFailure) {
+  Start();
+  Hooks().write.Set([](int, const void*, std::size_t) -> ssize_t {
+    errno = 0;
+    return 0;
+  });
+
+  server_->NetworkChanged();
+
+  Hooks().write.Reset();
+  EXPECT_THAT(log_.Lines("tblsvr.nwc"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed 0", ""}));
+}
+
 TEST_F(TableServerTest, FailedWriteToTheWakePipeIsLoggedAndTheServerGoesOn) {
   Start();
   Hooks().write.Set(FailWith{EAGAIN});
@@ -861,6 +906,43 @@ TEST_F(TableServerTest, AcceptLoopPollsAgainWhenTheListenerHasNoEvent) {
   EXPECT_TRUE(IsKept(polled_again));
   server_->Stop();
   EXPECT_EQ(accepts, 0);
+}
+
+TEST_F(TableServerTest, AnyEventOfTheListenerIsAConnection) {
+  std::promise<void> accepted;
+  Hooked accept(Hooks().accept, [&, first = std::make_shared<std::atomic<bool>>(true)](int, sockaddr*, socklen_t*) {
+    if (first->exchange(false)) accepted.set_value();
+    return FailWith{ECONNABORTED}();
+  });
+  Hooked poll(Hooks().poll,
+              [this, first = std::make_shared<std::atomic<bool>>(true)](pollfd* entries, nfds_t count, int time_out) {
+                if (!IsAcceptWait(entries, count) || !first->exchange(false))
+                  return Hooks().poll.Real(entries, count, time_out);
+                entries[1].revents = POLLERR;
+                return 1;
+              });
+
+  Start();
+
+  EXPECT_TRUE(IsKept(accepted));
+  server_->Stop();
+}
+
+TEST_F(TableServerTest, AnyEventOfTheDonePipeEndsTheAcceptLoop) {
+  std::promise<void> polled;
+  std::atomic<int> polls{0};
+  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    if (++polls == 1) polled.set_value();
+    entries[0].revents = POLLHUP;
+    return 1;
+  });
+
+  Start();
+  EXPECT_TRUE(IsKept(polled));
+  server_->Stop();
+
+  EXPECT_EQ(polls, 1);
 }
 
 TEST_F(TableServerTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
