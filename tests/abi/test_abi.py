@@ -1,0 +1,79 @@
+"""The library fits the programs that are in the field, and is the same wherever it is built."""
+
+import os
+import pathlib
+import re
+import shlex
+import shutil
+import subprocess
+
+import pytest
+
+SOURCE = pathlib.Path(os.environ["VARNIX_SOURCE"])
+DESCRIPTION = pathlib.Path(os.environ["VARNIX_DESCRIPTION"])
+
+
+def run(*command):
+    done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+@pytest.fixture(scope="module")
+def built(tmp_path_factory):
+    description = tmp_path_factory.mktemp("built") / "built.abi"
+    run(*shlex.split(os.environ["VARNIX_DESCRIBE"]), "--out-file", description)
+    return description
+
+
+def compare(expected, built):
+    done = subprocess.run(["abidiff", expected, built], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode & 3 == 0, done.stdout  # Those bits are for an error of the comparison itself.
+    return done.returncode, done.stdout
+
+
+def test_the_library_is_as_its_description(built):
+    assert compare(DESCRIPTION, built) == (0, "")
+
+
+def test_the_description_names_no_place_of_the_machine_that_made_it():
+    description = DESCRIPTION.read_text(encoding="utf-8")
+
+    assert re.findall(r"(?:path|filepath|comp-dir-path)='([^']*)'", description) == ["./src/Varnix.cpp"]
+    assert str(SOURCE) not in description
+
+
+@pytest.mark.parametrize("what, before, after", [
+    ("a virtual function that has moved", r"vtable-offset='3'(?=>\s*<function-decl name='Watch')", "vtable-offset='5'"),
+    ("another value of a level", "<enumerator name='Info' value='6'/>", "<enumerator name='Info' value='9'/>"),
+    ("a level that is gone", r"\s*<enumerator name='Debug' value='7'/>", ""),
+    ("a larger class", r"(<class-decl name='Watcher' size-in-bits=)'\d+'", r"\1'256'"),
+    ("a function that is gone", r"\s*<elf-symbol name='_ZN6Varnix14NetworkChangedEv'[^>]*/>", ""),
+])
+def test_the_comparison_notices(what, before, after, built, tmp_path):
+    changed, count = re.subn(before, after, built.read_text(encoding="utf-8"))
+    (tmp_path / "changed.abi").write_text(changed, encoding="utf-8")
+
+    assert count == 1
+    assert compare(DESCRIPTION, tmp_path / "changed.abi")[0] & 4
+
+
+def build(source):
+    source.mkdir(parents=True)
+    for part in ("CMakeLists.txt", "cmake", "include", "src"):
+        copy = shutil.copytree if (SOURCE / part).is_dir() else shutil.copy
+        copy(SOURCE / part, source / part)
+    toolchain = os.environ["VARNIX_TOOLCHAIN"]
+    run("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}",
+        "-DCMAKE_CXX_FLAGS=-g", "-DVARNIX_TESTS=OFF", "-DVARNIX_EXAMPLES=OFF",
+        *([f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"] if toolchain else [f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}"]))
+    run("cmake", "--build", source / "build", "--parallel", len(os.sched_getaffinity(0)))
+    return source / "build" / "libvarnix.so"
+
+
+def test_two_builds_in_different_directories_are_identical_debug_information_included(tmp_path):
+    here = build(tmp_path / "here")
+    elsewhere = build(tmp_path / "some" / "where" / "else")
+
+    assert b".debug_info\0" in here.read_bytes()
+    assert here.read_bytes() == elsewhere.read_bytes()

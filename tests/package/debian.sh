@@ -1,0 +1,183 @@
+#!/usr/bin/env bash
+# Builds the Debian packages natively and for armhf, and installs and uses them, each time in a fresh Debian 12:
+# tests/package/debian.sh. Installs what it needs, works in a temporary directory, and leaves nothing else behind.
+# Needs root (it calls sudo) and Debian's mirror: DEBIAN_MIRROR names another one.
+set -euo pipefail
+[ "$(id -u)" -eq 0 ] || exec sudo --preserve-env=DEBIAN_MIRROR,TMPDIR "$0" "$@"
+cd "$(dirname "$0")/../.."
+readonly mirror=${DEBIAN_MIRROR:-http://deb.debian.org/debian}
+scripts/install-tools packages
+
+# What is mounted in here goes with the last process. Without the right to do so, everything works without mounts.
+if [ -z "${VARNIX_MOUNTS:-}" ]; then
+  VARNIX_MOUNTS=none
+  ! unshare --mount true 2>/dev/null || VARNIX_MOUNTS=private
+  export VARNIX_MOUNTS
+  [ "$VARNIX_MOUNTS" = none ] || exec unshare --mount --propagation private "$0" "$@"
+fi
+
+work=$(mktemp -d)
+declare -A pid=()
+finish() {
+  trap - EXIT HUP INT TERM
+  local name
+  for name in "${!pid[@]}"; do
+    kill "${pid[$name]}" 2>/dev/null || true
+    wait "${pid[$name]}" 2>/dev/null || true
+  done
+  umount "$work"/*/proc 2>/dev/null || true
+  rm -rf --one-file-system "$work"
+}
+trap finish EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+fail() {
+  printf 'debian.sh: %s\n' "$1" >&2
+  exit 1
+}
+
+shown() { printf 'shown: %s\n' "$1"; }
+
+# Runs a command with its output kept for the case that it fails.
+quietly() {
+  "$@" >"$work/log" 2>&1 </dev/null || { tail -n 60 "$work/log" >&2; fail "'$*' ended with an error, see above"; }
+}
+
+in_root() {  # in_root ROOT COMMAND...
+  local root=$1
+  shift
+  env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+    DPKG_GENSYMBOLS_CHECK_LEVEL=4 ${http_proxy:+http_proxy="$http_proxy"} chroot "$work/$root" "$@"
+}
+
+apt_in() {  # apt_in ROOT ARGUMENT...
+  local root=$1
+  shift
+  quietly in_root "$root" apt-get -y -o APT::Sandbox::User=root -o APT::Install-Recommends=false "$@"
+}
+
+prepare() {  # prepare ROOT: what a root needs of this machine
+  cp /etc/resolv.conf "$work/$1/etc/resolv.conf"
+  [ "$VARNIX_MOUNTS" = none ] || mount -t proc proc "$work/$1/proc" 2>/dev/null || true
+  quietly in_root "$1" dpkg --add-architecture armhf
+  apt_in "$1" update
+}
+
+# --- The roots: one with what the packages say that they need to be built, one with nothing.
+
+[ "$(dpkg-parsechangelog -S Version)" = "$(sed -nE 's/^project\(varnix VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)" ] ||
+  fail "debian/changelog and CMakeLists.txt name different versions"
+
+quietly debootstrap --variant=minbase bookworm "$work/clean" "$mirror"
+cp -a "$work/clean" "$work/builder"
+prepare clean
+prepare builder
+
+mkdir "$work/builder/build" "$work/builder/build/varnix"
+git ls-files -z | tar --create --null --verbatim-files-from --files-from=- |
+  tar --extract --no-same-owner --directory="$work/builder/build/varnix"
+
+# --- Building
+
+built=$work/builder/build
+apt_in builder install build-essential
+apt_in builder build-dep /build/varnix
+quietly in_root builder sh -c 'cd /build/varnix && dpkg-buildpackage -us -uc'
+shown "dpkg-buildpackage makes source and amd64 packages with the declared build dependencies alone"
+
+apt_in builder build-dep --host-architecture=armhf --build-profiles=cross,nocheck /build/varnix
+quietly in_root builder sh -c 'cd /build && dpkg-source -x varnix_*.dsc crossed && cd crossed &&
+  DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES="cross nocheck" dpkg-buildpackage -us -uc -b -a armhf'
+shown "dpkg-buildpackage makes armhf packages from that source package, cross-compiled"
+shown "both libraries export the symbols in debian/libvarnix1.symbols, none less and none more"
+
+for changes in "$built"/varnix_*.changes; do
+  quietly lintian --allow-root --fail-on error,warning "$changes"
+  shown "lintian finds no error and no warning in ${changes##*/}"
+done
+
+# Multi-Arch: same asks for this.
+for architecture in amd64 armhf; do
+  for package in libvarnix1 libvarnix-dev; do
+    dpkg-deb -x "$built/${package}"_*_$architecture.deb "$work/unpacked-$architecture"
+  done
+done
+common=0
+while IFS= read -r -d '' file; do
+  [ -f "$work/unpacked-armhf/$file" ] || continue
+  cmp "$work/unpacked-amd64/$file" "$work/unpacked-armhf/$file" || fail "$file differs between the architectures"
+  common=$((common + 1))
+done < <(cd "$work/unpacked-amd64" && find . -type f -print0)
+[ "$common" -gt 0 ] || fail "the packages of the two architectures have no file in common"
+shown "the $common files that both architectures hold are identical"
+
+# --- Building a stranger's programs where libvarnix-dev is installed
+
+packages=("$built"/libvarnix1_*.deb "$built"/libvarnix-dev_*.deb)
+apt_in builder install pkgconf "${packages[@]#"$work/builder"}"
+shown "libvarnix-dev is installed for amd64 and armhf side by side"
+
+cp -r tests/package "$built/strangers"
+mkdir "$built/programs"
+for triplet in x86_64-linux-gnu arm-linux-gnueabihf; do
+  quietly in_root builder sh -euc "
+    cd /build/strangers
+    $triplet-g++ -std=c++11 plain/main.cpp -lvarnix -o ../programs/plain-$triplet
+    $triplet-g++ -std=c++11 plain/main.cpp \
+      \$(PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig pkg-config --cflags --libs varnix) -o ../programs/pc-$triplet
+    cmake -G Ninja -S installed -B cmake-$triplet -DCMAKE_CXX_COMPILER=$triplet-g++ -DCMAKE_SYSTEM_NAME=Linux \
+      -DCMAKE_LIBRARY_ARCHITECTURE=$triplet
+    cmake --build cmake-$triplet
+    cp cmake-$triplet/stranger ../programs/cmake-$triplet
+    $triplet-g++ -std=c++11 /usr/share/doc/libvarnix-dev/examples/share_a_table.cpp -lvarnix \
+      -o ../programs/share-$triplet"
+  shown "-lvarnix, pkg-config and find_package find the library of $triplet"
+done
+
+# --- Running them where nothing but libvarnix1 is installed
+
+cp "$built"/libvarnix1_*.deb "$built"/programs/* "$work/clean/tmp"
+apt_in clean install $(cd "$work/clean" && printf '/%s ' tmp/libvarnix1_*.deb)
+shown "libvarnix1 is installed for amd64 and armhf side by side in a clean root"
+
+native() { in_root clean "$@"; }
+arm() { qemu-arm -L "$work/clean" "$work/clean$1" "${@:2}"; }
+for way in plain pc cmake; do
+  [ "$(native /tmp/$way-x86_64-linux-gnu)" = "temperature is 81" ] || fail "the program '$way' fails on amd64"
+  [ "$(arm /tmp/$way-arm-linux-gnueabihf)" = "temperature is 81" ] || fail "the program '$way' fails on armhf"
+done
+shown "the programs run there, for amd64 in the root itself, for armhf by qemu-arm with its loader and libraries"
+
+# A process of each kind, in a network of their own.
+share() {
+  ip link set lo up
+  native /tmp/share-x86_64-linux-gnu left hello >"$work/left" &
+  pid[left]=$!
+  arm /tmp/share-arm-linux-gnueabihf right world >"$work/right" &
+  pid[right]=$!
+  local deadline=$((SECONDS + 90)) side row
+  for side in left right; do
+    for row in 'left is hello' 'right is world'; do
+      until grep -qx "$row" "$work/$side"; do
+        [ $SECONDS -lt $deadline ] || fail "'$side' has not shown '$row'"
+        sleep 0.1
+      done
+    done
+  done
+}
+export -f share native arm in_root fail
+if unshare --net true 2>/dev/null; then
+  work=$work unshare --net --pid --fork --kill-child bash -euc 'declare -A pid=(); share' 2>"$work/log" ||
+    { cat "$work/log" >&2; fail "an amd64 and an armhf process do not share a table"; }
+  shown "an amd64 and an armhf process share a table"
+else
+  echo "not shown: that an amd64 and an armhf process share a table, for want of a network namespace"
+fi
+
+rm "$work"/clean/tmp/*
+apt_in clean purge libvarnix1 libvarnix1:armhf
+left=$(find "$work/clean/etc" "$work/clean/usr" "$work/clean/var/lib/dpkg" -iname '*varnix*')
+[ -z "$left" ] || fail "purging leaves $left"
+shown "purging leaves no file behind"
