@@ -6,14 +6,20 @@ ActiveESNs::ActiveESNs(std::function<void()> release_callback) : release_callbac
 
 ActiveESNs::~ActiveESNs() { release_callback_(); }
 
-EsnRegistration::EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid)
-    : active_esns_(std::move(active_esns)), uid_(std::move(uid)) {
+EsnRegistration::EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid, PeerPlace place,
+                                 std::optional<PeerPlace>& refused)
+    : active_esns_(std::move(active_esns)), uid_(std::move(uid)), refused_(refused) {
   MutexLock lock(active_esns_->mutex_);
-  inserted_ = active_esns_->uids_.insert(uid_).second;
+  const auto [found, inserted] = active_esns_->streams_.try_emplace(uid_, ActiveESNs::Stream{place, {}});
+  inserted_ = inserted;
+  const PeerPlace& active = found->second.place;
+  if (active.address != place.address || active.port != place.port) found->second.refused = place;
 }
 
 EsnRegistration::~EsnRegistration() {
   if (!inserted_) return;
   MutexLock lock(active_esns_->mutex_);
-  active_esns_->uids_.erase(uid_);
+  const auto found = active_esns_->streams_.find(uid_);
+  refused_ = found->second.refused;
+  active_esns_->streams_.erase(found);
 }

@@ -2,10 +2,17 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "threads/Mutex.h"
+
+// Where a peer listens, in host byte order.
+struct PeerPlace {
+  unsigned address;
+  unsigned short port;
+};
 
 // The identities (uids) of the peers from which one table server is receiving. The server, every peer thread and every
 // registration hold it; its destruction tells the stopping server that the last of them is gone.
@@ -22,15 +29,24 @@ class ActiveESNs {
  private:
   friend class EsnRegistration;
 
+  struct Stream {
+    PeerPlace place;
+    std::optional<PeerPlace> refused;  // The last other place at which the same peer was met during this stream.
+  };
+
   Mutex mutex_;
-  std::unordered_set<std::string> uids_ VARNIX_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, Stream> streams_ VARNIX_GUARDED_BY(mutex_);  // By uid.
   const std::function<void()> release_callback_;
 };
 
-// Enters a uid for the life of one receive stream, unless it is there already: then it changes nothing, ever.
+// Enters a uid for the life of one receive stream, unless it is there already: then the stream that has it learns of the
+// place, and nothing else changes, ever.
 class EsnRegistration {
  public:
-  EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid);
+  // `refused` gets the other place at which the peer was refused last during this stream, if there is one, when this is
+  // destroyed.
+  EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid, PeerPlace place,
+                  std::optional<PeerPlace>& refused);
   ~EsnRegistration();
   EsnRegistration(const EsnRegistration&) = delete;
   EsnRegistration& operator=(const EsnRegistration&) = delete;
@@ -41,4 +57,5 @@ class EsnRegistration {
   const std::shared_ptr<ActiveESNs> active_esns_;
   const std::string uid_;
   bool inserted_ = false;
+  std::optional<PeerPlace>& refused_;
 };

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <new>
+#include <optional>
 
 #include "databases/CombinedKey.h"
 #include "logging/Log.h"
@@ -172,14 +173,20 @@ void TableReceiver::ReceiveRows() {
 }
 
 void ReceiveTable(TableServer& server, unsigned address, unsigned short port, std::chrono::nanoseconds time_limit,
-                  const std::shared_ptr<ActiveESNs>& active_esns) try {
-  TableReceiver receiver(server, address, port);
-  receiver.MakeSocket();
-  std::string uid;
-  if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return;
-  const EsnRegistration registration(active_esns, uid);
-  if (!registration.Inserted()) throw AlreadyConnected();
-  if (receiver.SendGroup(uid)) receiver.ReceiveRows();
-} catch (const std::bad_alloc&) {
-  // A peer whose rows do not fit in memory loses its stream; it must not take the process with it.
+                  const std::shared_ptr<ActiveESNs>& active_esns) {
+  std::optional<PeerPlace> elsewhere;
+  try {
+    TableReceiver receiver(server, address, port);
+    receiver.MakeSocket();
+    std::string uid;
+    if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return;
+    const EsnRegistration registration(active_esns, uid, {address, port}, elsewhere);
+    if (!registration.Inserted()) throw AlreadyConnected();
+    if (receiver.SendGroup(uid)) receiver.ReceiveRows();
+  } catch (const std::bad_alloc&) {
+    // A peer whose rows do not fit in memory loses its stream; it must not take the process with it.
+  }
+  // The peer had restarted, or moved, before the end of its old stream was seen. Its next announcement may be a minute
+  // away.
+  if (elsewhere) server.FoundPeer(elsewhere->address, elsewhere->port, active_esns);
 }

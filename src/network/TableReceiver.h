@@ -58,7 +58,8 @@ class TableReceiver {
   FILE* stream_ = nullptr;
 };
 
-// Receives from a peer until the stream ends, or never starts, for a reason that is none of the exceptions.
+// Receives from a peer until the stream ends, or never starts, for a reason that is none of the exceptions. When the
+// peer was met at another place meanwhile, and refused there, starts to receive from that place.
 // Throws SelfConnect, WrongServer, AlreadyConnected (a stream from that peer is running already) or AbortRequested.
 void ReceiveTable(TableServer& server, unsigned address, unsigned short port, std::chrono::nanoseconds time_limit,
                   const std::shared_ptr<ActiveESNs>& active_esns);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -28,6 +29,7 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr int kPauseWithoutDescriptors_ms = 100;
+constexpr std::chrono::milliseconds kPauseWithoutMemory(100);
 // Ample for our frames and a log hook, and not the usual 8 MiB each: a 32-bit process has no room for hundreds of
 // those.
 constexpr std::size_t kPeerStackSize = std::size_t{256} * 1024;
@@ -68,6 +70,14 @@ bool StartDetached(Body body) {
   if (errno != 0) return false;
   owned.release();  // NOLINT(bugprone-unused-return-value): the thread has it.
   return true;
+}
+
+// False when there is no memory to be had.
+bool SetUnlogged(LocalTable& table, const Varnix::Row& row) try {
+  table.SetUnlogged(row);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 bool IsOutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }
@@ -148,7 +158,8 @@ void TableServer::SetDoneRow() {
   try {
     done_table_->Set(done);
   } catch (...) {
-    done_table_->SetUnlogged(done);
+    // An idle sender learns of the stop in no other way.
+    while (!SetUnlogged(*done_table_, done)) std::this_thread::sleep_for(kPauseWithoutMemory);
     throw;
   }
 }

@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Registration.h"
 #include "network/ActiveESNs.h"
 
 namespace {
@@ -19,51 +21,51 @@ std::shared_ptr<ActiveESNs> MakeActiveESNs() {
 TEST(ActiveESNs, UidThatIsNotInTheSetIsInserted) {
   const auto active = MakeActiveESNs();
 
-  const EsnRegistration registration(active, "\3devproc");
+  const Registration registration(active, "\3devproc");
 
   EXPECT_TRUE(registration.Inserted());
 }
 
 TEST(ActiveESNs, UidThatIsAlreadyInTheSetIsNotInserted) {
   const auto active = MakeActiveESNs();
-  const EsnRegistration first(active, "\3devproc");
+  const Registration first(active, "\3devproc");
 
-  const EsnRegistration second(active, "\3devproc");
+  const Registration second(active, "\3devproc");
 
   EXPECT_FALSE(second.Inserted());
 }
 
 TEST(ActiveESNs, RegistrationThatWasNotInsertedErasesNothing) {
   const auto active = MakeActiveESNs();
-  const EsnRegistration first(active, "\3devproc");
+  const Registration first(active, "\3devproc");
 
-  { const EsnRegistration second(active, "\3devproc"); }
+  { const Registration second(active, "\3devproc"); }
 
-  EXPECT_FALSE(EsnRegistration(active, "\3devproc").Inserted());
+  EXPECT_FALSE(Registration(active, "\3devproc").Inserted());
 }
 
 TEST(ActiveESNs, UidLeavesTheSetWithItsRegistration) {
   const auto active = MakeActiveESNs();
 
-  { const EsnRegistration first(active, "\3devproc"); }
+  { const Registration first(active, "\3devproc"); }
 
-  EXPECT_TRUE(EsnRegistration(active, "\3devproc").Inserted());
+  EXPECT_TRUE(Registration(active, "\3devproc").Inserted());
 }
 
 TEST(ActiveESNs, RegistrationErasesOnlyItsOwnUid) {
   const auto active = MakeActiveESNs();
-  const EsnRegistration stays(active, "\3devone");
+  const Registration stays(active, "\3devone");
 
-  { const EsnRegistration goes(active, "\3devtwo"); }
+  { const Registration goes(active, "\3devtwo"); }
 
-  EXPECT_FALSE(EsnRegistration(active, "\3devone").Inserted());
+  EXPECT_FALSE(Registration(active, "\3devone").Inserted());
 }
 
 TEST(ActiveESNs, UidsAreComparedBeyondEmbeddedZeros) {
   const auto active = MakeActiveESNs();
-  const EsnRegistration first(active, std::string("\1a\0b", 4));
+  const Registration first(active, std::string("\1a\0b", 4));
 
-  const EsnRegistration second(active, std::string("\1a\0c", 4));
+  const Registration second(active, std::string("\1a\0c", 4));
 
   EXPECT_TRUE(second.Inserted());
 }
@@ -71,11 +73,71 @@ TEST(ActiveESNs, UidsAreComparedBeyondEmbeddedZeros) {
 TEST(ActiveESNs, SetsOfTwoServersAreIndependent) {
   const auto one = MakeActiveESNs();
   const auto other = MakeActiveESNs();
-  const EsnRegistration registration(one, "\3devproc");
+  const Registration registration(one, "\3devproc");
 
-  const EsnRegistration elsewhere(other, "\3devproc");
+  const Registration elsewhere(other, "\3devproc");
 
   EXPECT_TRUE(elsewhere.Inserted());
+}
+
+namespace {
+
+constexpr PeerPlace kHere = {0x7F000001, 4660};
+constexpr PeerPlace kOtherPort = {0x7F000001, 4661};
+constexpr PeerPlace kOtherAddress = {0x7F000002, 4660};
+
+// What a stream from kHere learns when it ends, if the same peer is refused at these places meanwhile.
+std::optional<PeerPlace> LearnedOf(const std::vector<PeerPlace>& places) {
+  const auto active = MakeActiveESNs();
+  std::optional<PeerPlace> learned;
+  {
+    const EsnRegistration stream(active, "\3devproc", kHere, learned);
+    for (const PeerPlace& place : places) {
+      std::optional<PeerPlace> nothing;
+      { const EsnRegistration refused(active, "\3devproc", place, nothing); }
+      EXPECT_FALSE(nothing);
+    }
+    EXPECT_FALSE(learned) << "before its end";
+  }
+  return learned;
+}
+
+bool IsAt(const std::optional<PeerPlace>& place, const PeerPlace& expected) {
+  return place && place->address == expected.address && place->port == expected.port;
+}
+
+}  // namespace
+
+TEST(ActiveESNs, StreamLearnsAtItsEndOfAnotherPortAtWhichThePeerWasRefused) {
+  EXPECT_TRUE(IsAt(LearnedOf({kOtherPort}), kOtherPort));
+}
+
+TEST(ActiveESNs, StreamLearnsAtItsEndOfAnotherAddressAtWhichThePeerWasRefused) {
+  EXPECT_TRUE(IsAt(LearnedOf({kOtherAddress}), kOtherAddress));
+}
+
+TEST(ActiveESNs, StreamLearnsOfTheLastOfSeveralPlaces) {
+  EXPECT_TRUE(IsAt(LearnedOf({kOtherPort, kOtherAddress, kOtherPort}), kOtherPort));
+}
+
+TEST(ActiveESNs, RefusalAtItsOwnPlaceTellsAStreamNothing) {
+  EXPECT_FALSE(LearnedOf({kHere}));
+  EXPECT_TRUE(IsAt(LearnedOf({kOtherPort, kHere}), kOtherPort)) << "and makes it forget nothing";
+}
+
+TEST(ActiveESNs, StreamLearnsNothingOfTheOneBefore) {
+  const auto active = MakeActiveESNs();
+  std::optional<PeerPlace> learned;
+  {
+    const EsnRegistration first(active, "\3devproc", kHere, learned);
+    std::optional<PeerPlace> nothing;
+    const EsnRegistration refused(active, "\3devproc", kOtherPort, nothing);
+  }
+  learned.reset();
+
+  { const EsnRegistration next(active, "\3devproc", kHere, learned); }
+
+  EXPECT_FALSE(learned);
 }
 
 TEST(ActiveESNs, LastReferenceCallsTheReleaseCallbackExactlyOnce) {
@@ -93,7 +155,7 @@ TEST(ActiveESNs, LastReferenceCallsTheReleaseCallbackExactlyOnce) {
 TEST(ActiveESNs, RegistrationPutsTheReleaseOff) {
   int calls = 0;
   auto active = std::make_shared<ActiveESNs>([&] { ++calls; });
-  auto registration = std::make_unique<EsnRegistration>(active, "\3devproc");
+  auto registration = std::make_unique<Registration>(active, "\3devproc");
   active.reset();
   ASSERT_EQ(calls, 0);
 
@@ -105,8 +167,8 @@ TEST(ActiveESNs, RegistrationPutsTheReleaseOff) {
 TEST(ActiveESNs, RegistrationThatWasNotInsertedPutsTheReleaseOffToo) {
   int calls = 0;
   auto active = std::make_shared<ActiveESNs>([&] { ++calls; });
-  auto first = std::make_unique<EsnRegistration>(active, "\3devproc");
-  auto second = std::make_unique<EsnRegistration>(active, "\3devproc");
+  auto first = std::make_unique<Registration>(active, "\3devproc");
+  auto second = std::make_unique<Registration>(active, "\3devproc");
   active.reset();
   first.reset();
   ASSERT_EQ(calls, 0);
@@ -142,7 +204,7 @@ TEST(ActiveESNs, OneOfManyThreadsThatRegisterAUidGetsIt) {
 
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
-      const EsnRegistration registration(active, "\3devproc");
+      const Registration registration(active, "\3devproc");
       if (registration.Inserted()) ++inserted;
       ++tried;
       while (tried < kThreads) std::this_thread::yield();  // All keep theirs until the last has tried.

@@ -12,6 +12,7 @@
 #include "FakeClock.h"
 #include "HookedHere.h"
 #include "PeerSocket.h"
+#include "Registration.h"
 #include "VacantServer.h"
 #include "network/ActiveESNs.h"
 #include "network/ReceiveLoop.h"
@@ -398,9 +399,9 @@ TEST_F(ReceiveLoopTest, ConnectionToOurselvesEndsTheLoopSilently) {
 }
 
 TEST_F(ReceiveLoopTest, PeerThatIsBeingReceivedFromAlreadyEndsTheLoopSilently) {
-  const EsnRegistration registration(esns_,
-                                     "\x04"
-                                     "peerproc");
+  const Registration registration(esns_,
+                                  "\x04"
+                                  "peerproc");
 
   RunWithPeer(kPeer);
 

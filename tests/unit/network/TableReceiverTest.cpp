@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <csignal>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "PeerSocket.h"
 #include "ReceiverCalls.h"
 #include "RecordingTable.h"
+#include "Registration.h"
 #include "VacantServer.h"
 #include "network/ActiveESNs.h"
 #include "network/StopExceptions.h"
@@ -27,6 +29,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::KilledBySignal;
 using testing::Not;
@@ -58,7 +61,7 @@ class TableReceiverTest : public testing::Test {
     SetLogHook(DefaultLogger);
     Receive();
   }
-  bool IsRegistered(const std::string& uid) const { return !EsnRegistration(esns_, uid).Inserted(); }
+  bool IsRegistered(const std::string& uid) const { return !Registration(esns_, uid).Inserted(); }
 
   // As "7 tag: text", with R for the receiver and S for the server; those of tables are left out.
   std::vector<std::string> Lines() const {
@@ -738,9 +741,9 @@ TEST_F(TableReceiverTest, OwnUidIsNotRegistered) {
       "db"
       "\x03"
       "devproc");
-  const EsnRegistration registration(esns_,
-                                     "\x03"
-                                     "devproc");
+  const Registration registration(esns_,
+                                  "\x03"
+                                  "devproc");
 
   EXPECT_THROW(Receive(), SelfConnect);
 }
@@ -760,7 +763,7 @@ TEST_F(TableReceiverTest, UidThatDiffersFromOursOnlyInItsDivisionIsAPeer) {
 
 TEST_F(TableReceiverTest, PeerThatIsBeingReceivedFromAlreadyIsAnsweredNothing) {
   peer_.says = kPeer;
-  const EsnRegistration registration(esns_, "\x04peerproc");
+  const Registration registration(esns_, "\x04peerproc");
 
   EXPECT_THROW(Receive(), AlreadyConnected);
 
@@ -769,9 +772,57 @@ TEST_F(TableReceiverTest, PeerThatIsBeingReceivedFromAlreadyIsAnsweredNothing) {
   EXPECT_EQ(peer_.Received(), "");
 }
 
+TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereMeanwhileIsReceivedFromThereWhenTheStreamEnds) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  table_->before_set = [this](const Row&) {
+    std::optional<PeerPlace> nothing;
+    EXPECT_FALSE(EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing).Inserted());
+    EXPECT_EQ(log_.Lines("tblrcvr.ctor").size(), 1U) << "before the end of the stream";
+  };
+
+  Receive();
+
+  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));  // Nobody listens there.
+  server_.SignalDone();
+  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort"));
+  EXPECT_THAT(log_.Lines("tblrcvr.ctor").back().text, EndsWith(" for db:2130706433:9 starting"));
+}
+
+TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereIsReceivedFromThereAlsoWhenMemoryRunsOut) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  table_->before_set = [this](const Row&) {
+    std::optional<PeerPlace> nothing;
+    EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing);
+    throw std::bad_alloc();
+  };
+
+  Receive();
+
+  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));
+  server_.SignalDone();
+  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort"));
+}
+
+TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereIsLeftAloneWhenTheServerStops) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+  peer_.ends = false;
+  table_->before_set = [this](const Row&) {
+    std::optional<PeerPlace> nothing;
+    EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing);
+    server_.SignalDone();
+  };
+
+  EXPECT_THROW(Receive(), AbortRequested);
+
+  EXPECT_EQ(log_.Lines("tblrcvr.ctor").size(), 1U);
+}
+
 TEST_F(TableReceiverTest, SecondStreamLeavesTheRegistrationOfTheFirst) {
   peer_.says = kPeer;
-  const EsnRegistration registration(esns_, "\x04peerproc");
+  const Registration registration(esns_, "\x04peerproc");
 
   EXPECT_THROW(Receive(), AlreadyConnected);
 
@@ -781,7 +832,7 @@ TEST_F(TableReceiverTest, SecondStreamLeavesTheRegistrationOfTheFirst) {
 TEST_F(TableReceiverTest, OtherPeersMayBeReceivedFromAtTheSameTime) {
   peer_.says = kPeer;
   peer_.answers = kRow;
-  const EsnRegistration registration(esns_, "\x04peerproD");
+  const Registration registration(esns_, "\x04peerproD");
 
   Receive();
 

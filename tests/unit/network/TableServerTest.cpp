@@ -695,6 +695,24 @@ TEST_F(ThrowingHookTest, AtTheDoneRowKeepsNoStepFromBeingTaken) {
   EXPECT_THAT(calls_.Calls(), IsSupersetOf(AllClosed()));
 }
 
+TEST_F(ThrowingHookTest, ThatFindsNoMemoryAtTheDoneRowIsFollowedByWaitingForSome) {
+  Start();
+  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  std::optional<FailingAllocation> failing;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::strcmp(tag, "tbl.set.ins") != 0) return;
+    failing.emplace(1);  // The next try fails as well.
+    throw std::bad_alloc();
+  });
+
+  EXPECT_THROW(server_->Stop(), std::bad_alloc);
+
+  SetLogHook({});
+  EXPECT_TRUE(failing->HasFailed());
+  EXPECT_THAT(done_table->WatchAll()->GetChanges(), ElementsAre(Varnix::Row("done", "y")));
+  EXPECT_THAT(calls_.Calls(), IsSupersetOf(AllClosed()));
+}
+
 TEST_F(ThrowingHookTest, AtTheDonePipeKeepsNoStepFromBeingTaken) {
   Start();
   const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
