@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -60,6 +61,13 @@ void LogToStandardError(Varnix::LogLevel level, const char* tag, const char* for
   std::vsnprintf(text, sizeof text, format, arguments);
   const std::string line = std::to_string(static_cast<int>(level)) + " " + tag + " " + text + "\n";
   if (write(STDERR_FILENO, line.data(), line.size()) < 0) std::abort();
+}
+
+// As a hook that writes to a slow device.
+void TakeTime(Varnix::LogLevel, const char*, const char*, va_list) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(10);
+  while (std::chrono::steady_clock::now() < end) {
+  }
 }
 
 // The thread goes on until the process has ended, as threads of careless hosts do.
@@ -210,6 +218,7 @@ class Host {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || argv[1] != std::string("--default-log")) Varnix::SetLoggingFunction(LogToStandardError);
+  const std::string log = argc < 2 ? "" : argv[1];
+  if (log != "--default-log") Varnix::SetLoggingFunction(log == "--slow-log" ? TakeTime : LogToStandardError);
   return Host().Run();
 }

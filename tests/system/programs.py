@@ -39,6 +39,7 @@ class Host:
         self.log = []  # (level, tag, text)
         self.errors = []  # Lines of standard error that are not log lines.
         self._ready = 0
+        self._killed = False
         self._changed = threading.Condition()
         self._readers = [threading.Thread(target=self._read_events), threading.Thread(target=self._read_log)]
         for reader in self._readers:
@@ -124,10 +125,14 @@ class Host:
                 pass
         return self._process.wait(DEADLINE)
 
+    def kill(self):
+        self._killed = True
+        self._process.kill()
+
     def clean_up(self):
-        """The exit status, and nothing is left of the process and its children."""
+        """The exit status, 0 if it was killed; and nothing is left of the process and its children."""
         try:
-            return self.ends()
+            return 0 if self._killed else self.ends()
         finally:
             for child in self.children():
                 try:
