@@ -1,6 +1,9 @@
 #include "network/TableSender.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -76,12 +79,12 @@ void TableSender::ConnectBack(const Varnix::Row& answer, unsigned address,
 void TableSender::StreamRows() {
   const std::shared_ptr<Varnix::Watcher> done_watcher = done_table_->WatchAll();
   const std::shared_ptr<Varnix::Watcher> row_watcher = send_table_->WatchAll();
-  const std::shared_ptr<Varnix::WatcherSet> set = LocalTable::LWatcherSet::Make({row_watcher, done_watcher});
+  const std::shared_ptr<LocalTable::LWatcherSet> set = LocalTable::LWatcherSet::Make({row_watcher, done_watcher});
   for (;;) {
-    const auto [row, watcher] = set->WaitUntil(std::chrono::steady_clock::now() + std::chrono::seconds(1));
+    const auto [row, watcher, more] = set->TakeUntil(std::chrono::steady_clock::now() + std::chrono::seconds(1));
     if (PeerIsGone()) return;
     if (watcher == done_watcher) throw AbortRequested();
-    if (watcher == row_watcher) SendRow(row);
+    if (watcher == row_watcher) SendRow(row, more);
   }
 }
 
@@ -91,12 +94,22 @@ bool TableSender::PeerIsGone() const {
   return poll(&entry, 1, 0) == 1;
 }
 
-void TableSender::SendRow(const Varnix::Row& row) {
+void TableSender::SendRow(const Varnix::Row& row, bool more) {
   const PrintableKey key(row.first);
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
+  // The small rows of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
+  if (more) SetDelay(true);
   // A failure needs no answer here: the connection is over then, and the next pass sees it.
   WriteRecord(row, stream_, cookie_);
+  if (!more) SetDelay(false);
+}
+
+void TableSender::SetDelay(bool delayed) {
+  if (delayed == delayed_) return;
+  delayed_ = delayed;
+  const int no_delay = delayed ? 0 : 1;
+  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof no_delay);  // A failure costs a little speed.
 }
 
 void SendTable(TableServer& server, int socket, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {

@@ -35,7 +35,8 @@ class TableSender {
   void ConnectBack(const Varnix::Row& answer, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns);
   void StreamRows();
   bool PeerIsGone() const;
-  void SendRow(const Varnix::Row& row);
+  void SendRow(const Varnix::Row& row, bool more);
+  void SetDelay(bool delayed);
 
   TableServer& server_;
   const std::shared_ptr<Varnix::Table> send_table_;
@@ -45,6 +46,7 @@ class TableSender {
   Cookie cookie_;
   const int socket_;
   FILE* stream_ = nullptr;
+  bool delayed_ = true;  // Whether the kernel holds small segments back, as it does on a new socket.
 };
 
 // The body of a thread that serves one accepted connection. Takes over the socket.

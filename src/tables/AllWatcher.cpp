@@ -6,7 +6,10 @@
 LocalTable::AllWatcher::AllWatcher(std::shared_ptr<LocalTable> watched, Position first) noexcept
     : LWatcher(std::move(watched)), cursor(first) {}
 
-LocalTable::AllWatcher::~AllWatcher() { destruction_lock_.lock(); }
+LocalTable::AllWatcher::~AllWatcher() VARNIX_NO_LOCK_ANALYSIS {
+  destruction_lock_.lock();
+  table->all_watchers.erase(this);
+}
 
 std::vector<Varnix::Row> LocalTable::AllWatcher::GetChanges() {
   MutexLock lock(table_lock);

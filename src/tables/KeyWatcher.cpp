@@ -7,9 +7,15 @@ LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> watched, std::str
     : LWatcher(std::move(watched)),
       row(current),
       key(std::move(watched_key)),
-      changed(row != table->rows.end()) {}
+      changed(row != table->rows.end()),
+      entry(table->key_watchers.end()) {}
 
-LocalTable::KeyWatcher::~KeyWatcher() { destruction_lock_.lock(); }
+LocalTable::KeyWatcher::~KeyWatcher() VARNIX_NO_LOCK_ANALYSIS {
+  destruction_lock_.lock();
+  if (entry != table->key_watchers.end()) table->key_watchers.erase(entry);
+}
+
+void LocalTable::KeyWatcher::Enter() { entry = table->key_watchers.emplace(key, this); }
 
 std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
   MutexLock lock(table_lock);

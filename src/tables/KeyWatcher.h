@@ -14,6 +14,9 @@ class LocalTable::KeyWatcher final : public LWatcher {
   KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key, Position current) noexcept;
   ~KeyWatcher() override;
 
+  // Enters this into the table's list of those that watch a key; the destructor takes it out.
+  void Enter() VARNIX_REQUIRES(table_lock);
+
   std::vector<Varnix::Row> GetChanges() override VARNIX_EXCLUDES(table_lock);
   void RowInserted(Position position) override VARNIX_REQUIRES(table_lock);
   void RowUpdated(Position position) override VARNIX_REQUIRES(table_lock);
@@ -26,4 +29,5 @@ class LocalTable::KeyWatcher final : public LWatcher {
   Position row VARNIX_GUARDED_BY(table_lock);
   const std::string key;
   bool changed VARNIX_GUARDED_BY(table_lock);
+  decltype(LocalTable::key_watchers)::iterator entry VARNIX_GUARDED_BY(table_lock);
 };

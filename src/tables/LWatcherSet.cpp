@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-std::shared_ptr<Varnix::WatcherSet> LocalTable::LWatcherSet::Make(
+std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
     const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers) {
   // Outlives the lock: if adding a member throws, the set's destructor takes the table lock itself.
   std::shared_ptr<LWatcherSet> set;
@@ -35,7 +35,7 @@ void LocalTable::LWatcherSet::WatcherChanged(const std::shared_ptr<LWatcher>& wa
   if (!empty) cond.notify_one();
 }
 
-std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::TakeNext() {
+LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
   // A watch-all watcher tells only of its first pending change. So whoever leaves changes behind, also by failing to
   // copy one, wakes the next sleeper.
   struct WakeNext {
@@ -47,17 +47,24 @@ std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet
   const std::shared_ptr<LWatcher> member = *ready.begin();
   Varnix::Row row = member->Take();
   if (member->Empty()) member->NotifyListeners(true);  // All its sets: no other may take from it either.
-  return {std::move(row), member};
+  return {std::move(row), member, !ready.empty()};
 }
 
 std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::Wait() {
   const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
   while (ready.empty()) cond.wait(lock.ForWaiting());
-  return TakeNext();
+  Next next = TakeNext();
+  return {std::move(next.row), std::move(next.watcher)};
 }
 
 std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::WaitUntil(
+    const std::chrono::steady_clock::time_point& deadline) {
+  Next next = TakeUntil(deadline);
+  return {std::move(next.row), std::move(next.watcher)};
+}
+
+LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeUntil(
     const std::chrono::steady_clock::time_point& deadline) {
   // A far deadline is slept for in slices: its seconds need not fit a time_t of 32 bits.
   constexpr std::chrono::hours kLongestSleep(24);

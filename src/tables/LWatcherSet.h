@@ -22,7 +22,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
                                       public Varnix::WatcherSet,
                                       public std::enable_shared_from_this<LWatcherSet> {
  public:
-  static std::shared_ptr<Varnix::WatcherSet> Make(const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers)
+  static std::shared_ptr<LWatcherSet> Make(const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers)
       VARNIX_EXCLUDES(table_lock);
 
   LWatcherSet() = default;
@@ -33,11 +33,19 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> WaitUntil(
       const std::chrono::steady_clock::time_point& deadline) override VARNIX_EXCLUDES(table_lock);
 
+  // As WaitUntil(), and tells whether more changes are pending then.
+  struct Next {
+    Varnix::Row row;
+    std::shared_ptr<Varnix::Watcher> watcher;
+    bool more = false;
+  };
+  Next TakeUntil(const std::chrono::steady_clock::time_point& deadline) VARNIX_EXCLUDES(table_lock);
+
  private:
   using Members = std::unordered_set<std::shared_ptr<LWatcher>>;
 
   void Add(const std::shared_ptr<LWatcher>& watcher) VARNIX_REQUIRES(table_lock);
-  std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> TakeNext() VARNIX_REQUIRES(table_lock);
+  Next TakeNext() VARNIX_REQUIRES(table_lock);
 
   // Destroyed without the table lock: dropping the members may destroy them, and then their tables.
   Members idle VARNIX_GUARDED_BY(table_lock);

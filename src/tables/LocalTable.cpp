@@ -48,16 +48,22 @@ void LocalTable::Insert(const Varnix::Row& row) {
   Rows inserted{row};
   index.emplace(row.first, inserted.begin());
   rows.splice(rows.end(), inserted);
-  const Position position = std::prev(rows.end());
-  for (LWatcher* watcher : watchers) watcher->RowInserted(position);
+  Tell(&LWatcher::RowInserted, std::prev(rows.end()));
 }
 
 void LocalTable::Update(Position position, const std::string& value) {
   if (position->second == value) return;
   position->second = value;
   // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
-  for (LWatcher* watcher : watchers) watcher->RowUpdated(position);
+  Tell(&LWatcher::RowUpdated, position);
   rows.splice(rows.end(), rows, position);
+}
+
+void LocalTable::Tell(void (LWatcher::*change)(Position), Position position) {
+  for (AllWatcher* watcher : all_watchers) (watcher->*change)(position);
+  if (key_watchers.empty()) return;
+  const auto [first, last] = key_watchers.equal_range(position->first);
+  for (auto entry = first; entry != last; ++entry) (entry->second->*change)(position);
 }
 
 std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
@@ -67,6 +73,7 @@ std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
   const auto found = index.find(key);
   watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index.end() ? found->second : rows.end());
   watchers.insert(watcher.get());
+  watcher->Enter();
   Log(LogLevel::Debug, "tbl.watch.key", "Table(%p) watching %s (%zu watchers total)", static_cast<void*>(this),
       key.c_str(), watchers.size());
   return watcher;
@@ -77,6 +84,7 @@ std::shared_ptr<Varnix::Watcher> LocalTable::WatchAll() {
   MutexLock lock(table_lock);
   watcher = std::make_shared<AllWatcher>(shared_from_this(), rows.begin());
   watchers.insert(watcher.get());
+  all_watchers.insert(watcher.get());
   Log(LogLevel::Debug, "tbl.watch.all", "Table(%p) watching all (%zu watchers total)", static_cast<void*>(this),
       watchers.size());
   return watcher;

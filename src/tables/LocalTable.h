@@ -5,6 +5,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -46,9 +47,13 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
  private:
   void Insert(const Varnix::Row& row) VARNIX_REQUIRES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
+  void Tell(void (LWatcher::*change)(Position), Position position) VARNIX_REQUIRES(table_lock);
 
   const std::string name;
   Rows rows VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
   std::unordered_map<std::string, Position> index VARNIX_GUARDED_BY(table_lock);
   std::unordered_set<LWatcher*> watchers VARNIX_GUARDED_BY(table_lock);  // Each removes itself when it is destroyed.
+  // The same ones by what they watch: a change is told to none but those that it concerns.
+  std::unordered_set<AllWatcher*> all_watchers VARNIX_GUARDED_BY(table_lock);
+  std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers VARNIX_GUARDED_BY(table_lock);
 };

@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <csignal>
 #include <deque>
 #include <future>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <vector>
@@ -27,6 +30,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::KilledBySignal;
 using testing::Not;
+using testing::StartsWith;
 using Varnix::LogLevel;
 
 // What the sender says first: a record of database and uid.
@@ -126,6 +130,24 @@ class TableSenderTest : public testing::Test {
     return lines;
   }
 
+  // In the trace, as "option TCP_NODELAY 1".
+  void RecordOptions() {
+    setsockopt_.emplace(Hooks().setsockopt, [this](int, int level, int option, const void* value, socklen_t) {
+      const bool known = level == IPPROTO_TCP && option == TCP_NODELAY;
+      trace_.push_back(std::string("option ") + (known ? "TCP_NODELAY " : "? ") +
+                       std::to_string(*static_cast<const int*>(value)));
+      return 0;
+    });
+  }
+  // Those behind the record of the uid.
+  std::vector<std::string> SendsAndOptions() const {
+    std::vector<std::string> calls;
+    for (const std::string& call : trace_) {
+      if (call.rfind("send ", 0) == 0 || call.rfind("option ", 0) == 0) calls.push_back(call);
+    }
+    return {calls.begin() + 1, calls.end()};
+  }
+
   VacantServer server_;
   const int socket_;
   LogRecorder log_;
@@ -180,6 +202,7 @@ class TableSenderTest : public testing::Test {
         trace_.emplace_back("recv");
         return Hooks().recv.Real(descriptor, buffer, size, flags);
       }};
+  std::optional<HookedHere<int(int, int, int, const void*, socklen_t)>> setsockopt_;
   HookedHere<int(int)> close_{Hooks().close, [this](int descriptor) {
                                 if (descriptor == socket_) trace_.emplace_back("close");
                                 return Hooks().close.Real(descriptor);
@@ -281,18 +304,68 @@ TEST_F(TableSenderTest, StreamIsMadeOfTheseCallsInThisOrder) {
               ElementsAre("send 14", "recv", "poll socket POLLIN 0", "send 16", "poll socket POLLIN 0", "close"));
 }
 
-TEST_F(TableSenderTest, SocketGetsNoOptions) {
-  SetRow("\x03tblkey", "value");
+TEST_F(TableSenderTest, SocketGetsNoOptionsBeforeItsFirstRow) {
   PeerSays(kOurGroup);
-  int options = 0;
-  const HookedHere setsockopt(Hooks().setsockopt, [&](int, int, int, const void*, socklen_t) {
-    ++options;
-    return 0;
-  });
+  RecordOptions();
 
   Send();
 
-  EXPECT_EQ(options, 0);
+  EXPECT_THAT(trace_, Not(Contains(StartsWith("option"))));
+}
+
+TEST_F(TableSenderTest, RowsOfABurstMayShareSegmentsAndTheLastIsNotHeldBack) {
+  for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc"}) SetRow(key, "value");
+  PeerSays(kOurGroup);
+  RecordOptions();
+  passes_.assign(3, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "send 14", "send 14", "option TCP_NODELAY 1"));
+}
+
+TEST_F(TableSenderTest, SingleRowsAreNotHeldBackAndTakeNoFurtherCall) {
+  PeerSays(kOurGroup);
+  RecordOptions();
+  for (const char* value : {"one", "two", "three"}) {
+    passes_.emplace_back([this, value](pollfd&) {
+      SetRow("\x03tblkey", value);
+      return 0;
+    });
+    passes_.emplace_back(NothingIsThere);  // Before the row is sent.
+  }
+
+  Send();
+
+  EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "option TCP_NODELAY 1", "send 14", "send 16"));
+}
+
+TEST_F(TableSenderTest, NextBurstMayShareSegmentsAgain) {
+  SetRow("\x03tbla", "value");
+  PeerSays(kOurGroup);
+  RecordOptions();
+  passes_ = {NothingIsThere, [this](pollfd&) {
+               for (const char* key : {"\x03tblb", "\x03tblc", "\x03tbld"}) SetRow(key, "value");
+               return 0;
+             }};
+  passes_.resize(5, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "option TCP_NODELAY 1", "option TCP_NODELAY 0", "send 14",
+                                             "send 14", "send 14", "option TCP_NODELAY 1"));
+}
+
+TEST_F(TableSenderTest, SocketThatRefusesTheOptionIsServedAllTheSame) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOurGroup);
+  const HookedHere setsockopt(Hooks().setsockopt, FailWith{ENOPROTOOPT});
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_EQ(PeerReceives(), kUs + std::string("\x00\x70\x00\x05\x03tblkeyvalue", 16));
+  EXPECT_THAT(Lines(), Not(Contains(StartsWith("3"))));
 }
 
 TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcess) {
