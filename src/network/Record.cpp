@@ -40,7 +40,7 @@ bool ReadFields(Varnix::Row& record, FILE* stream, Cookie& cookie) {
       !ReadItem(read.second.data(), read.second.size(), stream)) {
     return false;
   }
-  record = std::move(read);
+  record.swap(read);  // Assigning a short field would keep the memory of a long one before it.
   return true;
 }
 

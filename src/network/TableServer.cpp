@@ -29,6 +29,8 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr int kPauseWithoutDescriptors_ms = 100;
+// More than a group has members; a flood of announcements shall not fill the memory with threads.
+constexpr int kMostReceivers = 1024;
 constexpr std::chrono::milliseconds kPauseWithoutMemory(100);
 // Ample for our frames and a log hook, and not the usual 8 MiB each: a 32-bit process has no room for hundreds of
 // those.
@@ -228,10 +230,16 @@ void TableServer::AcceptConnection() {
 }
 
 void TableServer::FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns) {
-  const bool started = StartDetached([this, address, port, active_esns = std::move(active_esns)]() mutable {
-    ReceiveLoop(*this, address, port, std::move(active_esns)).Run();
-  });
-  if (!started) Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", errno);
+  const bool few = ++receivers_ <= kMostReceivers;
+  const bool started = few && StartDetached([this, address, port, active_esns = std::move(active_esns)]() mutable {
+                         ReceiveLoop loop(*this, address, port, std::move(active_esns));
+                         loop.Run();
+                         --receivers_;  // Before the loop lets go of the ActiveESNs, and with it of this server.
+                       });
+  if (started) return;
+  --receivers_;
+  if (!few) errno = EAGAIN;
+  Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", errno);
 }
 
 void TableServer::IncomingConnection(int socket, unsigned address) {

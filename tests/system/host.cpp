@@ -3,6 +3,7 @@
 // Log lines go to standard error, as level, tag and text.
 #include <Varnix.h>
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -109,6 +110,7 @@ class Host {
         {"fork", &Host::Fork},
         {"become", &Host::Become},
         {"forbid-threads", &Host::ForbidThreads},
+        {"trim", &Host::Trim},
         {"allow-threads", &Host::AllowThreads},
         {"return", &Host::Return},
     };
@@ -207,6 +209,9 @@ class Host {
     limit.rlim_cur = allowed ? limit.rlim_max : 0;
     if (setrlimit(RLIMIT_NPROC, &limit) != 0) std::abort();
   }
+
+  // What is free goes back to the system, so that what is left is in use.
+  void Trim() { malloc_trim(0); }
 
   void Return() { status_ = 0; }
 

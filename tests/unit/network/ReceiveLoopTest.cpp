@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <cstring>
 #include <deque>
 #include <future>
 #include <stdexcept>
@@ -549,4 +551,24 @@ TEST_F(SharingTest, ServerThatHearsItselfConnectsToItselfAndEndsThatSilently) {
   EXPECT_EQ(Count("tblrcvr.gotuid", "dev::self"), 1U);
   EXPECT_EQ(Count("tblsvr.fnd"), 0U);
   EXPECT_THAT(LinesOfReceiveLoops(), IsEmpty());
+}
+
+TEST_F(SharingTest, EndedReceiversMakeRoomForOthers) {
+  const auto server = Start("self", {});
+  const auto esns = std::make_shared<ActiveESNs>([] {});
+  std::atomic<int> ended{0};
+  std::atomic<int> refused{0};
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    ended += std::strcmp(tag, "tblrcvr.dtor") == 0 ? 1 : 0;
+    refused += std::strcmp(tag, "tblsvr.fnd.thread") == 0 ? 1 : 0;
+  });
+
+  for (int i = 0; i < 1100; ++i) {  // More than there may be at once.
+    const int before = ended;
+    server->FoundPeer(INADDR_LOOPBACK, server->GetListenPort(), esns);
+    ASSERT_TRUE(Eventually([&] { return ended > before || refused > 0; }));
+  }
+
+  EXPECT_EQ(refused, 0);
+  server->Stop();
 }

@@ -8,6 +8,7 @@
 #include "FailWith.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
+#include "support/FailingAllocations.h"
 
 namespace {
 
@@ -357,6 +358,18 @@ TEST_F(RecordTest, RecordsAreReadOneByOne) {
 
   EXPECT_EQ(first, Row("a", "1"));
   EXPECT_EQ(second, Row("b", "22"));
+}
+
+TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongOneBeforeIt) {
+  PeerSends(std::string("\x00\x10\x40\x00k", 5) + std::string(0x4000, 'v') + std::string("\x00\x10\x00\x01kv", 6));
+  Row record;
+  Read(record);
+  const long live = LiveAllocations();
+
+  Read(record);
+
+  EXPECT_EQ(record, Row("k", "v"));
+  EXPECT_EQ(LiveAllocations(), live - 1);
 }
 
 TEST_F(RecordTest, RecordIsThereAsSoonAsItsLastByteIs) {

@@ -1139,6 +1139,24 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoMemoryIsLogged) {
                                                                    "TableServer: FoundPeer::thread error 12", ""}));
 }
 
+TEST_F(TableServerTest, NoMoreThan1024PeersAreReceivedFromAtOnce) {
+  Start();
+  const Hooked connect(Hooks().connect, FailWith{ECONNREFUSED});
+  const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
+    return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
+  });
+  const auto esns = std::make_shared<ActiveESNs>([] {});
+  for (int i = 0; i < 1024; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
+
+  server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
+                                                                   "TableServer: FoundPeer::thread error 11", ""}));
+  server_->Stop();
+  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort", 1024));
+}
+
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
   Start();
   Hooked start_thread(Hooks().start_thread, ThrowNoThread);

@@ -190,6 +190,32 @@ TEST(LocalTable, OneEffectiveAndOneIdenticalSetAreOneChange) {
   EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tbl.set.ins", "tbl.set.upd"}));
 }
 
+TEST(LocalTable, ValueThatBecomesMuchShorterGivesItsMemoryBack) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const Row before("k", std::string(100000, 'v'));
+  const Row after("k", "v");
+  table->Set(before);
+  const long live = LiveAllocations();
+
+  table->Set(after);
+
+  EXPECT_EQ(LiveAllocations(), live - 1);
+}
+
+TEST(LocalTable, KnownKeyGetsAValueThatFitsWithoutAllocating) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet({table->Watch("k"), table->WatchAll()});
+  const Row before("k", std::string(900, 'v'));
+  const Row after("k", std::string(100, 'w'));
+  table->Set(before);
+  const FailingAllocation failing(1);
+
+  table->Set(after);
+  table->Set(before);
+
+  EXPECT_FALSE(failing.HasFailed());
+}
+
 TEST(LocalTable, TakesItsOwnRowAsAnArgument) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
   table->Set({"a", "1"});

@@ -1,0 +1,247 @@
+"""What neighbours may do to a process while its healthy peers go on."""
+
+import os
+import pathlib
+import random
+import re
+import socket
+import struct
+import time
+
+import pytest
+
+import namespaces
+import programs
+import wire
+from programs import EMULATOR
+
+GROUP = b"line-4"
+MEBIBYTE = 1 << 20
+# What the C library keeps for later, free memory of each thread's own heap and the stacks of threads that have ended, is
+# not what this is about.
+KEEPS_NOTHING = {"GLIBC_TUNABLES": "glibc.malloc.arena_max=1:glibc.pthread.stack_cache_size=0"}
+# The sanitizers and the emulator keep memory of their own.
+MEMORY_IS_ITS_OWN = not EMULATOR and "asan" not in os.environ["VARNIX_LIBRARY"] and "tsan" not in os.environ[
+    "VARNIX_LIBRARY"]
+
+
+def private_memory(host):
+    text = pathlib.Path(f"/proc/{host.pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024
+
+
+def threads(host):
+    return len(os.listdir(f"/proc/{host.pid}/task"))
+
+
+class Plant:
+    """A process under attack, and two healthy peers whose rows it watches."""
+
+    def __init__(self, ether, host):
+        self.ether = ether
+        self.host = host
+        self.host.watch(b"plant", b"state")
+        self.host.share(b"plant", GROUP, b"press")
+        self.port = ether.port_of_next_announcement()
+        self.healthy = []
+        for name in (b"pump", b"valve"):
+            listener = wire.Listener()
+            ether.announce(listener.port, GROUP)
+            stream = listener.accept()
+            listener.close()
+            stream.send(wire.hello(b"plant", name, b"q"))
+            assert stream.receive_record()[0] == GROUP
+            self.healthy.append((name, stream))
+        self.rounds = 0
+        self.rows_keep_arriving()
+
+    def rows_keep_arriving(self):
+        """Both ways: from the healthy peers, and to one that connects now."""
+        self.rounds += 1
+        for name, stream in self.healthy:
+            stream.send(wire.record(b"\x05state" + name, b"%d" % self.rounds))
+        for name, _ in self.healthy:
+            assert self.host.gets_row(b"plant", b"state", name, b"%d" % self.rounds)
+        self.host.set(b"plant", b"state", b"own", b"%d" % self.rounds)
+        visitor = wire.connect(self.port)
+        assert visitor.receive_record() == (b"plant", b"\x05pressp")
+        visitor.send(wire.answer(b"elsewhere", 9))
+        while visitor.receive_record() != (b"\x05stateown", b"%d" % self.rounds):
+            pass
+        visitor.close()
+
+    def cost(self):
+        """Threads, descriptors and bytes in use."""
+        self.host.do("trim")
+        return threads(self.host), len(self.host.descriptors()), private_memory(self.host)
+
+
+@pytest.fixture(scope="module")
+def plant():
+    """One process for all attacks; the last test looks at what they have left."""
+    if namespaces.why_unavailable():
+        pytest.skip(namespaces.why_unavailable())
+    with namespaces.Namespace() as namespace:
+        ether = wire.Ether()
+        host = programs.Host("--default-log", environment=KEEPS_NOTHING)
+        yield Plant(ether, host)
+        assert host.clean_up() == 0
+        # What the flood and the resets leave in the log, and nothing else.
+        tags = {line.partition(":")[0] for line in host.errors}
+        assert tags <= {"tblsvr.fnd.thread", "cook.rd.rd"}, host.errors
+        ether.socket.close()
+    namespace.close()
+
+
+def settled(plant):
+    """What the process costs when nobody is there but its healthy peers."""
+    own = 4 + 2  # Main, the reporter of rows, discovery and accepting; and a receiver for each healthy peer.
+    # Threads that try to reach a peer do so for half a minute.
+    assert programs.eventually(lambda: threads(plant.host) == own), threads(plant.host)
+    return plant.cost()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def rest(plant):
+    return settled(plant)
+
+
+@pytest.fixture(autouse=True)
+def healthy_peers_go_on(plant):
+    yield
+    plant.rows_keep_arriving()
+
+
+def test_five_hundred_connections_that_say_nothing(plant):
+    silent = []
+    for _ in range(500):
+        silent.append(wire.connect(plant.port))
+        assert silent[-1].receive_record() == (b"plant", b"\x05pressp")
+    plant.rows_keep_arriving()
+    print("500 silent connections: threads, descriptors, bytes:", plant.cost())
+
+    for stream in silent:
+        stream.close()
+
+
+def test_a_peer_that_sends_a_byte_now_and_then(plant):
+    listener = wire.Listener()
+    plant.ether.announce(listener.port, GROUP)
+    stream = listener.accept()
+    message = wire.hello(b"plant", b"slow", b"q")
+    for position in range(len(message) - 1):
+        stream.send(message[position:position + 1])
+        plant.rows_keep_arriving()
+
+    stream.send(message[-1:])
+    assert stream.receive_record()[0] == GROUP
+    stream.send(wire.record(b"\x05stateslow", b"1"))
+    assert plant.host.gets_row(b"plant", b"state", b"slow", b"1")
+    stream.close()
+    listener.close()
+
+
+@pytest.mark.parametrize("lengths", [(0, 0), (0, 1), (1, 0), (1, 1), (4095, 0), (0, 1048575), (4095, 1048575)])
+@pytest.mark.parametrize("whole", [True, False], ids=["whole", "cut short"])
+def test_records_of_every_extreme_length_in_place_of_the_first(plant, lengths, whole):
+    data = wire.record(b"\xff" * lengths[0], b"\xfe" * lengths[1])
+    data = data if whole else data[:-1]
+    listener = wire.Listener()
+    plant.ether.announce(listener.port, GROUP)
+    served = listener.accept()
+    listener.close()
+    served.send(data)
+    served.close()
+    visitor = wire.connect(plant.port)
+    visitor.receive_record()
+    visitor.send(data)
+    visitor.socket.shutdown(socket.SHUT_WR)
+
+    assert visitor.is_closed()
+    visitor.close()
+
+
+@pytest.mark.parametrize("key", [b"", b"\0", b"\xff", b"\xffabc", b"\x05state", b"\x05stat", b"\x00key"])
+def test_rows_whose_keys_are_malformed(plant, key):
+    name, stream = plant.healthy[0]
+    for value in (b"", b"v" * 1048575, b"\0"):
+        stream.send(wire.record(key, value))
+
+    plant.rows_keep_arriving()
+    assert name == b"pump"
+
+
+def test_a_peer_that_half_closes(plant):
+    visitor = wire.connect(plant.port)
+    visitor.receive_record()
+    visitor.send(wire.answer(b"elsewhere", 9))
+    visitor.socket.shutdown(socket.SHUT_WR)
+
+    while visitor.receive_record() is not None:
+        pass
+    visitor.close()
+
+
+def test_a_peer_that_resets_in_the_middle_of_the_snapshot(plant):
+    for number in range(100):
+        plant.host.set(b"plant", b"large", b"%d" % number, b"v" * 50_000)
+    for _ in range(20):
+        visitor = wire.connect(plant.port)
+        visitor.receive_record()
+        visitor.send(wire.answer(b"elsewhere", 9))
+        visitor.receive(1000)
+        visitor.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        visitor.close()
+    for number in range(100):
+        plant.host.set(b"plant", b"large", b"%d" % number, b"gone")
+
+
+def test_a_peer_that_claims_every_identity(plant):
+    listener = wire.Listener()
+    for name in (b"press", b"pump", b"valve", b"", b"\xff" * 255):
+        plant.ether.announce(listener.port, GROUP)
+        stream = listener.accept()
+        stream.send(wire.hello(b"plant", name, b"p" if name == b"press" else b"q"))
+        if name in (b"press", b"pump", b"valve"):
+            assert stream.is_closed()
+        else:
+            assert stream.receive_record()[0] == GROUP
+        stream.close()
+    listener.close()
+
+
+def test_a_connection_to_itself(plant):
+    for _ in range(20):
+        plant.ether.announce(plant.port, GROUP)
+
+    plant.rows_keep_arriving()
+
+
+def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant):
+    count = 500 if EMULATOR else 10_000
+    source = random.Random(1)
+    speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    most = 0
+    start = time.monotonic()
+    for number in range(count):
+        speaker.sendto(struct.pack(">H", source.randrange(1, 1024)) + GROUP, ("127.255.255.255", wire.DISCOVERY_PORT))
+        if number % 100 == 0:
+            most = max(most, threads(plant.host))
+        if number % 1000 == 0:
+            plant.rows_keep_arriving()
+        time.sleep(max(0.0, start + number * 10 / count - time.monotonic()))  # Ten seconds in all.
+    speaker.close()
+    print("a flood of announcements: threads:", most, "and bytes:", plant.cost()[2])
+
+    assert most <= 1024 + 50
+    plant.rows_keep_arriving()
+
+
+def test_nothing_is_left_of_all_that(plant, rest):
+    after = settled(plant)
+
+    print("threads, descriptors and bytes before:", rest, "and after:", after)
+    assert after[:2] == rest[:2]
+    if MEMORY_IS_ITS_OWN:
+        assert after[2] <= rest[2] + MEBIBYTE
