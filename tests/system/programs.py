@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import random
 import re
 import resource
 import shlex
@@ -13,6 +14,19 @@ import time
 PROGRAMS = pathlib.Path(os.environ["VARNIX_PROGRAMS"])
 EMULATOR = shlex.split(os.environ.get("VARNIX_EMULATOR", ""))
 DEADLINE = 60  # Seconds; they only bound a failing run.
+SOAK = os.environ.get("VARNIX_SOAK") == "1"  # The long forms of the tests; see scripts/soak.
+# What tests choose by chance they choose from this, which a failing run prints.
+SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 << 32))
+
+
+# The sanitizers and the emulator keep memory of their own.
+MEMORY_IS_ITS_OWN = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
+
+
+def private_memory(pid):
+    """Bytes that no other process has."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024
 
 
 def command(name, *arguments):

@@ -1,9 +1,7 @@
 """What neighbours may do to a process while its healthy peers go on."""
 
 import os
-import pathlib
 import random
-import re
 import socket
 import struct
 import time
@@ -20,14 +18,6 @@ MEBIBYTE = 1 << 20
 # What the C library keeps for later, free memory of each thread's own heap and the stacks of threads that have ended, is
 # not what this is about.
 KEEPS_NOTHING = {"GLIBC_TUNABLES": "glibc.malloc.arena_max=1:glibc.pthread.stack_cache_size=0"}
-# The sanitizers and the emulator keep memory of their own.
-MEMORY_IS_ITS_OWN = not EMULATOR and "asan" not in os.environ["VARNIX_LIBRARY"] and "tsan" not in os.environ[
-    "VARNIX_LIBRARY"]
-
-
-def private_memory(host):
-    text = pathlib.Path(f"/proc/{host.pid}/smaps_rollup").read_text(encoding="ascii")
-    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024
 
 
 def threads(host):
@@ -73,7 +63,7 @@ class Plant:
     def cost(self):
         """Threads, descriptors and bytes in use."""
         self.host.do("trim")
-        return threads(self.host), len(self.host.descriptors()), private_memory(self.host)
+        return threads(self.host), len(self.host.descriptors()), programs.private_memory(self.host.pid)
 
 
 @pytest.fixture(scope="module")
@@ -243,5 +233,5 @@ def test_nothing_is_left_of_all_that(plant, rest):
 
     print("threads, descriptors and bytes before:", rest, "and after:", after)
     assert after[:2] == rest[:2]
-    if MEMORY_IS_ITS_OWN:
+    if programs.MEMORY_IS_ITS_OWN:
         assert after[2] <= rest[2] + MEBIBYTE

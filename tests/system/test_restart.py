@@ -1,11 +1,11 @@
 """A peer that comes back before anybody knows that it was gone."""
 
 import wire
-from programs import EMULATOR
+from programs import EMULATOR, SOAK
 
 GROUP = b"line-4"
 BACKLOG = 5_000 if EMULATOR else 100_000
-RUNS = 3
+RUNS = 50 if SOAK else 3
 
 
 def serve(listener, device):
