@@ -44,6 +44,7 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
     } else if (errno == EAGAIN) {
       self.LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
     } else if (errno != EINTR) {
+      shutdown(self.socket, SHUT_RDWR);  // stdio has dropped the rest: nothing more of this stream may be read.
       return 0;
     }
   }

@@ -31,6 +31,7 @@ class Plant:
         self.ether = ether
         self.host = host
         self.host.watch(b"plant", b"state")
+        self.threads = threads(host) + 2 + 2  # Discovery and accepting; and a receiver for each healthy peer.
         self.host.share(b"plant", GROUP, b"press")
         self.port = ether.port_of_next_announcement()
         self.healthy = []
@@ -85,9 +86,8 @@ def plant():
 
 def settled(plant):
     """What the process costs when nobody is there but its healthy peers."""
-    own = 4 + 2  # Main, the reporter of rows, discovery and accepting; and a receiver for each healthy peer.
     # Threads that try to reach a peer do so for half a minute.
-    assert programs.eventually(lambda: threads(plant.host) == own), threads(plant.host)
+    assert programs.eventually(lambda: threads(plant.host) == plant.threads), threads(plant.host)
     return plant.cost()
 
 
