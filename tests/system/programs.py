@@ -44,9 +44,9 @@ def unhexed(word):
 class Host:
     """A process that uses the library; see host.cpp."""
 
-    def __init__(self, *arguments, environment=None):
-        self._process = subprocess.Popen(command("system_host", *arguments), stdin=subprocess.PIPE,
-                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+    def __init__(self, *arguments, environment=None, program=None):
+        self._process = subprocess.Popen([*(program or command("system_host")), *arguments],
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                          env={**os.environ, **(environment or {})}, start_new_session=True)
         self.pid = self._process.pid
         self.events = []  # Lines of standard output, without the "ok"s.
