@@ -1,0 +1,18 @@
+SUMMARY = "Shared key/value tables for the processes and devices of a local network"
+DESCRIPTION = "A process makes tables, sets rows in them, and watches single keys or whole tables. The tables of a \
+database are shared with the other members of its group, which find each other by UDP broadcast and need no server."
+SECTION = "libs"
+
+# No licence has been chosen yet: everything is reserved by the authors.
+LICENSE = "CLOSED"
+
+SRC_URI = "file://varnix-${PV}.tar.gz"
+
+inherit cmake
+
+EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DVARNIX_TESTS=OFF -DVARNIX_EXAMPLES=OFF"
+
+# The file finds its prefix from its own place, and pkg-config would put the sysroot before that once more.
+do_install:append() {
+    sed -i 's|^prefix=.*|prefix=${prefix}|' ${D}${libdir}/pkgconfig/varnix.pc
+}
