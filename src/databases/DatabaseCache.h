@@ -12,7 +12,8 @@
 // The databases of the process, each made when its name is first asked for and never dropped before the process exits,
 // and the table that lists them.
 //
-// Threads: any. The cache lock is the outermost of all; it is held while a database is made and listed.
+// Threads: any. The cache lock is outside all but that of the cache's holder; it is held while a database is made and
+// listed.
 class DatabaseCache {
  public:
   // Callers keep the cache alive by their copy of the pointer. Never null: while and after the process exits, when the

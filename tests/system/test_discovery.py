@@ -75,7 +75,7 @@ def test_announcements_of_longer_and_shorter_groups_are_followed_by_none(ether, 
     friend.close()
     host.share(b"plant", b"line-4", b"press")  # All threads of the first sharing have ended when this is done.
 
-    assert host.logged(7, "tblrcvr.ctor", f".* for plant:2130706433:{friend.port} starting")
+    assert host.logs(7, "tblrcvr.ctor", f".* for plant:2130706433:{friend.port} starting")
     assert not host.logged(7, "tblrcvr.ctor", f".* for plant:2130706433:{strangers.port} starting")
 
 

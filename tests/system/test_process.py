@@ -23,13 +23,12 @@ def host(ether, make_host):
     made = make_host()
     made.share(b"plant", GROUP, b"press")
     made.port = ether.port_of_next_announcement()
-    settle(made)
+    settle(made, meetings=1)
     return made
 
 
-def settle(host):
+def settle(host, meetings):
     """Waits until the connection that a member makes to itself at first is over: what is open now stays open."""
-    meetings = len(host.logged(7, "tblsvr.ctor", ".*"))
     assert host.eventually(lambda: len(host.logged(7, "tblrcvr.gotuid", ".* got uid: press::p")) >= meetings)
     own = 3 + 2 + 2 * 2  # The standard streams, two sockets and two pipes.
     assert programs.eventually(lambda: len(host.descriptors()) == own)
@@ -79,7 +78,7 @@ def test_sharing_anew_leaves_no_descriptor_behind(host, ether):
 
     host.share(b"plant", GROUP, b"press")
 
-    settle(host)
+    settle(host, meetings=2)
     assert receiving.is_closed() and sending.is_closed()
 
 
@@ -161,6 +160,13 @@ def test_the_log_before_a_hook_is_set_is_errors_alone_on_standard_error(ether, m
     assert host.clean_up() == 0
     assert len(host.errors) == 1
     assert host.events == []
+
+
+def test_a_process_that_ends_destroys_its_databases_and_stops_their_servers(host):
+    assert host.clean_up() == 0
+
+    assert len(host.logged(7, "tblcmbn.dtor", r"DB\(0x[0-9a-f]+\) destructed")) == 1
+    assert host.logged(7, "tbl.set.ins", r"Table\(0x[0-9a-f]+\) inserting row for done \(1 bytes\)")
 
 
 # Signals.

@@ -129,7 +129,7 @@ def test_a_member_that_shares_anew_is_met_again(network, make_host):
 
     assert pump.gets_row(b"plant", b"state", b"k", b"after")
     assert press.gets_row(b"plant", b"state", b"l", b"after")
-    assert len(press.logged(7, "tblsvr.ctor", ".*")) == 2
+    assert press.eventually(lambda: len(press.logged(7, "tblsvr.ctor", ".*")) == 2)
 
 
 def test_a_member_may_move_to_another_group(network, make_host):

@@ -150,7 +150,7 @@ def test_a_peer_of_another_group_is_sent_the_rows_and_not_connected_back(host):
     host.share(b"plant", GROUP, b"press")  # All threads of the first sharing have ended when this is done.
 
     assert received == (b"\x01tk", b"v")
-    assert host.logged(7, "tblsndr.getgrp", rf'.* received group="line-5" port={peer.port}')
+    assert host.logs(7, "tblsndr.getgrp", rf'.* received group="line-5" port={peer.port}')
     assert not host.logged(7, "tblrcvr.ctor", f".* for plant:2130706433:{peer.port} starting")
 
 

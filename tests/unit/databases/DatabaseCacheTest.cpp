@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Tables.h"
@@ -326,11 +327,14 @@ TEST(GetSharingGroup, OfADatabaseThatWasNeverNamedIsFalseAndMakesNone) {
 
 TEST(GetSharingGroup, BeforeSharingIsFalse) {
   Varnix::MakeSharedTable("unshared", "t");
-  std::string group;
-  std::string device;
-  std::string process;
+  std::string group = "group";
+  std::string device = "device";
+  std::string process = "process";
+  unsigned address = 7;
 
-  EXPECT_FALSE(Varnix::GetSharingGroup("unshared", group, device, process, nullptr));
+  EXPECT_FALSE(Varnix::GetSharingGroup("unshared", group, device, process, &address));
+
+  EXPECT_EQ(std::tie(group, device, process, address), std::make_tuple("group", "device", "process", 7U));
 }
 
 TEST(NetworkChanged, WithoutASharedDatabaseDoesNothing) {
@@ -361,6 +365,9 @@ TEST(NetworkChanged, ReachesEverySharedDatabaseAndNoOther) {
   cache.NetworkChanged();
 
   EXPECT_TRUE(log.Eventually("tblsvr.dscv.chg", 2));
+  std::vector<std::string> told;
+  for (const LogLine& line : log.Lines("tblsvr.dscv.chg")) told.push_back(line.text.substr(0, line.text.find("(0x")));
+  EXPECT_THAT(told, testing::UnorderedElementsAre("TableServer for dev::proc::one", "TableServer for dev::proc::two"));
 }
 
 TEST(MakeSharedTable, FeedsTheSameCombinedTableThroughAllItsHandles) {
@@ -467,9 +474,13 @@ TEST_F(SetSharingGroup, IsReportedWithoutTheAddressToThoseWhoDoNotAskForIt) {
 TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {
   Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
 
-  Varnix::SetSharingGroup(name_, "g2", "dev2", "p2", inet_addr("127.255.255.255"));
+  Varnix::SetSharingGroup(name_, "g2", "dev2", "p2", inet_addr("127.0.0.1"));
 
   EXPECT_EQ(Reported(), (std::vector<std::string>{"g2", "dev2", "p2"}));
+  std::string group, device, process;
+  unsigned address = 0;
+  EXPECT_TRUE(Varnix::GetSharingGroup(name_, group, device, process, &address));
+  EXPECT_EQ(address, inet_addr("127.0.0.1"));
 }
 
 TEST_F(SetSharingGroup, LetsNetworkChangedReachTheServer) {

@@ -16,6 +16,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -94,6 +95,8 @@ struct FailingCall {
   std::vector<int> errors;
   std::vector<std::string> fatal_tags;  // Of the lines after which the process may end.
 };
+
+void PrintTo(const FailingCall& call, std::ostream* out) { *out << call.name; }
 
 const std::vector<FailingCall>& FailingCalls() {
   static const std::vector<FailingCall> calls = {
