@@ -46,28 +46,29 @@ void __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
 }  // extern "C"
 
 SystemCallHooks& Hooks() {
-  // Never destroyed: threads may outlive main().
+  // Never destroyed: threads may outlive main(). By pointer, because addresses of Thumb functions are odd: to the
+  // undefined-behaviour sanitizer a reference to one is misaligned.
   static SystemCallHooks& hooks =
-      *new SystemCallHooks{decltype(SystemCallHooks::socket)(__real_socket),
-                           decltype(SystemCallHooks::bind)(__real_bind),
-                           decltype(SystemCallHooks::listen)(__real_listen),
-                           decltype(SystemCallHooks::accept)(__real_accept),
-                           decltype(SystemCallHooks::connect)(__real_connect),
-                           decltype(SystemCallHooks::poll)(__real_poll),
-                           decltype(SystemCallHooks::send)(__real_send),
-                           decltype(SystemCallHooks::sendto)(__real_sendto),
-                           decltype(SystemCallHooks::recv)(__real_recv),
-                           decltype(SystemCallHooks::recvfrom)(__real_recvfrom),
-                           decltype(SystemCallHooks::read)(__real_read),
-                           decltype(SystemCallHooks::write)(__real_write),
-                           decltype(SystemCallHooks::fcntl)(__real_fcntl),
-                           decltype(SystemCallHooks::pipe)(__real_pipe),
-                           decltype(SystemCallHooks::setsockopt)(__real_setsockopt),
-                           decltype(SystemCallHooks::getsockopt)(__real_getsockopt),
-                           decltype(SystemCallHooks::getsockname)(__real_getsockname),
-                           decltype(SystemCallHooks::fopencookie)(__real_fopencookie),
-                           decltype(SystemCallHooks::close)(__real_close),
-                           decltype(SystemCallHooks::now)(__real__ZNSt6chrono3_V212steady_clock3nowEv),
+      *new SystemCallHooks{decltype(SystemCallHooks::socket)(&__real_socket),
+                           decltype(SystemCallHooks::bind)(&__real_bind),
+                           decltype(SystemCallHooks::listen)(&__real_listen),
+                           decltype(SystemCallHooks::accept)(&__real_accept),
+                           decltype(SystemCallHooks::connect)(&__real_connect),
+                           decltype(SystemCallHooks::poll)(&__real_poll),
+                           decltype(SystemCallHooks::send)(&__real_send),
+                           decltype(SystemCallHooks::sendto)(&__real_sendto),
+                           decltype(SystemCallHooks::recv)(&__real_recv),
+                           decltype(SystemCallHooks::recvfrom)(&__real_recvfrom),
+                           decltype(SystemCallHooks::read)(&__real_read),
+                           decltype(SystemCallHooks::write)(&__real_write),
+                           decltype(SystemCallHooks::fcntl)(&__real_fcntl),
+                           decltype(SystemCallHooks::pipe)(&__real_pipe),
+                           decltype(SystemCallHooks::setsockopt)(&__real_setsockopt),
+                           decltype(SystemCallHooks::getsockopt)(&__real_getsockopt),
+                           decltype(SystemCallHooks::getsockname)(&__real_getsockname),
+                           decltype(SystemCallHooks::fopencookie)(&__real_fopencookie),
+                           decltype(SystemCallHooks::close)(&__real_close),
+                           decltype(SystemCallHooks::now)(&__real__ZNSt6chrono3_V212steady_clock3nowEv),
                            decltype(SystemCallHooks::start_thread)([] {})};
   return hooks;
 }
