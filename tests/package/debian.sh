@@ -87,7 +87,7 @@ apt_in builder build-dep /build/varnix
 quietly in_root builder sh -c 'cd /build/varnix && dpkg-buildpackage -us -uc'
 shown "dpkg-buildpackage makes source and amd64 packages with the declared build dependencies alone"
 
-apt_in builder install crossbuild-essential-armhf
+apt_in builder install crossbuild-essential-armhf libstdc++6:armhf
 apt_in builder build-dep --host-architecture=armhf --build-profiles=cross,nocheck /build/varnix
 quietly in_root builder sh -c 'cd /build && dpkg-source -x varnix_*.dsc crossed && cd crossed &&
   DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES="cross nocheck" dpkg-buildpackage -us -uc -b -a armhf'
