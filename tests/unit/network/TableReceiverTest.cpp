@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <future>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -61,6 +62,12 @@ class TableReceiverTest : public testing::Test {
     SetLogHook(DefaultLogger);
     Receive();
   }
+  // Returns when the receivers that this one has started have ended.
+  void EndPeerThreads() {
+    server_.SignalDone();
+    esns_.reset();
+    EXPECT_EQ(released_.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
+  }
   bool IsRegistered(const std::string& uid) const { return !Registration(esns_, uid).Inserted(); }
 
   // As "7 tag: text", with R for the receiver and S for the server; those of tables are left out.
@@ -88,7 +95,8 @@ class TableReceiverTest : public testing::Test {
 
   const std::shared_ptr<RecordingTable> table_ = std::make_shared<RecordingTable>();
   VacantServer server_;
-  const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
+  std::promise<void> released_;
+  std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([this] { released_.set_value(); });
   PeerSocket peer_;
   LogRecorder log_;
   ReceiverCalls calls_{peer_, server_->GetDoneDescriptor()};
@@ -784,8 +792,8 @@ TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereMeanwhileIsReceivedFromTher
   Receive();
 
   EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));  // Nobody listens there.
-  server_.SignalDone();
-  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort"));
+  EndPeerThreads();
+  EXPECT_EQ(log_.Lines("tblsvr.fnd.rcv.abort").size(), 1U);
   EXPECT_THAT(log_.Lines("tblrcvr.ctor").back().text, EndsWith(" for db:2130706433:9 starting"));
 }
 
@@ -801,8 +809,8 @@ TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereIsReceivedFromThereAlsoWhen
   Receive();
 
   EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));
-  server_.SignalDone();
-  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort"));
+  EndPeerThreads();
+  EXPECT_EQ(log_.Lines("tblsvr.fnd.rcv.abort").size(), 1U);
 }
 
 TEST_F(TableReceiverTest, PeerThatWasRefusedElsewhereIsLeftAloneWhenTheServerStops) {
