@@ -6,7 +6,7 @@ namespace {
 
 constexpr std::string::size_type kLongestName = 255;
 
-std::string::size_type ClaimedLength(const std::string& combined) {
+std::string::size_type ClaimedLength(std::string_view combined) {
   return combined.empty() ? 0 : static_cast<unsigned char>(combined.front());
 }
 
@@ -22,11 +22,11 @@ std::string CombinedKey(const std::string& name, const std::string& key) {
   return combined;
 }
 
-SplitKey::SplitKey(const std::string& combined) {
-  const std::string::size_type length = ClaimedLength(combined);
+SplitKey::SplitKey(std::string_view combined) {
+  const std::string_view::size_type length = ClaimedLength(combined);
   if (length + 1 > combined.size()) return;
-  name.assign(combined, 1, length);
-  key.assign(combined, 1 + length, std::string::npos);
+  name = combined.substr(1, length);
+  key = combined.substr(1 + length);
 }
 
 PrintableKey::PrintableKey(const std::string& combined)

@@ -1,18 +1,19 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 // One length byte, that many bytes of `name` (cut to 255), then `key`. Keys the rows of a combined table, and joins the
 // device and the process of a participant to its identity, the uid.
 std::string CombinedKey(const std::string& name, const std::string& key);
 
 // The two halves of a combined key of any origin. A key that is empty, or claims a longer name than it holds, has two
-// empty halves.
+// empty halves. Points into `combined`.
 struct SplitKey {
-  explicit SplitKey(const std::string& combined);
+  explicit SplitKey(std::string_view combined);
 
-  std::string name;
-  std::string key;
+  std::string_view name;
+  std::string_view key;
 };
 
 // The three arguments of "%.*s::%s" for a combined key of any origin: a length that claims too much is cut to what is

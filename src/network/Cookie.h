@@ -1,5 +1,6 @@
 #pragma once
 
+#include <Varnix.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -28,6 +29,7 @@ struct Cookie {
   const int socket;
   const int done_descriptor;  // Polled, never read.
   bool aborted = false;       // The done pipe was readable. Never cleared.
+  Varnix::Row incoming;       // The record that is being read, in memory that the next one will use.
 
   // Logs the failure of a read within a record, once the record's lock is released: the log hook may flush or open
   // streams, and would wait for that lock; and what it throws must not cross the frames of stdio.

@@ -7,6 +7,7 @@
 
 #include "network/Cookie.h"
 #include "network/StopExceptions.h"
+#include "tables/StringMemory.h"
 
 namespace {
 
@@ -35,12 +36,15 @@ bool ReadFields(Varnix::Row& record, FILE* stream, Cookie& cookie) {
   if (!ReadItem(header, kHeaderSize, stream)) return false;
   const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
                                 std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
-  Varnix::Row read{std::string(lengths >> kLengthBitsB, '\0'), std::string(lengths & kMaxLengthB, '\0')};
-  if (!ReadItem(read.first.data(), read.first.size(), stream) ||
-      !ReadItem(read.second.data(), read.second.size(), stream)) {
+  auto& [field_a, field_b] = cookie.incoming;
+  field_a.resize(lengths >> kLengthBitsB);
+  field_b.resize(lengths & kMaxLengthB);
+  if (!ReadItem(field_a.data(), field_a.size(), stream) || !ReadItem(field_b.data(), field_b.size(), stream)) {
     return false;
   }
-  record.swap(read);  // Assigning a short field would keep the memory of a long one before it.
+  record.swap(cookie.incoming);
+  EmptyForReuse(field_a);
+  EmptyForReuse(field_b);
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include "tables/AllWatcher.h"
 #include "tables/KeyWatcher.h"
 #include "tables/LocalTableRegistry.h"
+#include "tables/StringMemory.h"
 
 using Varnix::LogLevel;
 
@@ -43,20 +44,6 @@ void LocalTable::SetUnlogged(const Varnix::Row& row) {
   found != index.end() ? Update(found->second, row.second) : Insert(row);
 }
 
-namespace {
-
-// A string keeps its memory when it gets a shorter value: a table would keep room for the longest value of each key.
-void Assign(std::string& stored, const std::string& value) {
-  constexpr std::size_t kWorthGivingBack = 1024;
-  if (stored.capacity() > kWorthGivingBack && stored.capacity() / 4 > value.size()) {
-    std::string(value).swap(stored);  // Assigning would keep the memory.
-  } else {
-    stored = value;
-  }
-}
-
-}  // namespace
-
 void LocalTable::Insert(const Varnix::Row& row) {
   // All that can throw comes first, on a list of its own: then the row is in everywhere, or nowhere.
   Rows inserted{row};
@@ -67,7 +54,7 @@ void LocalTable::Insert(const Varnix::Row& row) {
 
 void LocalTable::Update(Position position, const std::string& value) {
   if (position->second == value) return;
-  Assign(position->second, value);
+  AssignAndTrim(position->second, value);
   // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
   Tell(&LWatcher::RowUpdated, position);
   rows.splice(rows.end(), rows, position);

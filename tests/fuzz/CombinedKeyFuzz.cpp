@@ -11,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
 
   const SplitKey split(combined);
   if (size > 0 && data[0] < size) {
-    EXPECT_PROPERTY(CombinedKey(split.name, split.key) == combined);
+    EXPECT_PROPERTY(CombinedKey(std::string(split.name), std::string(split.key)) == combined);
   } else {
     EXPECT_PROPERTY(split.name.empty() && split.key.empty());
   }
@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
 
   const std::string name = combined.substr(0, size / 2).substr(0, 255);
   const std::string key = combined.substr(size / 2);
-  const SplitKey again(CombinedKey(name, key));
+  const std::string joined = CombinedKey(name, key);
+  const SplitKey again(joined);
   EXPECT_PROPERTY(again.name == name && again.key == key);
   return 0;
 }

@@ -35,7 +35,9 @@ TEST(SplitKey, TakesACombinedKeyApart) {
 }
 
 TEST(SplitKey, ReadsTheLengthAsUnsigned) {
-  const SplitKey split("\xc8" + std::string(200, 'n') + "key");
+  const std::string combined = "\xc8" + std::string(200, 'n') + "key";
+
+  const SplitKey split(combined);
 
   EXPECT_EQ(split.name, std::string(200, 'n'));
   EXPECT_EQ(split.key, "key");
@@ -100,7 +102,9 @@ TEST(SplitKey, IsTheInverseOfCombinedKey) {
   for (const std::size_t name_size :
        {std::size_t{0}, std::size_t{1}, std::size_t{127}, std::size_t{128}, std::size_t{255}}) {
     for (const std::string& key : {std::string(), std::string("key"), std::string("k\0", 2), std::string(3000, 'k')}) {
-      const SplitKey split(CombinedKey(std::string(name_size, 'n'), key));
+      const std::string combined = CombinedKey(std::string(name_size, 'n'), key);
+
+      const SplitKey split(combined);
 
       EXPECT_EQ(split.name, std::string(name_size, 'n'));
       EXPECT_EQ(split.key, key);

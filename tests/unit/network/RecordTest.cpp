@@ -360,6 +360,22 @@ TEST_F(RecordTest, RecordsAreReadOneByOne) {
   EXPECT_EQ(second, Row("b", "22"));
 }
 
+TEST_F(RecordTest, RecordOfUsualSizeIsReadWithoutAnAllocationAfterTheFirstTwo) {
+  const std::string field(100, 'f');
+  const std::string bytes = Bytes("\x06\x40\x00\x64") + field + field;
+  PeerSends(bytes + bytes + bytes);
+  Row record;
+  ASSERT_TRUE(Read(record));
+  ASSERT_TRUE(Read(record));
+  const FailingAllocation failing(1);
+
+  EXPECT_TRUE(Read(record));
+
+  EXPECT_FALSE(failing.HasFailed());
+  EXPECT_EQ(record.first, field);
+  EXPECT_EQ(record.second, field);
+}
+
 TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongOneBeforeIt) {
   PeerSends(std::string("\x00\x10\x40\x00k", 5) + std::string(0x4000, 'v') + std::string("\x00\x10\x00\x01kv", 6));
   Row record;
