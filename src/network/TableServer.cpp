@@ -118,7 +118,8 @@ void TableServer::StartThreads() {
     esns_released_ = true;
     released_cv_.notify_one();
   });
-  discover_thread_ = std::thread(&TableServer::Discover, this);
+  // Made here, so that want of memory is this call's failure: on a thread of ours it would end the process.
+  discover_thread_ = std::thread([discovery = std::make_unique<Discovery>(*this)] { discovery->Run(); });
   accept_thread_ = std::thread(&TableServer::Accept, this);
 }
 
@@ -195,8 +196,6 @@ void TableServer::NetworkChanged() {
 }
 
 std::shared_ptr<Varnix::Table> TableServer::GetDoneTable() const { return done_table_; }
-
-void TableServer::Discover() { Discovery(*this).Run(); }
 
 void TableServer::Accept() {
   pollfd entries[] = {{done_pipe_.read_end, POLLIN, 0}, {listen_fd_, POLLIN, 0}};

@@ -57,7 +57,6 @@ class TableServer {
  private:
   friend class Discovery;
 
-  void Discover();
   void Accept();
   void AcceptConnection();
   void StartThreads();

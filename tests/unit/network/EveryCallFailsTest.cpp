@@ -2,43 +2,24 @@
 // n-th on: for every n, every call and every error that it can give. Each time is a process of its own, which may end in
 // three ways: everything works once the fault is over; or it is one of the failures that end the process, with its line;
 // or there were fewer than n calls, and n grows no more.
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
-#include <iterator>
-#include <memory>
 #include <ostream>
 #include <string>
-#include <system_error>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
-#include "logging/Log.h"
-#include "network/TableServer.h"
-#include "threads/Fork.h"
+#include "TwoServers.h"
 
 using namespace std::chrono_literals;
 
-#if defined(__SANITIZE_THREAD__)
-// The processes of this test begin as children of one that has threads, and start their own.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
-#endif
-
 namespace {
-
-enum Ending { kConverged, kFewerCalls, kNotConverged, kDescriptorLeft };
 
 long HighestCall() {
 #if defined(VARNIX_EMULATED)
@@ -47,37 +28,6 @@ long HighestCall() {
   constexpr long kShort = 16;
 #endif
   return std::getenv("VARNIX_SOAK") != nullptr ? 1000 : kShort;
-}
-
-// Which calls fail, of those that it is asked about. "For ever" is a while: a call that is always interrupted holds up a
-// stop.
-class Fault {
- public:
-  Fault(long first, bool for_ever) : first_(first), for_ever_(for_ever) {}
-
-  bool Strikes() {
-    const long call = ++calls_;
-    if (over_ || (for_ever_ ? call < first_ : call != first_)) return false;
-    if (!struck_.exchange(true)) end_ = Clock::now() + 100ms;
-    return Clock::now() < end_.load();
-  }
-  bool HasStruck() const { return struck_; }
-  void End() { over_ = true; }
-
- private:
-  using Clock = std::chrono::system_clock;  // No call of it fails.
-
-  const long first_;
-  const bool for_ever_;
-  std::atomic<long> calls_{0};
-  std::atomic<bool> struck_{false};
-  std::atomic<bool> over_{false};
-  std::atomic<Clock::time_point> end_{Clock::time_point::max()};
-};
-
-// A second of the receive loop's pauses goes by in ten milliseconds.
-int PollQuickly(pollfd* entries, nfds_t count, int time_out) {
-  return Hooks().poll.Real(entries, count, time_out == 2000 ? 20 : time_out);
 }
 
 template <class Result, class... Arguments>
@@ -168,106 +118,6 @@ const std::vector<FailingCall>& FailingCalls() {
   return calls;
 }
 
-// A server with its two tables.
-class Member {
- public:
-  explicit Member(std::string process) : process_(std::move(process)) {}
-
-  void Start() {
-    server_ = std::make_unique<TableServer>(CombinedKey("dev", process_), "db", received_, sent_,
-                                            "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"));
-  }
-  void Stop() { server_.reset(); }
-  void NetworkChanged() const { server_->NetworkChanged(); }
-  void Set(const std::string& key, const std::string& value) const { sent_->Set({"\x01t" + key, value}); }
-  bool Gets(const std::string& key, const std::string& value, std::chrono::milliseconds limit) const {
-    const auto set = Varnix::MakeWatcherSet({received_->Watch("\x01t" + key)});
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-      const auto [row, changed] = set->WaitUntil(deadline);
-      if (!changed || row.second == value) return changed != nullptr;
-    }
-  }
-
- private:
-  const std::string process_;
-  const std::shared_ptr<Varnix::Table> received_ = Varnix::MakeTable("received");
-  const std::shared_ptr<Varnix::Table> sent_ = Varnix::MakeTable("sent");
-  std::unique_ptr<TableServer> server_;
-};
-
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-}
-
-Ending MeetRestartAndStop(Fault& fault) {
-  const std::ptrdiff_t open = OpenDescriptors();
-  {
-    Member left("left");
-    Member right("right");
-    left.Set("left", "1");
-    right.Set("right", "1");
-    left.Start();
-    right.Start();
-    right.Gets("left", "1", 30ms);  // Or not, while the fault lasts.
-    right.Stop();
-    right.Start();
-    right.Set("right", "2");
-    left.Gets("right", "2", 30ms);
-    // Nobody sets these again: they must not be lost.
-    left.Set("once, by left", "l");
-    right.Set("once, by right", "r");
-    fault.End();
-
-    left.NetworkChanged();
-    right.NetworkChanged();
-    left.Set("left", "3");
-    right.Set("right", "3");
-    if (!left.Gets("right", "3", 20s) || !right.Gets("left", "3", 20s) || !left.Gets("once, by right", "r", 20s) ||
-        !right.Gets("once, by left", "l", 20s)) {
-      return kNotConverged;
-    }
-    left.Stop();
-    right.Stop();
-  }
-  if (OpenDescriptors() != open) return kDescriptorLeft;
-  return fault.HasStruck() ? kConverged : kFewerCalls;
-}
-
-// The body of a process.
-[[noreturn]] void RunWith(const FailingCall& call, int error, long first, bool for_ever, int standard_error) {
-  dup2(standard_error, STDERR_FILENO);
-  alarm(60);                // A hang is an end as well.
-  in_forked_child = false;  // This process is one of its own.
-  static Fault& fault = *new Fault(first, for_ever);
-  Hooks().poll.Set(PollQuickly);
-  call.inject(fault, error);
-  std::_Exit(MeetRestartAndStop(fault));
-}
-
-// How one process ended, as text for the case that it should not have.
-struct Outcome {
-  int status;
-  std::string errors;
-};
-
-Outcome RunInAProcess(const FailingCall& call, int error, long first, bool for_ever) {
-  int ends[2];
-  EXPECT_EQ(Hooks().pipe.Real(ends), 0);
-  const pid_t child = fork();
-  if (child == 0) RunWith(call, error, first, for_ever, ends[1]);
-  close(ends[1]);
-  Outcome outcome{};
-  char piece[4096];
-  for (ssize_t size; (size = read(ends[0], piece, sizeof piece)) > 0;) {
-    outcome.errors.append(piece, static_cast<std::size_t>(size));
-    if (outcome.errors.size() > 100000) outcome.errors.erase(0, 50000);
-  }
-  close(ends[0]);
-  waitpid(child, &outcome.status, 0);
-  return outcome;
-}
-
 // Other threads may say something, too, until the process is gone.
 bool HasLineOfOneOf(const std::string& errors, const std::vector<std::string>& tags) {
   return std::any_of(tags.begin(), tags.end(), [&](const std::string& tag) {
@@ -289,7 +139,8 @@ TEST_P(EveryCallFailsTest, OnceOrForEverAndAllIsWellOnceItIsOverOrTheProcessEnds
   for (const int error : GetParam().errors) {
     for (const bool for_ever : {false, true}) {
       for (long first = 1; first <= most; ++first) {
-        const Outcome outcome = RunInAProcess(GetParam(), error, first, for_ever);
+        const Outcome outcome =
+            RunTwoServers(first, for_ever, 30ms, [error](Fault& fault) { GetParam().inject(fault, error); });
         ++runs;
         const bool aborted = WIFSIGNALED(outcome.status) && WTERMSIG(outcome.status) == SIGABRT;
         if (aborted && HasLineOfOneOf(outcome.errors, GetParam().fatal_tags)) {

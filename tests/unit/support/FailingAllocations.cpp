@@ -1,13 +1,22 @@
 #include "support/FailingAllocations.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
 thread_local long left = 0;  // 0: none fails.
 thread_local bool failed = false;
 thread_local long live = 0;
+thread_local bool spared = false;
+std::atomic<const std::function<bool()>*> fails_elsewhere{nullptr};
+
+bool FailsElsewhere() {
+  const std::function<bool()>* const fails = spared ? nullptr : fails_elsewhere.load();
+  return fails != nullptr && (*fails)();
+}
 
 }  // namespace
 
@@ -22,11 +31,17 @@ bool FailingAllocation::HasFailed() const { return failed; }
 
 long LiveAllocations() { return live; }
 
+void FailAllocationsOfOtherThreads(std::function<bool()> fails) {
+  spared = true;
+  fails_elsewhere = new std::function<bool()>(std::move(fails));
+}
+
 void* operator new(std::size_t size) {
   if (left > 0 && --left == 0) {
     failed = true;
     throw std::bad_alloc();
   }
+  if (FailsElsewhere()) throw std::bad_alloc();
   void* const memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   ++live;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 // Makes the n-th allocation of this thread, counted from 1, fail while this object lives.
 class FailingAllocation {
  public:
@@ -13,3 +15,6 @@ class FailingAllocation {
 
 // How many allocations of this thread have not been freed, less what it has freed for other threads.
 long LiveAllocations();
+
+// From now on `fails` decides of each allocation of every thread but this one. Once in a process.
+void FailAllocationsOfOtherThreads(std::function<bool()> fails);
