@@ -29,6 +29,11 @@ def private_memory(pid):
     return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024
 
 
+def address_space(pid):
+    """Bytes."""
+    return int(pathlib.Path(f"/proc/{pid}/statm").read_text(encoding="ascii").split()[0]) * resource.getpagesize()
+
+
 def command(name, *arguments):
     return [*EMULATOR, str(PROGRAMS / name), *arguments]
 
@@ -163,6 +168,12 @@ class Host:
         soft, hard = resource.prlimit(self.pid, kind)
         resource.prlimit(self.pid, kind, (count, hard))
         return soft
+
+    def forbid_threads(self):
+        """Until "allow-threads" it can start none."""
+        if pathlib.Path("/proc/self/uid_map").read_text(encoding="ascii").split() == ["0", "0", "4294967295"]:
+            self.do("become", "65534")  # Real root is above the limit of threads; root of a user namespace is not.
+        self.do("forbid-threads")
 
     def descriptors(self):
         return {int(name) for name in os.listdir(f"/proc/{self.pid}/fd")}

@@ -2,6 +2,7 @@
 
 import os
 import random
+import resource
 import socket
 import struct
 import time
@@ -36,23 +37,30 @@ class Plant:
         self.port = ether.port_of_next_announcement()
         self.healthy = []
         for name in (b"pump", b"valve"):
-            listener = wire.Listener()
-            ether.announce(listener.port, GROUP)
-            stream = listener.accept()
-            listener.close()
-            stream.send(wire.hello(b"plant", name, b"q"))
-            assert stream.receive_record()[0] == GROUP
-            self.healthy.append((name, stream))
+            self.healthy.append((name, self.meet(name)))
         self.rounds = 0
         self.rows_keep_arriving()
 
-    def rows_keep_arriving(self):
-        """Both ways: from the healthy peers, and to one that connects now."""
+    def meet(self, name):
+        """Has the process receive from one peer more."""
+        listener = wire.Listener()
+        self.ether.announce(listener.port, GROUP)
+        stream = listener.accept()
+        listener.close()
+        stream.send(wire.hello(b"plant", name, b"q"))
+        assert stream.receive_record()[0] == GROUP
+        return stream
+
+    def rows_of_healthy_peers_arrive(self):
         self.rounds += 1
         for name, stream in self.healthy:
             stream.send(wire.record(b"\x05state" + name, b"%d" % self.rounds))
         for name, _ in self.healthy:
             assert self.host.gets_row(b"plant", b"state", name, b"%d" % self.rounds)
+
+    def rows_keep_arriving(self):
+        """Both ways: from the healthy peers, and to one that connects now."""
+        self.rows_of_healthy_peers_arrive()
         self.host.set(b"plant", b"state", b"own", b"%d" % self.rounds)
         visitor = wire.connect(self.port)
         assert visitor.receive_record() == (b"plant", b"\x05pressp")
@@ -77,9 +85,9 @@ def plant():
         host = programs.Host("--default-log", environment=KEEPS_NOTHING)
         yield Plant(ether, host)
         assert host.clean_up() == 0
-        # What the flood and the resets leave in the log, and nothing else.
+        # What the want of threads, the flood and the resets leave in the log, and nothing else.
         tags = {line.partition(":")[0] for line in host.errors}
-        assert tags <= {"tblsvr.fnd.thread", "cook.rd.rd"}, host.errors
+        assert tags <= {"tblsvr.fnd.thread", "tblsvr.acc.thread", "cook.rd.rd"}, host.errors
         ether.socket.close()
     namespace.close()
 
@@ -100,6 +108,44 @@ def rest(plant):
 def healthy_peers_go_on(plant):
     yield
     plant.rows_keep_arriving()
+
+
+def refused_for_want_of_threads(plant):
+    """Many connections and an announcement, when the process has no thread for them."""
+    streams, served = [], 0
+    for _ in range(100):
+        streams.append(wire.connect(plant.port))
+        served += streams[-1].receive_record() is not None
+    assert served <= 2  # The C library may have kept the stack of a thread that has ended.
+    listener = wire.Listener()
+    before = len(plant.host.errors)
+    plant.ether.announce(listener.port, GROUP)
+    line = "tblsvr.fnd.thread: TableServer: FoundPeer::thread error 11: Resource temporarily unavailable"
+    assert plant.host.eventually(lambda: line in plant.host.errors[before:])
+    plant.rows_of_healthy_peers_arrive()
+    for closing in (listener, *streams):
+        closing.close()
+
+
+@pytest.mark.skipif(not programs.MEMORY_IS_ITS_OWN, reason="the address space is that of a sanitizer or an emulator")
+def test_connections_while_no_address_space_is_left_for_a_thread(plant):
+    settled(plant)
+    used = programs.address_space(plant.host.pid)
+    limit = plant.host.limit(resource.RLIMIT_AS, used + 224 * 1024)  # A thread takes 256 KiB.
+
+    refused_for_want_of_threads(plant)
+    plant.host.limit(resource.RLIMIT_AS, limit)
+
+    plant.meet(b"met with address space again").close()
+
+
+def test_connections_while_no_thread_can_be_started(plant):
+    plant.host.forbid_threads()
+
+    refused_for_want_of_threads(plant)
+    plant.host.do("allow-threads")
+
+    plant.meet(b"met with threads again").close()
 
 
 def test_five_hundred_connections_that_say_nothing(plant):

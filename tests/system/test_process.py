@@ -250,9 +250,7 @@ def test_want_of_descriptors_neither_burns_the_processor_nor_floods_the_log(host
 @pytest.fixture
 def limited(host):
     """The host, which cannot start threads."""
-    if pathlib.Path("/proc/self/uid_map").read_text(encoding="ascii").split() == ["0", "0", "4294967295"]:
-        host.do("become", "65534")  # Real root is above the limit of threads; root of a user namespace is not.
-    host.do("forbid-threads")
+    host.forbid_threads()
     yield host
     host.do("allow-threads")
 
