@@ -6,6 +6,7 @@ import subprocess
 import programs
 
 WAYS = ["return", "exit", "exit from a thread"]
+WAYS_WITHOUT_DESTRUCTORS = ["quick exit"]
 RUNS = 1000 if programs.SOAK else 10 if programs.EMULATOR else 50
 STATUS = 5
 # The first log hook tells of peers that end at the same time.

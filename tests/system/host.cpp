@@ -108,6 +108,7 @@ class Host {
         {"flush", &Host::Flush},
         {"spawn", &Host::Spawn},
         {"fork", &Host::Fork},
+        {"exec", &Host::Exec},
         {"become", &Host::Become},
         {"forbid-threads", &Host::ForbidThreads},
         {"trim", &Host::Trim},
@@ -175,6 +176,9 @@ class Host {
     }
     Say("spawned " + std::to_string(child));
   }
+
+  // Becomes a program that writes what it reads, until there is no more.
+  void Exec() { execl("/bin/sh", "sh", "-c", "echo ok; exec cat", nullptr); }
 
   // A child without exec, which ends as the next word says.
   void Fork() {

@@ -13,5 +13,5 @@ def test_static_objects_may_be_destroyed_after_the_library_ends(network, linked,
 
 
 @pytest.mark.parametrize("way", WAYS)
-def test_a_library_that_uses_ours_may_be_unloaded(network, way):
+def test_a_library_that_uses_ours_may_be_loaded_and_unloaded_again_and_again(network, way):
     every_run_ends_well("system_exit_plugin", way, str(PROGRAMS / "libsystem_exit_statics.so"))

@@ -2,10 +2,10 @@
 
 import pytest
 
-from endings import WAYS, every_run_ends_well
+from endings import WAYS, WAYS_WITHOUT_DESTRUCTORS, every_run_ends_well
 
 
-@pytest.mark.parametrize("way", WAYS)
+@pytest.mark.parametrize("way", WAYS + WAYS_WITHOUT_DESTRUCTORS)
 def test_streams_may_be_alive_while_the_process_ends(network, make_host, way):
     partner = make_host("--default-log")
     partner.share(b"plant", b"line-4", b"partner")

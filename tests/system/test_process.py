@@ -73,6 +73,16 @@ def test_a_started_program_inherits_none_of_the_descriptors_of_sharing(host, eth
     assert sorted(os.listdir(f"/proc/{child}/fd")) == ["0", "1", "2"]
 
 
+def test_a_process_that_becomes_another_program_keeps_no_descriptor_of_sharing_and_its_streams_end(host, ether):
+    receiving, sending, silent = receive_from(host), send_to(ether), wire.connect(host.port)
+    silent.receive_record()
+
+    host.do("exec")
+
+    assert receiving.is_closed() and sending.is_closed() and silent.is_closed()
+    assert host.descriptors() == {0, 1, 2}
+
+
 def test_sharing_anew_leaves_no_descriptor_behind(host, ether):
     receiving, sending = receive_from(host), send_to(ether)
 
