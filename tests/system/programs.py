@@ -84,10 +84,10 @@ class Host:
                     self.errors.append(text)
                 self._changed.notify_all()
 
-    def eventually(self, condition):
+    def eventually(self, condition, seconds=DEADLINE):
         """Waits until it is true of the lines read so far; whether it came true."""
         with self._changed:
-            return self._changed.wait_for(condition, DEADLINE)
+            return self._changed.wait_for(condition, seconds)
 
     def do(self, *words):
         with self._changed:
