@@ -68,6 +68,17 @@ def test_no_environment_variable_is_read():
     assert symbols & {"getenv", "secure_getenv", "environ", "__environ", "_environ"} == set()
 
 
+def test_the_wall_clock_is_never_asked():
+    symbols = undefined_symbols()
+
+    assert "_ZNSt6chrono3_V212steady_clock3nowEv" in symbols
+    assert symbols & {"pthread_cond_clockwait", "__pthread_cond_clockwait64"}  # Of the monotonic clock.
+    plain = {re.sub(r"^__|(_time)?64$", "", symbol) for symbol in symbols}
+    assert plain & {"_ZNSt6chrono3_V212system_clock3nowEv", "time", "gettimeofday", "clock_gettime", "ftime",
+                    "timespec_get", "localtime", "gmtime", "pthread_cond_timedwait", "pthread_mutex_timedlock",
+                    "sem_timedwait", "clock_nanosleep", "timer_create", "timerfd_create"} == set()
+
+
 def test_no_signal_is_sent_and_no_handler_or_mask_set():
     assert undefined_symbols() & {"signal", "sigaction", "sigprocmask", "pthread_sigmask", "raise", "kill", "bsd_signal",
                                   "pthread_kill", "alarm", "setitimer"} == set()
