@@ -24,7 +24,9 @@ std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> LocalTable::
   return named;
 }
 
-LocalTable::LocalTable(std::string table_name) : name(std::move(table_name)) {}
+LocalTable::LocalTable(std::string table_name) : name(std::move(table_name)) {
+  key_watchers.max_load_factor(0.25F);  // A key that nobody watches mostly meets an empty bucket.
+}
 
 LocalTable::~LocalTable() { LocalTableRegistry::Leave(this); }
 
