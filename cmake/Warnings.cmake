@@ -1,6 +1,7 @@
 # The warnings of our own code; they reach nobody who links the library.
 add_library(varnix_warnings INTERFACE)
 target_compile_options(varnix_warnings INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Wold-style-cast
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast>
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
   $<$<BOOL:${VARNIX_WERROR}>:-Werror>)

@@ -1,0 +1,248 @@
+// Tables within one process, beside the limits: the same map under one mutex and nothing else, and a bare futex.
+
+#include <Varnix.h>
+#include <benchmark/benchmark.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace {
+
+constexpr int kRows = 1024;
+
+std::vector<std::string> Keys(int count) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < count; ++i) {
+    std::string key = "key-" + std::to_string(i);
+    key.resize(16, '.');
+    keys.push_back(key);
+  }
+  return keys;
+}
+
+const std::string kValues[] = {std::string(32, 'a'), std::string(32, 'b')};
+
+// The logger that a process starts with cannot be had back: what is measured with it comes first.
+void Silence() { Varnix::SetLoggingFunction({}); }
+
+// Rows that are set in a table that watchers of so many other keys watch.
+class WatchedTable {
+ public:
+  explicit WatchedTable(std::int64_t watchers) : table(Varnix::MakeTable("bench")) {
+    for (std::int64_t i = 0; i < watchers; ++i) watchers_.push_back(table->Watch("other " + std::to_string(i)));
+  }
+
+  const std::shared_ptr<Varnix::Table> table;
+
+ private:
+  std::vector<std::shared_ptr<Varnix::Watcher>> watchers_;
+};
+
+// So many rows are new to a table before it is replaced by an empty one, outside the measured time.
+constexpr std::size_t kNewRows = 10'000;
+
+void SetNew(benchmark::State& state) {
+  const std::vector<std::string> keys = Keys(kNewRows);
+  std::size_t next = kNewRows;
+  std::unique_ptr<WatchedTable> watched;
+  for (auto _ : state) {
+    if (next == kNewRows) {
+      state.PauseTiming();
+      watched.reset();
+      watched = std::make_unique<WatchedTable>(state.range(0));
+      next = 0;
+      state.ResumeTiming();
+    }
+    watched->table->Set({keys[next++], kValues[0]});
+  }
+}
+
+void SetRows(benchmark::State& state, int values) {
+  const WatchedTable watched(state.range(0));
+  std::vector<Varnix::Row> rows;
+  for (int value = 0; value < values; ++value) {
+    for (const std::string& key : Keys(kRows)) rows.emplace_back(key, kValues[value]);
+  }
+  for (const Varnix::Row& row : rows) watched.table->Set(row);
+  std::size_t next = 0;
+  for (auto _ : state) {
+    watched.table->Set(rows[next]);
+    if (++next == rows.size()) next = 0;
+  }
+}
+
+void SetChanged(benchmark::State& state) { SetRows(state, 2); }
+void SetUnchanged(benchmark::State& state) { SetRows(state, 1); }
+
+template <void (*Measure)(benchmark::State&)>
+void Silently(benchmark::State& state) {
+  Silence();
+  Measure(state);
+}
+
+// The limit for Set.
+class LockedMap {
+ public:
+  void Set(const Varnix::Row& row) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    map_[row.first] = row.second;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<std::string, std::string> map_;
+};
+
+void LimitSetNew(benchmark::State& state) {
+  const std::vector<std::string> keys = Keys(kNewRows);
+  std::size_t next = kNewRows;
+  std::unique_ptr<LockedMap> map;
+  for (auto _ : state) {
+    if (next == kNewRows) {
+      state.PauseTiming();
+      map = std::make_unique<LockedMap>();
+      next = 0;
+      state.ResumeTiming();
+    }
+    map->Set({keys[next++], kValues[0]});
+  }
+}
+
+void LimitSetChanged(benchmark::State& state) {
+  LockedMap map;
+  std::vector<Varnix::Row> rows;
+  for (const std::string& value : kValues) {
+    for (const std::string& key : Keys(kRows)) rows.emplace_back(key, value);
+  }
+  std::size_t next = 0;
+  for (auto _ : state) {
+    map.Set(rows[next]);
+    if (++next == rows.size()) next = 0;
+  }
+}
+
+// Rows taken from a watcher of the whole table, one call each.
+void DrainWatchAll(benchmark::State& state) {
+  Silence();
+  const auto table = Varnix::MakeTable("bench");
+  for (const std::string& key : Keys(kRows)) table->Set({key, kValues[0]});
+  std::shared_ptr<Varnix::Watcher> watcher;
+  int left = 0;
+  for (auto _ : state) {
+    if (left == 0) {
+      state.PauseTiming();
+      watcher = table->WatchAll();
+      left = kRows;
+      state.ResumeTiming();
+    }
+    benchmark::DoNotOptimize(watcher->GetChanges());
+    --left;
+  }
+}
+
+// Two threads that wake each other in turn; the time is that of one way.
+void SetToWake(benchmark::State& state) {
+  Silence();
+  const auto there = Varnix::MakeTable("there");
+  const auto back = Varnix::MakeTable("back");
+  const auto awaited_there = Varnix::MakeWatcherSet({there->WatchAll()});
+  const auto awaited_back = Varnix::MakeWatcherSet({back->WatchAll()});
+  std::thread other([&] {
+    for (;;) {
+      const Varnix::Row row = awaited_there->Wait().first;
+      back->Set(row);
+      if (row.second == "end") return;
+    }
+  });
+  int count = 0;
+  for (auto _ : state) {
+    there->Set({"k", std::to_string(++count)});
+    awaited_back->Wait();
+  }
+  there->Set({"k", "end"});
+  other.join();
+  state.SetItemsProcessed(2 * state.iterations());
+}
+
+// The limit for it.
+void LimitFutexPingPong(benchmark::State& state) {
+  std::atomic<std::uint32_t> turn{0};
+  std::atomic<bool> ended{false};
+  const auto wait_until = [&](std::uint32_t mine) {
+    while (turn.load() != mine) syscall(SYS_futex, &turn, FUTEX_WAIT_PRIVATE, 1 - mine, nullptr);
+  };
+  const auto give_to = [&](std::uint32_t other) {
+    turn = other;
+    syscall(SYS_futex, &turn, FUTEX_WAKE_PRIVATE, 1);
+  };
+  std::thread other([&] {
+    for (;;) {
+      wait_until(1);
+      const bool end = ended;
+      give_to(0);
+      if (end) return;
+    }
+  });
+  for (auto _ : state) {
+    give_to(1);
+    wait_until(0);
+  }
+  ended = true;
+  give_to(1);
+  other.join();
+  state.SetItemsProcessed(2 * state.iterations());
+}
+
+void SetOneTable(benchmark::State& state) {
+  static const auto table = Varnix::MakeTable("bench");
+  Silence();
+  const std::string key = "key of thread " + std::to_string(state.thread_index());
+  int count = 0;
+  for (auto _ : state) table->Set({key, kValues[++count % 2]});
+}
+
+void SetDifferentTables(benchmark::State& state) {
+  Silence();
+  const auto table = Varnix::MakeTable("bench");
+  int count = 0;
+  for (auto _ : state) table->Set({"key", kValues[++count % 2]});
+}
+
+void LimitSetOneMap(benchmark::State& state) {
+  static LockedMap map;
+  const std::string key = "key of thread " + std::to_string(state.thread_index());
+  int count = 0;
+  for (auto _ : state) map.Set({key, kValues[++count % 2]});
+}
+
+void WatcherCounts(benchmark::internal::Benchmark* measured) {
+  for (const int watchers : {0, 10, 1'000, 10'000}) measured->Arg(watchers);
+}
+
+}  // namespace
+
+// In this order: those with the logger that a process starts with, then those that silence it.
+BENCHMARK(SetNew)->Apply(WatcherCounts);
+BENCHMARK(SetChanged)->Apply(WatcherCounts);
+BENCHMARK(SetUnchanged)->Apply(WatcherCounts);
+BENCHMARK(Silently<SetNew>)->Name("SetNewSilently")->Apply(WatcherCounts);
+BENCHMARK(Silently<SetChanged>)->Name("SetChangedSilently")->Apply(WatcherCounts);
+BENCHMARK(Silently<SetUnchanged>)->Name("SetUnchangedSilently")->Apply(WatcherCounts);
+BENCHMARK(LimitSetNew);
+BENCHMARK(LimitSetChanged);
+BENCHMARK(DrainWatchAll);
+BENCHMARK(SetToWake)->UseRealTime();
+BENCHMARK(LimitFutexPingPong)->UseRealTime();
+BENCHMARK(SetOneTable)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+BENCHMARK(SetDifferentTables)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+BENCHMARK(LimitSetOneMap)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
+BENCHMARK_MAIN();
