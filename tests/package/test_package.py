@@ -26,16 +26,19 @@ def run(*command, **variables):
 def build_with_cmake(project, build, *definitions):
     if TOOLCHAIN:
         definitions += (f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}",)
-    run("cmake", "-G", "Ninja", "-S", HERE / project, "-B", build, f"-DCMAKE_CXX_COMPILER={COMPILER[0]}",
+    run("cmake", "-G", "Ninja", "-S", project, "-B", build, f"-DCMAKE_CXX_COMPILER={COMPILER[0]}",
         "-DCMAKE_CXX_FLAGS=" + shlex.join(COMPILER[1:]), *definitions)
     run("cmake", "--build", build)
-    return build / "stranger"
+
+
+def output(program, prefix=None):
+    variables = {"LD_LIBRARY_PATH": f"{prefix}/lib"} if prefix and not EMULATOR else {}
+    emulator = EMULATOR + (["-E", f"LD_LIBRARY_PATH={prefix}/lib"] if prefix else []) if EMULATOR else []
+    return run(*emulator, program, **variables)
 
 
 def assert_works(program, prefix=None):
-    variables = {"LD_LIBRARY_PATH": f"{prefix}/lib"} if prefix and not EMULATOR else {}
-    emulator = EMULATOR + (["-E", f"LD_LIBRARY_PATH={prefix}/lib"] if prefix else []) if EMULATOR else []
-    assert run(*emulator, program, **variables) == "temperature is 81\n"
+    assert output(program, prefix) == "temperature is 81\n"
 
 
 @pytest.fixture(params=["fresh prefix", "moved prefix"])
@@ -48,9 +51,15 @@ def prefix(request, tmp_path):
 
 
 def test_find_package_finds_it(prefix, tmp_path):
-    program = build_with_cmake("installed", tmp_path / "build", f"-DVarnix_DIR={prefix}/lib/cmake/Varnix")
+    build_with_cmake(HERE / "installed", tmp_path / "build", f"-DVarnix_DIR={prefix}/lib/cmake/Varnix")
 
-    assert_works(program, prefix)
+    assert_works(tmp_path / "build" / "stranger", prefix)
+
+
+def test_the_examples_are_a_project_that_finds_it(prefix, tmp_path):
+    build_with_cmake(SOURCE / "examples", tmp_path / "build", f"-DVarnix_DIR={prefix}/lib/cmake/Varnix")
+
+    assert output(tmp_path / "build" / "wait_on_several", prefix).startswith("speed is now 42\n")
 
 
 def test_pkg_config_finds_it(prefix, tmp_path):
@@ -86,8 +95,8 @@ def test_installing_gives_the_header_the_library_and_the_two_packages_and_nothin
 
 @pytest.mark.parametrize("project", ["subproject", "fetched"])
 def test_as_a_sub_project_it_brings_its_library_alone(project, tmp_path):
-    program = build_with_cmake(project, tmp_path / "build", f"-DVARNIX_SOURCE={SOURCE}")
+    build_with_cmake(HERE / project, tmp_path / "build", f"-DVARNIX_SOURCE={SOURCE}")
     run("cmake", "--install", tmp_path / "build", "--prefix", tmp_path / "installed")
 
-    assert_works(program)
+    assert_works(tmp_path / "build" / "stranger")
     assert not list(tmp_path.glob("installed/**/Varnix.h"))
