@@ -31,6 +31,21 @@ std::vector<std::string> Keys(int count) {
 
 const std::string kValues[] = {std::string(32, 'a'), std::string(32, 'b')};
 
+// The same keys with the first value, then with the second.
+std::vector<Varnix::Row> Rows(int keys, int values) {
+  std::vector<Varnix::Row> rows;
+  for (int value = 0; value < values; ++value) {
+    for (const std::string& key : Keys(keys)) rows.emplace_back(key, kValues[value]);
+  }
+  return rows;
+}
+
+// The two rows that a thread sets in turn.
+std::vector<Varnix::Row> RowsOfThread(const benchmark::State& state) {
+  const std::string key = "key of thread " + std::to_string(state.thread_index());
+  return {{key, kValues[0]}, {key, kValues[1]}};
+}
+
 // The logger that a process starts with cannot be had back: what is measured with it comes first.
 void Silence() { Varnix::SetLoggingFunction({}); }
 
@@ -48,11 +63,11 @@ class WatchedTable {
 };
 
 // So many rows are new to a table before it is replaced by an empty one, outside the measured time.
-constexpr std::size_t kNewRows = 10'000;
+constexpr int kNewRows = 10'000;
 
 void SetNew(benchmark::State& state) {
-  const std::vector<std::string> keys = Keys(kNewRows);
-  std::size_t next = kNewRows;
+  const std::vector<Varnix::Row> rows = Rows(kNewRows, 1);
+  int next = kNewRows;
   std::unique_ptr<WatchedTable> watched;
   for (auto _ : state) {
     if (next == kNewRows) {
@@ -62,16 +77,13 @@ void SetNew(benchmark::State& state) {
       next = 0;
       state.ResumeTiming();
     }
-    watched->table->Set({keys[next++], kValues[0]});
+    watched->table->Set(rows[static_cast<std::size_t>(next++)]);
   }
 }
 
 void SetRows(benchmark::State& state, int values) {
   const WatchedTable watched(state.range(0));
-  std::vector<Varnix::Row> rows;
-  for (int value = 0; value < values; ++value) {
-    for (const std::string& key : Keys(kRows)) rows.emplace_back(key, kValues[value]);
-  }
+  const std::vector<Varnix::Row> rows = Rows(kRows, values);
   for (const Varnix::Row& row : rows) watched.table->Set(row);
   std::size_t next = 0;
   for (auto _ : state) {
@@ -103,8 +115,8 @@ class LockedMap {
 };
 
 void LimitSetNew(benchmark::State& state) {
-  const std::vector<std::string> keys = Keys(kNewRows);
-  std::size_t next = kNewRows;
+  const std::vector<Varnix::Row> rows = Rows(kNewRows, 1);
+  int next = kNewRows;
   std::unique_ptr<LockedMap> map;
   for (auto _ : state) {
     if (next == kNewRows) {
@@ -113,16 +125,13 @@ void LimitSetNew(benchmark::State& state) {
       next = 0;
       state.ResumeTiming();
     }
-    map->Set({keys[next++], kValues[0]});
+    map->Set(rows[static_cast<std::size_t>(next++)]);
   }
 }
 
 void LimitSetChanged(benchmark::State& state) {
   LockedMap map;
-  std::vector<Varnix::Row> rows;
-  for (const std::string& value : kValues) {
-    for (const std::string& key : Keys(kRows)) rows.emplace_back(key, value);
-  }
+  const std::vector<Varnix::Row> rows = Rows(kRows, 2);
   std::size_t next = 0;
   for (auto _ : state) {
     map.Set(rows[next]);
@@ -149,8 +158,8 @@ void DrainWatchAll(benchmark::State& state) {
   }
 }
 
-// Two threads that wake each other in turn; the time is that of one way.
-void SetToWake(benchmark::State& state) {
+// Two threads that wake each other in turn; the time is that of both ways.
+void SetToWakeAndBack(benchmark::State& state) {
   Silence();
   const auto there = Varnix::MakeTable("there");
   const auto back = Varnix::MakeTable("back");
@@ -170,11 +179,10 @@ void SetToWake(benchmark::State& state) {
   }
   there->Set({"k", "end"});
   other.join();
-  state.SetItemsProcessed(2 * state.iterations());
 }
 
 // The limit for it.
-void LimitFutexPingPong(benchmark::State& state) {
+void LimitFutexThereAndBack(benchmark::State& state) {
   std::atomic<std::uint32_t> turn{0};
   std::atomic<bool> ended{false};
   const auto wait_until = [&](std::uint32_t mine) {
@@ -199,29 +207,29 @@ void LimitFutexPingPong(benchmark::State& state) {
   ended = true;
   give_to(1);
   other.join();
-  state.SetItemsProcessed(2 * state.iterations());
 }
 
 void SetOneTable(benchmark::State& state) {
   static const auto table = Varnix::MakeTable("bench");
   Silence();
-  const std::string key = "key of thread " + std::to_string(state.thread_index());
-  int count = 0;
-  for (auto _ : state) table->Set({key, kValues[++count % 2]});
+  const std::vector<Varnix::Row> rows = RowsOfThread(state);
+  std::size_t count = 0;
+  for (auto _ : state) table->Set(rows[++count % 2]);
 }
 
 void SetDifferentTables(benchmark::State& state) {
   Silence();
   const auto table = Varnix::MakeTable("bench");
-  int count = 0;
-  for (auto _ : state) table->Set({"key", kValues[++count % 2]});
+  const std::vector<Varnix::Row> rows = RowsOfThread(state);
+  std::size_t count = 0;
+  for (auto _ : state) table->Set(rows[++count % 2]);
 }
 
 void LimitSetOneMap(benchmark::State& state) {
   static LockedMap map;
-  const std::string key = "key of thread " + std::to_string(state.thread_index());
-  int count = 0;
-  for (auto _ : state) map.Set({key, kValues[++count % 2]});
+  const std::vector<Varnix::Row> rows = RowsOfThread(state);
+  std::size_t count = 0;
+  for (auto _ : state) map.Set(rows[++count % 2]);
 }
 
 void WatcherCounts(benchmark::internal::Benchmark* measured) {
@@ -240,8 +248,8 @@ BENCHMARK(Silently<SetUnchanged>)->Name("SetUnchangedSilently")->Apply(WatcherCo
 BENCHMARK(LimitSetNew);
 BENCHMARK(LimitSetChanged);
 BENCHMARK(DrainWatchAll);
-BENCHMARK(SetToWake)->UseRealTime();
-BENCHMARK(LimitFutexPingPong)->UseRealTime();
+BENCHMARK(SetToWakeAndBack)->UseRealTime();
+BENCHMARK(LimitFutexThereAndBack)->UseRealTime();
 BENCHMARK(SetOneTable)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 BENCHMARK(SetDifferentTables)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();
 BENCHMARK(LimitSetOneMap)->Threads(1)->Threads(2)->Threads(4)->UseRealTime();

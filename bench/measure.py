@@ -4,6 +4,7 @@ Runs take turns among the systems, so that what the machine does meanwhile meets
 is taken within one turn. All times in milliseconds, latencies in microseconds.
 """
 
+import contextlib
 import json
 import statistics
 import subprocess
@@ -162,26 +163,26 @@ def latency(system, interval_us, count, delay_us=None, both_ways=False):
 
 def idle(systems, seconds):
     """A writer and a watcher that have met, and then nothing; all systems at the same time, each on its own."""
-    places = {system: Place(system) for system in systems}
-    peers = {}
-    for system, place in places.items():
-        peers[system] = place.peer(written="data"), place.peer(watched="data")
-        meet(*peers[system])
-    time.sleep(10)  # What follows the first meeting.
+    with contextlib.ExitStack() as stack:
+        places = {system: stack.enter_context(Place(system)) for system in systems}
+        peers = {}
+        for system, place in places.items():
+            peers[system] = place.peer(written="data"), place.peer(watched="data")
+            meet(*peers[system])
+        time.sleep(10)  # What follows the first meeting.
 
-    def readings(system):
-        place = places[system]
-        used = [peer.usage() for peer in peers[system]] + ([place.broker.usage()] if place.broker else [])
-        return place.packets(), sum(use["cpu_seconds"] for use in used), sum(use["resident_kib"] for use in used)
+        def readings(system):
+            broker = places[system].broker
+            used = [peer.usage() for peer in peers[system]] + ([broker.usage()] if broker else [])
+            return (places[system].packets(), sum(use["cpu_seconds"] for use in used),
+                    sum(use["resident_kib"] for use in used))
 
-    before = {system: readings(system) for system in systems}
-    time.sleep(seconds)
-    for system in systems:
-        packets, cpu, resident = readings(system)
-        note("idle", system, packets_per_minute=(packets - before[system][0]) * 60 / seconds,
-             cpu_ms_per_minute=(cpu - before[system][1]) * 60_000 / seconds, resident_mib=resident / 1024)
-    for place in places.values():
-        place.__exit__()
+        before = {system: readings(system) for system in systems}
+        time.sleep(seconds)
+        for system in systems:
+            packets, cpu, resident = readings(system)
+            note("idle", system, packets_per_minute=(packets - before[system][0]) * 60 / seconds,
+                 cpu_ms_per_minute=(cpu - before[system][1]) * 60_000 / seconds, resident_mib=resident / 1024)
 
 
 def machine():

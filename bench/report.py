@@ -32,8 +32,22 @@ def table(head, rows):
 
 
 def local_table(local):
-    times = {run["run_name"]: run["real_time"] for run in local["benchmarks"] if run["aggregate_name"] == "median"}
-    return table(["One process", "ns"], [[name, number(time)] for name, time in times.items()])
+    times = {run["run_name"].removesuffix("/real_time"): run["real_time"]
+             for run in local["benchmarks"] if run["aggregate_name"] == "median"}
+    by_watchers = {}
+    others = []
+    for name, time in times.items():
+        job, _, watchers = name.partition("/")
+        if watchers.isdigit():
+            by_watchers.setdefault(job, []).append(time)
+        else:
+            others.append([name.replace("/real_time/threads:", ", threads: "), number(time)])
+    limits = {job: times[f"LimitSet{job.removeprefix('Set').removesuffix('Silently')}"]
+              for job in by_watchers if "Unchanged" not in job}
+    rows = [[job, *map(number, taken), f"{taken[-1] / taken[0]:.2f}",
+             f"{taken[0] / limits[job]:.2f}" if job in limits else ""] for job, taken in by_watchers.items()]
+    return (table(["ns; watchers of other keys:", "0", "10", "1,000", "10,000", "the last to the first",
+                   "the first to the limit"], rows) + "\n" + table(["", "ns"], others))
 
 
 def ratio(runs, limits, figure="ms"):
@@ -135,7 +149,7 @@ def plot_systems(results, path):
                   [median(results[job][system], "ms") for system in systems],
                   color=["tab:orange" if system == "varnix" else "tab:blue" for system in systems])
         axes.set(xlabel="milliseconds", title=title)
-        axes.invert_yaxis() if axes is all_axes[0] else None
+    all_axes[0].invert_yaxis()  # They share it.
     save(figure, path)
 
 

@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import select
 import subprocess
 import sys
 import time
@@ -18,6 +19,7 @@ BROKERS = {
     "mosquitto": ["mosquitto", "-c", str(HERE / "peers" / "mosquitto.conf")],
 }
 COMPARED = ["varnix", "bare", "redis", "mosquitto", "zeromq", "cyclonedds"]
+DEADLINE = 120  # Seconds that only bound a failing run.
 LEFT, RIGHT = "10.0.0.1", "10.0.0.2"
 
 
@@ -34,6 +36,8 @@ class Process:
         self._process.stdin.flush()
 
     def answer(self):
+        if not select.select([self._process.stdout], [], [], DEADLINE)[0]:
+            raise RuntimeError(f"{self._process.args} has not answered")
         words = self._process.stdout.readline().split()
         if not words:
             raise RuntimeError(f"{self._process.args} ended")

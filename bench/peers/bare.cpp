@@ -1,6 +1,6 @@
 // The limit of what sockets allow: records of the same layout, sent and received with the system calls that the library
 // makes for each, and nothing around them. One record a send: poll for room, send, poll for the end of the connection;
-// the receiver polls and takes 4,096 bytes at a time.
+// the receiver polls and takes 8,192 bytes at a time.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "Peer.h"
+#include "SocketAddress.h"
 
 namespace {
 
@@ -32,14 +33,6 @@ int Checked(int result, const char* what) {
   std::abort();
 }
 
-sockaddr_in Place(const std::string& table, std::uint32_t address) {
-  sockaddr_in place{};
-  place.sin_family = AF_INET;
-  place.sin_port = htons(static_cast<std::uint16_t>(5000 + table.back()));
-  place.sin_addr.s_addr = address;
-  return place;
-}
-
 class BarePeer final : public Peer {
  public:
   explicit BarePeer(const PeerSettings& settings) : settings_(settings) {
@@ -48,8 +41,11 @@ class BarePeer final : public Peer {
   }
 
   void Set(const std::string& key, const std::string& value) override {
-    const std::uint32_t lengths = htonl(static_cast<std::uint32_t>(key.size() << 20 | value.size()));
+    const std::size_t key_size = 1 + settings_.written.size() + key.size();
+    const std::uint32_t lengths = htonl(static_cast<std::uint32_t>(key_size << 20 | value.size()));
     std::string record(reinterpret_cast<const char*>(&lengths), kHeaderSize);
+    record += static_cast<char>(settings_.written.size());
+    record += settings_.written;
     record += key;
     record += value;
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -61,7 +57,7 @@ class BarePeer final : public Peer {
     const int connection = Connect();
     std::string pending;
     std::size_t begin = 0;
-    char buffer[4096];
+    char buffer[8192];
     for (;;) {
       Await(connection, POLLIN);
       const ssize_t size = Checked(static_cast<int>(recv(connection, buffer, sizeof buffer, 0)), "recv");
@@ -76,7 +72,8 @@ class BarePeer final : public Peer {
         const std::size_t value_size = lengths & 0xFFFFF;
         if (pending.size() - begin < kHeaderSize + key_size + value_size) break;
         const char* const key = pending.data() + begin + kHeaderSize;
-        seen({key, key_size}, {key + key_size, value_size});
+        const std::size_t name_size = 1 + settings_.watched.size();
+        seen({key + name_size, key_size - name_size}, {key + key_size, value_size});
         begin += kHeaderSize + key_size + value_size;
       }
     }
@@ -84,7 +81,7 @@ class BarePeer final : public Peer {
 
  private:
   int Connect() const {
-    const sockaddr_in place = Place(settings_.watched, inet_addr(settings_.address.c_str()));
+    const sockaddr_in place = SocketAddress(settings_.watched, inet_addr(settings_.address.c_str()));
     for (;;) {
       const int connection = Checked(socket(AF_INET, SOCK_STREAM, 0), "socket");
       if (connect(connection, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0) return connection;
@@ -97,7 +94,7 @@ class BarePeer final : public Peer {
     const int listening = Checked(socket(AF_INET, SOCK_STREAM, 0), "socket");
     const int on = 1;
     setsockopt(listening, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const sockaddr_in place = Place(settings_.written, INADDR_ANY);
+    const sockaddr_in place = SocketAddress(settings_.written, INADDR_ANY);
     Checked(bind(listening, reinterpret_cast<const sockaddr*>(&place), sizeof place), "bind");
     Checked(listen(listening, 100), "listen");
     for (;;) {

@@ -30,7 +30,7 @@
 
 namespace {
 
-const std::string kOverwritten = "overwritten-row";
+const std::string kOverwritten = "overwritten-row.";
 const std::string kLast = "the last value of all, 32 bytes.";
 constexpr char kRowPrefix = 'r';
 constexpr char kTimePrefix = 't';
@@ -67,9 +67,8 @@ class Sightings {
       if (number >= rows_.size()) rows_.resize(std::max(number + 1, 2 * rows_.size()));
       if (rows_[number]) return;
       rows_[number] = true;
-      ++row_count_;
-      if (row_count_ != awaited_) return;
-      reached_ = now;
+      last_new_row_ = now;
+      if (++row_count_ != awaited_) return;
     } else if (key.front() == kTimePrefix) {
       latencies_.push_back(now - Number(value.substr(0, 20)));
       if (latencies_.size() < awaited_latencies_) return;
@@ -83,11 +82,9 @@ class Sightings {
 
   long long WaitForRows(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (row_count_ >= count) return Now();
     awaited_ = count;
-    changed_.wait(lock, [&] { return reached_ != 0 && row_count_ >= count; });
-    awaited_ = 0;
-    return std::exchange(reached_, 0);
+    changed_.wait(lock, [&] { return row_count_ >= count; });
+    return last_new_row_;
   }
 
   long long WaitForLast() {
@@ -109,7 +106,7 @@ class Sightings {
   std::vector<bool> rows_ = std::vector<bool>(1 << 20);
   std::size_t row_count_ = 0;
   std::size_t awaited_ = 0;
-  long long reached_ = 0;
+  long long last_new_row_ = 0;
   long long last_ = 0;
   std::vector<long long> latencies_;
   std::size_t awaited_latencies_ = 0;
@@ -141,10 +138,11 @@ void Refill(Peer& peer, long long first, long long count) {
   peer.Flush();
 }
 
-long ResidentKib() {
+// A figure of this process in KiB. (getrusage() gives the peak of the process that started this one, if that was more.)
+long MemoryKib(const std::string& name) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
+    if (line.rfind(name, 0) == 0) return std::strtol(line.c_str() + name.size(), nullptr, 10);
   }
   return 0;
 }
@@ -155,8 +153,8 @@ void PrintUsage() {
   const auto seconds = [](const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
   };
-  std::printf("usage %.6f %ld %ld\n", seconds(usage.ru_utime) + seconds(usage.ru_stime), ResidentKib(),
-              usage.ru_maxrss);
+  std::printf("usage %.6f %ld %ld\n", seconds(usage.ru_utime) + seconds(usage.ru_stime), MemoryKib("VmRSS:"),
+              MemoryKib("VmHWM:"));
 }
 
 }  // namespace

@@ -10,31 +10,24 @@
 #include <cstdlib>
 
 #include "Peer.h"
+#include "SocketAddress.h"
 
 namespace {
 
 constexpr std::size_t kKeySize = 16;
 
-sockaddr_in Place(const std::string& table, std::uint32_t address) {
-  sockaddr_in place{};
-  place.sin_family = AF_INET;
-  place.sin_port = htons(static_cast<std::uint16_t>(5000 + table.back()));
-  place.sin_addr.s_addr = address;
-  return place;
-}
-
 class UdpPeer final : public Peer {
  public:
   explicit UdpPeer(const PeerSettings& settings) : settings_(settings), socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
     if (settings.watched.empty()) return;
-    const sockaddr_in place = Place(settings.watched, INADDR_ANY);
+    const sockaddr_in place = SocketAddress(settings.watched, INADDR_ANY);
     if (bind(socket_, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0) return;
     std::perror("bind");
     std::abort();
   }
 
   void Set(const std::string& key, const std::string& value) override {
-    const sockaddr_in place = Place(settings_.written, inet_addr(settings_.address.c_str()));
+    const sockaddr_in place = SocketAddress(settings_.written, inet_addr(settings_.address.c_str()));
     const std::string row = key + value;
     sendto(socket_, row.data(), row.size(), 0, reinterpret_cast<const sockaddr*>(&place), sizeof place);
   }
