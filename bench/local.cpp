@@ -56,6 +56,8 @@ class WatchedTable {
     for (std::int64_t i = 0; i < watchers; ++i) watchers_.push_back(table->Watch("other " + std::to_string(i)));
   }
 
+  void Set(const Varnix::Row& row) { table->Set(row); }
+
   const std::shared_ptr<Varnix::Table> table;
 
  private:
@@ -65,20 +67,26 @@ class WatchedTable {
 // So many rows are new to a table before it is replaced by an empty one, outside the measured time.
 constexpr int kNewRows = 10'000;
 
-void SetNew(benchmark::State& state) {
+// `make` gives what the rows are set in.
+template <class Make>
+void SetNewRows(benchmark::State& state, Make make) {
   const std::vector<Varnix::Row> rows = Rows(kNewRows, 1);
   int next = kNewRows;
-  std::unique_ptr<WatchedTable> watched;
+  decltype(make()) made;
   for (auto _ : state) {
     if (next == kNewRows) {
       state.PauseTiming();
-      watched.reset();
-      watched = std::make_unique<WatchedTable>(state.range(0));
+      made.reset();
+      made = make();
       next = 0;
       state.ResumeTiming();
     }
-    watched->table->Set(rows[static_cast<std::size_t>(next++)]);
+    made->Set(rows[static_cast<std::size_t>(next++)]);
   }
+}
+
+void SetNew(benchmark::State& state) {
+  SetNewRows(state, [&] { return std::make_unique<WatchedTable>(state.range(0)); });
 }
 
 void SetRows(benchmark::State& state, int values) {
@@ -115,18 +123,7 @@ class LockedMap {
 };
 
 void LimitSetNew(benchmark::State& state) {
-  const std::vector<Varnix::Row> rows = Rows(kNewRows, 1);
-  int next = kNewRows;
-  std::unique_ptr<LockedMap> map;
-  for (auto _ : state) {
-    if (next == kNewRows) {
-      state.PauseTiming();
-      map = std::make_unique<LockedMap>();
-      next = 0;
-      state.ResumeTiming();
-    }
-    map->Set(rows[static_cast<std::size_t>(next++)]);
-  }
+  SetNewRows(state, [] { return std::make_unique<LockedMap>(); });
 }
 
 void LimitSetChanged(benchmark::State& state) {

@@ -183,9 +183,9 @@ class Host:
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def eventually(condition):
-    """Waits for what no line tells of."""
-    end = time.monotonic() + DEADLINE
+def eventually(condition, seconds=DEADLINE):
+    """Waits for what no line tells of, so it has to be asked for again and again."""
+    end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > end:
             return False

@@ -266,7 +266,7 @@ def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant)
             most = max(most, threads(plant.host))
         if number % 1000 == 0:
             plant.rows_keep_arriving()
-        time.sleep(max(0.0, start + number * 10 / count - time.monotonic()))  # Ten seconds in all.
+        time.sleep(max(0.0, start + number * 10 / count - time.monotonic()))  # The flood's pace.
     speaker.close()
     print("a flood of announcements: threads:", most, "and bytes:", plant.cost()[2])
 

@@ -66,14 +66,6 @@ class Network:
         expected = {key: b"%d" % value for key, value in self.written.items()}
         return all(host.table(b"plant", b"state") == expected for host in self.hosts)
 
-    def converges_within(self, seconds):
-        end = time.monotonic() + seconds
-        while not self.has_converged():
-            if time.monotonic() > end:
-                return False
-            time.sleep(0.05)
-        return True
-
     def nobody_has_seen_a_row_go_back(self):
         """Each row has one writer, who counts."""
         for host in self.hosts:
@@ -116,7 +108,7 @@ def bound(cut):
 def network_of_hosts(make_namespace, make_host):
     network = Network(make_namespace, make_host, HOSTS)
     network.write()
-    assert network.converges_within(programs.DEADLINE)
+    assert programs.eventually(network.has_converged)
     return network
 
 
@@ -134,12 +126,12 @@ def test_all_hosts_converge_after_every_cut_and_nobody_sees_a_row_go_back(networ
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             network_of_hosts.write()
-            time.sleep(0.1)
+            time.sleep(0.1)  # The pace of the writers while the cut lasts.
         network_of_hosts.heal(victim, silent)
         healed = time.monotonic()
         network_of_hosts.write()
 
-        assert network_of_hosts.converges_within(bound(seconds))
+        assert programs.eventually(network_of_hosts.has_converged, bound(seconds))
         print("converged", round(time.monotonic() - healed, 2), "seconds after; the bound is", bound(seconds))
 
     assert network_of_hosts.nobody_has_seen_a_row_go_back()
@@ -155,7 +147,7 @@ def test_a_host_whose_address_changes_is_met_at_the_new_one(network_of_hosts):
     network_of_hosts.hosts[0].do("network-changed")
     network_of_hosts.write()
 
-    assert network_of_hosts.converges_within(bound(0))
+    assert programs.eventually(network_of_hosts.has_converged, bound(0))
     assert network_of_hosts.nobody_has_seen_a_row_go_back()
 
 
@@ -168,4 +160,4 @@ def test_an_interface_without_a_route_is_made_good_for_when_it_has_one(make_name
     network.hosts[0].do("network-changed")
     network.write()
 
-    assert network.converges_within(bound(0))
+    assert programs.eventually(network.has_converged, bound(0))

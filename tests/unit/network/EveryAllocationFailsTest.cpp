@@ -4,7 +4,6 @@
 #include <sys/wait.h>
 
 #include <cstdarg>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -18,14 +17,7 @@ namespace {
 
 constexpr long kStreams = 2;  // One each way.
 
-long Step() {
-#if defined(VARNIX_EMULATED)
-  constexpr long kShort = 29;
-#else
-  constexpr long kShort = 11;
-#endif
-  return std::getenv("VARNIX_SOAK") != nullptr ? 1 : kShort;
-}
+long Step() { return ByPatience(29, 11, 1); }
 
 // As the first hook, and tells of every stream that is made before one of the servers restarts.
 void TellOfStreams(Varnix::LogLevel level, const char* tag, const char* format, va_list arguments) {

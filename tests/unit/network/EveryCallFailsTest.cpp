@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -21,14 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-long HighestCall() {
-#if defined(VARNIX_EMULATED)
-  constexpr long kShort = 4;
-#else
-  constexpr long kShort = 16;
-#endif
-  return std::getenv("VARNIX_SOAK") != nullptr ? 1000 : kShort;
-}
+long HighestCall() { return ByPatience(4, 16, 1000); }
 
 template <class Result, class... Arguments>
 void Inject(Hook<Result(Arguments...)>& hook, Fault& fault, int error, Result failure) {

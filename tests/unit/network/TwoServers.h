@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <string>
 
@@ -45,6 +46,16 @@ struct Outcome {
 // for a row.
 Outcome RunTwoServers(long first, bool for_ever, std::chrono::milliseconds patience,
                       const std::function<void(Fault&)>& inject);
+
+// How much a test tries: under an emulator, as a rule, or in the soak.
+inline long ByPatience([[maybe_unused]] long emulated, [[maybe_unused]] long usual, long soak) {
+  if (std::getenv("VARNIX_SOAK") != nullptr) return soak;
+#if defined(VARNIX_EMULATED)
+  return emulated;
+#else
+  return usual;
+#endif
+}
 
 // For the hook of poll(): a second of the receive loop's pauses goes by in ten milliseconds. Set in each such process.
 int PollQuickly(pollfd* entries, nfds_t count, int time_out);
