@@ -6,7 +6,6 @@
 #include "databases/InternalTableName.h"
 #include "logging/Log.h"
 #include "tables/LocalTable.h"
-#include "tables/StringMemory.h"
 
 using Varnix::LogLevel;
 
@@ -14,18 +13,13 @@ TableDecombiner::TableDecombiner(std::string database_name)
     : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
 
 void TableDecombiner::Set(const Varnix::Row& row) {
-  // Rows come from receivers, each on a thread of its own, which reuses the memory of its last row.
-  thread_local std::string name;
-  thread_local Varnix::Row plain;
   const SplitKey split(row.first);
-  name = split.name;
-  plain.first = split.key;
+  const std::string name(split.name);
+  const Varnix::Row plain(split.key, row.second);
   const std::shared_ptr<Varnix::Table> table = GetTable(name);
   Log(LogLevel::Debug, "tblcmbn.set", "TableDecombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
       name.c_str(), plain.first.c_str(), row.second.size());
-  plain.second = row.second;
   table->Set(plain);
-  EmptyForReuse(plain.second);
 }
 
 std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }

@@ -15,7 +15,7 @@ constexpr unsigned short kDiscoveryPort = 1975;
 // every 60 seconds, after a network change at 0, 2, 4 and 6 seconds; and reports the sender of each announcement of the
 // same group to the server, our own ones included. The handshake of the streams sorts out who that is.
 //
-// Threads: one, the server's discovery thread. Made on the thread that starts it: nothing is allocated after that.
+// Threads: one, the server's discovery thread. Made by the caller that starts it, who can be told of want of memory.
 // Errors: a poll that fails, or a wake pipe that cannot be read, is logged and ends the process.
 class Discovery {
  public:
