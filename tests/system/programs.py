@@ -15,12 +15,27 @@ PROGRAMS = pathlib.Path(os.environ["VARNIX_PROGRAMS"])
 EMULATOR = shlex.split(os.environ.get("VARNIX_EMULATOR", ""))
 DEADLINE = 60  # Seconds; they only bound a failing run.
 SOAK = os.environ.get("VARNIX_SOAK") == "1"  # The long forms of the tests; see scripts/soak.
-# What tests choose by chance they choose from this, which a failing run prints.
+# What tests choose by chance they choose from this.
 SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 << 32))
 
 
 # The sanitizers and the emulator keep memory of their own.
 MEMORY_IS_ITS_OWN = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
+
+
+def figure(*words):
+    """Prints what was measured; scripts/test shows all such lines after the tests."""
+    print("figure:", *words)
+
+
+def steps_back(changes):
+    """Those of the (key, number) changes, oldest first, that brought a number not above one seen before."""
+    highest, back = {}, []
+    for key, value in changes:
+        if int(value) <= highest.get(key, 0):
+            back.append((key, value, highest[key]))
+        highest[key] = max(int(value), highest.get(key, 0))
+    return back
 
 
 def private_memory(pid):

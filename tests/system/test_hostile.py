@@ -154,7 +154,7 @@ def test_five_hundred_connections_that_say_nothing(plant):
         silent.append(wire.connect(plant.port))
         assert silent[-1].receive_record() == (b"plant", b"\x05pressp")
     plant.rows_keep_arriving()
-    print("500 silent connections: threads, descriptors, bytes:", plant.cost())
+    programs.figure("500 silent connections: threads, descriptors, bytes:", *plant.cost())
 
     for stream in silent:
         stream.close()
@@ -268,7 +268,7 @@ def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant)
             plant.rows_keep_arriving()
         time.sleep(max(0.0, start + number * 10 / count - time.monotonic()))  # The flood's pace.
     speaker.close()
-    print("a flood of announcements: threads:", most, "and bytes:", plant.cost()[2])
+    programs.figure("a flood of announcements: threads:", most, "and bytes:", plant.cost()[2])
 
     assert most <= 1024 + 50
     plant.rows_keep_arriving()
@@ -277,7 +277,7 @@ def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant)
 def test_nothing_is_left_of_all_that(plant, rest):
     after = settled(plant)
 
-    print("threads, descriptors and bytes before:", rest, "and after:", after)
+    programs.figure("threads, descriptors, bytes before all attacks:", *rest, "and after:", *after)
     assert after[:2] == rest[:2]
     if programs.MEMORY_IS_ITS_OWN:
         assert after[2] <= rest[2] + MEBIBYTE

@@ -79,7 +79,8 @@ def test_peers_that_are_slow_or_stopped_cost_the_writer_and_the_others_nothing(w
         writer.do("trim")
         memory.append(programs.private_memory(writer.pid))
 
-    print("bytes after each round:", memory, "longest Set:", longest_set, "s, marker seen after", latest, "s")
+    programs.figure("slow peers: bytes after the first round", memory[0], "and at most", max(memory), "- longest Set",
+                    round(longest_set, 4), "s - healthy peers see a row after at most", round(max(latest), 4), "s")
     if programs.MEMORY_IS_ITS_OWN:
         assert max(memory) <= memory[0] + MEBIBYTE
     assert longest_set < 10  # A stopped peer would have held it for ever.

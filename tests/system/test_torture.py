@@ -15,7 +15,7 @@ def run(*arguments):
 
 
 def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sharing_change(network):
-    print("seed", SEED)
+    programs.figure("seed of the torture:", SEED)
     seconds = 30 if SOAK else 4
 
     run("calls", SEED, seconds)

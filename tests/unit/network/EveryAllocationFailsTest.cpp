@@ -58,6 +58,6 @@ TEST_P(EveryAllocationFailsTest, OnTheServersThreadsAndAtMostOneStreamIsLostForE
   const bool for_ever = GetParam();
   long first = 1;
   while (SurvivesFailure(first, for_ever) && !HasFailure()) first += Step();
-  std::printf("The first %ld allocations failed, one in %ld\n", first - 1, Step());
+  std::printf("figure: the first %ld allocations failed, one in %ld\n", first - 1, Step());
   EXPECT_FALSE(HasFailure()) << "allocation " << first;
 }

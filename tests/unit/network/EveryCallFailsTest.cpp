@@ -153,6 +153,6 @@ TEST_P(EveryCallFailsTest, OnceOrForEverAndAllIsWellOnceItIsOverOrTheProcessEnds
   }
   RecordProperty("runs", runs);
   RecordProperty("ends_of_process", ends_of_process);
-  std::printf("%s: %d runs, %d of which end the process\n", GetParam().name, runs, ends_of_process);
+  std::printf("figure: %s fails: %d runs, %d of which end the process\n", GetParam().name, runs, ends_of_process);
   EXPECT_EQ(ends_of_process > 0, !GetParam().fatal_tags.empty());
 }
