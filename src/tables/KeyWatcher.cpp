@@ -1,5 +1,6 @@
 #include "tables/KeyWatcher.h"
 
+#include <algorithm>
 #include <utility>
 
 LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key,
@@ -7,15 +8,16 @@ LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> watched, std::str
     : LWatcher(std::move(watched)),
       row(current),
       key(std::move(watched_key)),
-      changed(row != table->rows.end()),
-      entry(table->key_watchers.end()) {}
+      changed(row != table->rows.end()) {}
 
 LocalTable::KeyWatcher::~KeyWatcher() VARNIX_NO_LOCK_ANALYSIS {
   destruction_lock_.lock();
-  if (entry != table->key_watchers.end()) table->key_watchers.erase(entry);
+  const auto [first, last] = table->key_watchers.equal_range(key);
+  const auto entry = std::find_if(first, last, [this](const auto& other) { return other.second == this; });
+  if (entry != last) table->key_watchers.erase(entry);
 }
 
-void LocalTable::KeyWatcher::Enter() { entry = table->key_watchers.emplace(key, this); }
+void LocalTable::KeyWatcher::Enter() { table->key_watchers.emplace(key, this); }
 
 std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
   MutexLock lock(table_lock);

@@ -29,5 +29,4 @@ class LocalTable::KeyWatcher final : public LWatcher {
   Position row VARNIX_GUARDED_BY(table_lock);
   const std::string key;
   bool changed VARNIX_GUARDED_BY(table_lock);
-  decltype(LocalTable::key_watchers)::iterator entry VARNIX_GUARDED_BY(table_lock);
 };

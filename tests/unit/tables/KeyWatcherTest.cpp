@@ -60,6 +60,29 @@ TEST_F(KeyWatcherTest, IgnoresTheChangesOfOtherKeys) {
   EXPECT_EQ(watcher->GetChanges(), Rows());
 }
 
+TEST_F(KeyWatcherTest, IgnoresRowsOfOtherKeysThatItIsToldOf) {
+  const auto watcher = std::dynamic_pointer_cast<LocalTable::KeyWatcher>(table_->Watch("k"));
+  LocalTable::Rows others{{"other", "v"}};
+  const MutexLock lock(table_lock);
+
+  watcher->RowInserted(others.begin());
+  watcher->RowUpdated(others.begin());
+
+  EXPECT_TRUE(watcher->Empty());
+}
+
+TEST_F(KeyWatcherTest, LeavesTheOthersOfItsKeyInPlaceWhenItGoes) {
+  const auto first = table_->Watch("k");
+  auto second = table_->Watch("k");
+  const auto third = table_->Watch("k");
+
+  second.reset();
+  table_->Set({"k", "v"});
+
+  EXPECT_EQ(first->GetChanges(), (Rows{{"k", "v"}}));
+  EXPECT_EQ(third->GetChanges(), (Rows{{"k", "v"}}));
+}
+
 TEST_F(KeyWatcherTest, ReportsTheValueOfTheMomentOfReading) {
   const auto watcher = table_->Watch("k");
   table_->Set({"k", "1"});

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "logging/Log.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
@@ -108,6 +109,26 @@ TEST_F(LWatcherSetTest, SetOnAnotherThreadEndsAWait) {
   EXPECT_EQ(set->Wait(), (Change{{"k", "v"}, watcher}));
 
   setter.join();
+}
+
+TEST_F(LWatcherSetTest, GivesAChangeThatWasBegunBeforeTheDeadlineAndMadeAfterIt) {
+  const auto watcher = table_->Watch("k");
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  Change change;
+  std::atomic<bool> begun_before{false};
+  for (std::chrono::milliseconds limit(50); !begun_before; limit *= 2) {  // Until this thread was quick enough.
+    const Clock::time_point deadline = Clock::now() + limit;
+    SetLogHook([&](Varnix::LogLevel, const char*, const char*, va_list) {
+      begun_before = Clock::now() < deadline;
+      std::this_thread::sleep_until(deadline + std::chrono::milliseconds(1));
+    });
+    const SleepingThread waiter([&] { change = set->WaitUntil(deadline); });
+
+    table_->Set({"k", std::to_string(limit.count())});
+  }
+  SetLogHook(DefaultLogger);
+
+  EXPECT_EQ(change.second, watcher);
 }
 
 TEST_F(LWatcherSetTest, GivesNoChangeThatWasReadDirectly) {

@@ -2,13 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 #include "support/ThrowingHook.h"
 #include "tables/LocalTable.h"
 
@@ -297,6 +300,20 @@ TEST(MakeTable, MakesTwoTablesOfOneName) {
   EXPECT_THAT(Listed("twice"), testing::UnorderedElementsAre(first, second));
 }
 
+TEST(MakeTable, WaitsForTheTableLock) {
+  std::atomic<bool> through{false};
+  std::optional<SleepingThread> waiting;
+  {
+    const MutexLock lock(table_lock);
+    waiting.emplace([&] {
+      Varnix::MakeTable("t");
+      through = true;
+    });
+
+    EXPECT_FALSE(through);
+  }
+}
+
 TEST(MakeTable, LogsNothing) {
   LogRecorder log;
 
@@ -313,6 +330,20 @@ TEST(MakeTable, TakesAnyBytesAsAName) {
 
   EXPECT_EQ(Listed(name), (std::vector<std::shared_ptr<Varnix::Table>>{named}));
   EXPECT_THAT(Listed(""), testing::Contains(unnamed));
+}
+
+TEST(GetLocalTables, WaitsForTheTableLock) {
+  std::atomic<bool> through{false};
+  std::optional<SleepingThread> waiting;
+  {
+    const MutexLock lock(table_lock);
+    waiting.emplace([&] {
+      Varnix::GetLocalTables();
+      through = true;
+    });
+
+    EXPECT_FALSE(through);
+  }
 }
 
 TEST(GetLocalTables, LogsNothing) {
