@@ -25,33 +25,34 @@ std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> LocalTable::
 }
 
 LocalTable::LocalTable(std::string table_name) : name(std::move(table_name)) {
-  key_watchers.max_load_factor(0.25F);  // A key that nobody watches mostly meets an empty bucket.
+  // A key that is absent mostly meets an empty bucket, and no chain of others that have to be fetched from memory.
+  index.max_load_factor(0.5F);
+  key_watchers.max_load_factor(0.25F);
 }
 
 LocalTable::~LocalTable() { LocalTableRegistry::Leave(this); }
 
-void LocalTable::Set(const Varnix::Row& row) {
-  MutexLock lock(table_lock);
-  const auto found = index.find(row.first);
-  const bool known = found != index.end();
-  Log(LogLevel::Debug, known ? "tbl.set.upd" : "tbl.set.ins",
-      known ? "Table(%p) updating row for %s (%zu bytes)" : "Table(%p) inserting row for %s (%zu bytes)",
-      static_cast<void*>(this), row.first.c_str(), row.second.size());
-  known ? Update(found->second, row.second) : Insert(row);
-}
+void LocalTable::Set(const Varnix::Row& row) { SetRow(row, true); }
 
-void LocalTable::SetUnlogged(const Varnix::Row& row) {
-  MutexLock lock(table_lock);
-  const auto found = index.find(row.first);
-  found != index.end() ? Update(found->second, row.second) : Insert(row);
-}
+void LocalTable::SetUnlogged(const Varnix::Row& row) { SetRow(row, false); }
 
-void LocalTable::Insert(const Varnix::Row& row) {
-  // All that can throw comes first, on a list of its own: then the row is in everywhere, or nowhere.
-  Rows inserted{row};
-  index.emplace(row.first, inserted.begin());
-  rows.splice(rows.end(), inserted);
-  Tell(&LWatcher::RowInserted, std::prev(rows.end()));
+void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
+  MutexLock lock(table_lock);
+  const auto [entry, absent] = index.try_emplace(row.first, rows.end());  // Looks the key up once, known or not.
+  try {
+    if (logged) {
+      Log(LogLevel::Debug, absent ? "tbl.set.ins" : "tbl.set.upd",
+          absent ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
+          static_cast<void*>(this), row.first.c_str(), row.second.size());
+    }
+    if (absent) rows.push_back(row);
+  } catch (...) {
+    if (absent) index.erase(entry);
+    throw;
+  }
+  if (!absent) return Update(entry->second, row.second);
+  entry->second = std::prev(rows.end());
+  Tell(&LWatcher::RowInserted, entry->second);
 }
 
 void LocalTable::Update(Position position, const std::string& value) {

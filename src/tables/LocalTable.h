@@ -45,7 +45,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   void SetUnlogged(const Varnix::Row& row) VARNIX_EXCLUDES(table_lock);
 
  private:
-  void Insert(const Varnix::Row& row) VARNIX_REQUIRES(table_lock);
+  void SetRow(const Varnix::Row& row, bool logged) VARNIX_EXCLUDES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
   void Tell(void (LWatcher::*change)(Position), Position position) VARNIX_REQUIRES(table_lock);
 
