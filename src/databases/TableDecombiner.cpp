@@ -6,20 +6,31 @@
 #include "databases/InternalTableName.h"
 #include "logging/Log.h"
 #include "tables/LocalTable.h"
+#include "tables/StringMemory.h"
 
 using Varnix::LogLevel;
 
 TableDecombiner::TableDecombiner(std::string database_name)
     : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
 
+TableDecombiner::~TableDecombiner() { delete spare.load(); }
+
 void TableDecombiner::Set(const Varnix::Row& row) {
-  const SplitKey split(row.first);
-  const std::string name(split.name);
-  const Varnix::Row plain(split.key, row.second);
+  std::unique_ptr<Split> split(spare.exchange(nullptr));
+  if (!split) split = std::make_unique<Split>();
+  auto& [name, plain] = *split;
+  const SplitKey parts(row.first);
+  name = parts.name;
+  plain.first = parts.key;
+  plain.second = row.second;
   const std::shared_ptr<Varnix::Table> table = GetTable(name);
   Log(LogLevel::Debug, "tblcmbn.set", "TableDecombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
       name.c_str(), plain.first.c_str(), row.second.size());
   table->Set(plain);
+  EmptyForReuse(name);
+  EmptyForReuse(plain.first);
+  EmptyForReuse(plain.second);
+  delete spare.exchange(split.release());
 }
 
 std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }

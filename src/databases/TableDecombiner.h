@@ -2,6 +2,7 @@
 
 #include <Varnix.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -15,6 +16,7 @@
 class TableDecombiner final : public Varnix::Table {
  public:
   explicit TableDecombiner(std::string database_name);
+  ~TableDecombiner() override;
 
   void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock);
   // Nobody watches the way in: both return null.
@@ -31,4 +33,11 @@ class TableDecombiner final : public Varnix::Table {
   const std::string database;
   std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);
   const std::shared_ptr<Varnix::Table> table_table;
+
+  // What a row is split into.
+  struct Split {
+    std::string name;
+    Varnix::Row plain;
+  };
+  std::atomic<Split*> spare{nullptr};  // In memory that the next row will use, unless another thread has taken it.
 };

@@ -219,6 +219,31 @@ TEST_F(TableDecombinerTest, MakesOneTableForThreadsThatAllSetItsFirstRow) {
   EXPECT_EQ(Contents(*decombiner_.GetTable("cfg")).size(), static_cast<std::size_t>(kThreads));
 }
 
+TEST_F(TableDecombinerTest, SetsAKnownRowOfUsualSizeWithoutAnAllocation) {
+  const std::string key = CombinedKey("a name that does not fit into the string itself", std::string(100, 'k'));
+  decombiner_.Set({key, std::string(100, '1')});
+  const Varnix::Row row(key, std::string(100, '2'));
+  {
+    const FailingAllocation failing(1);
+
+    decombiner_.Set(row);
+
+    EXPECT_FALSE(failing.HasFailed());
+  }
+  const auto table = decombiner_.GetTable("a name that does not fit into the string itself");
+  EXPECT_EQ(Contents(*table), (Rows{{std::string(100, 'k'), std::string(100, '2')}}));
+}
+
+TEST_F(TableDecombinerTest, KeepsALongValueOnlyOnce) {
+  decombiner_.Set({"\1tk", std::string(100, '1')});
+  const Varnix::Row row("\1tk", std::string(10'000, '2'));
+  const long live = LiveAllocations();
+
+  decombiner_.Set(row);
+
+  EXPECT_EQ(LiveAllocations(), live - 1);  // What was kept for the next value is given back.
+}
+
 TEST_F(TableDecombinerTest, IsWholeAfterMemoryRanOutAnywhere) {
   const Varnix::Row row(CombinedKey("a name that does not fit into the string itself", "k"), std::string(100, 'v'));
   for (long n = 1;; ++n) {
