@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <new>
 #include <thread>
 
 #include "threads/Mutex.h"
@@ -13,7 +14,8 @@ std::atomic<std::thread::id> hook_thread;  // Runs the hook just now.
 
 // Never destroyed, only emptied at exit: tables in the host's static objects, and threads that outlive main, still log.
 LogHook& Hook() VARNIX_REQUIRES(log_lock) {
-  static LogHook& hook = *new LogHook(DefaultLogger);
+  alignas(LogHook) static unsigned char place[sizeof(LogHook)];  // The first message allocates nothing either.
+  static LogHook& hook = *new (place) LogHook(DefaultLogger);
   return hook;
 }
 
