@@ -21,10 +21,15 @@ class VARNIX_THREADS(capability("mutex")) Mutex : public std::mutex {
   void unlock() VARNIX_THREADS(release_capability()) { std::mutex::unlock(); }
 };
 
+// Locks a mutex that another thread holds just now.
+void LockContended(std::unique_lock<std::mutex>& lock);
+
 // Holds a Mutex for a scope. Throws std::system_error when locking fails.
 class VARNIX_THREADS(scoped_lockable) MutexLock {
  public:
-  explicit MutexLock(Mutex& mutex) VARNIX_THREADS(acquire_capability(mutex)) : lock_(mutex) {}
+  explicit MutexLock(Mutex& mutex) VARNIX_THREADS(acquire_capability(mutex)) : lock_(mutex, std::try_to_lock) {
+    if (!lock_) LockContended(lock_);
+  }
   ~MutexLock() VARNIX_THREADS(release_capability()) {}
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;

@@ -1,0 +1,24 @@
+#include "threads/Mutex.h"
+
+namespace {
+
+// Tells the processor that it is in a loop that waits.
+void RelaxProcessor() {
+#if defined(__i386__) || defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__) || (defined(__ARM_ARCH) && __ARM_ARCH >= 7)
+  __asm__ __volatile__("yield");
+#endif
+}
+
+}  // namespace
+
+void LockContended(std::unique_lock<std::mutex>& lock) {
+  // Some microseconds: most holders are through sooner, and to sleep and be woken takes longer.
+  constexpr int kTries = 200;
+  for (int tried = 0; tried < kTries; ++tried) {
+    RelaxProcessor();
+    if (lock.try_lock()) return;
+  }
+  lock.lock();
+}
