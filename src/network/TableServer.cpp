@@ -3,9 +3,12 @@
 #include <arpa/inet.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -29,8 +32,8 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr int kPauseWithoutDescriptors_ms = 100;
-// More than a group has members; a flood of announcements shall not fill the memory with threads.
-constexpr int kMostReceivers = 1024;
+// More than a group has members; a flood of announcements or connections shall not fill the memory with threads.
+constexpr rlim_t kMostPeers = 1024;
 constexpr std::chrono::milliseconds kPauseWithoutMemory(100);
 // Ample for our frames and a log hook, and not the usual 8 MiB each: a 32-bit process has no room for hundreds of
 // those.
@@ -79,6 +82,28 @@ bool SetUnlogged(LocalTable& table, const Varnix::Row& row) try {
   table.SetUnlogged(row);
   return true;
 } catch (const std::bad_alloc&) {
+  return false;
+}
+
+// Peers of each direction that the process may have at once. Each has a descriptor: no flood may take them all, because
+// the process ends where it can make no socket.
+rlim_t MostPeers() {
+  rlimit descriptors{};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  return std::min(kMostPeers, descriptors.rlim_cur / 8 * 3);
+}
+
+// False, with errno, when there is no thread to be had, or `count` of them are enough already.
+template <class Body>
+bool StartCounted(std::atomic<unsigned>& count, Body body) {
+  const bool few = ++count <= MostPeers();
+  auto counted = [&count, body = std::move(body)]() mutable {
+    body();
+    --count;
+  };
+  if (few && StartDetached(std::move(counted))) return true;
+  if (!few) errno = EAGAIN;
+  --count;
   return false;
 }
 
@@ -229,21 +254,18 @@ void TableServer::AcceptConnection() {
 }
 
 void TableServer::FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns) {
-  const bool few = ++receivers_ <= kMostReceivers;
-  const bool started = few && StartDetached([this, address, port, active_esns = std::move(active_esns)]() mutable {
-                         ReceiveLoop loop(*this, address, port, std::move(active_esns));
-                         loop.Run();
-                         --receivers_;  // Before the loop lets go of the ActiveESNs, and with it of this server.
-                       });
+  static std::atomic<unsigned> receivers{0};
+  const bool started = StartCounted(receivers, [this, address, port, active_esns = std::move(active_esns)] {
+    ReceiveLoop(*this, address, port, active_esns).Run();
+  });
   if (started) return;
-  --receivers_;
-  if (!few) errno = EAGAIN;
   Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", errno);
 }
 
 void TableServer::IncomingConnection(int socket, unsigned address) {
-  const bool started = StartDetached(
-      [this, socket, address, active_esns = active_esns_] { SendTable(*this, socket, address, active_esns); });
+  static std::atomic<unsigned> senders{0};
+  const bool started = StartCounted(
+      senders, [this, socket, address, active_esns = active_esns_] { SendTable(*this, socket, address, active_esns); });
   if (started) return;
   Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", errno);
   close(socket);

@@ -3,7 +3,6 @@
 #include <Varnix.h>
 #include <netinet/in.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <string>
@@ -39,9 +38,9 @@ class TableServer {
   // Has the discovery thread announce us in a burst.
   void NetworkChanged();
 
-  // Start a thread for a peer, in host byte order: one that receives from it, of which there are at most 1,024 at once,
-  // or one that serves it on `socket`. When there is none to be had, it is logged and the socket closed; the peer's next
-  // announcement tries again.
+  // Start a thread for a peer, in host byte order: one that receives from it, or one that serves it on `socket`. When
+  // there is none to be had, it is logged and the socket closed; the peer's next announcement tries again. Of each kind
+  // the process has at most 1,024, and one for three eighths of the descriptors that it may have.
   void FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns);
   void IncomingConnection(int socket, unsigned address);
 
@@ -85,5 +84,4 @@ class TableServer {
   std::thread discover_thread_;
   std::thread accept_thread_;
   bool stopped_ = false;
-  std::atomic<int> receivers_{0};  // Threads that receive, or try to.
 };

@@ -257,6 +257,23 @@ def test_want_of_descriptors_neither_burns_the_processor_nor_floods_the_log(host
     assert waiting.receive_record() == (b"plant", b"\x05pressp")
 
 
+def test_neighbours_leave_the_process_descriptors_of_its_own(host, ether):
+    limit = host.limit(resource.RLIMIT_NOFILE, 128)
+    silent = [wire.Listener() for _ in range(100)]
+    visitors = [wire.connect(host.port) for _ in range(100)]
+    for place in silent:
+        ether.announce(place.port, GROUP)
+
+    assert host.logs(3, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error 11")
+    assert host.logs(3, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error 11")
+    programs.figure("of 128 descriptors, 200 silent neighbours take", len(host.descriptors()))
+    host.share(b"another", GROUP, b"press")  # It would end the process to have no sockets for this.
+
+    for neighbour in (*silent, *visitors):
+        neighbour.close()
+    host.limit(resource.RLIMIT_NOFILE, limit)
+
+
 @pytest.fixture
 def limited(host):
     """The host, which cannot start threads."""

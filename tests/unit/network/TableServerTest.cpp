@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -137,6 +138,22 @@ class Client {
   const int socket_;
 };
 
+// The soft limit of the process, while this object lives.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t limit) {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const rlimit changed = {limit, before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &changed), 0) << "the hard limit is " << before_.rlim_max;
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
 // A server that neither announces nor hears anything. Hooks of poll that a test sets come before Start().
 class TableServerTest : public testing::Test {
  protected:
@@ -155,6 +172,23 @@ class TableServerTest : public testing::Test {
     return count == 1 && entries[0].fd == calls_.Descriptor(kDoneRead);
   }
   std::string Address() const { return AddressOf(server_.get()); }
+
+  void ReceivesFromNoMoreThan(std::size_t most) {
+    Start();
+    const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
+      return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
+    });
+    const auto esns = std::make_shared<ActiveESNs>([] {});
+    for (std::size_t i = 0; i < most; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+    EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
+
+    server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+
+    EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
+                                                                     "TableServer: FoundPeer::thread error 11", ""}));
+    server_->Stop();
+    EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort", most));
+  }
 
   LogRecorder log_;
   CallRecorder calls_;
@@ -1140,21 +1174,37 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoMemoryIsLogged) {
 }
 
 TEST_F(TableServerTest, NoMoreThan1024PeersAreReceivedFromAtOnce) {
+  const DescriptorLimit descriptors(4096);
+  ReceivesFromNoMoreThan(1024);
+}
+
+TEST_F(TableServerTest, PeersThatAreReceivedFromTakeNoMoreThanThreeEighthsOfTheDescriptors) {
+  const DescriptorLimit descriptors(128);
+  ReceivesFromNoMoreThan(48);
+}
+
+TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescriptors) {
+  const DescriptorLimit descriptors(128);
   Start();
-  const Hooked connect(Hooks().connect, FailWith{ECONNREFUSED});
-  const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
-    return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
-  });
-  const auto esns = std::make_shared<ActiveESNs>([] {});
-  for (int i = 0; i < 1024; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
-  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
+  std::vector<std::unique_ptr<Client>> peers;
+  for (int i = 0; i < 48; ++i) {
+    peers.push_back(std::make_unique<Client>(server_->GetListenPort()));
+    ASSERT_EQ(peers.back()->Receive(14), kRecordOfUid);
+  }
+  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.thread")));
 
-  server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  const Client refused(server_->GetListenPort());
 
-  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
-                                                                   "TableServer: FoundPeer::thread error 11", ""}));
-  server_->Stop();
-  EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort", 1024));
+  EXPECT_TRUE(refused.IsEnded());
+  EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
+              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.thread",
+                                  "TableServer: IncomingConnection::thread error 11", ""}));
+  peers.clear();  // Their threads see that within a second.
+  EXPECT_TRUE(log_.Eventually("tblsndr.dtor", 48));
+  const auto end = std::chrono::steady_clock::now() + kDeadline;
+  while (Client(server_->GetListenPort()).Receive(14) != kRecordOfUid) {
+    ASSERT_LT(std::chrono::steady_clock::now(), end);  // The last of the threads counts until it is gone.
+  }
 }
 
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
