@@ -35,13 +35,15 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
   Cookie& self = *static_cast<Cookie*>(cookie);
   // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way.
   if (self.lock_lent_) return static_cast<ssize_t>(size);
+  // Else the host flushes what stands in the buffer between two records, and must not wait for the peer.
+  const bool ours = self.locked_stream_ != nullptr || std::this_thread::get_id() == self.thread_;
   std::size_t taken = 0;
   while (taken < size) {
-    if (!self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;
+    if (ours && !self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;
     const ssize_t sent = send(self.socket, buffer + taken, size - taken, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent >= 0) {
       taken += static_cast<std::size_t>(sent);
-    } else if (errno == EAGAIN) {
+    } else if (errno == EAGAIN && ours) {
       self.LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
     } else if (errno != EINTR) {
       shutdown(self.socket, SHUT_RDWR);  // stdio has dropped the rest: nothing more of this stream may be read.

@@ -6,14 +6,16 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <thread>
 
 // What stands behind the stdio stream of a connected socket: every wait for the socket also watches the done pipe of
 // the server, so that one byte there ends all reads and writes of all its streams, now and later.
 //
 // Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) walks over every stream of the
 // process, and would wait for the lock of ours as long as ours waits for a peer. So our thread lends the lock out
-// during such waits (see Poll), and holds it for the rest of each record (see StreamLock). Ownership: owns neither
-// descriptor nor the stream.
+// during such waits (see Poll), and holds it for the rest of each record (see StreamLock). Between two records a row
+// with an empty value may stand in the buffer: a flush that a stalled peer would hold up ends the stream instead.
+// Ownership: owns neither descriptor nor the stream.
 struct Cookie {
   Cookie(int connected_socket, int done_pipe) : socket(connected_socket), done_descriptor(done_pipe) {}
 
@@ -42,6 +44,7 @@ struct Cookie {
   int Poll(struct pollfd* entries);
   [[noreturn]] void LogErrnoAndAbort(const char* tag, const char* format);
 
+  const std::thread::id thread_ = std::this_thread::get_id();
   // Both change only under the stream's lock, which no sanitizer sees: hence atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
   int read_error_ = 0;                         // An errno that has not been logged yet.

@@ -420,13 +420,14 @@ TEST_F(CookieTest, StopWinsOverRoomInTheSocket) {
 TEST_F(CookieTest, BlockedWriteReturnsZeroWhenTheServerStops) {
   FillConnection();
   WaitingInPoll waiting;
-  ssize_t written = -1;
-  std::thread writer([&] { written = Write("abc"); });
-  EXPECT_TRUE(waiting.Eventually());
+  std::thread stopping([&] {
+    EXPECT_TRUE(waiting.Eventually());
+    SignalDone();
+  });
 
-  SignalDone();
+  const ssize_t written = Write("abc");
 
-  writer.join();
+  stopping.join();
   EXPECT_EQ(written, 0);
   EXPECT_TRUE(cookie_.aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
@@ -872,6 +873,28 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   sender.join();
   EXPECT_TRUE(written);
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostsFlushSendsWhatStandsInTheBufferBetweenTwoRecords) {
+  FILE* const stream = cookie_.OpenStream();
+  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+
+  EXPECT_TRUE(HostFlushReturns([] {}));
+
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostsFlushEndsAStreamWhoseBufferAStalledPeerDoesNotTake) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::size_t filled = FillConnection();
+  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+
+  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+
+  EXPECT_TRUE(returned);
+  EXPECT_EQ(returned ? PeerReceives(filled + 1).size() : filled, filled);  // And then the end.
   fclose(stream);
 }
 
