@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <new>
 #include <optional>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "network/ActiveESNs.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
+#include "network/SystemCalls.h"
 #include "network/TableServer.h"
 #include "tables/LWatcherSet.h"
 
@@ -42,9 +42,7 @@ TableSender::~TableSender() {
 
 void TableSender::MakeStream() {
   stream_ = cookie_.OpenStream();
-  if (stream_ != nullptr) return;
-  Log(LogLevel::Error, "tblsndr.cook.fopen", "TableSender: fopencookie failed");
-  std::abort();
+  if (stream_ == nullptr) LogErrnoAndAbort("tblsndr.cook.fopen", "TableSender: fopencookie failed");
 }
 
 void TableSender::Converse(unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {

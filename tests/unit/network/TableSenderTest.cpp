@@ -381,6 +381,17 @@ TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcess) {
               Says("tblsndr.cook.fopen: TableSender: fopencookie failed: Cannot allocate memory\n"));
 }
 
+TEST_F(TableSenderTest, ExceptionOfTheLogHookKeepsNoStreamThatCannotBeMadeFromEndingTheProcess) {
+  const auto send = [this] {
+    const HookedHere fopencookie(Hooks().fopencookie,
+                                 [](void*, const char*, cookie_io_functions_t) -> FILE* { return nullptr; });
+    const ThrowingHook hook("tblsndr.cook.fopen");
+    Send();
+  };
+
+  EXPECT_EXIT(send(), KilledBySignal(SIGABRT), Says(""));
+}
+
 TEST_F(TableSenderTest, PeerThatIsGoneAlreadyEndsTheStreamSilently) {
   PeerCloses();
 
