@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +14,7 @@
 #include "databases/TableDecombiner.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 #include "support/ThrowingHook.h"
 
 namespace {
@@ -201,6 +204,32 @@ TEST_F(TableDecombinerTest, GivesATableToOthersWhileARowIsSetIntoIt) {
   SetLogHook(DefaultLogger);
   EXPECT_EQ(status, std::future_status::ready);
   EXPECT_EQ(other.get(), table);
+}
+
+TEST_F(TableDecombinerTest, GivesATableToNobodyWhileItIsListedAndLogged) {
+  decombiner_.GetTable("other");
+  for (const std::string& step : {std::string("tbl.set.ins"), std::string("tblcmbn.create")}) {
+    SCOPED_TRACE(step);
+    std::atomic<bool> given{false};
+    std::optional<SleepingThread> other;
+    bool given_in_the_hook = true;
+    SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+      if (step != tag) return;
+      other.emplace([&] {
+        decombiner_.GetTable("other");
+        given = true;
+      });
+      given_in_the_hook = given;
+    });
+
+    decombiner_.GetTable("of " + step);
+
+    SetLogHook(DefaultLogger);
+    EXPECT_TRUE(other);
+    EXPECT_FALSE(given_in_the_hook);
+    other.reset();
+    EXPECT_TRUE(given);
+  }
 }
 
 TEST_F(TableDecombinerTest, MakesOneTableForThreadsThatAllSetItsFirstRow) {
