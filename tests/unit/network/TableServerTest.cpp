@@ -228,6 +228,31 @@ std::size_t NumberOfThreads() {
   return 0;
 }
 
+// What the thread of the one peer does at its end: it stays until the server's own threads have gone and the stop is
+// either asleep or past it.
+class EndOfThePeerThread {
+ public:
+  // To be made by the thread that stops the server, beside which there are `others`.
+  EndOfThePeerThread(CallRecorder& calls, std::size_t others) : calls_(calls), others_(others), stopping_(gettid()) {}
+
+  void Delay() const {
+    const auto deadline = std::chrono::system_clock::now() + kDeadline;
+    while (!StopWaits() && !StopWentOn() && std::chrono::system_clock::now() < deadline) std::this_thread::yield();
+    calls_.Add("last peer thread ends");
+  }
+
+ private:
+  bool StopWaits() const { return NumberOfThreads() <= others_ + 1 && IsAsleep(stopping_); }
+  bool StopWentOn() const {
+    const std::vector<std::string> calls = calls_.Calls();
+    return std::find(calls.begin(), calls.end(), "close(#1)") != calls.end();
+  }
+
+  CallRecorder& calls_;
+  const std::size_t others_;
+  const pid_t stopping_;
+};
+
 }  // namespace
 
 // Construction.
@@ -616,26 +641,64 @@ TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
   const Client peer(server_->GetListenPort());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
   const std::size_t threads_of_server = 3;
-  const std::size_t others = NumberOfThreads() - threads_of_server;
-  const pid_t stopping = gettid();
+  const EndOfThePeerThread end(calls_, NumberOfThreads() - threads_of_server);
   calls_.Clear();
-  // The peer's thread, at its end, stays until the server's own have gone and the stop is either asleep or past it.
   calls_.OnCall([&](const std::string& call) {
-    if (call != "close(#7)") return;
-    const auto deadline = std::chrono::system_clock::now() + kDeadline;
-    const auto waits = [&] { return NumberOfThreads() <= others + 1 && IsAsleep(stopping); };
-    const auto went_on = [&] {
-      const std::vector<std::string> calls = calls_.Calls();
-      return std::find(calls.begin(), calls.end(), "close(#1)") != calls.end();
-    };
-    while (!waits() && !went_on() && std::chrono::system_clock::now() < deadline) std::this_thread::yield();
-    calls_.Add("last peer thread ends");
+    if (call == "close(#7)") end.Delay();
   });
 
   server_->Stop();
 
   EXPECT_THAT(calls_.Calls(), ElementsAre("write(#4, D)", "close(#7)", "last peer thread ends", "close(#1)",
                                           "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, StopWaitsAlsoForThePeerThatItsOwnThreadAcceptsMeanwhile) {
+  Start();
+  const std::size_t threads_of_server = 2;
+  const EndOfThePeerThread end(calls_, NumberOfThreads() - threads_of_server);
+  std::promise<void> accepted;
+  std::atomic<bool> stop_has_begun{false};
+  calls_.Clear();
+  calls_.OnCall([&, stopping = gettid()](const std::string& call) {
+    if (call == "write(#4, D)") stop_has_begun = true;
+    if (call == "accept(#1, 16) = #7") {
+      accepted.set_value();
+      // Until the stop waits for this thread, or wrongly has done with the peers.
+      const auto deadline = std::chrono::system_clock::now() + kDeadline;
+      while (!(stop_has_begun && IsAsleep(stopping)) && std::chrono::system_clock::now() < deadline) {
+        std::this_thread::yield();
+      }
+    }
+    if (call == "close(#7)") end.Delay();
+  });
+  const Client peer(server_->GetListenPort());
+  ASSERT_TRUE(IsKept(accepted));
+
+  server_->Stop();
+
+  EXPECT_THAT(calls_.Calls(), ElementsAre("accept(#1, 16) = #7", "write(#4, D)", "fcntl(#7, F_SETFD, FD_CLOEXEC)",
+                                          "close(#7)", "last peer thread ends", "close(#1)", "close(#2)", "close(#3)",
+                                          "close(#4)", "close(#5)", "close(#6)"));
+}
+
+TEST_F(TableServerTest, StopSetsTheDoneRowBeforeItWaitsForItsOwnThreads) {
+  Start();
+  const auto done_watcher = server_->GetDoneTable()->WatchAll();
+  std::promise<void> accepted;
+  bool is_set = false;
+  calls_.OnCall([&](const std::string& call) {
+    if (call != "accept(#1, 16) = #7") return;
+    accepted.set_value();
+    const auto set = Varnix::MakeWatcherSet({done_watcher});
+    is_set = set->WaitUntil(std::chrono::steady_clock::now() + kDeadline).second == done_watcher;
+  });
+  const Client peer(server_->GetListenPort());
+  ASSERT_TRUE(IsKept(accepted));
+
+  server_->Stop();
+
+  EXPECT_TRUE(is_set);
 }
 
 TEST_F(TableServerTest, StopEndsAWriterThatAStalledPeerBlocksWhileTheHostFlushesAllTheTime) {
@@ -1205,6 +1268,53 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   while (Client(server_->GetListenPort()).Receive(14) != kRecordOfUid) {
     ASSERT_LT(std::chrono::steady_clock::now(), end);  // The last of the threads counts until it is gone.
   }
+}
+
+// More often than there is room for peers.
+constexpr int kManyTimes = 3000;
+
+TEST_F(TableServerTest, PeersThatFoundNoThreadTakeNoRoomFromLaterOnes) {
+  Start();
+  const auto esns = std::make_shared<ActiveESNs>([] {});
+  {
+    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  }
+
+  server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+
+  EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(kManyTimes));
+}
+
+TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
+  Start();
+  std::promise<void> end;
+  const Hooked poll(Hooks().poll, [&, ended = end.get_future().share()](pollfd* entries, nfds_t count, int time_out) {
+    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    ended.wait();  // Each tries once, and stays.
+    return FailWith{EINVAL}();
+  });
+  const auto esns = std::make_shared<ActiveESNs>([] {});
+  std::size_t received_from = 0;
+  for (; log_.Lines("tblsvr.fnd.thread").empty() && received_from < kManyTimes; ++received_from) {
+    server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  }
+  --received_from;  // The last was refused.
+  for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+
+  end.set_value();
+  EXPECT_TRUE(log_.Eventually("tblsvr.fp.poll", received_from));
+  const auto deadline = std::chrono::system_clock::now() + kDeadline;
+  const auto is_received_from = [&] { return log_.Lines("tblrcvr.ctor").size() > received_from; };
+  while (!is_received_from() && std::chrono::system_clock::now() < deadline) {
+    server_->FoundPeer(INADDR_LOOPBACK, 9,
+                       esns);  // Those that end give their room back a moment after their last line.
+    std::this_thread::yield();
+  }
+
+  EXPECT_TRUE(is_received_from());
+  server_->Stop();
 }
 
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
