@@ -1022,6 +1022,27 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
   fclose(stream);
 }
 
+TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
+  FILE* const stream = cookie_.OpenStream();
+  std::vector<Varnix::Row> rows;
+  for (int i = 0; i < 5000; ++i) rows.emplace_back("key number " + std::to_string(i), "");
+  rows.emplace_back("last", "v");
+  const std::string expected = BytesOf(rows);
+  std::string received;
+  std::thread peer([&] { received = PeerReceives(expected.size()); });
+
+  {
+    HostThatFlushes host;
+    while (host.Flushes() == 0) std::this_thread::yield();
+    for (const Varnix::Row& row : rows) EXPECT_EQ(WriteRecord(row, stream, cookie_), !row.second.empty());
+    peer.join();
+  }
+
+  EXPECT_TRUE(received == expected) << "bytes differ";
+  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
+  fclose(stream);
+}
+
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
   FILE* const stream = cookie_.OpenStream();
   const std::vector<Varnix::Row> rows = RowsOfManySizes();

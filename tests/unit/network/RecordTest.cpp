@@ -47,6 +47,20 @@ std::string Bytes(const char (&literal)[size]) {
   return std::string(literal, size - 1);
 }
 
+// Of all sends while this object lives, in their order.
+class SizesOfSends {
+ public:
+  const std::vector<std::size_t>& Get() const { return sizes_; }
+
+ private:
+  std::vector<std::size_t> sizes_;
+  const Hooked<ssize_t(int, const void*, std::size_t, int)> send_{
+      Hooks().send, [this](int descriptor, const void* bytes, std::size_t size, int flags) {
+        sizes_.push_back(size);
+        return Hooks().send.Real(descriptor, bytes, size, flags);
+      }};
+};
+
 }  // namespace
 
 // Writing.
@@ -186,16 +200,47 @@ TEST_F(RecordTest, FieldBOfExactly1048576BytesCountsAsEmpty) {
 }
 
 TEST_F(RecordTest, EveryRecordIsFlushedOnceAndWhole) {
-  std::vector<std::size_t> sends;
-  Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) {
-    sends.push_back(size);
-    return Hooks().send.Real(descriptor, bytes, size, flags);
-  });
+  const SizesOfSends sends;
 
   Write({"key", "value"});
   Write({"k", "v"});
 
-  EXPECT_EQ(sends, (std::vector<std::size_t>{4 + 3 + 5, 4 + 1 + 1}));
+  EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{4 + 3 + 5, 4 + 1 + 1}));
+}
+
+TEST_F(RecordTest, LongRecordLeavesInPiecesOfTheBufferSizeOfStdio) {
+  const SizesOfSends sends;
+
+  Write({"key", std::string(20000 - 4 - 3, 'v')});
+
+  EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ, 20000 - 2 * BUFSIZ}));
+}
+
+TEST_F(RecordTest, RecordsWithEmptyFieldsBLeaveWheneverTheyFillTheBufferAndTheRestWithTheNextRecord) {
+  const SizesOfSends sends;
+  std::string expected;
+
+  for (int i = 0; i < 19; ++i) {
+    const std::string key(996, static_cast<char>('a' + i));
+    EXPECT_FALSE(Write({key, ""}));
+    expected += Bytes("\x3E\x40\x00\x00") + key;
+  }
+
+  EXPECT_EQ(expected.size(), 19000U);
+  EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ}));
+  EXPECT_TRUE(Write({"k", "v"}));
+  EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ, 19000 - 2 * BUFSIZ + 6}));
+  EXPECT_TRUE(PeerReceivesWaiting() == expected + Bytes("\x00\x10\x00\x01") + "kv") << "bytes differ";
+}
+
+TEST_F(RecordTest, HostsFlushSendsARecordWithAnEmptyFieldBOnce) {
+  Write({"key", ""});
+
+  fflush(nullptr);
+
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key");
+  EXPECT_TRUE(Write({"k", "v"}));
+  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, RecordsFollowOneAnotherWithNothingBetween) {
