@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
+#include <new>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -42,9 +44,16 @@ class Member {
  public:
   explicit Member(std::string process) : process_(std::move(process)) {}
 
+  // Tries again while it is told that there is no thread or no memory to be had.
   void Start() {
-    server_ = std::make_unique<TableServer>(CombinedKey(kDevice, process_), kDatabase, received_, sent_,
-                                            "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"));
+    while (server_ == nullptr) {
+      try {
+        server_ = std::make_unique<TableServer>(CombinedKey(kDevice, process_), kDatabase, received_, sent_,
+                                                "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"));
+      } catch (const std::system_error&) {
+      } catch (const std::bad_alloc&) {
+      }
+    }
   }
   void Stop() { server_.reset(); }
   void NetworkChanged() const { server_->NetworkChanged(); }
@@ -87,6 +96,16 @@ bool MemoryIsLeft() {
 #endif
 }
 
+// Waits for a row that may not come before the fault is over; but until the fault strikes there is no reason why it
+// should not.
+void AwaitWhile(const Fault& fault, std::chrono::milliseconds patience, const Member& member, const std::string& key,
+                const std::string& value) {
+  const auto deadline = std::chrono::system_clock::now() + 20s;
+  while (!member.Gets(key, value, patience)) {
+    if (fault.HasStruck() || std::chrono::system_clock::now() > deadline) return;
+  }
+}
+
 bool MeetRestartAndStop(Fault& fault, std::chrono::milliseconds patience) {
   Member left("left");
   Member right("right");
@@ -94,13 +113,14 @@ bool MeetRestartAndStop(Fault& fault, std::chrono::milliseconds patience) {
   right.Set("right", "1");
   left.Start();
   right.Start();
-  right.Gets("left", "1", patience);  // Or not, while the fault lasts.
-  left.Gets("right", "1", patience);
+  AwaitWhile(fault, patience, right, "left", "1");
+  AwaitWhile(fault, patience, left, "right", "1");
   Log(Varnix::LogLevel::Debug, kRestartTag, "Restarting");
+  left.NetworkChanged();
   right.Stop();
   right.Start();
   right.Set("right", "2");
-  left.Gets("right", "2", patience);
+  AwaitWhile(fault, patience, left, "right", "2");
   // Nobody sets these again: they must not be lost.
   left.Set("once, by left", "l");
   right.Set("once, by right", "r");
@@ -119,7 +139,6 @@ bool MeetRestartAndStop(Fault& fault, std::chrono::milliseconds patience) {
 
 // The body of a process.
 Ending Run(Fault& fault, std::chrono::milliseconds patience) {
-  std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
   const std::ptrdiff_t descriptors = Entries("/proc/self/fd");
   const std::ptrdiff_t threads = Entries("/proc/self/task");
   if (!MeetRestartAndStop(fault, patience)) return kNotConverged;
@@ -149,8 +168,9 @@ Outcome RunTwoServers(long first, bool for_ever, std::chrono::milliseconds patie
   const pid_t child = fork();
   if (child == 0) {
     dup2(ends[1], STDERR_FILENO);
-    alarm(60);                // A hang is an end as well.
-    in_forked_child = false;  // This process is one of its own.
+    alarm(60);                  // A hang is an end as well.
+    in_forked_child = false;    // This process is one of its own.
+    std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
     static Fault& fault = *new Fault(first, for_ever);
     Hooks().poll.Set(PollQuickly);
     inject(fault);
