@@ -158,3 +158,4 @@ def test_an_interface_without_a_route_is_made_good_for_when_it_has_one(make_name
     network.write()
 
     assert programs.eventually(network.has_converged, bound(0))
+    assert network.nobody_has_seen_a_row_go_back()
