@@ -71,6 +71,13 @@ void TakeTime(Varnix::LogLevel, const char*, const char*, va_list) {
   }
 }
 
+// Since the epoch of the clock.
+template <typename Clock>
+std::string MillisecondsOf() {
+  using std::chrono::milliseconds;
+  return std::to_string(std::chrono::duration_cast<milliseconds>(Clock::now().time_since_epoch()).count());
+}
+
 // The thread goes on until the process has ended, as threads of careless hosts do.
 void ReportRows(const std::string& prefix, const std::shared_ptr<Varnix::Table>& table) {
   std::thread([prefix, set = Varnix::MakeWatcherSet({table->WatchAll()})] {
@@ -104,6 +111,8 @@ class Host {
         {"watch", &Host::Watch},
         {"watch-tables", &Host::WatchTables},
         {"watch-databases", &Host::WatchDatabases},
+        {"wait-until", &Host::WaitUntil},
+        {"uptime", &Host::Uptime},
         {"network-changed", &Host::NetworkChanged},
         {"flush", &Host::Flush},
         {"spawn", &Host::Spawn},
@@ -162,6 +171,20 @@ class Host {
   }
 
   void WatchDatabases() { ReportRows("database", Varnix::GetDatabaseTable()); }
+
+  // For a row of the table, on a thread of its own: the deadline, when the wait was over, and the key, or "nothing".
+  void WaitUntil() {
+    const std::string database = Bytes(), table = Bytes();
+    const std::string deadline = Word();
+    std::thread([deadline, set = Varnix::MakeWatcherSet({SharedTable(database, table)->WatchAll()})] {
+      using std::chrono::steady_clock;
+      const auto [row, watcher] =
+          set->WaitUntil(steady_clock::time_point(std::chrono::milliseconds(std::stoll(deadline))));
+      Say("waited " + deadline + " " + MillisecondsOf<steady_clock>() + " " + (watcher ? ToHex(row.first) : "nothing"));
+    }).detach();
+  }
+
+  void Uptime() { Say("uptime " + MillisecondsOf<std::chrono::steady_clock>()); }
 
   void NetworkChanged() { Varnix::NetworkChanged(); }
 

@@ -146,6 +146,28 @@ class Host:
     def children(self):
         return [int(event.split()[1]) for event in list(self.events) if event.split()[0] in ("spawned", "forked")]
 
+    def _reading(self, clock):
+        """Seconds."""
+        prefix = f"{clock} "
+        self.do(clock)
+        return int([event for event in self.events if event.startswith(prefix)][-1][len(prefix):]) / 1000
+
+    def uptime(self):
+        return self._reading("uptime")
+
+    def wait_until(self, database, table, uptime):
+        """Returns at once; see waited()."""
+        self.do("wait-until", hexed(database), hexed(table), str(round(uptime * 1000)))
+
+    def waited(self, count=1):
+        """How the first waits ended: (deadline, uptime, the row's key or None); fewer if more do not end."""
+        def ended():
+            return [event.split()[1:] for event in self.events if event.startswith("waited ")]
+
+        self.eventually(lambda: len(ended()) >= count)
+        return [(int(deadline) / 1000, int(uptime) / 1000, None if key == "nothing" else unhexed(key))
+                for deadline, uptime, key in ended()]
+
     def close_input(self):
         self._process.stdin.close()
 
