@@ -113,6 +113,7 @@ class Host {
         {"watch-databases", &Host::WatchDatabases},
         {"wait-until", &Host::WaitUntil},
         {"uptime", &Host::Uptime},
+        {"date", &Host::Date},
         {"network-changed", &Host::NetworkChanged},
         {"flush", &Host::Flush},
         {"spawn", &Host::Spawn},
@@ -185,6 +186,8 @@ class Host {
   }
 
   void Uptime() { Say("uptime " + MillisecondsOf<std::chrono::steady_clock>()); }
+
+  void Date() { Say("date " + MillisecondsOf<std::chrono::system_clock>()); }
 
   void NetworkChanged() { Varnix::NetworkChanged(); }
 

@@ -155,6 +155,9 @@ class Host:
     def uptime(self):
         return self._reading("uptime")
 
+    def date(self):
+        return self._reading("date")
+
     def wait_until(self, database, table, uptime):
         """Returns at once; see waited()."""
         self.do("wait-until", hexed(database), hexed(table), str(round(uptime * 1000)))
