@@ -191,7 +191,7 @@ def test_records_of_every_extreme_length_in_place_of_the_first(plant, lengths, w
     visitor = wire.connect(plant.port)
     visitor.receive_record()
     visitor.send(data)
-    visitor.socket.shutdown(socket.SHUT_WR)
+    visitor.half_close()
 
     assert visitor.is_closed()
     visitor.close()
@@ -211,7 +211,7 @@ def test_a_peer_that_half_closes(plant):
     visitor = wire.connect(plant.port)
     visitor.receive_record()
     visitor.send(wire.answer(b"elsewhere", 9))
-    visitor.socket.shutdown(socket.SHUT_WR)
+    visitor.half_close()
 
     while visitor.receive_record() is not None:
         pass
@@ -226,8 +226,7 @@ def test_a_peer_that_resets_in_the_middle_of_the_snapshot(plant):
         visitor.receive_record()
         visitor.send(wire.answer(b"elsewhere", 9))
         visitor.receive(1000)
-        visitor.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        visitor.close()
+        visitor.reset()
     for number in range(100):
         plant.host.set(b"plant", b"large", b"%d" % number, b"gone")
 

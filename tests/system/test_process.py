@@ -1,14 +1,10 @@
 """What the library does not do to the process that it lives in."""
 
-import fcntl
 import os
 import pathlib
 import random
 import re
 import resource
-import socket
-import struct
-import termios
 
 import pytest
 
@@ -123,25 +119,14 @@ def test_a_flush_of_all_streams_returns_while_a_peer_does_not_read_and_spoils_no
     for key, value in rows:
         host.set(b"plant", b"t", key, value)
     # The sender has met a full connection when what waits to be read here does not grow any more.
-    waiting = bytearray(4)
-    assert programs.eventually(lambda: unread(stream) > 0)
-    assert programs.eventually(lambda: stopped_growing(stream, waiting))
+    assert programs.eventually(lambda: stream.unread() > 0)
+    assert programs.eventually(stream.stopped_growing)
 
     host.do("flush")
     host.do("flush")
 
     for key, value in rows:
         assert stream.receive_record() == (b"\x01t" + key, value)
-
-
-def unread(stream):
-    return struct.unpack("i", fcntl.ioctl(stream.socket, termios.FIONREAD, b"\0\0\0\0"))[0]
-
-
-def stopped_growing(stream, last):
-    size = struct.pack("i", unread(stream))
-    same, last[:] = size == bytes(last), size
-    return same
 
 
 def test_nothing_is_written_to_standard_output(host, ether):
@@ -223,8 +208,7 @@ def test_writing_to_a_peer_that_resets_the_connection_raises_no_signal(host):
         for number in range(3):
             host.set(b"plant", b"t", b"%d" % number, b"%d" % attempt * 1_000_000)
         stream.receive(1000)
-        stream.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        stream.close()
+        stream.reset()
 
     assert host.eventually(lambda: len(host.logged(7, "tblsndr.dtor", ".*")) >= 5)
     host.set(b"plant", b"t", b"alive", b"1")

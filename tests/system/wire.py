@@ -1,7 +1,9 @@
 """A small peer of its own: speaks the protocol from its description and shares no code with the library."""
 
+import fcntl
 import socket
 import struct
+import termios
 
 DISCOVERY_PORT = 1975
 DEADLINE = 60  # Seconds; they only bound a failing run.
@@ -49,6 +51,7 @@ class Connection:
     def __init__(self, connected):
         self.socket = connected
         self.socket.settimeout(DEADLINE)
+        self._waiting = 0
 
     def send(self, data):
         self.socket.sendall(data)
@@ -76,6 +79,22 @@ class Connection:
 
     def is_closed(self):
         return self.receive(1) == b""
+
+    def unread(self):
+        """How many bytes have come and wait to be received."""
+        return struct.unpack("i", fcntl.ioctl(self.socket, termios.FIONREAD, bytes(4)))[0]
+
+    def stopped_growing(self):
+        """Whether as much waits to be received as at the last call."""
+        before, self._waiting = self._waiting, self.unread()
+        return self._waiting == before
+
+    def half_close(self):
+        self.socket.shutdown(socket.SHUT_WR)
+
+    def reset(self):
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.socket.close()
 
     def close(self):
         self.socket.close()

@@ -61,11 +61,14 @@ void CallEverything(const std::string& database) {
   Varnix::SetSharingGroup(database, OwnGroup(), "device", database, inet_addr("127.255.255.255"));
   const std::shared_ptr<Varnix::Table> shared = Varnix::MakeSharedTable(database, "table");
   const std::shared_ptr<Varnix::Table> local = Varnix::MakeTable("local");
-  const std::shared_ptr<Varnix::WatcherSet> set =
-      Varnix::MakeWatcherSet({shared->WatchAll(), local->Watch("key"), Varnix::GetDatabaseTable()->WatchAll(),
-                              Varnix::GetTableTable(database)->WatchAll()});
+  const std::shared_ptr<Varnix::Watcher> own = local->Watch("key");
+  const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet(
+      {shared->WatchAll(), own, Varnix::GetDatabaseTable()->WatchAll(), Varnix::GetTableTable(database)->WatchAll()});
   shared->Set({"key", "value"});
-  local->Set({"key", "value"});
+  local->Set({"key", "1"});
+  if (own->GetChanges().size() != 1) std::abort();
+  local->Set({"key", "2"});
+  set->Wait();
   Varnix::NetworkChanged();
   while (set->WaitUntil(std::chrono::steady_clock::now()).second) {
   }

@@ -33,5 +33,5 @@ class Statics {
 // The statics of the second shared library, which are made when it is loaded.
 extern "C" __attribute__((visibility("default"))) void FillStaticsOfTheLibrary();
 
-// Calls every function that the library exports. The hook captures what it logs.
+// Calls every function that the library exports, and every method of what they return. The hook captures what it logs.
 void CallEverything(const std::string& database);
