@@ -19,8 +19,9 @@ SOAK = os.environ.get("VARNIX_SOAK") == "1"  # The long forms of the tests; see 
 SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 << 32))
 
 
-# The sanitizers and the emulator keep memory of their own.
-MEMORY_IS_ITS_OWN = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
+# The sanitizers and the emulator take their time, and keep memory of their own.
+NATIVE = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
+MEMORY_IS_ITS_OWN = NATIVE
 
 
 def figure(*words):
