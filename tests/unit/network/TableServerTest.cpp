@@ -173,21 +173,27 @@ class TableServerTest : public testing::Test {
   }
   std::string Address() const { return AddressOf(server_.get()); }
 
+  // Those that the test has started with `esns_`, which the server does not know.
+  void StopAndAwaitReceivers() {
+    server_->Stop();
+    esns_.reset();
+    EXPECT_TRUE(IsKept(receivers_ended_));
+  }
+
   void ReceivesFromNoMoreThan(std::size_t most) {
     Start();
     const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
       return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
     });
-    const auto esns = std::make_shared<ActiveESNs>([] {});
-    for (std::size_t i = 0; i < most; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+    for (std::size_t i = 0; i < most; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
     EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
 
-    server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+    server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
 
     EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
                                                                      "TableServer: FoundPeer::thread error 11", ""}));
-    server_->Stop();
-    EXPECT_TRUE(log_.Eventually("tblsvr.fnd.rcv.abort", most));
+    StopAndAwaitReceivers();
+    EXPECT_THAT(log_.Lines("tblsvr.fnd.rcv.abort"), SizeIs(most));
   }
 
   LogRecorder log_;
@@ -199,6 +205,8 @@ class TableServerTest : public testing::Test {
       [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
   Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
   std::unique_ptr<TableServer> server_;
+  std::promise<void> receivers_ended_;
+  std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([this] { receivers_ended_.set_value(); });
 };
 
 void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
@@ -1275,16 +1283,16 @@ constexpr int kManyTimes = 3000;
 
 TEST_F(TableServerTest, PeersThatFoundNoThreadTakeNoRoomFromLaterOnes) {
   Start();
-  const auto esns = std::make_shared<ActiveESNs>([] {});
   {
     const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+    for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
   }
 
-  server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
 
   EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(kManyTimes));
+  StopAndAwaitReceivers();
 }
 
 TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
@@ -1295,13 +1303,12 @@ TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
     ended.wait();  // Each tries once, and stays.
     return FailWith{EINVAL}();
   });
-  const auto esns = std::make_shared<ActiveESNs>([] {});
   std::size_t received_from = 0;
   for (; log_.Lines("tblsvr.fnd.thread").empty() && received_from < kManyTimes; ++received_from) {
-    server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+    server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
   }
   --received_from;  // The last was refused.
-  for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns);
+  for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
 
   end.set_value();
   EXPECT_TRUE(log_.Eventually("tblsvr.fp.poll", received_from));
@@ -1309,12 +1316,12 @@ TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
   const auto is_received_from = [&] { return log_.Lines("tblrcvr.ctor").size() > received_from; };
   while (!is_received_from() && std::chrono::system_clock::now() < deadline) {
     server_->FoundPeer(INADDR_LOOPBACK, 9,
-                       esns);  // Those that end give their room back a moment after their last line.
+                       esns_);  // Those that end give their room back a moment after their last line.
     std::this_thread::yield();
   }
 
   EXPECT_TRUE(is_received_from());
-  server_->Stop();
+  StopAndAwaitReceivers();
 }
 
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
