@@ -1,4 +1,4 @@
-"""Becomes a program for which the system has been up for so many seconds: at_uptime.py SECONDS PROGRAM [ARGUMENT...]
+"""Becomes a program that finds the system up for so long: at_uptime.py MILLISECONDS PROGRAM [ARGUMENT...]
 
 The process stays the same, so that whoever started it has the program's own id. Needs Linux 5.6, and root or root of a
 user namespace.
@@ -10,14 +10,14 @@ import sys
 import time
 
 CLONE_NEWTIME = 0x80
-NANO = 10**9
+MILLISECOND, SECOND = 10**6, 10**9  # In nanoseconds.
 
 
 def offset_of_the_namespace():
     """What the monotonic clock of this namespace is ahead of the system's, in nanoseconds."""
     with open("/proc/self/timens_offsets", encoding="ascii") as offsets:
         seconds, nanoseconds = next(line.split()[1:] for line in offsets if line.startswith("monotonic"))
-    return int(seconds) * NANO + int(nanoseconds)
+    return int(seconds) * SECOND + int(nanoseconds)
 
 
 def enter_a_time_namespace(uptime):
@@ -26,7 +26,7 @@ def enter_a_time_namespace(uptime):
     if libc.unshare(CLONE_NEWTIME) != 0:
         raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
     with open("/proc/self/timens_offsets", "w", encoding="ascii") as offsets:
-        offsets.write("monotonic %d %d\n" % divmod(uptime * NANO - of_the_system, NANO))
+        offsets.write("monotonic %d %d\n" % divmod(uptime * MILLISECOND - of_the_system, SECOND))
     # So far it is the namespace of the children alone.
     made = os.open("/proc/self/ns/time_for_children", os.O_RDONLY | os.O_CLOEXEC)
     if libc.setns(made, CLONE_NEWTIME) != 0:
