@@ -62,6 +62,12 @@ class Network:
                 self.written[key] = self.written.get(key, 0) + 1
                 host.set(b"plant", b"state", key, b"%d" % self.written[key])
 
+    def keep_writing(self, seconds):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            self.write()
+            time.sleep(0.1)  # The pace of the writers.
+
     def cut(self, number, silent):
         if silent:
             self.bridge.ip(f"link set port{number} nomaster")  # The carrier stays.
@@ -121,21 +127,22 @@ class Schedule:
             # TCP doubles its pauses while nothing comes through; a stream that survives goes on after one more of them.
             # One that does not is given up meanwhile and tried again.
             return GIVEN_UP + 2 * ATTEMPT + 2 * cut
-        # All streams of the host have been given up, and with them what TCP had to send again. While they are tried, the
-        # worst that the end of the cut can meet is an attempt that has just begun and is lost, or a pause; the next
-        # attempt finds the peer. So the length of the cut does not count, unless they are tried no more.
+        # All streams of the host have been given up, and with them what TCP had to send again. While they are tried,
+        # the worst that the end of the cut can meet is an attempt that has just begun and is lost, or a pause; the
+        # next attempt finds the peer. So the length of the cut does not count, unless they are tried no more.
         tried = all(healed + ATTEMPT + PAUSE < self._tried_until[pair] for pair in self._pairs if victim in pair)
         return ATTEMPT + PAUSE + MARGIN + (0 if tried else ANNOUNCEMENT)
 
     def _give_up(self, victim, moment):
         for pair in self._pairs:
-            if victim in pair and moment - self._up_since[pair] >= LASTING:
-                self._tried_until[pair] = moment + PERIOD
-
-    def converged(self, victim):
-        for pair in self._pairs:
             if victim in pair:
-                self._up_since[pair] = time.monotonic()
+                if moment - self._up_since[pair] >= LASTING:
+                    self._tried_until[pair] = moment + PERIOD
+                del self._up_since[pair]
+
+    def converged(self):
+        for pair in self._pairs:
+            self._up_since.setdefault(pair, time.monotonic())
 
 
 @pytest.fixture
@@ -151,23 +158,24 @@ def test_every_host_has_exactly_one_stream_to_every_other(network_of_hosts):
 
 
 def random_cuts(chance):
-    """(host, silent, seconds) of each."""
+    """(host, silent, seconds, seconds of peace before) of each."""
     if SOAK:
-        return [(chance.randrange(HOSTS), chance.random() < 0.5, chance.choice(SECONDS)) for _ in range(CUTS)]
+        # Half of the cuts meet streams that have lasted, and are tried again for a whole period.
+        return [(chance.randrange(HOSTS), chance.random() < 0.5, chance.choice(SECONDS), chance.choice([0, LASTING]))
+                for _ in range(CUTS)]
     # Of each kind one: short cuts that the streams survive, and long ones that they do not.
-    kinds = [(silent, seconds) for silent in (False, True) for seconds in (0.5, 6)]
+    kinds = [(silent, seconds, 0) for silent in (False, True) for seconds in (0.5, 6)]
     return [(chance.randrange(HOSTS), *kind) for kind in chance.sample(kinds, len(kinds))]
 
 
 def test_all_hosts_converge_after_every_cut_and_nobody_sees_a_row_go_back(network_of_hosts):
     programs.figure("seed of the cuts:", SEED)
     schedule = Schedule(network_of_hosts.shared)
-    for victim, silent, seconds in random_cuts(random.Random(SEED)):
+    for victim, silent, seconds, peace in random_cuts(random.Random(SEED)):
+        network_of_hosts.keep_writing(peace)
         began = time.monotonic()
         network_of_hosts.cut(victim, silent)
-        while time.monotonic() < began + seconds:
-            network_of_hosts.write()
-            time.sleep(0.1)  # The pace of the writers while the cut lasts.
+        network_of_hosts.keep_writing(seconds)
         network_of_hosts.heal(victim, silent)
         healed = time.monotonic()
         network_of_hosts.write()
@@ -176,7 +184,7 @@ def test_all_hosts_converge_after_every_cut_and_nobody_sees_a_row_go_back(networ
         assert programs.eventually(network_of_hosts.has_converged, bound)
         programs.figure(HOSTS, "hosts, one cut off", "silently" if silent else "loudly", "for", seconds, "s, converged",
                         round(time.monotonic() - healed, 2), "s after it was back; the bound is", round(bound), "s")
-        schedule.converged(victim)
+        schedule.converged()
         assert not SOAK or network_of_hosts.has_one_stream_each_way()
 
     assert network_of_hosts.nobody_has_seen_a_row_go_back()
