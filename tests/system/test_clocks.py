@@ -125,7 +125,8 @@ def test_announcements_keep_their_schedule_across_the_edge_and_idle_threads_cost
     for (name, host), (start, used) in zip(hosts.items(), starts.values()):
         assert start < EDGES[name] < host.uptime()
         idle, used = host.uptime() - start, host.processor_seconds() - used
-        programs.figure("idle across", name.decode(), "ms for", round(idle, 1), "s took", round(used, 2), "s of a processor")
+        programs.figure("idle across", name.decode(), "ms for", round(idle, 1), "s took", round(used, 2),
+                        "s of a processor")
         assert used < idle / 4
     for times in heard.values():
         assert times[1] >= 2 and 4 <= times[2] < 4 + LATE, times

@@ -36,7 +36,7 @@ def is_announcement(frame):
 
 
 class LossyHub:
-    """Hands each frame from one of its ports to all others, but loses the first, third, fifth... announcement of each."""
+    """Hands each frame on to all its other ports, but loses the first, third, fifth... announcement from each."""
 
     def __init__(self, ports):
         self.announced = dict.fromkeys(ports, 0)
@@ -133,5 +133,5 @@ def test_hosts_meet_though_every_second_announcement_is_lost_and_meet_again_afte
 
     for host in hosts[1:]:
         assert programs.steps_back(host.rows(b"plant", b"state")) == []
-    programs.figure("every second announcement lost:", HOSTS, "hosts met", round(met, 2), "s after the network changed, and",
-                    round(met_again, 2), "s after one restarted and was told so; the bound is", BURST[2], "s")
+    programs.figure("every second announcement lost:", HOSTS, "hosts met", round(met, 2), "s after they were told,",
+                    "and after a restart", round(met_again, 2), "s after one was; the bound is", BURST[2], "s")
