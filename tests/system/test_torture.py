@@ -1,30 +1,59 @@
 """The whole interface, from many threads at once."""
 
+import shutil
 import subprocess
 
 import pytest
 
 import programs
+from endings import WITHOUT_LEAK_DETECTION
 from programs import EMULATOR, SEED, SOAK
 
 
-def run(*arguments):
-    done = subprocess.run(programs.command("system_torture", *map(str, arguments)), stdout=subprocess.PIPE,
+def run(*arguments, before=()):
+    """What it says."""
+    done = subprocess.run([*before, *programs.command("system_torture", *map(str, arguments))], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True)
-    assert (done.returncode, done.stdout) == (0, "")
+    assert done.returncode == 0, done.stdout
+    return done.stdout
 
 
 def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sharing_change(network):
     programs.figure("seed of the torture:", SEED)
     seconds = 30 if SOAK else 4
 
-    run("calls", SEED, seconds)
+    assert run("calls", SEED, seconds) == ""
+
+
+@pytest.mark.skipif(not shutil.which("valgrind"), reason="there is no valgrind")
+@pytest.mark.skipif(not programs.NATIVE, reason="a sanitizer or an emulator is there already")
+def test_all_those_calls_use_memory_as_they_may(network):
+    valgrind = ["valgrind", "-q", "--leak-check=full", "--error-exitcode=1"]
+
+    assert run("calls", SEED, 3, before=valgrind) == ""
 
 
 @pytest.mark.parametrize("waiters", [1, 4])
 def test_no_wake_up_is_lost(waiters):
-    run("hand-over", 1_000_000 if SOAK else 1_000 if EMULATOR else 20_000, waiters)
+    said = run("hand-over", 1_000_000 if SOAK else 1_000 if EMULATOR else 20_000, waiters)
+
+    programs.figure("hand-over to", waiters, "waiters:", said.strip())
 
 
-def test_sharing_may_be_changed_again_and_again(network):
-    run("resharing", 10_000 if SOAK else 50 if EMULATOR else 300)
+def test_sharing_may_be_changed_again_and_again_and_leaves_nothing_behind(network, make_host):
+    count = 10_000 if SOAK else 50 if EMULATOR else 300
+    partner = make_host("--default-log")
+    partner.watch(b"plant", b"state")
+    partner.share(b"plant", b"line-4", b"partner")
+    partner.set(b"plant", b"state", b"of the partner", b"1")
+
+    programs.figure(run("resharing", count).strip())
+
+    assert partner.gets_row(b"plant", b"state", b"k", b"%d" % (count - 1))
+
+
+def test_children_that_are_forked_while_threads_call_everything_exit(network, monkeypatch):
+    for name, value in WITHOUT_LEAK_DETECTION.items():
+        monkeypatch.setenv(name, value)
+
+    programs.figure("forks:", run("forks", 1000 if SOAK else 100).strip())

@@ -1,21 +1,29 @@
 // Uses the whole interface from many threads at once. Its arguments:
 //   calls SEED SECONDS   everything at random, while the log hook is replaced and sharing is switched
-//   hand-over COUNT WAITERS   every change that one thread sets is taken by one of the waiters
-//   resharing COUNT   a database is shared, again and again
+//   hand-over COUNT WAITERS   every change that one thread sets is taken by one of the waiters; prints the longest wait
+//   resharing COUNT   a database is shared, again and again, with a partner; prints threads and descriptors
+//   forks COUNT   children exit at once while threads call everything
 #include <Varnix.h>
 #include <arpa/inet.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -24,6 +32,8 @@ using Clock = std::chrono::steady_clock;
 using Random = std::mt19937;
 
 constexpr int kThreads = 16;
+
+const unsigned kLoopback = inet_addr("127.255.255.255");
 
 int Below(Random& random, int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
 
@@ -62,7 +72,33 @@ void SetHook(Random& random) {
   }
 }
 
-void CallAtRandom(unsigned seed, Clock::time_point end) {
+// Wakes those who wait without a deadline, until it is destroyed.
+class Waker {
+ public:
+  Waker() : thread_([this] { SetAgainAndAgain(); }) {}
+  ~Waker() {
+    ends_ = true;
+    thread_.join();
+  }
+  Waker(const Waker&) = delete;
+  Waker& operator=(const Waker&) = delete;
+
+  std::shared_ptr<Varnix::Watcher> Watch() const { return table_->Watch("count"); }
+
+ private:
+  void SetAgainAndAgain() {
+    for (unsigned long count = 0; !ends_; ++count) {
+      table_->Set({"count", std::to_string(count)});
+      std::this_thread::sleep_for(std::chrono::microseconds(500));  // The pace of the wake-ups.
+    }
+  }
+
+  const std::shared_ptr<Varnix::Table> table_ = Varnix::MakeTable("waker");
+  std::atomic<bool> ends_{false};
+  std::thread thread_;
+};
+
+void CallAtRandom(unsigned seed, Clock::time_point end, const Waker& waker) {
   Random random(seed);
   const std::string group = "torture " + std::to_string(getpid());
   Hand<Varnix::Table> tables;
@@ -77,7 +113,7 @@ void CallAtRandom(unsigned seed, Clock::time_point end) {
     const std::shared_ptr<Varnix::WatcherSet> set = sets.Any(random);
     switch (Below(random, 1000)) {
       case 0:
-        Varnix::SetSharingGroup(name, group, "device", std::to_string(Below(random, 3)), inet_addr("127.255.255.255"));
+        Varnix::SetSharingGroup(name, group, "device", std::to_string(Below(random, 3)), kLoopback);
         break;
       case 1:
         SetHook(random);
@@ -86,7 +122,7 @@ void CallAtRandom(unsigned seed, Clock::time_point end) {
         Varnix::NetworkChanged();
         break;
       default:
-        switch (Below(random, 12)) {
+        switch (Below(random, 13)) {
           case 0:
             tables.Take(Varnix::MakeTable(name), random);
             break;
@@ -120,6 +156,12 @@ void CallAtRandom(unsigned seed, Clock::time_point end) {
           case 9:
             Varnix::GetLocalTables();
             break;
+          case 10: {
+            const std::shared_ptr<Varnix::WatcherSet> woken = Varnix::MakeWatcherSet({waker.Watch(), watcher});
+            woken->Wait();
+            woken->Wait();  // The first of the waker's changes is there already.
+            break;
+          }
           default:
             table->Set({key, std::string(static_cast<std::size_t>(Below(random, 200)), 'v')});
         }
@@ -127,15 +169,22 @@ void CallAtRandom(unsigned seed, Clock::time_point end) {
   }
 }
 
+void JoinAll(std::vector<std::thread>& threads) {
+  for (std::thread& thread : threads) thread.join();
+}
+
 int Calls(unsigned seed, int seconds) {
   const Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
+  const Waker waker;
   std::vector<std::thread> threads;
-  for (unsigned number = 0; number < kThreads; ++number) threads.emplace_back(CallAtRandom, seed + number, end);
-  for (std::thread& thread : threads) thread.join();
+  for (unsigned number = 0; number < kThreads; ++number) {
+    threads.emplace_back(CallAtRandom, seed + number, end, std::cref(waker));
+  }
+  JoinAll(threads);
   return 0;
 }
 
-// Each change is set only when the one before it has been taken: a wake-up that is lost hangs.
+// One to three changes are set only when those before them have been taken: a wake-up that is lost hangs.
 int HandOver(long count, int waiters) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("hand-over");
   Varnix::SetLoggingFunction({});
@@ -147,31 +196,109 @@ int HandOver(long count, int waiters) {
       while (set->Wait().first.second != "end") ++taken;  // Each waiter takes one end.
     });
   }
-  for (long number = 0; number < count; ++number) {
-    table->Set({"k", std::to_string(number)});
-    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
-    while (taken <= number) {
-      if (Clock::now() > deadline) {
-        std::printf("change %ld was not taken\n", number);
+  Random random(1);
+  Clock::duration longest{};
+  for (long number = 0; number < count;) {
+    const Clock::time_point start = Clock::now();
+    for (int burst = 1 + Below(random, 3); burst > 0; --burst, ++number) {
+      table->Set({std::to_string(burst), std::to_string(number)});
+    }
+    while (taken < number) {
+      if (Clock::now() > start + std::chrono::seconds(60)) {
+        std::printf("of %ld changes %ld were taken\n", number, taken.load());
         std::_Exit(1);
       }
       std::this_thread::yield();
     }
+    count = std::max(count, number);  // The last burst may go beyond it.
+    longest = std::max(longest, Clock::now() - start);
   }
   for (int number = 0; number < waiters; ++number) table->Set({"end " + std::to_string(number), "end"});
-  for (std::thread& thread : threads) thread.join();
+  JoinAll(threads);
+  std::printf("%ld changes, the longest wait %.3f s\n", taken.load(), std::chrono::duration<double>(longest).count());
   return taken == count ? 0 : 1;
+}
+
+// What the process has.
+struct Count {
+  explicit Count(long more_threads = 0, long more_descriptors = 0)
+      : threads(Entries("/proc/self/task") + more_threads), descriptors(Entries("/proc/self/fd") + more_descriptors) {}
+  static long Entries(const char* directory) {
+    return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
+  }
+  bool operator==(const Count& other) const { return threads == other.threads && descriptors == other.descriptors; }
+
+  long threads;
+  long descriptors;
+};
+
+// Whether the process comes to this, with the partner and without the connections that it makes to itself.
+bool Settles(const Count& expected) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
+  while (!(Count() == expected)) {
+    if (Clock::now() > deadline) return false;
+    Varnix::NetworkChanged();  // A partner who still tries to reach former servers may have missed us.
+    for (int look = 0; look < 200 && !(Count() == expected); ++look) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  return true;
 }
 
 int Resharing(int count) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeSharedTable("plant", "state");
+  const std::shared_ptr<Varnix::WatcherSet> received = Varnix::MakeWatcherSet({table->Watch("of the partner")});
   Varnix::SetLoggingFunction({});
+  // Discovery, accepting, and a stream each way; two sockets, two pipes and the streams.
+  const Count expected(4, 2 + 2 * 2 + 2);
   for (int number = 0; number < count; ++number) {
     table->Set({"k", std::to_string(number)});
-    Varnix::SetSharingGroup("plant", "torture " + std::to_string(getpid()), "device", std::to_string(number % 2),
-                            inet_addr("127.255.255.255"));
+    Varnix::SetSharingGroup("plant", "line-4", "device", std::to_string(number % 2), kLoopback);
+    if (number == 0) {
+      received->Wait();
+      if (!Settles(expected)) break;
+    }
   }
-  return 0;
+  const bool settled = Settles(expected);
+  const Count now;
+  std::printf("%d times shared: threads %ld, descriptors %ld, as after the first time %ld, %ld\n", count, now.threads,
+              now.descriptors, expected.threads, expected.descriptors);
+  return settled ? 0 : 1;
+}
+
+// False when it hangs, or ends in another way.
+bool ChildExits() {
+  constexpr int kStatus = 7;
+  const pid_t child = fork();
+  if (child == 0) std::exit(kStatus);
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(60);
+  int status = 0;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    if (Clock::now() > deadline) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == kStatus;
+}
+
+int Forks(int count) {
+  const Waker waker;
+  std::atomic<bool> ends{false};
+  std::vector<std::thread> threads;
+  for (unsigned number = 0; number < kThreads; ++number) {
+    threads.emplace_back([&, number] {
+      while (!ends) CallAtRandom(number, Clock::now() + std::chrono::milliseconds(100), waker);
+    });
+  }
+  int well = 0;
+  for (int number = 0; number < count; ++number) well += ChildExits() ? 1 : 0;
+  ends = true;
+  JoinAll(threads);
+  std::printf("%d children of %d exited well\n", well, count);
+  return well == count ? 0 : 1;
 }
 
 }  // namespace
@@ -181,5 +308,6 @@ int main(int argc, char** argv) {
   if (mode == "calls") return Calls(static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)), std::atoi(argv[3]));
   if (mode == "hand-over") return HandOver(std::atol(argv[2]), std::atoi(argv[3]));
   if (mode == "resharing") return Resharing(std::atoi(argv[2]));
+  if (mode == "forks") return Forks(std::atoi(argv[2]));
   return 2;
 }
