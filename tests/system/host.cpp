@@ -212,7 +212,8 @@ class Host {
     const pid_t child = fork();
     if (child == 0) {
       status_ = 7;
-      if (end == "exit") std::exit(7);
+      if (end == "share") ShareInChild();
+      if (end != "return") std::exit(7);
       return;
     }
     Say("forked " + std::to_string(child));
@@ -220,6 +221,12 @@ class Host {
     waitpid(child, &status, 0);
     Say("child " + std::string(WIFEXITED(status) ? "exited " : "killed ") +
         std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status)));
+  }
+
+  void ShareInChild() {
+    Varnix::NetworkChanged();
+    Varnix::SetSharingGroup("plant", "of the child", "child", "p", inet_addr("127.255.255.255"));
+    Varnix::NetworkChanged();
   }
 
   // Root is above the limits of what a user may have.

@@ -3,9 +3,7 @@
 import pytest
 
 import wire
-
-# A child has the memory of its parent's threads, and not the threads: the leak sanitizer would miss their stacks.
-WITHOUT_LEAK_DETECTION = {"ASAN_OPTIONS": "detect_leaks=0"}
+from endings import WITHOUT_LEAK_DETECTION
 
 
 @pytest.mark.parametrize("end", ["return", "exit"])
@@ -62,3 +60,19 @@ def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_hos
     host.do("fork", "return")
 
     assert [event for event in host.events if event.startswith("child")] == ["child exited 7"]
+
+
+def test_a_child_that_calls_for_its_own_sharing_writes_nothing_into_the_pipes_of_its_parent(ether, make_host):
+    host = make_host(environment=WITHOUT_LEAK_DETECTION)
+    host.share(b"plant", b"line-4", b"press")
+    port = ether.port_of_next_announcement()
+
+    for number in range(1, 11):
+        host.do("fork", "share")
+        # What the discovery thread finds in a pipe it says before it says this.
+        ether.send(b"x")
+        assert host.eventually(lambda number=number: len(host.logged(3, "tblsvr.dscv.sz", ".*")) >= number)
+
+    assert [event for event in host.events if event.startswith("child")] == ["child exited 7"] * 10
+    assert host.logged(7, "tblsvr.dscv.chg", ".*") == []
+    assert wire.connect(port).receive_record() == (b"plant", b"\x05pressp")
