@@ -12,7 +12,7 @@ import pytest
 import namespaces
 import programs
 import wire
-from programs import EMULATOR
+from programs import EMULATOR, SOAK
 
 GROUP = b"line-4"
 MEBIBYTE = 1 << 20
@@ -39,6 +39,8 @@ class Plant:
         for name in (b"pump", b"valve"):
             self.healthy.append((name, self.meet(name)))
         self.rounds = 0
+        self.slowest = 0.0  # Seconds from the sending of a healthy peer's row to its arrival.
+        self.slowest_of_each = {}
         self.rows_keep_arriving()
 
     def meet(self, name):
@@ -53,10 +55,12 @@ class Plant:
 
     def rows_of_healthy_peers_arrive(self):
         self.rounds += 1
+        start = time.monotonic()
         for name, stream in self.healthy:
             stream.send(wire.record(b"\x05state" + name, b"%d" % self.rounds))
         for name, _ in self.healthy:
             assert self.host.gets_row(b"plant", b"state", name, b"%d" % self.rounds)
+        self.slowest = max(self.slowest, time.monotonic() - start)
 
     def rows_keep_arriving(self):
         """Both ways: from the healthy peers, and to one that connects now."""
@@ -105,9 +109,12 @@ def rest(plant):
 
 
 @pytest.fixture(autouse=True)
-def healthy_peers_go_on(plant):
+def healthy_peers_go_on(plant, request):
+    plant.slowest = 0.0
     yield
     plant.rows_keep_arriving()
+    attack = request.function.__name__
+    plant.slowest_of_each[attack] = max(plant.slowest, plant.slowest_of_each.get(attack, 0.0))
 
 
 def refused_for_want_of_threads(plant):
@@ -165,14 +172,69 @@ def test_a_peer_that_sends_a_byte_now_and_then(plant):
     plant.ether.announce(listener.port, GROUP)
     stream = listener.accept()
     message = wire.hello(b"plant", b"slow", b"q")
+    seconds = len(message) if SOAK else 5
+    start = time.monotonic()
     for position in range(len(message) - 1):
         stream.send(message[position:position + 1])
         plant.rows_keep_arriving()
+        while time.monotonic() < start + min(position + 1, seconds):  # A byte a second.
+            time.sleep(0.1)
+            plant.rows_of_healthy_peers_arrive()
 
     stream.send(message[-1:])
     assert stream.receive_record()[0] == GROUP
     stream.send(wire.record(b"\x05stateslow", b"1"))
     assert plant.host.gets_row(b"plant", b"state", b"slow", b"1")
+    stream.close()
+    listener.close()
+
+
+def test_two_hundred_announced_ports_that_accept_and_say_nothing(plant):
+    before = threads(plant.host)
+    silent = [wire.Listener() for _ in range(200)]
+    for listener in silent:
+        plant.ether.announce(listener.port, GROUP)
+    accepted = [listener.accept() for listener in silent]
+    plant.rows_keep_arriving()
+    programs.figure("200 silent listeners: threads, descriptors, bytes:", *plant.cost())
+    assert threads(plant.host) >= before + 200
+
+    start = time.monotonic()
+    plant.meet(b"met among silent ones").close()
+    programs.figure("200 silent listeners: a healthy peer is met after", round(time.monotonic() - start, 3), "s")
+
+    for closing in (*silent, *accepted):
+        closing.close()
+
+
+@pytest.mark.parametrize("end", [wire.Connection.half_close, wire.Connection.reset])
+def test_a_sender_that_ends_in_the_middle_of_its_snapshot(plant, end):
+    listener = wire.Listener()
+    name = b"cut " + end.__name__.encode()
+    plant.ether.announce(listener.port, GROUP)
+    for rows in (2, 3):  # The process comes back for the rest.
+        stream = listener.accept()
+        stream.send(wire.hello(b"plant", name, b"q"))
+        assert stream.receive_record()[0] == GROUP
+        snapshot = b"".join(wire.record(b"\x05state" + name + b"%d" % row, b"v" * 1000) for row in range(3))
+        stream.send(snapshot if rows == 3 else snapshot[:-1])
+        assert plant.host.gets_row(b"plant", b"state", name + b"%d" % (rows - 1), b"v" * 1000)
+        plant.rows_keep_arriving()
+        assert (name + b"2" in plant.host.table(b"plant", b"state")) == (rows == 3)
+        end(stream)
+    listener.close()
+
+
+def test_a_peer_whose_name_is_as_long_as_a_record_can_be(plant):
+    listener = wire.Listener()
+    plant.ether.announce(listener.port, GROUP)
+    stream = listener.accept()
+    stream.send(wire.record(b"plant", b"\xff" * 1048575))
+    assert stream.receive_record()[0] == GROUP
+
+    stream.send(wire.record(b"\x05statelong name", b"1"))
+
+    assert plant.host.gets_row(b"plant", b"state", b"long name", b"1")
     stream.close()
     listener.close()
 
@@ -260,14 +322,17 @@ def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant)
     most = 0
     start = time.monotonic()
     for number in range(count):
-        speaker.sendto(struct.pack(">H", source.randrange(1, 1024)) + GROUP, ("127.255.255.255", wire.DISCOVERY_PORT))
+        # Of every two, one is refused for sure, and one may be anybody's.
+        port = source.randrange(1, 1024) if number % 2 else source.randrange(1 << 16)
+        speaker.sendto(struct.pack(">H", port) + GROUP, ("127.255.255.255", wire.DISCOVERY_PORT))
         if number % 100 == 0:
             most = max(most, threads(plant.host))
         if number % 1000 == 0:
             plant.rows_keep_arriving()
         time.sleep(max(0.0, start + number * 10 / count - time.monotonic()))  # The flood's pace.
     speaker.close()
-    programs.figure("a flood of announcements: threads:", most, "and bytes:", plant.cost()[2])
+    programs.figure("a flood of", count, "announcements in", round(time.monotonic() - start, 1), "s: threads:", most,
+                    "and bytes:", plant.cost()[2])
 
     assert most <= 1024 + 50
     plant.rows_keep_arriving()
@@ -276,6 +341,8 @@ def test_a_flood_of_announcements_of_the_right_group_with_ports_of_nobody(plant)
 def test_nothing_is_left_of_all_that(plant, rest):
     after = settled(plant)
 
+    for attack, slowest in plant.slowest_of_each.items():
+        programs.figure(f"{attack}: a healthy row took at most", round(slowest, 4), "s")
     programs.figure("threads, descriptors, bytes before all attacks:", *rest, "and after:", *after)
     assert after[:2] == rest[:2]
     if programs.MEMORY_IS_ITS_OWN:
