@@ -184,28 +184,35 @@ int Calls(unsigned seed, int seconds) {
   return 0;
 }
 
-// One to three changes are set only when those before them have been taken: a wake-up that is lost hangs.
+// One to three changes are set only when those before them have been taken: a wake-up that is lost hangs. Where there
+// are waiters enough, each takes one of the changes that are set together: whoever leaves some behind wakes another.
 int HandOver(long count, int waiters) {
+  constexpr int kMostTogether = 3;
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("hand-over");
   Varnix::SetLoggingFunction({});
   const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet({table->WatchAll()});
-  std::atomic<long> taken{0};
+  std::atomic<long> taken{0}, awaited{0};
+  const bool are_enough = waiters >= kMostTogether;
   std::vector<std::thread> threads;
   for (int number = 0; number < waiters; ++number) {
     threads.emplace_back([&] {
-      while (set->Wait().first.second != "end") ++taken;  // Each waiter takes one end.
+      while (set->Wait().first.second != "end") {  // Each waiter takes one end.
+        const long with_this = awaited;            // Before the next ones are set.
+        ++taken;
+        while (are_enough && taken < with_this) std::this_thread::yield();
+      }
     });
   }
   Random random(1);
   Clock::duration longest{};
   for (long number = 0; number < count;) {
     const Clock::time_point start = Clock::now();
-    for (int burst = 1 + Below(random, 3); burst > 0; --burst, ++number) {
-      table->Set({std::to_string(burst), std::to_string(number)});
-    }
+    const int together = 1 + Below(random, kMostTogether);
+    awaited = number + together;
+    for (int key = 0; key < together; ++key, ++number) table->Set({std::to_string(key), std::to_string(number)});
     while (taken < number) {
       if (Clock::now() > start + std::chrono::seconds(60)) {
-        std::printf("of %ld changes %ld were taken\n", number, taken.load());
+        std::fprintf(stderr, "of %ld changes %ld were taken\n", number, taken.load());
         std::_Exit(1);
       }
       std::this_thread::yield();
