@@ -4,8 +4,9 @@
 
 void AssignAndTrim(std::string& stored, const std::string& value) {
   constexpr std::size_t kWorthGivingBack = 1024;
-  if (stored.capacity() > kWorthGivingBack && stored.capacity() / 4 > value.size()) {
-    std::string(value).swap(stored);  // Assigning would keep the memory.
+  const bool too_large = stored.capacity() > kWorthGivingBack && stored.capacity() / 4 > value.size();
+  if (too_large || value.size() > stored.capacity()) {
+    std::string(value).swap(stored);  // Assigning would keep the memory, or take twice as much as before.
   } else {
     stored = value;
   }

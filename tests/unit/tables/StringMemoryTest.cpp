@@ -30,6 +30,15 @@ TEST(AssignAndTrim, KeepsTheMemoryOfAShortValueInAnyCase) {
   EXPECT_EQ(stored.capacity(), 1024U);
 }
 
+TEST(AssignAndTrim, TakesNoMoreMemoryThanALongerValueNeeds) {
+  std::string stored(1000, 'a');
+
+  AssignAndTrim(stored, std::string(1001, 'b'));
+
+  EXPECT_EQ(stored, std::string(1001, 'b'));
+  EXPECT_EQ(stored.capacity(), 1001U);
+}
+
 TEST(EmptyForReuse, KeepsTheMemoryOfAUsualValue) {
   std::string place(4096, 'a');
 
