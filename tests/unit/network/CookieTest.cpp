@@ -876,16 +876,6 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   fclose(stream);
 }
 
-TEST_F(CookieTest, HostsFlushSendsWhatStandsInTheBufferBetweenTwoRecords) {
-  FILE* const stream = cookie_.OpenStream();
-  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
-
-  EXPECT_TRUE(HostFlushReturns([] {}));
-
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
-  fclose(stream);
-}
-
 TEST_F(CookieTest, HostsFlushEndsAStreamWhoseBufferAStalledPeerDoesNotTake) {
   FILE* const stream = cookie_.OpenStream();
   const std::size_t filled = FillConnection();
