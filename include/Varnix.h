@@ -35,7 +35,7 @@
 // Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
 //   fail later (poll on valid descriptors, say), are logged and end the process with abort().
 // Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
-//   dropped, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
+//   dropped until a hook is set anew, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
 // Fork: a child that is forked without exec may use and destroy its copies of tables, watchers and sets, and may exit;
 //   it cannot share. Descriptors are closed on exec.
 // Signals: no handler and no mask is changed, and SIGPIPE is never raised.
@@ -51,6 +51,7 @@
 //   database name    1 to 4,095 bytes; with any other, members never meet
 //   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
 //                    between any two members of a group, or those two never meet
+//   peers            at most 1,024 of each direction in a process, and three eighths of its limit of descriptors
 //
 // A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
 // then. There is no deletion, no authentication and no encryption: share on a network that you trust.
@@ -91,8 +92,8 @@ enum class LogLevel : int {
 /// of level Error to standard error, by perror(), and drops all others. An empty `fn` silences the library, errors
 /// included; nothing brings the first hook back.
 ///
-/// Threads: hook calls never overlap, and come from callers' threads and from the library's own, which have 256 KiB of
-///   stack for it.
+/// Threads: hook calls never overlap, and come from callers' threads and from the library's own, of which those that
+///   serve peers have 256 KiB of stack for it.
 /// Ownership: the hook is copied. The previous one is destroyed before this returns, the last one at process exit.
 /// Errors: what a hook throws leaves the exported function that was logging. On one of the library's own threads it
 ///   ends the process, or, while a peer is being served, the stream to that peer.
