@@ -1,10 +1,12 @@
 // Uses the whole interface from many threads at once. Its arguments:
 //   calls SEED SECONDS   everything at random, while the log hook is replaced and sharing is switched
 //   hand-over COUNT WAITERS   every change that one thread sets is taken by one of the waiters; prints the longest wait
-//   resharing COUNT   a database is shared, again and again, with a partner; prints threads and descriptors
+//   resharing COUNT   a database is shared, again and again, with a partner; once standard input has told that he has
+//                     the last row, prints threads and descriptors
 //   forks COUNT   children exit at once while threads call everything
 #include <Varnix.h>
 #include <arpa/inet.h>
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -239,17 +241,20 @@ struct Count {
   long descriptors;
 };
 
-// Whether the process comes to this, with the partner and without the connections that it makes to itself.
+// Whether the process comes to this and stays so, with the partner and without the connections that it makes to itself.
 bool Settles(const Count& expected) {
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
-  while (!(Count() == expected)) {
+  for (int looks = 0; looks < 50; looks = Count() == expected ? looks + 1 : 0) {
     if (Clock::now() > deadline) return false;
-    Varnix::NetworkChanged();  // A partner who still tries to reach former servers may have missed us.
-    for (int look = 0; look < 200 && !(Count() == expected); ++look) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
+}
+
+// A partner who still tries to reach former servers may have missed us.
+void AnnounceUntilTold() {
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  while (poll(&input, 1, 2000) == 0) Varnix::NetworkChanged();
 }
 
 int Resharing(int count) {
@@ -266,6 +271,7 @@ int Resharing(int count) {
       if (!Settles(expected)) break;
     }
   }
+  AnnounceUntilTold();
   const bool settled = Settles(expected);
   const Count now;
   std::printf("%d times shared: threads %ld, descriptors %ld, as after the first time %ld, %ld\n", count, now.threads,
