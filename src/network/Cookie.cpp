@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "logging/Log.h"
@@ -35,22 +36,52 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
   Cookie& self = *static_cast<Cookie*>(cookie);
   // The host's flush meets the bytes that our thread is sending, and has lent the lock for: they are on their way.
   if (self.lock_lent_) return static_cast<ssize_t>(size);
-  // Else the host flushes what stands in the buffer between two records, and must not wait for the peer.
-  const bool ours = self.locked_stream_ != nullptr || std::this_thread::get_id() == self.thread_;
-  std::size_t taken = 0;
-  while (taken < size) {
-    if (ours && !self.WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return 0;
-    const ssize_t sent = send(self.socket, buffer + taken, size - taken, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent >= 0) {
-      taken += static_cast<std::size_t>(sent);
-    } else if (errno == EAGAIN && ours) {
-      self.LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
-    } else if (errno != EINTR) {
-      shutdown(self.socket, SHUT_RDWR);  // stdio has dropped the rest: nothing more of this stream may be read.
-      return 0;
-    }
+  // Or what stands in the buffer between two records. It must not wait for the peer, in the log hook neither.
+  if (self.locked_stream_ == nullptr && (std::this_thread::get_id() != self.thread_ || IsInLogHook())) {
+    return self.SendWithoutWaiting(buffer, size) ? static_cast<ssize_t>(size) : 0;
   }
-  return static_cast<ssize_t>(size);
+  if (self.has_unsent_) {
+    if (!self.Send(self.unsent_.data(), self.unsent_.size())) return 0;
+    self.unsent_.clear();
+    self.has_unsent_ = false;
+  }
+  return self.Send(buffer, size) ? static_cast<ssize_t>(size) : 0;
+}
+
+// Waits until all is taken. False when the stream is over.
+bool Cookie::Send(const char* bytes, std::size_t size) {
+  while (size > 0) {
+    if (!WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return false;
+    const ssize_t sent = SendOnce(bytes, size);
+    if (sent < 0) return false;
+    if (sent == 0 && errno == EAGAIN) LogErrnoAndAbort("cook.wr.wr", "Cookie::Write: send error %d");
+    bytes += sent;
+    size -= static_cast<std::size_t>(sent);
+  }
+  return true;
+}
+
+// What the peer does not take at once is left to our thread. False when there is no memory to keep it in.
+bool Cookie::SendWithoutWaiting(const char* bytes, std::size_t size) try {
+  const ssize_t sent = has_unsent_ ? 0 : SendOnce(bytes, size);
+  if (sent < 0) return false;
+  if (static_cast<std::size_t>(sent) == size) return true;
+  unsent_.append(bytes + sent, size - static_cast<std::size_t>(sent));
+  has_unsent_ = true;
+  return true;
+} catch (const std::bad_alloc&) {
+  shutdown(socket, SHUT_RDWR);
+  return false;
+}
+
+// The number of bytes taken; 0, with errno, when it was interrupted or would have waited; -1 when the stream is over.
+ssize_t Cookie::SendOnce(const char* bytes, std::size_t size) {
+  errno = 0;
+  const ssize_t sent = send(socket, bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (sent >= 0) return sent;
+  if (errno == EAGAIN || errno == EINTR) return 0;
+  shutdown(socket, SHUT_RDWR);  // stdio drops the rest: nothing more of this stream may be read.
+  return -1;
 }
 
 // True when the socket has any event; false, with `aborted` set, when the server stops, which is looked at first.

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdio>
+#include <string>
 #include <thread>
 
 // What stands behind the stdio stream of a connected socket: every wait for the socket also watches the done pipe of
@@ -14,8 +15,8 @@
 // Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) walks over every stream of the
 // process, and would wait for the lock of ours as long as ours waits for a peer. So our thread lends the lock out
 // during such waits (see Poll), and holds it for the rest of each record (see StreamLock). Between two records a row
-// with an empty value may stand in the buffer: a flush that a stalled peer would hold up ends the stream instead.
-// Ownership: owns neither descriptor nor the stream.
+// with an empty value may stand in the buffer: of that a flush sends what the peer takes at once, and our thread the
+// rest. Ownership: owns neither descriptor nor the stream.
 struct Cookie {
   Cookie(int connected_socket, int done_pipe) : socket(connected_socket), done_descriptor(done_pipe) {}
 
@@ -40,15 +41,20 @@ struct Cookie {
  private:
   friend class StreamLock;
 
+  bool Send(const char* bytes, std::size_t size);
+  bool SendWithoutWaiting(const char* bytes, std::size_t size);
+  ssize_t SendOnce(const char* bytes, std::size_t size);
   bool WaitFor(short events, const char* tag, const char* format);
   int Poll(struct pollfd* entries);
   [[noreturn]] void LogErrnoAndAbort(const char* tag, const char* format);
 
   const std::thread::id thread_ = std::this_thread::get_id();
-  // Both change only under the stream's lock, which no sanitizer sees: hence atomic.
+  // These change only under the stream's lock, which no sanitizer sees: hence atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
   int read_error_ = 0;                         // An errno that has not been logged yet.
   std::atomic<bool> lock_lent_{false};         // Our thread waits within a record; whoever comes now is the host.
+  std::atomic<bool> has_unsent_{false};
+  std::string unsent_;  // What a flush of the host's could not send. Looked at after `has_unsent_`, changed before it.
 };
 
 // Locks a stream of a cookie for one record, so that a flush of the host's never meets half of one.

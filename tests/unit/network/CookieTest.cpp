@@ -18,6 +18,7 @@
 #include "network/Cookie.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
+#include "support/FailingAllocations.h"
 #include "support/Says.h"
 #include "threads/Fork.h"
 
@@ -876,15 +877,55 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   fclose(stream);
 }
 
-TEST_F(CookieTest, HostsFlushEndsAStreamWhoseBufferAStalledPeerDoesNotTake) {
+TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   FILE* const stream = cookie_.OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_FALSE(WriteRecord({"l", ""}, stream, cookie_));
+  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_EQ(PeerReceives(filled).size(), filled);
 
-  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+  EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
 
-  EXPECT_TRUE(returned);
-  EXPECT_EQ(returned ? PeerReceives(filled + 1).size() : filled, filled);  // And then the end.
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l\x00\x10\x00\x01mv", 16));
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::size_t filled = FillConnection();
+  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, stream, cookie_));
+
+  std::thread([&] {
+    const FailingAllocation failing(1);
+    fflush(stream);
+  }).join();
+
+  EXPECT_EQ(PeerReceives(filled).size(), filled);
+  char byte;
+  EXPECT_EQ(Hooks().recv.Real(peer_, &byte, 1, 0), 0);  // The end.
+  fclose(stream);
+}
+
+TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
+  FILE* const stream = cookie_.OpenStream();
+  FillConnection();
+  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  SetLogHook([](Varnix::LogLevel, const char*, const char*, va_list) { fflush(nullptr); });
+  std::promise<void> logged;
+  bool in_time = false;
+  std::thread patience([&, done = logged.get_future()] {
+    in_time = done.wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) == std::future_status::ready;
+    if (!in_time) PeerCloses();
+  });
+
+  Log(Varnix::LogLevel::Debug, "tag", "format");
+
+  logged.set_value();
+  patience.join();
+  EXPECT_TRUE(in_time);
+  PeerCloses();
   fclose(stream);
 }
 
