@@ -31,7 +31,7 @@ using Varnix::LogLevel;
 
 namespace {
 
-constexpr int kPauseWithoutDescriptors_ms = 100;
+constexpr int kPauseBetweenRefusals_ms = 100;
 // More than a group has members; a flood of announcements or connections shall not fill the memory with threads.
 constexpr rlim_t kMostPeers = 1024;
 constexpr std::chrono::milliseconds kPauseWithoutMemory(100);
@@ -88,10 +88,14 @@ bool SetUnlogged(LocalTable& table, const Varnix::Row& row) try {
 // Peers of each direction that the process may have at once. Each has a descriptor: no flood may take them all, because
 // the process ends where it can make no socket.
 rlim_t MostPeers() {
-  rlimit descriptors{};
+  rlimit descriptors{RLIM_INFINITY, RLIM_INFINITY};
   getrlimit(RLIMIT_NOFILE, &descriptors);
   return std::min(kMostPeers, descriptors.rlim_cur / 8 * 3);
 }
+
+// The threads of all servers, because descriptors are the process's.
+std::atomic<unsigned> receivers{0};
+std::atomic<unsigned> senders{0};
 
 // False, with errno, when there is no thread to be had, or `count` of them are enough already.
 template <class Body>
@@ -247,14 +251,15 @@ void TableServer::AcceptConnection() {
   Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
   // The connection is still waiting and accepting it would fail at once again: leave the processor to others for a
   // while.
-  if (IsOutOfResources(error)) {
-    pollfd done = {done_pipe_.read_end, POLLIN, 0};
-    poll(&done, 1, kPauseWithoutDescriptors_ms);
-  }
+  if (IsOutOfResources(error)) PauseAccepting();
+}
+
+void TableServer::PauseAccepting() {
+  pollfd done = {done_pipe_.read_end, POLLIN, 0};
+  poll(&done, 1, kPauseBetweenRefusals_ms);
 }
 
 void TableServer::FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns) {
-  static std::atomic<unsigned> receivers{0};
   const bool started = StartCounted(receivers, [this, address, port, active_esns = std::move(active_esns)] {
     ReceiveLoop(*this, address, port, active_esns).Run();
   });
@@ -263,10 +268,10 @@ void TableServer::FoundPeer(unsigned address, unsigned short port, std::shared_p
 }
 
 void TableServer::IncomingConnection(int socket, unsigned address) {
-  static std::atomic<unsigned> senders{0};
   const bool started = StartCounted(
       senders, [this, socket, address, active_esns = active_esns_] { SendTable(*this, socket, address, active_esns); });
   if (started) return;
   Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", errno);
   close(socket);
+  PauseAccepting();  // A flood of connections shall not become a flood of these lines.
 }

@@ -40,7 +40,7 @@ class TableServer {
 
   // Start a thread for a peer, in host byte order: one that receives from it, or one that serves it on `socket`. When
   // there is none to be had, it is logged and the socket closed; the peer's next announcement tries again. Of each kind
-  // the process has at most 1,024, and one for three eighths of the descriptors that it may have.
+  // the process has at most 1,024, and no more than three eighths of its limit of descriptors.
   void FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns);
   void IncomingConnection(int socket, unsigned address);
 
@@ -58,6 +58,7 @@ class TableServer {
 
   void Accept();
   void AcceptConnection();
+  void PauseAccepting();
   void StartThreads();
   void SignalDone();
   void SetDoneRow();

@@ -168,7 +168,7 @@ Outcome RunTwoServers(long first, bool for_ever, std::chrono::milliseconds patie
   const pid_t child = fork();
   if (child == 0) {
     dup2(ends[1], STDERR_FILENO);
-    alarm(60);                  // A hang is an end as well.
+    alarm(180);                 // A hang is an end as well.
     in_forked_child = false;    // This process is one of its own.
     std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
     static Fault& fault = *new Fault(first, for_ever);
