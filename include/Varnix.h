@@ -51,7 +51,8 @@
 //   database name    1 to 4,095 bytes; with any other, members never meet
 //   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
 //                    between any two members of a group, or those two never meet
-//   peers            at most 1,024 of each direction in a process, and three eighths of its limit of descriptors
+//   peers            at most 1,024 of each direction in a process, and no more than 3/8 of its limit of
+//                    descriptors; one for each database that both share
 //
 // A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
 // then. There is no deletion, no authentication and no encryption: share on a network that you trust.
