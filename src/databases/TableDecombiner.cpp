@@ -13,12 +13,12 @@ using Varnix::LogLevel;
 TableDecombiner::TableDecombiner(std::string database_name)
     : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
 
-TableDecombiner::~TableDecombiner() { delete spare.load(); }
+TableDecombiner::~TableDecombiner() { delete scratch.load(); }
 
 void TableDecombiner::Set(const Varnix::Row& row) {
-  std::unique_ptr<Split> split(spare.exchange(nullptr));
-  if (!split) split = std::make_unique<Split>();
-  auto& [name, plain] = *split;
+  std::unique_ptr<Scratch> own(scratch.exchange(nullptr));
+  if (!own) own = std::make_unique<Scratch>();
+  auto& [name, plain] = *own;
   const SplitKey parts(row.first);
   name = parts.name;
   plain.first = parts.key;
@@ -30,7 +30,7 @@ void TableDecombiner::Set(const Varnix::Row& row) {
   EmptyForReuse(name);
   EmptyForReuse(plain.first);
   EmptyForReuse(plain.second);
-  delete spare.exchange(split.release());
+  delete scratch.exchange(own.release());
 }
 
 std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }

@@ -34,10 +34,10 @@ class TableDecombiner final : public Varnix::Table {
   std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);
   const std::shared_ptr<Varnix::Table> table_table;
 
-  // What a row is split into.
-  struct Split {
+  struct Scratch {
     std::string name;
     Varnix::Row plain;
   };
-  std::atomic<Split*> spare{nullptr};  // In memory that the next row will use, unless another thread has taken it.
+  // Where the last row was split: the next one needs no allocation. Owned; null while a thread is using it.
+  std::atomic<Scratch*> scratch{nullptr};
 };

@@ -38,21 +38,24 @@ void LocalTable::SetUnlogged(const Varnix::Row& row) { SetRow(row, false); }
 
 void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
   MutexLock lock(table_lock);
-  const auto [entry, absent] = index.try_emplace(row.first, rows.end());  // Looks the key up once, known or not.
+  const auto [entry, inserted] = index.try_emplace(row.first, rows.end());  // Looks the key up once, known or not.
   try {
     if (logged) {
-      Log(LogLevel::Debug, absent ? "tbl.set.ins" : "tbl.set.upd",
-          absent ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
+      Log(LogLevel::Debug, inserted ? "tbl.set.ins" : "tbl.set.upd",
+          inserted ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
           static_cast<void*>(this), row.first.c_str(), row.second.size());
     }
-    if (absent) rows.push_back(row);
+    if (inserted) rows.push_back(row);
   } catch (...) {
-    if (absent) index.erase(entry);
+    if (inserted) index.erase(entry);
     throw;
   }
-  if (!absent) return Update(entry->second, row.second);
-  entry->second = std::prev(rows.end());
-  Tell(&LWatcher::RowInserted, entry->second);
+  if (inserted) {
+    entry->second = std::prev(rows.end());
+    Tell(&LWatcher::RowInserted, entry->second);
+  } else {
+    Update(entry->second, row.second);
+  }
 }
 
 void LocalTable::Update(Position position, const std::string& value) {
