@@ -892,6 +892,21 @@ TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   fclose(stream);
 }
 
+TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
+  FILE* const stream = cookie_.OpenStream();
+  for (const std::string& key : {std::string("k"), std::string("l")}) {
+    const std::size_t filled = FillConnection();
+    EXPECT_FALSE(WriteRecord({key, ""}, stream, cookie_));
+    EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+    EXPECT_EQ(PeerReceives(filled).size(), filled);
+
+    EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
+
+    EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00", 4) + key + std::string("\x00\x10\x00\x01mv", 6));
+  }
+  fclose(stream);
+}
+
 TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
   FILE* const stream = cookie_.OpenStream();
   const std::size_t filled = FillConnection();

@@ -117,7 +117,7 @@ TEST_F(LWatcherSetTest, GivesAChangeThatWasBegunBeforeTheDeadlineAndMadeAfterIt)
   Change change;
   std::atomic<bool> begun_before{false};
   for (std::chrono::milliseconds limit(50); !begun_before; limit *= 2) {  // Until this thread was quick enough.
-    watcher->GetChanges();  // That of a round in which it was not.
+    watcher->GetChanges();                                                // That of a round in which it was not.
     const Clock::time_point deadline = Clock::now() + limit;
     SetLogHook([&](Varnix::LogLevel, const char*, const char*, va_list) {
       begun_before = Clock::now() < deadline;
