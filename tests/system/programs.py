@@ -71,6 +71,7 @@ class Host:
                                          env={**os.environ, **(environment or {})}, start_new_session=True)
         self.pid = self._process.pid
         self.events = []  # Lines of standard output, without the "ok"s.
+        self._tables = {}  # The last value of each key, by database and table.
         self.log = []  # (level, tag, text)
         self.errors = []  # Lines of standard error that are not log lines.
         self._ready = 0
@@ -87,6 +88,10 @@ class Host:
                     self._ready += 1
                 else:
                     self.events.append(line.decode().rstrip("\n"))
+                    kind, *words = self.events[-1].split()
+                    if kind == "row":
+                        database, table, key, value = map(unhexed, words)
+                        self._tables.setdefault((database, table), {})[key] = value
                 self._changed.notify_all()
 
     def _read_log(self):
@@ -130,7 +135,8 @@ class Host:
 
     def table(self, database, table):
         """The last value of each key that has been reported."""
-        return dict(self.rows(database, table))
+        with self._changed:
+            return dict(self._tables.get((database, table), {}))
 
     def gets_row(self, database, table, key, value):
         line = f"row {hexed(database)} {hexed(table)} {hexed(key)} {hexed(value)}"
