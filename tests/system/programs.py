@@ -236,5 +236,5 @@ def eventually(condition, seconds=DEADLINE):
     while not condition():
         if time.monotonic() > end:
             return False
-        time.sleep(0.01)
+        time.sleep(0.01)  # Leaves the processor to what is waited for.
     return True

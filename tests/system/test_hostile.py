@@ -178,8 +178,8 @@ def test_a_peer_that_sends_a_byte_now_and_then(plant):
     for position in range(len(message) - 1):
         stream.send(message[position:position + 1])
         plant.rows_keep_arriving()
-        while time.monotonic() < start + min(position + 1, seconds):  # A byte a second.
-            time.sleep(0.1)
+        while time.monotonic() < start + min(position + 1, seconds):
+            time.sleep(0.1)  # The attack is to be as slow as this: a byte a second.
             plant.rows_of_healthy_peers_arrive()
 
     stream.send(message[-1:])
