@@ -61,7 +61,8 @@ bool Cookie::Send(const char* bytes, std::size_t size) {
   return true;
 }
 
-// What the peer does not take at once is left to our thread. False when there is no memory to keep it in.
+// What the peer does not take at once is left to our thread. False when the stream is over, which it is for want
+// of memory to keep it in, too.
 bool Cookie::SendWithoutWaiting(const char* bytes, std::size_t size) try {
   const ssize_t sent = has_unsent_ ? 0 : SendOnce(bytes, size);
   if (sent < 0) return false;

@@ -100,13 +100,15 @@ std::atomic<unsigned> senders{0};
 // False, with errno, when there is no thread to be had, or `count` of them are enough already.
 template <class Body>
 bool StartCounted(std::atomic<unsigned>& count, Body body) {
-  const bool few = ++count <= MostPeers();
   auto counted = [&count, body = std::move(body)]() mutable {
     body();
     --count;
   };
-  if (few && StartDetached(std::move(counted))) return true;
-  if (!few) errno = EAGAIN;
+  if (++count > MostPeers()) {
+    errno = EAGAIN;
+  } else if (StartDetached(std::move(counted))) {
+    return true;
+  }
   --count;
   return false;
 }

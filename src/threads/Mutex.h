@@ -21,7 +21,7 @@ class VARNIX_THREADS(capability("mutex")) Mutex : public std::mutex {
   void unlock() VARNIX_THREADS(release_capability()) { std::mutex::unlock(); }
 };
 
-// Locks a mutex that another thread holds just now.
+// Tries for some microseconds before it sleeps.
 void LockContended(std::unique_lock<std::mutex>& lock);
 
 // Holds a Mutex for a scope. Throws std::system_error when locking fails.

@@ -8,7 +8,7 @@ import programs
 
 WAYS = ["return", "exit", "exit from a thread"]
 WAYS_WITHOUT_DESTRUCTORS = ["quick exit"]
-WAYS_OF_FORKING = ["exit after a fork", "exec"]
+WAYS_BY_FORK_OR_EXEC = ["exit after a fork", "exec"]
 RUNS = 1000 if programs.SOAK else 10 if programs.EMULATOR else 50
 STATUS = 5
 # The first log hook tells of peers that end at the same time.
@@ -35,7 +35,7 @@ def every_run_ends_well(program, way, *arguments, runs=RUNS, beside=lambda numbe
     A callable argument is called with the number of the run. `beside` gives what is there from before each run until
     after it; when its reach() returns, the standard input of the program ends.
     """
-    environment = {**os.environ, **(WITHOUT_LEAK_DETECTION if way in WAYS_OF_FORKING else {})}
+    environment = {**os.environ, **(WITHOUT_LEAK_DETECTION if way in WAYS_BY_FORK_OR_EXEC else {})}
 
     def run(number):
         words = [argument(number) if callable(argument) else argument for argument in arguments]

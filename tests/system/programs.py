@@ -21,11 +21,10 @@ SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 <<
 
 # The sanitizers and the emulator take their time, and keep memory of their own.
 NATIVE = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
-MEMORY_IS_ITS_OWN = NATIVE
 
 
 def figure(*words):
-    """Prints what was measured; scripts/test shows all such lines after the tests."""
+    """Prints what was measured; scripts/figures shows all such lines."""
     print("figure:", *words)
 
 

@@ -7,10 +7,10 @@ import pytest
 
 import programs
 import wire
-from endings import RUNS, WAYS, WAYS_OF_FORKING, WAYS_WITHOUT_DESTRUCTORS, every_run_ends_well
+from endings import RUNS, WAYS, WAYS_BY_FORK_OR_EXEC, WAYS_WITHOUT_DESTRUCTORS, every_run_ends_well
 from programs import SOAK
 
-ALL_WAYS = WAYS + WAYS_WITHOUT_DESTRUCTORS + WAYS_OF_FORKING
+ALL_WAYS = WAYS + WAYS_WITHOUT_DESTRUCTORS + WAYS_BY_FORK_OR_EXEC
 RUNS_AT_A_STAGE = RUNS if SOAK else 4
 SYN_SENT = "02"
 

@@ -135,7 +135,7 @@ def refused_for_want_of_threads(plant):
         closing.close()
 
 
-@pytest.mark.skipif(not programs.MEMORY_IS_ITS_OWN, reason="the address space is that of a sanitizer or an emulator")
+@pytest.mark.skipif(not programs.NATIVE, reason="the address space is that of a sanitizer or an emulator")
 def test_connections_while_no_address_space_is_left_for_a_thread(plant):
     settled(plant)
     used = programs.address_space(plant.host.pid)
@@ -345,5 +345,5 @@ def test_nothing_is_left_of_all_that(plant, rest):
         programs.figure(f"{attack}: a healthy row took at most", round(slowest, 4), "s")
     programs.figure("threads, descriptors, bytes before all attacks:", *rest, "and after:", *after)
     assert after[:2] == rest[:2]
-    if programs.MEMORY_IS_ITS_OWN:
+    if programs.NATIVE:
         assert after[2] <= rest[2] + MEBIBYTE

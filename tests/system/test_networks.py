@@ -24,6 +24,7 @@ PERIOD = 30  # Of attempts, from an announcement on,
 LASTING = 9  # or from the end of a stream that lasted so long.
 ANNOUNCEMENT = 60
 ABOUT = 1  # How early or late a timer of TCP may be.
+REACHED_AGAIN = GIVEN_UP + 2 * ATTEMPT  # After a lost segment or a changed address, at the latest.
 MARGIN = 3 if programs.NATIVE else 20  # For a busy machine.
 
 EVERYBODY = "0.0.0.0"  # The limited broadcast address, 255.255.255.255.
@@ -126,7 +127,7 @@ class Schedule:
         if cut <= GIVEN_UP + ABOUT:
             # TCP doubles its pauses while nothing comes through; a stream that survives goes on after one more of them.
             # One that does not is given up meanwhile and tried again.
-            return GIVEN_UP + 2 * ATTEMPT + 2 * cut
+            return REACHED_AGAIN + 2 * cut
         # All streams of the host have been given up, and with them what TCP had to send again. While they are tried,
         # the worst that the end of the cut can meet is an attempt that has just begun and is lost, or a pause; the
         # next attempt finds the peer. So the length of the cut does not count, unless they are tried no more.
@@ -200,7 +201,7 @@ def test_a_host_whose_address_changes_is_met_at_the_new_one(network_of_hosts):
     network_of_hosts.hosts[0].do("network-changed")
     network_of_hosts.write()
 
-    assert programs.eventually(network_of_hosts.has_converged, GIVEN_UP + 2 * ATTEMPT)
+    assert programs.eventually(network_of_hosts.has_converged, REACHED_AGAIN)
     assert network_of_hosts.nobody_has_seen_a_row_go_back()
 
 
@@ -213,5 +214,5 @@ def test_an_interface_without_a_route_is_made_good_for_when_it_has_one(make_name
     network.hosts[0].do("network-changed")
     network.write()
 
-    assert programs.eventually(network.has_converged, GIVEN_UP + 2 * ATTEMPT)
+    assert programs.eventually(network.has_converged, REACHED_AGAIN)
     assert network.nobody_has_seen_a_row_go_back()

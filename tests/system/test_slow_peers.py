@@ -93,7 +93,7 @@ class Writer:
                 self._set(b"counters", b"%d" % row, b"%d" % self.rounds)
 
     def row_value(self):
-        return b"%06d " % self.rounds + b"v" * 1000  # Of one length: a string that grows keeps room for more.
+        return b"%06d " % self.rounds + b"v" * 1000  # Of one length, so that the memory stays comparable.
 
     def mark_its_end(self):
         self._set(b"counters", b"m", b"%d" % self.rounds)

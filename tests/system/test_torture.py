@@ -30,7 +30,7 @@ def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sh
 def test_all_those_calls_use_memory_as_they_may(network):
     valgrind = ["valgrind", "-q", "--leak-check=full", "--error-exitcode=1"]
 
-    assert run("calls", SEED, 3, before=valgrind) == ""
+    assert run("calls", SEED, 30 if SOAK else 3, before=valgrind) == ""
 
 
 @pytest.mark.parametrize("waiters", [1, 4])

@@ -5,7 +5,6 @@ import itertools
 import pytest
 
 import namespaces
-import programs
 import wire
 
 GROUP = b"line-4"

@@ -21,7 +21,7 @@ inline bool ForkedChildExits() {
 inline int Leave(const std::string& way) {
   if (way == "exit") std::exit(kStatus);
   if (way == "quick exit") std::quick_exit(kStatus);
-  if (way == "exec") execl("/bin/sh", "sh", "-c", "exit 5", nullptr);
+  if (way == "exec") execl("/bin/sh", "sh", "-c", ("exit " + std::to_string(kStatus)).c_str(), nullptr);
   if (way == "exit after a fork") std::exit(ForkedChildExits() ? kStatus : 1);
   if (way == "exit from a thread") {
     std::thread([] { std::exit(kStatus); }).detach();

@@ -173,6 +173,9 @@ class TableServerTest : public testing::Test {
   }
   std::string Address() const { return AddressOf(server_.get()); }
 
+  // One at whose place nobody listens.
+  void FindPeer() { server_->FoundPeer(INADDR_LOOPBACK, 9, esns_); }
+
   // Those that the test has started with `esns_`, which the server does not know.
   void StopAndAwaitReceivers() {
     server_->Stop();
@@ -185,10 +188,10 @@ class TableServerTest : public testing::Test {
     const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
       return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
     });
-    for (std::size_t i = 0; i < most; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+    for (std::size_t i = 0; i < most; ++i) FindPeer();
     EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
 
-    server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+    FindPeer();
 
     EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
                                                                      "TableServer: FoundPeer::thread error 11", ""}));
@@ -1263,7 +1266,7 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoMemoryIsLogged) {
 }
 
 TEST_F(TableServerTest, NoMoreThan1024PeersAreReceivedFromAtOnce) {
-  const DescriptorLimit descriptors(2736);
+  const DescriptorLimit descriptors(2736);  // Three eighths of it are more than 1,024.
   ReceivesFromNoMoreThan(1024);
 }
 
@@ -1296,7 +1299,6 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   }
 }
 
-// More often than there is room for peers.
 constexpr int kManyTimes = 100;  // More than are received from with the few descriptors of these tests.
 
 TEST_F(TableServerTest, PeersThatFoundNoThreadTakeNoRoomFromLaterOnes) {
@@ -1304,10 +1306,10 @@ TEST_F(TableServerTest, PeersThatFoundNoThreadTakeNoRoomFromLaterOnes) {
   Start();
   {
     const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+    for (int i = 0; i < kManyTimes; ++i) FindPeer();
   }
 
-  server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+  FindPeer();
 
   EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(kManyTimes));
@@ -1325,18 +1327,17 @@ TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
   });
   std::size_t received_from = 0;
   for (; log_.Lines("tblsvr.fnd.thread").empty() && received_from < kManyTimes; ++received_from) {
-    server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+    FindPeer();
   }
   --received_from;  // The last was refused.
-  for (int i = 0; i < kManyTimes; ++i) server_->FoundPeer(INADDR_LOOPBACK, 9, esns_);
+  for (int i = 0; i < kManyTimes; ++i) FindPeer();
 
   end.set_value();
   EXPECT_TRUE(log_.Eventually("tblsvr.fp.poll", received_from));
   const auto deadline = std::chrono::system_clock::now() + kDeadline;
   const auto is_received_from = [&] { return log_.Lines("tblrcvr.ctor").size() > received_from; };
   while (!is_received_from() && std::chrono::system_clock::now() < deadline) {
-    server_->FoundPeer(INADDR_LOOPBACK, 9,
-                       esns_);  // Those that end give their room back a moment after their last line.
+    FindPeer();  // Those that end give their room back a moment after their last line.
     std::this_thread::yield();
   }
 

@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <new>
 #include <system_error>
@@ -18,6 +16,7 @@
 #include "databases/CombinedKey.h"
 #include "logging/Log.h"
 #include "network/TableServer.h"
+#include "support/Entries.h"
 #include "threads/Fork.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -73,10 +72,6 @@ class Member {
   const std::shared_ptr<Varnix::Table> sent_ = Varnix::MakeTable("sent");
   std::unique_ptr<TableServer> server_;
 };
-
-std::ptrdiff_t Entries(const char* directory) {
-  return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
-}
 
 // Detached threads get a moment to go.
 bool ThreadsFallTo(std::ptrdiff_t threads) {

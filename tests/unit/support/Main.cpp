@@ -1,15 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <iterator>
 #include <thread>
 
-namespace {
+#include "support/Entries.h"
 
-std::ptrdiff_t Entries(const char* directory) {
-  return std::distance(std::filesystem::directory_iterator(directory), std::filesystem::directory_iterator());
-}
+namespace {
 
 // Fails every test after which a descriptor or a thread is left over. Detached threads get a moment to go.
 class LeakCheck : public testing::EmptyTestEventListener {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -37,6 +38,17 @@ std::vector<std::shared_ptr<Varnix::Table>> Listed(const std::string& name) {
     if (listed == name) found.push_back(table);
   }
   return found;
+}
+
+bool WaitsForTheTableLock(const std::function<void()>& call) {
+  std::atomic<bool> through{false};
+  std::optional<SleepingThread> waiting;
+  const MutexLock lock(table_lock);
+  waiting.emplace([&] {
+    call();
+    through = true;
+  });
+  return !through;
 }
 
 }  // namespace
@@ -301,17 +313,7 @@ TEST(MakeTable, MakesTwoTablesOfOneName) {
 }
 
 TEST(MakeTable, WaitsForTheTableLock) {
-  std::atomic<bool> through{false};
-  std::optional<SleepingThread> waiting;
-  {
-    const MutexLock lock(table_lock);
-    waiting.emplace([&] {
-      Varnix::MakeTable("t");
-      through = true;
-    });
-
-    EXPECT_FALSE(through);
-  }
+  EXPECT_TRUE(WaitsForTheTableLock([] { Varnix::MakeTable("t"); }));
 }
 
 TEST(MakeTable, LogsNothing) {
@@ -333,17 +335,7 @@ TEST(MakeTable, TakesAnyBytesAsAName) {
 }
 
 TEST(GetLocalTables, WaitsForTheTableLock) {
-  std::atomic<bool> through{false};
-  std::optional<SleepingThread> waiting;
-  {
-    const MutexLock lock(table_lock);
-    waiting.emplace([&] {
-      Varnix::GetLocalTables();
-      through = true;
-    });
-
-    EXPECT_FALSE(through);
-  }
+  EXPECT_TRUE(WaitsForTheTableLock([] { Varnix::GetLocalTables(); }));
 }
 
 TEST(GetLocalTables, LogsNothing) {
