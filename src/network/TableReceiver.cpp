@@ -136,6 +136,13 @@ void TableReceiver::SetBlocking() {
   }
 }
 
+bool TableReceiver::IsConnectedToAnother() const {
+  sockaddr_in own{};
+  socklen_t size = sizeof own;
+  getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &size);  // A failure leaves the address of nobody.
+  return own.sin_port != htons(port_) || own.sin_addr.s_addr != htonl(address_);
+}
+
 bool TableReceiver::MakeStream() {
   stream_ = cookie_->OpenStream();
   if (stream_ != nullptr) return true;
@@ -179,7 +186,10 @@ void ReceiveTable(TableServer& server, unsigned address, unsigned short port, st
     TableReceiver receiver(server, address, port);
     receiver.MakeSocket();
     std::string uid;
-    if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return;
+    if (!receiver.Connect(time_limit) || !receiver.IsConnectedToAnother() || !receiver.MakeStream() ||
+        !receiver.ReceiveUid(uid)) {
+      return;
+    }
     const EsnRegistration registration(active_esns, uid, {address, port}, elsewhere);
     if (!registration.Inserted()) throw AlreadyConnected();
     if (receiver.SendGroup(uid)) receiver.ReceiveRows();

@@ -30,6 +30,8 @@ class TableReceiver {
   // Ends the process when there is no socket to be had.
   void MakeSocket();
   bool Connect(std::chrono::nanoseconds time_limit);
+  // False when TCP has connected the socket to itself, which it may where nobody listens at a port of this host.
+  bool IsConnectedToAnother() const;
   bool MakeStream();
   // Throws WrongServer when the peer serves another database, SelfConnect when it is us.
   bool ReceiveUid(std::string& uid);

@@ -124,6 +124,11 @@ const char* LineOfSocket(int, int type, int) {
                            : "tblrcvr.sock: TableReceiver: socket error %d";
 }
 
+// A receiver asks, too, and goes on.
+const char* LineOfGetsockname(int, sockaddr*, socklen_t*) {
+  return IsMakingAServer() ? "tblsvr.lstn.name: TableServer: getsockname error %d" : nullptr;
+}
+
 const char* LineOfBind(int descriptor, const sockaddr*, socklen_t) {
   int type = 0;
   socklen_t size = sizeof type;
@@ -249,10 +254,7 @@ const std::vector<FailingCall>& FailingCalls() {
        {},
        {"tblsvr.lstn.lstn"}},
       {"getsockname",
-       [](Fault& fault, int error) {
-         Inject(Hooks().getsockname, fault, error, -1,
-                AlwaysLine{"tblsvr.lstn.name: TableServer: getsockname error %d"});
-       },
+       [](Fault& fault, int error) { Inject(Hooks().getsockname, fault, error, -1, LineOfGetsockname); },
        {ENOBUFS},
        {},
        {"tblsvr.lstn.name"}},

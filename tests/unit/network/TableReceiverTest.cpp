@@ -401,7 +401,57 @@ int TimesOut(pollfd*) { return 0; }
 
 int IsInterrupted(pollfd*) { return FailWith{EINTR}(); }
 
+std::function<int(int, sockaddr*, socklen_t*)> OwnAddressIs(unsigned address, unsigned short port) {
+  return [address, port](int, sockaddr* own, socklen_t*) {
+    auto& internet = *reinterpret_cast<sockaddr_in*>(own);
+    internet.sin_family = AF_INET;
+    internet.sin_addr.s_addr = htonl(address);
+    internet.sin_port = htons(port);
+    return 0;
+  };
+}
+
 }  // namespace
+
+TEST_F(TableReceiverTest, ConnectionOfASocketToItselfEndsBeforeItIsRead) {
+  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, OwnAddressIs(0xE0010203, 4660)};
+  peer_.says = kPeer;
+
+  Receive();
+
+  EXPECT_THAT(LinesBetween(), ElementsAre("7 tblrcvr.sock.conn.succ: TableReceiver: connect succeeded"));
+  EXPECT_THAT(calls_.Calls(), Not(Contains("fopencookie")));
+}
+
+TEST_F(TableReceiverTest, PeerOfTheOwnAddressWithAnotherPortIsReadFrom) {
+  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, OwnAddressIs(0xE0010203, 4661)};
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, PeerOfAnotherAddressWithTheOwnPortIsReadFrom) {
+  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, OwnAddressIs(0xE0010204, 4660)};
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
+
+TEST_F(TableReceiverTest, PeerIsReadFromWhenTheOwnAddressCannotBeTold) {
+  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, FailWith{ENOBUFS}};
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_EQ(table_->rows.size(), 1U);
+}
 
 TEST_F(TableReceiverTest, FlagsThatCannotBeReadAreFollowedByABlockingConnect) {
   peer_.says = kPeer;
