@@ -64,11 +64,11 @@ bool Cookie::Send(const char* bytes, std::size_t size) {
 // What the peer does not take at once is left to our thread. False when the stream is over, which it is for want
 // of memory to keep it in, too.
 bool Cookie::SendWithoutWaiting(const char* bytes, std::size_t size) try {
-  const ssize_t sent = has_unsent_ ? 0 : SendOnce(bytes, size);
+  unsent_.append(bytes, size);
+  const ssize_t sent = SendOnce(unsent_.data(), unsent_.size());
   if (sent < 0) return false;
-  if (static_cast<std::size_t>(sent) == size) return true;
-  unsent_.append(bytes + sent, size - static_cast<std::size_t>(sent));
-  has_unsent_ = true;
+  unsent_.erase(0, static_cast<std::size_t>(sent));
+  has_unsent_ = !unsent_.empty();
   return true;
 } catch (const std::bad_alloc&) {
   shutdown(socket, SHUT_RDWR);
@@ -125,7 +125,9 @@ void Cookie::LogReadError() {
 }
 
 void Cookie::LogErrnoAndAbort(const char* tag, const char* format) {
-  if (locked_stream_ != nullptr) funlockfile(locked_stream_);  // The log hook may need it; nothing is left to guard.
+  // The log hook may flush: it needs the lock, and must not send once more what is being sent.
+  lock_lent_ = true;
+  if (locked_stream_ != nullptr) funlockfile(locked_stream_);
   ::LogErrnoAndAbort(tag, format);
 }
 

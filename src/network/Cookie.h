@@ -52,7 +52,7 @@ struct Cookie {
   int read_error_ = 0;  // An errno that has not been logged yet.
   // The host's flushes look at these. All change only under the stream's lock, which no sanitizer sees: hence atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
-  std::atomic<bool> lock_lent_{false};         // Our thread waits within a record; whoever comes now is the host.
+  std::atomic<bool> lock_lent_{false};         // Our thread waits, or ends the process; whoever comes now is the host.
   std::atomic<bool> has_unsent_{false};
   std::string unsent_;  // What a flush of the host's could not send. Looked at after `has_unsent_`, changed before it.
 };

@@ -892,6 +892,22 @@ TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   fclose(stream);
 }
 
+TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
+  FILE* const stream = cookie_.OpenStream();
+  const std::size_t filled = FillConnection();
+  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_EQ(PeerReceives(filled).size(), filled);
+  EXPECT_FALSE(WriteRecord({"l", ""}, stream, cookie_));
+
+  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l", 10));
+  EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x01mv", 6)) << "and nothing twice";
+  fclose(stream);
+}
+
 TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
   FILE* const stream = cookie_.OpenStream();
   for (const std::string& key : {std::string("k"), std::string("l")}) {
@@ -1029,6 +1045,26 @@ TEST_F(CookieTest, FailedPollWithinARecordIsLoggedWithTheStreamUnlocked) {
   };
 
   EXPECT_EXIT(read(), testing::KilledBySignal(SIGABRT), "cook.rd.poll unlocked");
+
+  fclose(stream);
+}
+
+TEST_F(CookieTest, HookThatFlushesWhenAWriteEndsTheProcessSendsNothingTwice) {
+  FILE* const stream = cookie_.OpenStream();
+  const auto write = [&] {
+    int sends = 0;
+    Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) -> ssize_t {
+      if (++sends == 2) return FailWith{EAGAIN}();
+      return Hooks().send.Real(descriptor, bytes, sends == 1 ? 4 : size, flags);
+    });
+    SetLogHook([this](Varnix::LogLevel, const char*, const char*, va_list) {
+      fflush(nullptr);
+      fprintf(stderr, "%zu of 8 bytes sent", PeerReceivesWaiting().size());
+    });
+    WriteRecord({"k", "vvv"}, stream, cookie_);
+  };
+
+  EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT), "4 of 8 bytes sent");
 
   fclose(stream);
 }
