@@ -13,13 +13,18 @@ std::string::size_type ClaimedLength(std::string_view combined) {
 }  // namespace
 
 std::string CombinedKey(const std::string& name, const std::string& key) {
-  const std::string::size_type length = std::min(name.size(), kLongestName);
   std::string combined;
+  AssignCombinedKey(combined, name, key);
+  return combined;
+}
+
+void AssignCombinedKey(std::string& combined, const std::string& name, const std::string& key) {
+  const std::string::size_type length = std::min(name.size(), kLongestName);
+  combined.clear();
   combined.reserve(1 + length + key.size());
   combined.push_back(static_cast<char>(length));
   combined.append(name, 0, length);
   combined.append(key);
-  return combined;
 }
 
 SplitKey::SplitKey(std::string_view combined) {

@@ -6,6 +6,8 @@
 // One length byte, that many bytes of `name` (cut to 255), then `key`. Keys the rows of a combined table, and joins the
 // device and the process of a participant to its identity, the uid.
 std::string CombinedKey(const std::string& name, const std::string& key);
+// The same, in the memory that `combined` has, if that is enough.
+void AssignCombinedKey(std::string& combined, const std::string& name, const std::string& key);
 
 // The two halves of a combined key of any origin. A key that is empty, or claims a longer name than it holds, has two
 // empty halves. Points into `combined`.

@@ -4,6 +4,7 @@
 
 #include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "tables/StringMemory.h"
 
 TableCombiner::TableCombiner(std::shared_ptr<Varnix::Table> combined_table, std::shared_ptr<Varnix::Table> local_copy,
                              std::string table_name)
@@ -12,7 +13,13 @@ TableCombiner::TableCombiner(std::shared_ptr<Varnix::Table> combined_table, std:
 void TableCombiner::Set(const Varnix::Row& row) {
   Log(Varnix::LogLevel::Debug, "tblcmbn.set", "TableCombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
       name.c_str(), row.first.c_str(), row.second.size());
-  combined->Set({CombinedKey(name, row.first), row.second});
+  std::unique_ptr<Varnix::Row> own = combined_row.Take();
+  AssignCombinedKey(own->first, name, row.first);
+  own->second = row.second;
+  combined->Set(*own);
+  EmptyForReuse(own->first);
+  EmptyForReuse(own->second);
+  combined_row.GiveBack(std::move(own));
   local->Set(row);
 }
 

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "databases/Spare.h"
+
 // What an application holds for a shared table. Rows set here go into the combined table of the database, which is
 // served to peers, and into the table's local copy, which also gets what peers send; watching watches the local copy.
 //
@@ -22,4 +24,5 @@ class TableCombiner final : public Varnix::Table {
   const std::shared_ptr<Varnix::Table> combined;
   const std::shared_ptr<Varnix::Table> local;
   const std::string name;
+  Spare<Varnix::Row> combined_row;
 };

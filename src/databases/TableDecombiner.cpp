@@ -13,12 +13,9 @@ using Varnix::LogLevel;
 TableDecombiner::TableDecombiner(std::string database_name)
     : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
 
-TableDecombiner::~TableDecombiner() { delete scratch.load(); }
-
 void TableDecombiner::Set(const Varnix::Row& row) {
-  std::unique_ptr<Scratch> own(scratch.exchange(nullptr));
-  if (!own) own = std::make_unique<Scratch>();
-  auto& [name, plain] = *own;
+  std::unique_ptr<SplitRow> split = split_row.Take();
+  auto& [name, plain] = *split;
   const SplitKey parts(row.first);
   name = parts.name;
   plain.first = parts.key;
@@ -30,7 +27,7 @@ void TableDecombiner::Set(const Varnix::Row& row) {
   EmptyForReuse(name);
   EmptyForReuse(plain.first);
   EmptyForReuse(plain.second);
-  delete scratch.exchange(own.release());
+  split_row.GiveBack(std::move(split));
 }
 
 std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }

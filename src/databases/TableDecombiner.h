@@ -2,11 +2,11 @@
 
 #include <Varnix.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <unordered_map>
 
+#include "databases/Spare.h"
 #include "threads/Mutex.h"
 
 // Where the rows that peers send enter a database: each goes, under its plain key, into the local copy of the table
@@ -16,7 +16,6 @@
 class TableDecombiner final : public Varnix::Table {
  public:
   explicit TableDecombiner(std::string database_name);
-  ~TableDecombiner() override;
 
   void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock);
   // Nobody watches the way in: both return null.
@@ -34,10 +33,9 @@ class TableDecombiner final : public Varnix::Table {
   std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);
   const std::shared_ptr<Varnix::Table> table_table;
 
-  struct Scratch {
+  struct SplitRow {
     std::string name;
     Varnix::Row plain;
   };
-  // Where the last row was split: the next one needs no allocation. Owned; null while a thread is using it.
-  std::atomic<Scratch*> scratch{nullptr};
+  Spare<SplitRow> split_row;
 };

@@ -212,15 +212,7 @@ TEST(DatabaseCache, IsWholeAfterMemoryRanOutAnywhere) {
   const std::string name = "a name that does not fit into the string itself";
   for (long n = 1;; ++n) {
     DatabaseCache cache;
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      try {
-        cache.GetDatabase(name);
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failing.HasFailed();
-    }
+    const bool failed = RunsOutOfMemoryAt(n, [&] { cache.GetDatabase(name); });
     EXPECT_EQ(cache.FindDatabase(name) == nullptr, failed);
     EXPECT_NO_THROW(cache.NetworkChanged());
 

@@ -7,6 +7,7 @@
 
 #include "Tables.h"
 #include "databases/TableCombiner.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/ThrowingHook.h"
 
@@ -127,6 +128,53 @@ TEST_F(TableCombinerTest, LogsAnUnchangedRowThreeTimesAndTellsNobody) {
 
   EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tblcmbn.set", "tbl.set.upd", "tbl.set.upd"}));
   EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
+TEST_F(TableCombinerTest, SetsAKnownRowOfUsualSizeWithoutAnAllocation) {
+  combiner_.Set({std::string(100, 'k'), std::string(100, '1')});
+  const Varnix::Row row(std::string(100, 'k'), std::string(100, '2'));
+
+  EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { combiner_.Set(row); }));
+
+  EXPECT_EQ(Contents(*combined_), (Rows{{"\3cfg" + std::string(100, 'k'), std::string(100, '2')}}));
+  EXPECT_EQ(Contents(*local_), (Rows{row}));
+}
+
+TEST_F(TableCombinerTest, KeepsALongValueInItsTwoTablesAlone) {
+  combiner_.Set({"k", std::string(100, '1')});
+  const Varnix::Row row("k", std::string(10'000, '2'));
+
+  EXPECT_EQ(LeavesAllocated([&] { combiner_.Set(row); }), -1);  // What was kept for the next value is given back.
+}
+
+TEST_F(TableCombinerTest, KeepsALongKeyInItsTwoTablesAlone) {
+  combiner_.Set({std::string(100, 'k'), "1"});
+  const Varnix::Row row(std::string(10'000, 'k'), "2");
+  combiner_.Set(row);
+  combiner_.Set({std::string(100, 'k'), "2"});
+
+  EXPECT_EQ(LeavesAllocated([&] { combiner_.Set(row); }), -1);
+}
+
+TEST_F(TableCombinerTest, SetsTheRowForThePeersOrNothingWhenMemoryRunsOut) {
+  const Varnix::Row row(std::string(100, 'k'), std::string(100, 'v'));
+  const Varnix::Row combined_row("\3cfg" + std::string(100, 'k'), std::string(100, 'v'));
+  for (long n = 1;; ++n) {
+    const auto combined = Varnix::MakeTable("combined");
+    const auto local = Varnix::MakeTable("local");
+    TableCombiner combiner(combined, local, "cfg");
+
+    const bool failed = RunsOutOfMemoryAt(n, [&] { combiner.Set(row); });
+
+    const Rows shared = Contents(*combined);
+    EXPECT_TRUE(shared.empty() || shared == Rows{combined_row});
+    EXPECT_EQ(Contents(*local).empty(), failed);
+    combiner.Set(row);
+    EXPECT_EQ(Contents(*combined), Rows{combined_row});
+    EXPECT_EQ(Contents(*local), Rows{row});
+    if (!failed) return;
+    ASSERT_LT(n, 100);
+  }
 }
 
 TEST_F(TableCombinerTest, KeepsItsTablesAlive) {

@@ -252,13 +252,9 @@ TEST_F(TableDecombinerTest, SetsAKnownRowOfUsualSizeWithoutAnAllocation) {
   const std::string key = CombinedKey("a name that does not fit into the string itself", std::string(100, 'k'));
   decombiner_.Set({key, std::string(100, '1')});
   const Varnix::Row row(key, std::string(100, '2'));
-  {
-    const FailingAllocation failing(1);
 
-    decombiner_.Set(row);
+  EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { decombiner_.Set(row); }));
 
-    EXPECT_FALSE(failing.HasFailed());
-  }
   const auto table = decombiner_.GetTable("a name that does not fit into the string itself");
   EXPECT_EQ(Contents(*table), (Rows{{std::string(100, 'k'), std::string(100, '2')}}));
 }
@@ -266,26 +262,15 @@ TEST_F(TableDecombinerTest, SetsAKnownRowOfUsualSizeWithoutAnAllocation) {
 TEST_F(TableDecombinerTest, KeepsALongValueOnlyOnce) {
   decombiner_.Set({"\1tk", std::string(100, '1')});
   const Varnix::Row row("\1tk", std::string(10'000, '2'));
-  const long live = LiveAllocations();
 
-  decombiner_.Set(row);
-
-  EXPECT_EQ(LiveAllocations(), live - 1);  // What was kept for the next value is given back.
+  EXPECT_EQ(LeavesAllocated([&] { decombiner_.Set(row); }), -1);  // What was kept for the next value is given back.
 }
 
 TEST_F(TableDecombinerTest, IsWholeAfterMemoryRanOutAnywhere) {
   const Varnix::Row row(CombinedKey("a name that does not fit into the string itself", "k"), std::string(100, 'v'));
   for (long n = 1;; ++n) {
     TableDecombiner decombiner("without memory");
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      try {
-        decombiner.Set(row);
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failing.HasFailed();
-    }
+    const bool failed = RunsOutOfMemoryAt(n, [&] { decombiner.Set(row); });
     // What is listed is made, and what is made is listed.
     EXPECT_EQ(LocalTables("_vrx_.out_a name that does not fit into the string itself.without memory").size(),
               Contents(*decombiner.GetTableTable()).size());

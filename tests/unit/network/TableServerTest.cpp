@@ -486,14 +486,9 @@ TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
   const auto descriptors = open();
   int failures = 0;
   for (bool failed = true; failed;) {
-    {
-      const FailingAllocation failing(failures + 1);
-      try {
-        TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"));
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failing.HasFailed();
-    }
+    failed = RunsOutOfMemoryAt(failures + 1, [&] {
+      TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"));
+    });
     failures += failed ? 1 : 0;
 
     EXPECT_EQ(open(), descriptors);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <new>
 
 // Makes the n-th allocation of this thread, counted from 1, fail while this object lives.
 class FailingAllocation {
@@ -13,8 +14,27 @@ class FailingAllocation {
   bool HasFailed() const;
 };
 
+// Whether the call had an n-th allocation, which failed. What it then throws is caught.
+template <class Call>
+bool RunsOutOfMemoryAt(long n, Call call) {
+  const FailingAllocation failing(n);
+  try {
+    call();
+  } catch (const std::bad_alloc&) {
+  }
+  return failing.HasFailed();
+}
+
 // How many allocations of this thread have not been freed, less what it has freed for other threads.
 long LiveAllocations();
+
+// How many more there are after the call than before.
+template <class Call>
+long LeavesAllocated(Call call) {
+  const long before = LiveAllocations();
+  call();
+  return LiveAllocations() - before;
+}
 
 // From now on `fails` decides of each allocation of every thread but this one. Once in a process.
 void FailAllocationsOfOtherThreads(std::function<bool()> fails);

@@ -98,12 +98,7 @@ TEST_F(KeyWatcherTest, LosesNoChangeWhenMemoryRunsOut) {
   Rows taken;
   bool failed = true;
   for (long n = 1; failed; ++n) {
-    const FailingAllocation failing(n);
-    try {
-      taken = watcher->GetChanges();
-    } catch (const std::bad_alloc&) {
-    }
-    failed = failing.HasFailed();
+    failed = RunsOutOfMemoryAt(n, [&] { taken = watcher->GetChanges(); });
     EXPECT_TRUE(failed || n > 1);
   }
 

@@ -255,12 +255,7 @@ TEST_F(LWatcherSetTest, LosesNoChangeWhenMemoryRunsOut) {
   Change taken;
   bool failed = true;
   for (long n = 1; failed; ++n) {
-    const FailingAllocation failing(n);
-    try {
-      taken = set->WaitUntil(kPast);
-    } catch (const std::bad_alloc&) {
-    }
-    failed = failing.HasFailed();
+    failed = RunsOutOfMemoryAt(n, [&] { taken = set->WaitUntil(kPast); });
     EXPECT_TRUE(failed || n > 1);
   }
 
@@ -272,14 +267,7 @@ TEST_F(LWatcherSetTest, LeavesNoTraceWhenMemoryRunsOutWhileItIsMade) {
   const std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k"),
                                                                table_->Watch("missing")};
   for (long n = 1;; ++n) {
-    bool failed = false;
-    try {
-      FailingAllocation failing(n);
-      Varnix::MakeWatcherSet(watchers).reset();
-      failed = failing.HasFailed();
-    } catch (const std::bad_alloc&) {
-      failed = true;
-    }
+    const bool failed = RunsOutOfMemoryAt(n, [&] { Varnix::MakeWatcherSet(watchers).reset(); });
 
     table_->Set({"missing", std::to_string(n)});  // Would call a set that is gone.
     if (!failed) return;
@@ -343,10 +331,7 @@ TEST_F(LWatcherSetTest, NeedsNoMemoryToLearnOfChanges) {
   const auto set = Varnix::MakeWatcherSet(watchers);
   const Row fits("k", "2");
 
-  const FailingAllocation failing(1);
-  table_->Set(fits);
-
-  EXPECT_FALSE(failing.HasFailed());
+  EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { table_->Set(fits); }));
 }
 
 TEST_F(LWatcherSetTest, WithoutMembersSleepsForGoodInWait) {
@@ -505,12 +490,7 @@ TEST_F(LWatcherSetTest, WorksAfterMemoryRanOutWhileAnotherWasMade) {
   const std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
   const auto set = Varnix::MakeWatcherSet(watchers);
   for (long n = 1;; ++n) {
-    const FailingAllocation failing(n);
-    try {
-      Varnix::MakeWatcherSet(watchers).reset();
-    } catch (const std::bad_alloc&) {
-    }
-    if (!failing.HasFailed()) break;
+    if (!RunsOutOfMemoryAt(n, [&] { Varnix::MakeWatcherSet(watchers).reset(); })) break;
   }
 
   table_->Set({"k", "v"});
@@ -524,15 +504,7 @@ TEST_F(LWatcherSetTest, ThatCannotBeMadeDropsWatchersThatNobodyElseHasWithTheLoc
   for (long n = 1;; ++n) {
     std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
     const std::weak_ptr<Varnix::Watcher> alive = watchers[0];
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      try {
-        Varnix::MakeWatcherSet(std::move(watchers)).reset();
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failing.HasFailed();
-    }
+    const bool failed = RunsOutOfMemoryAt(n, [&] { Varnix::MakeWatcherSet(std::move(watchers)).reset(); });
 
     EXPECT_TRUE(alive.expired());
     if (!failed) return;

@@ -210,11 +210,8 @@ TEST(LocalTable, ValueThatBecomesMuchShorterGivesItsMemoryBack) {
   const Row before("k", std::string(100000, 'v'));
   const Row after("k", "v");
   table->Set(before);
-  const long live = LiveAllocations();
 
-  table->Set(after);
-
-  EXPECT_EQ(LiveAllocations(), live - 1);
+  EXPECT_EQ(LeavesAllocated([&] { table->Set(after); }), -1);
 }
 
 TEST(LocalTable, KnownKeyGetsAValueThatFitsWithoutAllocating) {
@@ -223,12 +220,11 @@ TEST(LocalTable, KnownKeyGetsAValueThatFitsWithoutAllocating) {
   const Row before("k", std::string(900, 'v'));
   const Row after("k", std::string(100, 'w'));
   table->Set(before);
-  const FailingAllocation failing(1);
 
-  table->Set(after);
-  table->Set(before);
-
-  EXPECT_FALSE(failing.HasFailed());
+  EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] {
+    table->Set(after);
+    table->Set(before);
+  }));
 }
 
 TEST(LocalTable, TakesItsOwnRowAsAnArgument) {
@@ -351,15 +347,7 @@ TEST(GetLocalTables, LeavesNothingLockedWhenMemoryRunsOut) {
   const std::string name = "a name that does not fit into the string itself";
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable(name);
   for (long n = 1;; ++n) {
-    bool failed = false;
-    {
-      const FailingAllocation failing(n);
-      try {
-        Varnix::GetLocalTables();
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failing.HasFailed();
-    }
+    const bool failed = RunsOutOfMemoryAt(n, [] { Varnix::GetLocalTables(); });
 
     EXPECT_EQ(Listed(name).size(), 1U);
     if (!failed) break;
@@ -380,11 +368,8 @@ TEST(GetLocalTables, ForgetsATableThatIsGone) {
 
 TEST(LocalTable, LeavesNothingBehindWhenItIsGone) {
   Varnix::MakeTable("the first makes the registry").reset();
-  const long before = LiveAllocations();
 
-  Varnix::MakeTable("t").reset();
-
-  EXPECT_EQ(LiveAllocations(), before);
+  EXPECT_EQ(LeavesAllocated([] { Varnix::MakeTable("t").reset(); }), 0);
 }
 
 TEST(LocalTable, SetChangesNothingWhenTheLogHookThrows) {
@@ -446,15 +431,7 @@ TEST(LocalTable, SetEitherHappensOrDoesNotWhenMemoryRunsOut) {
     const Row updated("old", value);
     bool failed = false;
     for (const Row* row : {&inserted, &updated}) {
-      bool failed_here = false;
-      {
-        const FailingAllocation failing(n);
-        try {
-          table->Set(*row);
-        } catch (const std::bad_alloc&) {
-        }
-        failed_here = failing.HasFailed();
-      }
+      const bool failed_here = RunsOutOfMemoryAt(n, [&] { table->Set(*row); });
       EXPECT_EQ(Drain(*all).empty(), failed_here);
       failed = failed || failed_here;
     }
@@ -475,12 +452,7 @@ TEST(LocalTable, WatchingRegistersNothingWhenMemoryRunsOut) {
     const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
     bool failed = false;
     for (const bool all : {false, true}) {
-      FailingAllocation failing(n);
-      try {
-        all ? table->WatchAll() : table->Watch(key);
-      } catch (const std::bad_alloc&) {
-      }
-      failed = failed || failing.HasFailed();
+      failed = RunsOutOfMemoryAt(n, [&] { all ? table->WatchAll() : table->Watch(key); }) || failed;
     }
 
     LogRecorder log;
@@ -493,15 +465,11 @@ TEST(LocalTable, WatchingRegistersNothingWhenMemoryRunsOut) {
 
 TEST(MakeTable, RegistersNothingWhenMemoryRunsOut) {
   for (long n = 1;; ++n) {
-    bool failed = false;
-    try {
-      FailingAllocation failing(n);
-      const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("a name that does not fit into the string itself");
-      failed = failing.HasFailed();
-      EXPECT_FALSE(failed);
-    } catch (const std::bad_alloc&) {
-      failed = true;
-    }
+    std::shared_ptr<Varnix::Table> table;
+    const bool failed =
+        RunsOutOfMemoryAt(n, [&] { table = Varnix::MakeTable("a name that does not fit into the string itself"); });
+    EXPECT_EQ(table == nullptr, failed);
+    table.reset();
 
     EXPECT_TRUE(Listed("a name that does not fit into the string itself").empty());
     if (!failed) return;
