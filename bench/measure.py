@@ -11,7 +11,7 @@ import subprocess
 import sys
 import time
 
-from systems import COMPARED, Place, why_unavailable
+from systems import COMPARED, WITH_TABLES, Place, why_unavailable
 
 ROWS = 200_000
 RESULTS = {}
@@ -202,11 +202,11 @@ def machine():
 
 def measure_all():
     RESULTS["machine"] = machine()
-    for system in in_turns(COMPARED, 3):
+    for system in in_turns(WITH_TABLES, 3):
         fill(system)
     for rows in (1_000, 10_000, 100_000, 1_000_000):
-        for _ in range(3 if rows < 1_000_000 else 1):
-            fill("varnix", rows, "growth")
+        for system in in_turns(("varnix", "bare", "tables"), 3 if rows < 1_000_000 else 1):
+            fill(system, rows, "growth")
     for system in in_turns(COMPARED, 3):
         snapshot(system, 100_000)
     for system in COMPARED:
@@ -216,7 +216,7 @@ def measure_all():
     for system in COMPARED:
         overwrite(system, 1_000_000)
     for watchers in (1, 4, 16, 64):
-        for system in COMPARED:
+        for system in WITH_TABLES:
             fan_out(system, watchers)
     for both_ways in (False, True):
         for interval_us, count in ((1_000, 2_000), (10_000, 200), (100_000, 30)):

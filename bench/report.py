@@ -14,8 +14,8 @@ matplotlib.use("svg")
 matplotlib.rcParams["svg.hashsalt"] = "varnix"  # The same figures give the same file.
 from matplotlib import pyplot  # noqa: E402
 
-NAMES = {"varnix": "Varnix", "bare": "bare sockets", "udp": "UDP datagram", "redis": "Redis",
-         "mosquitto": "mosquitto", "zeromq": "ZeroMQ", "cyclonedds": "Cyclone DDS"}
+NAMES = {"varnix": "Varnix", "bare": "bare sockets", "tables": "sockets and tables", "udp": "UDP datagram",
+         "redis": "Redis", "mosquitto": "mosquitto", "zeromq": "ZeroMQ", "cyclonedds": "Cyclone DDS"}
 
 
 def median(runs, figure):
@@ -61,9 +61,9 @@ def jobs_table(results):
         if job in ("machine", "idle", "growth", "group") or job.startswith("latency"):
             continue
         for system, runs in systems.items():
-            rows.append([job, NAMES[system], number(median(runs, "ms")),
-                         f"{ratio(runs, systems['bare']):.2f}", str(len(runs))])
-    return table(["Job", "System", "ms", "to bare sockets", "runs"], rows)
+            ratios = [f"{ratio(runs, systems[limit]):.2f}" if limit in systems else "" for limit in ("bare", "tables")]
+            rows.append([job, NAMES[system], number(median(runs, "ms")), *ratios, str(len(runs))])
+    return table(["Job", "System", "ms", "to bare sockets", "to sockets and tables", "runs"], rows)
 
 
 def cost_table(results):
@@ -116,13 +116,16 @@ def save(figure, path):
 
 
 def plot_growth(results, path):
-    by_rows = {}
-    for run in results["growth"]["varnix"]:
-        by_rows.setdefault(run["rows"], []).append(run["ms"] * 1000 / run["rows"])
     figure, axes = pyplot.subplots(figsize=(6, 3.5))
-    axes.plot(by_rows.keys(), [statistics.median(times) for times in by_rows.values()], marker="o")
+    for system, runs in results["growth"].items():
+        by_rows = {}
+        for run in runs:
+            by_rows.setdefault(run["rows"], []).append(run["ms"] * 1000 / run["rows"])
+        axes.plot(by_rows.keys(), [statistics.median(times) for times in by_rows.values()], marker="o",
+                  label=NAMES[system])
     axes.set(xscale="log", ylim=(0, None), xlabel="new rows written at once",
              ylabel="microseconds per row,\nuntil a peer has seen all")
+    axes.legend(fontsize="small")
     save(figure, path)
 
 
@@ -144,7 +147,7 @@ def plot_systems(results, path):
             "one row 1,000,000 times": "overwrite"}
     figure, all_axes = pyplot.subplots(1, len(jobs), figsize=(10, 3), sharey=True)
     for axes, (title, job) in zip(all_axes, jobs.items()):
-        systems = [system for system in NAMES if system in results[job]]
+        systems = [system for system in NAMES if all(system in results[each] for each in jobs.values())]
         axes.barh([NAMES[system] for system in systems],
                   [median(results[job][system], "ms") for system in systems],
                   color=["tab:orange" if system == "varnix" else "tab:blue" for system in systems])
