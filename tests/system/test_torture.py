@@ -1,5 +1,6 @@
 """The whole interface, from many threads at once."""
 
+import pathlib
 import shutil
 import subprocess
 
@@ -18,19 +19,25 @@ def run(*arguments, before=()):
     return done.stdout
 
 
+def unexpected(said):
+    """The lines that nothing explains. A sharing that ends while a peer's bytes are unread resets the connection."""
+    return set(said.splitlines()) - {"cook.rd.rd: Cookie::Read: read error 104: Connection reset by peer"}
+
+
 def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sharing_change(network):
     programs.figure("seed of the torture:", SEED)
     seconds = 30 if SOAK else 4
 
-    assert run("calls", SEED, seconds) == ""
+    assert unexpected(run("calls", SEED, seconds)) == set()
 
 
 @pytest.mark.skipif(not shutil.which("valgrind"), reason="there is no valgrind")
 @pytest.mark.skipif(not programs.NATIVE, reason="a sanitizer or an emulator is there already")
 def test_all_those_calls_use_memory_as_they_may(network):
-    valgrind = ["valgrind", "-q", "--leak-check=full", "--error-exitcode=1"]
+    suppressions = pathlib.Path(__file__).with_name("threads_at_exit.supp")
+    valgrind = ["valgrind", "-q", "--leak-check=full", "--error-exitcode=1", f"--suppressions={suppressions}"]
 
-    assert run("calls", SEED, 30 if SOAK else 3, before=valgrind) == ""
+    assert unexpected(run("calls", SEED, 30 if SOAK else 3, before=valgrind)) == set()
 
 
 @pytest.mark.parametrize("waiters", [1, 4])

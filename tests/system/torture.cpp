@@ -27,6 +27,8 @@
 #include <utility>
 #include <vector>
 
+#include "support/FirstThread.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -260,7 +262,7 @@ int Resharing(int count) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeSharedTable("plant", "state");
   const std::shared_ptr<Varnix::WatcherSet> received = Varnix::MakeWatcherSet({table->Watch("of the partner")});
   Varnix::SetLoggingFunction({});
-  std::thread([] {}).join();  // The thread sanitizer starts a thread of its own with the first one.
+  StartAndEndAThread();
   // Discovery, accepting, and a stream each way; two sockets, two pipes and the streams.
   const Count expected(4, 2 + 2 * 2 + 2);
   for (int number = 0; number < count; ++number) {

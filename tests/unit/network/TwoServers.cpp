@@ -17,6 +17,7 @@
 #include "logging/Log.h"
 #include "network/TableServer.h"
 #include "support/Entries.h"
+#include "support/FirstThread.h"
 #include "threads/Fork.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -163,9 +164,9 @@ Outcome RunTwoServers(long first, bool for_ever, std::chrono::milliseconds patie
   const pid_t child = fork();
   if (child == 0) {
     dup2(ends[1], STDERR_FILENO);
-    alarm(180);                 // A hang is an end as well.
-    in_forked_child = false;    // This process is one of its own.
-    std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
+    alarm(180);               // A hang is an end as well.
+    in_forked_child = false;  // This process is one of its own.
+    StartAndEndAThread();
     static Fault& fault = *new Fault(first, for_ever);
     Hooks().poll.Set(PollQuickly);
     inject(fault);

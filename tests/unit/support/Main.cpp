@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "support/Entries.h"
+#include "support/FirstThread.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ int main(int argc, char** argv) {
   // program cannot start itself.
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
 #endif
-  std::thread([] {}).join();  // With the first thread the thread sanitizer starts one of its own, which stays.
+  StartAndEndAThread();
   testing::UnitTest::GetInstance()->listeners().Append(new LeakCheck);
   return RUN_ALL_TESTS();
 }
