@@ -463,6 +463,26 @@ TEST_F(SetSharingGroup, IsReportedWithoutTheAddressToThoseWhoDoNotAskForIt) {
   EXPECT_EQ(group, "g");
 }
 
+TEST_F(SetSharingGroup, IsReportedWholeOrNotAtAllWhenMemoryRunsOut) {
+  const std::string longer(100, 'n');
+  Varnix::SetSharingGroup(name_, longer, longer, longer, inet_addr("127.255.255.255"));
+  for (long n = 1;; ++n) {
+    std::string group = "as";
+    std::string device = "they";
+    std::string process = "were";
+    unsigned address = 7;
+
+    const bool failed = RunsOutOfMemoryAt(n, [&] { Varnix::GetSharingGroup(name_, group, device, process, &address); });
+
+    const std::vector<std::string> before{"as", "they", "were"};
+    const std::vector<std::string> all{longer, longer, longer};
+    EXPECT_EQ((std::vector<std::string>{group, device, process}), failed ? before : all);
+    EXPECT_EQ(address == 7, failed);
+    if (!failed) return;
+    ASSERT_LT(n, 20);
+  }
+}
+
 TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {
   Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
 

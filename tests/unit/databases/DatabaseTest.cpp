@@ -9,6 +9,7 @@
 
 #include "Tables.h"
 #include "databases/Database.h"
+#include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/ThrowingHook.h"
 
@@ -229,6 +230,32 @@ TEST(Database, IsInOrderAfterTheLogHookHasThrownAnywhereInItsFirstSetSharing) {
     database.SetSharing(Settings());
 
     EXPECT_TRUE(database.GetSharing(settings));
+  }
+}
+
+TEST(Database, IsSharedOrNotWhereverMemoryRunsOutInSetSharingAndSharesAfterwards) {
+  const std::string longer(100, 'n');
+  const SharingSettings longer_settings{longer, longer, longer, Settings().broadcast_address};
+  for (const bool again : {false, true}) {
+    for (long n = 1;; ++n) {
+      Database database("d");
+      if (again) database.SetSharing(Settings());
+
+      const bool failed = RunsOutOfMemoryAt(n, [&] { database.SetSharing(longer_settings); });
+
+      SharingSettings settings;
+      const bool shared = database.GetSharing(settings);
+      if (failed) {
+        EXPECT_TRUE(!shared || (again && settings.group == Settings().group)) << settings.group;
+      } else {
+        EXPECT_TRUE(shared);
+      }
+      database.SetSharing(longer_settings);
+      EXPECT_TRUE(database.GetSharing(settings));
+      EXPECT_EQ(settings.group, longer);
+      if (!failed) break;
+      ASSERT_LT(n, 100);
+    }
   }
 }
 
