@@ -14,6 +14,7 @@ import time
 PROGRAMS = pathlib.Path(os.environ["VARNIX_PROGRAMS"])
 EMULATOR = shlex.split(os.environ.get("VARNIX_EMULATOR", ""))
 DEADLINE = 60  # Seconds; they only bound a failing run.
+HOST = os.environ.get("VARNIX_HOST", "system_host")  # What the hosts run that a test does not choose for itself.
 SOAK = os.environ.get("VARNIX_SOAK") == "1"  # The long forms of the tests; see scripts/soak.
 # What tests choose by chance they choose from this.
 SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 << 32))
@@ -65,7 +66,7 @@ class Host:
     """A process that uses the library; see host.cpp."""
 
     def __init__(self, *arguments, environment=None, program=None):
-        self._process = subprocess.Popen([*(program or command("system_host")), *arguments],
+        self._process = subprocess.Popen([*(program or command(HOST)), *arguments],
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                          env={**os.environ, **(environment or {})}, start_new_session=True)
         self.pid = self._process.pid

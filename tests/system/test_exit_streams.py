@@ -72,9 +72,19 @@ class Stage:
     def waiting_for_the_first_record(self):
         self._keep(self._listener_that_is_announced().accept())
 
-    def sending_a_snapshot_that_is_not_read(self):
+    def waiting_for_the_answer(self):
         stream = self._keep(wire.connect(self._port()))
         assert stream.receive_record() == (b"plant", b"\x09passer-byp")
+        return stream
+
+    def waiting_for_a_row_to_send(self):
+        stream = self.waiting_for_the_answer()
+        listener = self._keep(wire.Listener())
+        stream.send(wire.answer(self.group, listener.port))
+        self._keep(listener.accept())  # It comes back before it looks for rows.
+
+    def sending_a_snapshot_that_is_not_read(self):
+        stream = self.waiting_for_the_answer()
         stream.send(wire.answer(b"elsewhere", 9))
         assert programs.eventually(lambda: stream.unread() > 0)
         assert programs.eventually(stream.stopped_growing)
@@ -91,8 +101,9 @@ class Stage:
         assert stream.is_closed()  # From now on it pauses for two seconds.
 
 
-STAGES = [Stage.connecting, Stage.waiting_for_the_first_record, Stage.sending_a_snapshot_that_is_not_read,
-          Stage.receiving_a_snapshot, Stage.pausing_before_the_next_attempt]
+STAGES = [Stage.connecting, Stage.waiting_for_the_first_record, Stage.waiting_for_the_answer,
+          Stage.waiting_for_a_row_to_send, Stage.sending_a_snapshot_that_is_not_read, Stage.receiving_a_snapshot,
+          Stage.pausing_before_the_next_attempt]
 
 
 def group_of(run):

@@ -93,22 +93,25 @@ class Network:
         return True
 
     def streams(self):
-        """How many established connections each host has to the listening port of each other."""
+        """How many established connections each host has to the listening port of each other, and that one from it."""
         def sockets(place, *options):
             with place:
                 return subprocess.run(["ss", "-Htn", *options], check=True, stdout=subprocess.PIPE, text=True).stdout
 
         ports = [re.search(r"0\.0\.0\.0:(\d+)", sockets(place, "-l"))[1] for place in self.places]
+        established = [sockets(place, "state", "established") for place in self.places]
         counts = {}
-        for here, place in enumerate(self.places):
-            for there, port in enumerate(ports):
-                if here != there:
-                    far = re.escape(f"10.1.1.{there + 1}:{port}") + r"\s"
-                    counts[here, there] = len(re.findall(far, sockets(place, "state", "established") + "\n"))
+        for here, there in itertools.permutations(range(len(self.places)), 2):
+            sender = re.escape(f"10.1.1.{there + 1}:{ports[there]}") + r"\s+"
+            receiver = re.escape(f"10.1.1.{here + 1}:") + r"\d+\s+"
+            counts["to", here, there] = len(re.findall(receiver + sender, established[here]))
+            counts["from", there, here] = len(re.findall(sender + receiver, established[there]))
         return counts
 
     def has_one_stream_each_way(self):
-        return programs.eventually(lambda: set(self.streams().values()) == {1})
+        # A sender that was cut off learns that its stream is over when TCP next sends again, after a pause that is no
+        # longer than the cut was.
+        return programs.eventually(lambda: set(self.streams().values()) == {1}, 2 * max(SECONDS))
 
 
 class Schedule:

@@ -127,6 +127,7 @@ def test_peers_that_are_slow_or_stopped_cost_the_writer_and_the_others_nothing(w
     if programs.NATIVE:
         assert max(memory) <= memory[0] + MEBIBYTE
         assert max(latest) <= 2
+        assert writing.longest_set < 1
         assert 0 < rate <= TRICKLE
     assert writing.longest_set < 10  # A stopped peer would have held it for ever.
 
