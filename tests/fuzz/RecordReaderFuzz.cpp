@@ -15,16 +15,19 @@
 
 namespace {
 
-// Lets `recv` give the bytes in pieces of the given size, and reads records until the stream ends.
-std::vector<Varnix::Row> ReadAll(const std::string& bytes, std::size_t piece) {
+using Sizes = std::vector<std::size_t>;
+
+// Lets `recv` give the bytes in pieces of at most these sizes, over and over, and reads records until the stream ends.
+std::vector<Varnix::Row> ReadAll(const std::string& bytes, const Sizes& pieces) {
   std::size_t given = 0;
+  std::size_t calls = 0;
   Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t, int) {
     entries[0].revents = 0;
     entries[1].revents = POLLIN;
     return 1;
   });
   Hooked recv(Hooks().recv, [&](int, void* buffer, std::size_t size, int) {
-    const std::size_t count = std::min({size, piece, bytes.size() - given});
+    const std::size_t count = std::min({size, pieces[calls++ % pieces.size()], bytes.size() - given});
     std::memcpy(buffer, bytes.data() + given, count);
     given += count;
     return static_cast<ssize_t>(count);
@@ -58,17 +61,22 @@ std::string Write(const Varnix::Row& record) {
 
 }  // namespace
 
+// The input: the number of sizes, the sizes of the pieces less one, and the stream. A short input has fewer sizes.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
-  const std::size_t piece = 1U + data[0];
-  const std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
+  const std::uint8_t* const stream = data + 1 + std::min<std::size_t>(data[0], size - 1);
+  const std::string bytes(stream, data + size);
+  const Sizes one_piece = {bytes.size()};
+  Sizes pieces;
+  for (const std::uint8_t* byte = data + 1; byte != stream; ++byte) pieces.push_back(1U + *byte);
+  if (pieces.empty()) pieces = one_piece;
 
-  const std::vector<Varnix::Row> records = ReadAll(bytes, bytes.size());
-  EXPECT_PROPERTY(records == ReadAll(bytes, piece));
+  const std::vector<Varnix::Row> records = ReadAll(bytes, one_piece);
+  EXPECT_PROPERTY(records == ReadAll(bytes, pieces));
 
   for (const Varnix::Row& record : records) {
     if (record.first.empty() || record.second.empty()) continue;  // Those are not written as one item each.
-    EXPECT_PROPERTY(ReadAll(Write(record), piece) == std::vector<Varnix::Row>{record});
+    EXPECT_PROPERTY(ReadAll(Write(record), pieces) == std::vector<Varnix::Row>{record});
   }
   return 0;
 }
