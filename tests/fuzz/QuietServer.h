@@ -15,6 +15,19 @@
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
 
+// Takes rows as a database does. It is emptied by a new start, because a database never forgets a row.
+class ReceivedRows final : public Varnix::Table {
+ public:
+  void Set(const Varnix::Row& row) override { tables_->Set(row); }
+  std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override { return tables_->Watch(key); }
+  std::shared_ptr<Varnix::Watcher> WatchAll() override { return tables_->WatchAll(); }
+
+  void Forget() { tables_ = std::make_unique<TableDecombiner>("db"); }
+
+ private:
+  std::unique_ptr<TableDecombiner> tables_ = std::make_unique<TableDecombiner>("db");
+};
+
 // A table server that sends nothing and starts no thread for a peer, for a target to run the parts of on its own
 // thread.
 class QuietServer {
@@ -22,8 +35,7 @@ class QuietServer {
   QuietServer()
       : sendto_(Hooks().sendto, [](int, const void*, std::size_t size, int, const sockaddr*,
                                    socklen_t) { return static_cast<ssize_t>(size); }),
-        server_(CombinedKey("device", "process"), "db", std::make_shared<TableDecombiner>("db"), SendTable(), "group",
-                0xFFFFFFFFU),
+        server_(CombinedKey("device", "process"), "db", received_, SendTable(), "group", 0xFFFFFFFFU),
         start_thread_(Hooks().start_thread, [this] {
           ++peers_found_;
           throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
@@ -33,6 +45,7 @@ class QuietServer {
 
   TableServer& Server() { return server_; }
   int PeersFound() const { return peers_found_; }
+  void ForgetReceivedRows() { received_->Forget(); }
   std::shared_ptr<ActiveESNs> MakeESNs() const {
     return std::make_shared<ActiveESNs>([] {});
   }
@@ -46,6 +59,7 @@ class QuietServer {
   }
 
   int peers_found_ = 0;
+  const std::shared_ptr<ReceivedRows> received_ = std::make_shared<ReceivedRows>();
   Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> sendto_;
   TableServer server_;
   Hooked<void()> start_thread_;

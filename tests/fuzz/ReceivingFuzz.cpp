@@ -21,5 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   close(pair.far);
+  quiet.ForgetReceivedRows();  // An input does the same whatever came before it, and a long run keeps nothing.
   return 0;
 }
