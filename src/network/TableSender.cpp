@@ -81,7 +81,8 @@ void TableSender::StreamRows() {
   for (;;) {
     const auto [row, watcher, more] = set->TakeUntil(std::chrono::steady_clock::now() + std::chrono::seconds(1));
     if (PeerIsGone()) return;
-    if (watcher == done_watcher) throw AbortRequested();
+    // The set may choose a row that is set again and again for ever. A write that met the stop counts as well.
+    if (watcher == done_watcher || cookie_.aborted) throw AbortRequested();
     if (watcher == row_watcher) SendRow(row, more);
   }
 }

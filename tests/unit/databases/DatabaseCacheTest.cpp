@@ -4,6 +4,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +19,7 @@
 
 #include "Tables.h"
 #include "databases/DatabaseCache.h"
+#include "network/FailWith.h"
 #include "network/SystemCallHooks.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
@@ -362,6 +364,21 @@ TEST(NetworkChanged, ReachesEverySharedDatabaseAndNoOther) {
   EXPECT_THAT(told, testing::UnorderedElementsAre("TableServer for dev::proc::one", "TableServer for dev::proc::two"));
 }
 
+TEST(NetworkChanged, ReachesTheOthersWhenOneDatabaseCannotBeTold) {
+  DatabaseCache cache;
+  for (const char* name : {"one", "two"}) {
+    cache.GetDatabase(name)->SetSharing({"group", "dev", "proc", inet_addr("127.255.255.255")});
+  }
+  LogRecorder log;
+  {
+    const Hooked write(Hooks().write, FailOnce(Hooks().write, EAGAIN));
+    cache.NetworkChanged();
+  }
+
+  EXPECT_EQ(log.Lines("tblsvr.nwc").size(), 1U);
+  EXPECT_TRUE(log.Eventually("tblsvr.dscv.chg"));
+}
+
 TEST(MakeSharedTable, FeedsTheSameCombinedTableThroughAllItsHandles) {
   Varnix::MakeSharedTable("feeding", "t")->Set({"a", "1"});
   Varnix::MakeSharedTable("feeding", "t")->Set({"b", "2"});
@@ -481,6 +498,47 @@ TEST_F(SetSharingGroup, IsReportedWholeOrNotAtAllWhenMemoryRunsOut) {
     if (!failed) return;
     ASSERT_LT(n, 20);
   }
+}
+
+TEST_F(SetSharingGroup, IsWaitedForByWhoAsksThatDatabaseAndByNobodyElseUntilTheNetworkChanges) {
+  std::promise<void> sharing_starts;
+  std::promise<void> sharing_goes_on;
+  const Hooked listen(Hooks().listen, [&](int descriptor, int backlog) {
+    sharing_starts.set_value();
+    sharing_goes_on.get_future().wait();
+    return Hooks().listen.Real(descriptor, backlog);
+  });
+  std::thread sharer([&] { Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255")); });
+  sharing_starts.get_future().wait();
+  std::vector<std::string> reported;
+  std::atomic<bool> asked{false};
+  std::atomic<bool> changed{false};
+  std::atomic<bool> named{false};
+  {
+    const SleepingThread asking([&] {
+      reported = Reported();
+      asked = true;
+    });
+    const auto others = std::async(std::launch::async, [&] {
+      Varnix::GetTableTable("other than " + name_);
+      Varnix::MakeSharedTable(name_, "t");
+    });
+    EXPECT_EQ(others.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    const SleepingThread changing([&] {
+      Varnix::NetworkChanged();
+      changed = true;
+    });
+    const SleepingThread naming([&] {
+      Varnix::GetTableTable(name_);
+      named = true;
+    });
+    EXPECT_FALSE(asked || changed || named);
+
+    sharing_goes_on.set_value();
+  }
+  sharer.join();
+
+  EXPECT_EQ(reported, (std::vector<std::string>{"g", "dev", "p"}));
 }
 
 TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {

@@ -101,6 +101,38 @@ TEST(Database, LogsTheSettingsAndThenTheServer) {
   EXPECT_EQ(log.Lines("tblcmbn.sharing.svr")[0], last);
 }
 
+TEST(Database, HandsItsFormatsToTheHookUnexpanded) {
+  LogRecorder log;
+
+  {
+    Database database("d");
+    database.MakeTable("t")->Set({"k", "v"});
+    database.SetSharing(Settings());
+  }
+
+  EXPECT_THAT(log.Formats("tblcmbn."), testing::ElementsAre("DB(%p) constructed: %s -> combined: %p decombiner: %p",
+                                                            "TableDecombiner(%p) created table %s -> %p",  //
+                                                            "DB(%p) MakeTable %s -> %p",                   //
+                                                            "TableCombiner(%p) setting %s:%s (%zu bytes)",
+                                                            "DB(%p) SetSharing group=\"%s\" dev=\"%s\" proc=\"%s\"",
+                                                            "DB(%p) SetSharing -> server=%p",  //
+                                                            "DB(%p) destructed"));
+}
+
+TEST(Database, CutsTheDeviceInItsIdentityAloneAt255Bytes) {
+  Database database("d");
+  SharingSettings settings = Settings();
+  settings.device = std::string(300, 'd');
+  LogRecorder log;
+
+  database.SetSharing(settings);
+
+  EXPECT_THAT(log.Lines("tblsvr.ctor").at(0).text,
+              testing::StartsWith("TableServer for " + std::string(255, 'd') + "::proc::d("));
+  EXPECT_TRUE(database.GetSharing(settings));
+  EXPECT_EQ(settings.device, std::string(300, 'd'));
+}
+
 TEST(Database, StopsTheFirstServerBeforeItStartsTheSecondAlsoWithEqualSettings) {
   Database database("d");
   database.SetSharing(Settings());

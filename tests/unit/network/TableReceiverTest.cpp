@@ -158,6 +158,20 @@ TEST_F(TableReceiverTest, StreamIsLoggedInTheseLines) {
                                    "7 tblrcvr.dtor: TableReceiver(R) stopping"));
 }
 
+TEST_F(TableReceiverTest, FormatsAreHandedToTheHookUnexpanded) {
+  peer_.says = kPeer;
+  peer_.answers = kRow;
+
+  Receive();
+
+  EXPECT_THAT(log_.Formats("tblrcvr."), ElementsAre("TableReceiver(%p) for %s:%u:%u starting",         //
+                                                    "TableReceiver: connect succeeded",                //
+                                                    "TableReceiver(%p) got uid: %.*s::%s",             //
+                                                    "TableReceiver(%p) sending group=\"%s\" port=%u",  //
+                                                    "TableReceiver(%p) stopping"));
+  EXPECT_THAT(log_.Formats("tblsvr.fnd"), ElementsAre("TableServer for %.*s::%s::%s(%p) found peer: %.*s::%s %u:%u"));
+}
+
 TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
   peer_.says = kPeer;
   peer_.answers = kRow;

@@ -282,6 +282,20 @@ TEST_F(TableSenderTest, StreamIsLoggedInTheseLines) {
                                    "7 tblsndr.dtor: TableSender(T) stopping"));
 }
 
+TEST_F(TableSenderTest, FormatsAreHandedToTheHookUnexpanded) {
+  SetRow("\x03tblkey", "value");
+  PeerSays(kOtherGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_THAT(log_.Formats("tblsndr."), ElementsAre("TableSender(%p) for %s:%d starting",             //
+                                                    "TableSender(%p) sending uid: %.*s::%s",          //
+                                                    "TableSender(%p) received group=\"%s\" port=%u",  //
+                                                    "TableSender(%p) sending %.*s::%s (%zu bytes)",   //
+                                                    "TableSender(%p) stopping"));
+}
+
 TEST_F(TableSenderTest, DatabaseAndUidAreSentAsTheFirstRecord) {
   PeerEnds();
 
@@ -864,6 +878,26 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenEndsTheStreamAtTheNextLook) {
 
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
   EXPECT_EQ(PeerReceives(), kUs);
+}
+
+TEST_F(TableSenderTest, StopEndsTheStreamAlthoughARowIsSetAtEveryLook) {
+  SetRow("\x01tk1", "0");
+  PeerSays(kOurGroup);
+  const auto server_stops = [this](pollfd&) {
+    server_.SignalDone();
+    server_->GetDoneTable()->Set({"done", "y"});
+    SetRow("\x01tk1", "1");
+    return 0;
+  };
+  const auto row_is_set = [this, count = std::make_shared<int>(1)](pollfd&) {
+    SetRow("\x01tk1", std::to_string(++*count));
+    return 0;
+  };
+  passes_ = {server_stops, row_is_set, row_is_set, row_is_set, row_is_set};
+
+  Send();
+
+  EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
 }
 
 TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtOnce) {

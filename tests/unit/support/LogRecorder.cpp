@@ -46,6 +46,14 @@ std::vector<std::string> LogRecorder::Tags() const {
   return tags;
 }
 
+std::vector<std::string> LogRecorder::Formats(const std::string& tags) const {
+  std::vector<std::string> formats;
+  for (const LogLine& line : Lines()) {
+    if (line.tag.rfind(tags, 0) == 0) formats.push_back(line.format);
+  }
+  return formats;
+}
+
 bool LogRecorder::Eventually(const std::string& tag, std::size_t count) const {
   std::unique_lock<std::mutex> lock(mutex_);
   return recorded_.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(10), [&] {

@@ -29,6 +29,8 @@ class LogRecorder {
   // Those of one tag.
   std::vector<LogLine> Lines(const std::string& tag) const;
   std::vector<std::string> Tags() const;
+  // The unexpanded formats of the lines whose tags begin so.
+  std::vector<std::string> Formats(const std::string& tags) const;
   // Waits until `count` lines of this tag are there; false after ten seconds, which only bound a failing run.
   bool Eventually(const std::string& tag, std::size_t count = 1) const;
   void Clear();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "logging/Log.h"
+#include "network/SystemCallHooks.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
@@ -73,11 +74,14 @@ TEST_F(LWatcherSetTest, GivesAPendingChangeAlsoAfterTheDeadline) {
   EXPECT_EQ(set->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
 }
 
-TEST_F(LWatcherSetTest, LeavesOutNullPointersAndForeignWatchers) {
+TEST_F(LWatcherSetTest, LeavesOutNullPointersAndForeignWatchersSilentlyAndNoOthers) {
+  const auto watcher = table_->Watch("k");
+  table_->Set({"k", "v"});
   const LogRecorder log;
 
-  const auto set = Varnix::MakeWatcherSet({nullptr, std::make_shared<ForeignWatcher>()});
+  const auto set = Varnix::MakeWatcherSet({nullptr, std::make_shared<ForeignWatcher>(), watcher});
 
+  EXPECT_EQ(set->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
   EXPECT_EQ(set->WaitUntil(kPast), kNothing);
   EXPECT_TRUE(log.Lines().empty());
 }
@@ -246,6 +250,29 @@ INSTANTIATE_TEST_SUITE_P(Deadlines, FarDeadline,
                                          Clock::time_point(std::chrono::seconds(0x7FFFFFFFLL)),
                                          Clock::time_point(std::chrono::seconds(0x80000001LL)),
                                          Clock::time_point(std::chrono::seconds(0x100000001LL))));
+
+TEST_F(LWatcherSetTest, SleepsOnAfterADayWithoutAChange) {
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  std::atomic<int> days{0};
+  std::atomic<bool> ended{false};
+  // By this clock it is so late that a day ends soon.
+  Hooked now(Hooks().now, [&] {
+    ++days;
+    return Hooks().now.Real() - std::chrono::hours(24) + std::chrono::milliseconds(20);
+  });
+  Change seen;
+  std::thread waiter([&] {
+    seen = set->WaitUntil(Clock::time_point::max());
+    ended = true;
+  });
+  while (days < 3 && !ended) std::this_thread::yield();
+
+  table_->Set({"k", "v"});
+  waiter.join();
+
+  EXPECT_EQ(seen, (Change{{"k", "v"}, watcher}));
+}
 
 TEST_F(LWatcherSetTest, LosesNoChangeWhenMemoryRunsOut) {
   const Row row(std::string(100, 'k'), std::string(1000, 'v'));

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -183,14 +184,30 @@ TEST(LocalTable, HandsItsFormatsToTheHookUnexpanded) {
   table->Watch("k").reset();
   table->WatchAll().reset();
 
-  std::vector<std::string> formats;
-  for (const LogLine& line : log.Lines()) formats.push_back(line.format);
-  EXPECT_EQ(formats, (std::vector<std::string>{
-                         "Table(%p) inserting row for %s (%zu bytes)",
-                         "Table(%p) updating row for %s (%zu bytes)",
-                         "Table(%p) watching %s (%zu watchers total)",
-                         "Table(%p) watching all (%zu watchers total)",
-                     }));
+  EXPECT_THAT(log.Formats("tbl."), testing::ElementsAre("Table(%p) inserting row for %s (%zu bytes)",
+                                                        "Table(%p) updating row for %s (%zu bytes)",
+                                                        "Table(%p) watching %s (%zu watchers total)",
+                                                        "Table(%p) watching all (%zu watchers total)"));
+}
+
+TEST(LocalTable, EveryOperationTakesTheTableLock) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  std::shared_ptr<Varnix::Watcher> all = table->WatchAll();
+  std::shared_ptr<Varnix::Watcher> key = table->Watch("k");
+  std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet({all, key});
+  const std::vector<std::function<void()>> operations{[&] {
+                                                        table->Set({"k", "v"});
+                                                      },
+                                                      [&] { table->Watch("k").reset(); },
+                                                      [&] { table->WatchAll().reset(); },
+                                                      [&] { all->GetChanges(); },
+                                                      [&] { key->GetChanges(); },
+                                                      [&] { Varnix::MakeWatcherSet({all}).reset(); },
+                                                      [&] { set->WaitUntil(std::chrono::steady_clock::time_point()); },
+                                                      [&] { set.reset(); },
+                                                      [&] { all.reset(); },
+                                                      [&] { key.reset(); }};
+  for (std::size_t i = 0; i < operations.size(); ++i) EXPECT_TRUE(WaitsForTheTableLock(operations[i])) << i;
 }
 
 TEST(LocalTable, OneEffectiveAndOneIdenticalSetAreOneChange) {
