@@ -14,7 +14,8 @@ LocalTable::AllWatcher::~AllWatcher() VARNIX_NO_LOCK_ANALYSIS {
 std::vector<Varnix::Row> LocalTable::AllWatcher::GetChanges() {
   MutexLock lock(table_lock);
   if (Empty()) return {};
-  std::vector<Varnix::Row> changes{*cursor};  // Copied before anything moves: a failed copy must not lose the change.
+  // Copied before anything moves: a failed copy must not lose the change.
+  std::vector<Varnix::Row> changes{cursor->content};
   ++cursor;
   if (Empty()) NotifyListeners(true);
   return changes;
@@ -38,7 +39,7 @@ void LocalTable::AllWatcher::RowUpdated(Position position) {
 bool LocalTable::AllWatcher::Empty() const { return cursor == table->rows.end(); }
 
 Varnix::Row LocalTable::AllWatcher::Take() {
-  Varnix::Row row = *cursor;
+  Varnix::Row row = cursor->content;
   ++cursor;
   return row;
 }

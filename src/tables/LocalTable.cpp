@@ -45,31 +45,31 @@ void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
           inserted ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
           static_cast<void*>(this), row.first.c_str(), row.second.size());
     }
-    if (inserted) rows.push_back(row);
+    if (inserted) rows.emplace_back(row);
   } catch (...) {
     if (inserted) index.erase(entry);
     throw;
   }
   if (inserted) {
     entry->second = std::prev(rows.end());
-    Tell(&LWatcher::RowInserted, entry->second);
+    Tell(&LWatcher::RowInserted, entry->second, !key_watchers.empty());
   } else {
     Update(entry->second, row.second);
   }
 }
 
 void LocalTable::Update(Position position, const std::string& value) {
-  if (position->second == value) return;
-  AssignAndTrim(position->second, value);
+  if (position->content.second == value) return;
+  AssignAndTrim(position->content.second, value);
   // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
-  Tell(&LWatcher::RowUpdated, position);
+  Tell(&LWatcher::RowUpdated, position, position->key_watcher_count > 0);
   rows.splice(rows.end(), rows, position);
 }
 
-void LocalTable::Tell(void (LWatcher::*change)(Position), Position position) {
+void LocalTable::Tell(void (LWatcher::*change)(Position), Position position, bool key_is_watched) {
   for (AllWatcher* watcher : all_watchers) (watcher->*change)(position);
-  if (key_watchers.empty()) return;
-  const auto [first, last] = key_watchers.equal_range(position->first);
+  if (!key_is_watched) return;
+  const auto [first, last] = key_watchers.equal_range(position->content.first);
   for (auto entry = first; entry != last; ++entry) (entry->second->*change)(position);
 }
 

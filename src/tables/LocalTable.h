@@ -26,7 +26,13 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   class WatcherSetListener;
   class LWatcherSet;
 
-  using Rows = std::list<Varnix::Row>;
+  struct StoredRow {
+    explicit StoredRow(const Varnix::Row& row) : content(row) {}
+
+    Varnix::Row content;
+    unsigned key_watcher_count = 0;  // Those of its key, so that nobody searches for them where there are none.
+  };
+  using Rows = std::list<StoredRow>;
   using Position = Rows::iterator;  // rows.end() stands for "no row".
 
   // A new table, entered into the registry.
@@ -47,7 +53,8 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
  private:
   void SetRow(const Varnix::Row& row, bool logged) VARNIX_EXCLUDES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
-  void Tell(void (LWatcher::*change)(Position), Position position) VARNIX_REQUIRES(table_lock);
+  // `key_is_watched` may be true although it is not.
+  void Tell(void (LWatcher::*change)(Position), Position position, bool key_is_watched) VARNIX_REQUIRES(table_lock);
 
   const std::string name;
   Rows rows VARNIX_GUARDED_BY(table_lock);  // Oldest change first.

@@ -62,7 +62,7 @@ TEST_F(KeyWatcherTest, IgnoresTheChangesOfOtherKeys) {
 
 TEST_F(KeyWatcherTest, IgnoresRowsOfOtherKeysThatItIsToldOf) {
   const auto watcher = std::dynamic_pointer_cast<LocalTable::KeyWatcher>(table_->Watch("k"));
-  LocalTable::Rows others{{"other", "v"}};
+  LocalTable::Rows others{LocalTable::StoredRow({"other", "v"})};
   const MutexLock lock(table_lock);
 
   watcher->RowInserted(others.begin());
@@ -81,6 +81,19 @@ TEST_F(KeyWatcherTest, LeavesTheOthersOfItsKeyInPlaceWhenItGoes) {
 
   EXPECT_EQ(first->GetChanges(), (Rows{{"k", "v"}}));
   EXPECT_EQ(third->GetChanges(), (Rows{{"k", "v"}}));
+}
+
+TEST_F(KeyWatcherTest, IsToldOfEveryChangeThoughOthersOfItsKeyComeAndGo) {
+  auto before_the_row = table_->Watch("k");
+  const auto watcher = table_->Watch("k");
+  table_->Set({"k", "1"});
+  table_->Watch("k").reset();
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "1"}}));
+
+  before_the_row.reset();
+  table_->Set({"k", "2"});
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"k", "2"}}));
 }
 
 TEST_F(KeyWatcherTest, ReportsTheValueOfTheMomentOfReading) {
