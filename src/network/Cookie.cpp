@@ -61,13 +61,18 @@ bool Cookie::Send(const char* bytes, std::size_t size) {
   return true;
 }
 
-// What the peer does not take at once is left to our thread. False when the stream is over, which it is for want
-// of memory to keep it in, too.
+// What the peer does not take at once is left to our thread, or to the next flush. False when the stream is over, which
+// it is for want of memory to keep it in, too.
 bool Cookie::SendWithoutWaiting(const char* bytes, std::size_t size) try {
-  unsent_.append(bytes, size);
-  const ssize_t sent = SendOnce(unsent_.data(), unsent_.size());
+  if (has_unsent_) {
+    unsent_.append(bytes, size);
+    bytes = unsent_.data();
+    size = unsent_.size();
+  }
+  const ssize_t sent = SendOnce(bytes, size);
   if (sent < 0) return false;
-  unsent_.erase(0, static_cast<std::size_t>(sent));
+  std::string rest(bytes + sent, size - static_cast<std::size_t>(sent));
+  unsent_.swap(rest);
   has_unsent_ = !unsent_.empty();
   return true;
 } catch (const std::bad_alloc&) {

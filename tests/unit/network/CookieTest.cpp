@@ -29,6 +29,9 @@ using testing::IsEmpty;
 
 using Trace = std::vector<std::string>;
 
+// For what a death test runs: under an emulator it is in a forked child.
+void MeanTheParent() { in_forked_child = false; }
+
 class CookieTest : public ConnectionTest {
  protected:
   ssize_t Write(const std::string& bytes) { return Cookie::Write(&cookie_, bytes.data(), bytes.size()); }
@@ -385,7 +388,7 @@ TEST_F(CookieTest, StreamThatIsClosedAfterItsPeerRaisesNoSignal) {
 
 TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
   const auto write = [this] {
-    in_forked_child = false;  // Under an emulator the test itself forks, and means the parent.
+    MeanTheParent();
     SetLogHook(DefaultLogger);
     Hooked poll(Hooks().poll, FailWith{EINVAL});
     Write("abc");
@@ -397,7 +400,7 @@ TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
 
 TEST_F(CookieTest, SendThatWouldBlockThoughTheSocketIsWritableEndsTheProcess) {
   const auto write = [this] {
-    in_forked_child = false;  // Under an emulator the test itself forks, and means the parent.
+    MeanTheParent();
     SetLogHook(DefaultLogger);
     Hooked send(Hooks().send, FailWith{EAGAIN});
     Write("abc");
@@ -923,6 +926,16 @@ TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
   fclose(stream);
 }
 
+TEST_F(CookieTest, HostsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
+  FILE* const stream = cookie_.OpenStream();
+  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, stream, cookie_));
+
+  std::thread([&] { EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { fflush(stream); })); }).join();
+
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x06\x40\x00\x00", 4) + std::string(100, 'k'));
+  fclose(stream);
+}
+
 TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
   FILE* const stream = cookie_.OpenStream();
   const std::size_t filled = FillConnection();
@@ -1052,6 +1065,7 @@ TEST_F(CookieTest, FailedPollWithinARecordIsLoggedWithTheStreamUnlocked) {
 TEST_F(CookieTest, HookThatFlushesWhenAWriteEndsTheProcessSendsNothingTwice) {
   FILE* const stream = cookie_.OpenStream();
   const auto write = [&] {
+    MeanTheParent();
     int sends = 0;
     Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) -> ssize_t {
       if (++sends == 2) return FailWith{EAGAIN}();
