@@ -66,9 +66,9 @@ void LocalTable::Update(Position position, const std::string& value) {
   rows.splice(rows.end(), rows, position);
 }
 
-void LocalTable::Tell(void (LWatcher::*change)(Position), Position position, bool key_is_watched) {
+void LocalTable::Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) {
   for (AllWatcher* watcher : all_watchers) (watcher->*change)(position);
-  if (!key_is_watched) return;
+  if (!key_may_be_watched) return;
   const auto [first, last] = key_watchers.equal_range(position->content.first);
   for (auto entry = first; entry != last; ++entry) (entry->second->*change)(position);
 }

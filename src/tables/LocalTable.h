@@ -53,8 +53,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
  private:
   void SetRow(const Varnix::Row& row, bool logged) VARNIX_EXCLUDES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
-  // `key_is_watched` may be true although it is not.
-  void Tell(void (LWatcher::*change)(Position), Position position, bool key_is_watched) VARNIX_REQUIRES(table_lock);
+  void Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) VARNIX_REQUIRES(table_lock);
 
   const std::string name;
   Rows rows VARNIX_GUARDED_BY(table_lock);  // Oldest change first.

@@ -67,13 +67,14 @@ def test_an_announcement_of_the_own_group_is_followed_by_a_connection(ether, mak
 def test_a_port_of_nobody_that_connects_to_itself_is_a_failed_attempt(ether, make_host):
     host = make_host()
     host.share(b"plant", b"line-4", b"press")
+    assert host.logs(7, "tblrcvr.gotuid", ".* got uid: press::p")  # By its own announcement it has reached itself.
     nobodys = 20_000
     # Whoever connects gets this very port, and TCP connects it to itself where nobody listens.
     pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").write_text(f"{nobodys} {nobodys}", encoding="ascii")
 
     ether.announce(nobodys, b"line-4")
 
-    assert host.logs(7, "tblrcvr.sock.conn.succ", ".*")
+    assert host.eventually(lambda: len(host.logged(7, "tblrcvr.sock.conn.succ", ".*")) == 2)
     assert host.logs(6, "tblsvr.fnd.rcv.err", f".* error from ReceiveTable for 2130706433:{nobodys}, retrying for .*")
 
 

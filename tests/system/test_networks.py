@@ -109,8 +109,8 @@ class Network:
         return counts
 
     def has_one_stream_each_way(self):
-        # A sender that was cut off learns that its stream is over when TCP next sends again, after a pause that is no
-        # longer than the cut was.
+        # A sender of rows that was cut off learns that its stream is over when TCP next sends again, after a pause that
+        # is no longer than the cut was.
         return programs.eventually(lambda: set(self.streams().values()) == {1}, 2 * max(SECONDS))
 
 

@@ -437,24 +437,15 @@ TEST_F(TableReceiverTest, ConnectionOfASocketToItselfEndsBeforeItIsRead) {
   EXPECT_THAT(calls_.Calls(), Not(Contains("fopencookie")));
 }
 
-TEST_F(TableReceiverTest, PeerOfTheOwnAddressWithAnotherPortIsReadFrom) {
-  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, OwnAddressIs(0xE0010203, 4661)};
+TEST_F(TableReceiverTest, PeerWhoseAddressOrPortAloneIsOursIsReadFrom) {
   peer_.says = kPeer;
   peer_.answers = kRow;
+  for (const auto& own : {OwnAddressIs(0xE0010203, 4661), OwnAddressIs(0xE0010204, 4660)}) {
+    const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, own};
+    Receive();
+  }
 
-  Receive();
-
-  EXPECT_EQ(table_->rows.size(), 1U);
-}
-
-TEST_F(TableReceiverTest, PeerOfAnotherAddressWithTheOwnPortIsReadFrom) {
-  const HookedHere<int(int, sockaddr*, socklen_t*)> getsockname{Hooks().getsockname, OwnAddressIs(0xE0010204, 4660)};
-  peer_.says = kPeer;
-  peer_.answers = kRow;
-
-  Receive();
-
-  EXPECT_EQ(table_->rows.size(), 1U);
+  EXPECT_EQ(table_->rows.size(), 2U);
 }
 
 TEST_F(TableReceiverTest, PeerIsReadFromWhenTheOwnAddressCannotBeTold) {

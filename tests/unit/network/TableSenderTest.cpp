@@ -893,7 +893,7 @@ TEST_F(TableSenderTest, StopEndsTheStreamAlthoughARowIsSetAtEveryLook) {
     SetRow("\x01tk1", std::to_string(++*count));
     return 0;
   };
-  passes_ = {server_stops, row_is_set, row_is_set, row_is_set, row_is_set};
+  passes_ = {server_stops, row_is_set, row_is_set, row_is_set, row_is_set};  // The set gives the newest of its two.
 
   Send();
 

@@ -204,6 +204,10 @@ TEST(LocalTable, EveryOperationTakesTheTableLock) {
                                                       [&] { key->GetChanges(); },
                                                       [&] { Varnix::MakeWatcherSet({all}).reset(); },
                                                       [&] { set->WaitUntil(std::chrono::steady_clock::time_point()); },
+                                                      [&] {
+                                                        table->Set({"k", "w"});
+                                                      },
+                                                      [&] { set->Wait(); },
                                                       [&] { set.reset(); },
                                                       [&] { all.reset(); },
                                                       [&] { key.reset(); }};
