@@ -296,6 +296,15 @@ TEST_F(CookieTest, WriteStopsSilentlyBetweenTwoPiecesWhenTheConnectionFails) {
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
+TEST_F(CookieTest, WriteThatFailsEndsTheConnectionForThePeerToo) {
+  const Hooked send(Hooks().send, FailWith{ENOBUFS});
+
+  EXPECT_EQ(Write("abc"), 0);
+
+  char byte;
+  EXPECT_EQ(Hooks().recv.Real(peer_, &byte, 1, MSG_DONTWAIT), 0);  // The end.
+}
+
 TEST_F(CookieTest, WriteWaitsAgainWhenTheSocketHasNoEvent) {
   int polls = 0;
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
