@@ -3,10 +3,10 @@
 #include <limits>
 #include <utility>
 
-#include "databases/CombinedKey.h"
-#include "databases/InternalTableName.h"
 #include "databases/TableCombiner.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
+#include "names/InternalTableName.h"
 #include "tables/LocalTable.h"
 #include "threads/Fork.h"
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "databases/InternalTableName.h"
+#include "names/InternalTableName.h"
 #include "tables/LocalTable.h"
 #include "threads/Fork.h"
 

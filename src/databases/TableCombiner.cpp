@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
-#include "tables/StringMemory.h"
+#include "memory/StringMemory.h"
+#include "names/CombinedKey.h"
 
 TableCombiner::TableCombiner(std::shared_ptr<Varnix::Table> combined_table, std::shared_ptr<Varnix::Table> local_copy,
                              std::string table_name)

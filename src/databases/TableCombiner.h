@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "databases/Spare.h"
+#include "memory/Spare.h"
 
 // What an application holds for a shared table. Rows set here go into the combined table of the database, which is
 // served to peers, and into the table's local copy, which also gets what peers send; watching watches the local copy.

@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "databases/CombinedKey.h"
-#include "databases/InternalTableName.h"
 #include "logging/Log.h"
+#include "memory/StringMemory.h"
+#include "names/CombinedKey.h"
+#include "names/InternalTableName.h"
 #include "tables/LocalTable.h"
-#include "tables/StringMemory.h"
 
 using Varnix::LogLevel;
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "databases/Spare.h"
+#include "memory/Spare.h"
 #include "threads/Mutex.h"
 
 // Where the rows that peers send enter a database: each goes, under its plain key, into the local copy of the table

@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <string_view>
 
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/SystemCalls.h"
 #include "network/TableServer.h"
 

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
 #include "network/StopExceptions.h"
 #include "network/TableReceiver.h"

@@ -5,9 +5,9 @@
 #include <string>
 #include <utility>
 
+#include "memory/StringMemory.h"
 #include "network/Cookie.h"
 #include "network/StopExceptions.h"
-#include "tables/StringMemory.h"
 
 namespace {
 

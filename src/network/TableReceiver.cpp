@@ -12,8 +12,8 @@
 #include <new>
 #include <optional>
 
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"

@@ -11,8 +11,8 @@
 #include <optional>
 #include <utility>
 
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"

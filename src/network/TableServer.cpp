@@ -17,9 +17,9 @@
 #include <new>
 #include <utility>
 
-#include "databases/CombinedKey.h"
-#include "databases/InternalTableName.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
+#include "names/InternalTableName.h"
 #include "network/ActiveESNs.h"
 #include "network/Discovery.h"
 #include "network/ReceiveLoop.h"

@@ -1,10 +1,10 @@
 #include "tables/LocalTable.h"
 
 #include "logging/Log.h"
+#include "memory/StringMemory.h"
 #include "tables/AllWatcher.h"
 #include "tables/KeyWatcher.h"
 #include "tables/LocalTableRegistry.h"
-#include "tables/StringMemory.h"
 
 using Varnix::LogLevel;
 

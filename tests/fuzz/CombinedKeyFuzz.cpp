@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "Expect.h"
-#include "databases/CombinedKey.h"
+#include "names/CombinedKey.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
   const std::string combined(reinterpret_cast<const char*>(data), size);

@@ -9,9 +9,9 @@
 
 #include "Expect.h"
 #include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
 #include "databases/TableDecombiner.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
 

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "databases/CombinedKey.h"
 #include "databases/TableDecombiner.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/Cookie.h"
 #include "network/Record.h"
 

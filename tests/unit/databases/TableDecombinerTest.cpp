@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "Tables.h"
-#include "databases/CombinedKey.h"
 #include "databases/TableDecombiner.h"
+#include "names/CombinedKey.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
+#include "names/CombinedKey.h"
 #include "network/TableServer.h"
 
 using namespace std::chrono_literals;

@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
 #include "logging/Log.h"
+#include "names/CombinedKey.h"
 #include "network/TableServer.h"
 #include "support/Entries.h"
 #include "support/FirstThread.h"

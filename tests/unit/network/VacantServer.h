@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "SystemCallHooks.h"
-#include "databases/CombinedKey.h"
+#include "names/CombinedKey.h"
 #include "network/TableServer.h"
 
 struct ServerSettings {

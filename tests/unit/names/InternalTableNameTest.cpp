@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "databases/InternalTableName.h"
+#include "names/InternalTableName.h"
 
 TEST(InternalTableName, IsThePrefixTheKindAndTheDatabase) {
   EXPECT_EQ(InternalTableName("dbtbl", "main"), "_vrx_.dbtbl.main");

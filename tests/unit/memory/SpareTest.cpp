@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "databases/Spare.h"
+#include "memory/Spare.h"
 #include "support/FailingAllocations.h"
 
 TEST(Spare, GivesWhatWasGivenBackOnce) {

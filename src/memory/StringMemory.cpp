@@ -1,4 +1,4 @@
-#include "tables/StringMemory.h"
+#include "memory/StringMemory.h"
 
 #include <cstddef>
 

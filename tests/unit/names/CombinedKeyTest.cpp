@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "databases/CombinedKey.h"
+#include "names/CombinedKey.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tables/StringMemory.h"
+#include "memory/StringMemory.h"
 
 TEST(AssignAndTrim, KeepsTheMemoryOfAValueOfSimilarLength) {
   std::string stored(4000, 'a');

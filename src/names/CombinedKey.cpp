@@ -1,4 +1,4 @@
-#include "databases/CombinedKey.h"
+#include "names/CombinedKey.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "databases/InternalTableName.h"
+#include "names/InternalTableName.h"
 
 std::string InternalTableName(const std::string& kind, const std::string& database) {
   return "_vrx_." + kind + "." + database;
