@@ -3,6 +3,7 @@
 #include "logging/Log.h"
 #include "tables/LocalTableRegistry.h"
 #include "tables/TableLock.h"
+#include "threads/FileDescriptor.h"
 #include "threads/Fork.h"
 
 // A forked child destroys its copies of the host's tables and watchers when it exits. So fork() happens only while this
@@ -11,13 +12,16 @@
 namespace {
 
 void LockAll() VARNIX_NO_LOCK_ANALYSIS {
-  if (IsInLogHook()) return;  // A hook that forks runs under some of the locks, and gives them back in both processes.
-  table_lock.lock();
-  LocalTableRegistry::Lock();
-  LockLog();
+  if (!IsInLogHook()) {  // A hook that forks runs under some of these locks, and gives them back in both processes.
+    table_lock.lock();
+    LocalTableRegistry::Lock();
+    LockLog();
+  }
+  FileDescriptor::Lock();
 }
 
 void UnlockAll() VARNIX_NO_LOCK_ANALYSIS {
+  FileDescriptor::Unlock();
   if (IsInLogHook()) return;
   UnlockLog();
   LocalTableRegistry::Unlock();
@@ -26,6 +30,7 @@ void UnlockAll() VARNIX_NO_LOCK_ANALYSIS {
 
 void UnlockAllInChild() {
   in_forked_child = true;
+  FileDescriptor::CloseAllInChild();
   UnlockAll();
 }
 

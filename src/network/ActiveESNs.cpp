@@ -12,8 +12,7 @@ EsnRegistration::EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::s
   MutexLock lock(active_esns_->mutex_);
   const auto [found, inserted] = active_esns_->streams_.try_emplace(uid_, ActiveESNs::Stream{place, {}});
   inserted_ = inserted;
-  const PeerPlace& active = found->second.place;
-  if (active.address != place.address || active.port != place.port) found->second.refused = place;
+  if (found->second.place != place) found->second.refused = place;
 }
 
 EsnRegistration::~EsnRegistration() {

@@ -6,16 +6,12 @@
 #include <string>
 #include <unordered_map>
 
+#include "network/PeerPlace.h"
 #include "threads/Mutex.h"
 
-// Where a peer listens, in host byte order.
-struct PeerPlace {
-  unsigned address;
-  unsigned short port;
-};
-
-// The identities (uids) of the peers from which one table server is receiving. The server, every peer thread and every
-// registration hold it; its destruction tells the stopping server that the last of them is gone.
+// The peers from which one table server is receiving. An ESN, an electronic serial number, is here the identity (uid) of a
+// peer. The server, every peer thread and every registration hold this object; its destruction tells the stopping server
+// that the last of them is gone.
 //
 // Threads: any. Its mutex is held only while one uid goes in or out.
 class ActiveESNs {
@@ -39,12 +35,11 @@ class ActiveESNs {
   const std::function<void()> release_callback_;
 };
 
-// Enters a uid for the life of one receive stream, unless it is there already: then the stream that has it learns of the
-// place, and nothing else changes, ever.
+// Enters a uid for the life of one receive stream. If the uid is there already, the stream that has it learns of the
+// place, and nothing else changes.
 class EsnRegistration {
  public:
-  // `refused` gets the other place at which the peer was refused last during this stream, if there is one, when this is
-  // destroyed.
+  // When this is destroyed, `refused` gets the last other place at which the peer was refused meanwhile, if there is one.
   EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid, PeerPlace place,
                   std::optional<PeerPlace>& refused);
   ~EsnRegistration();

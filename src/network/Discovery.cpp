@@ -1,17 +1,15 @@
 #include "network/Discovery.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <string_view>
+#include <utility>
 
-#include "logging/Log.h"
-#include "names/CombinedKey.h"
+#include "network/Member.h"
 #include "network/SystemCalls.h"
-#include "network/TableServer.h"
 
 using Varnix::LogLevel;
 
@@ -20,24 +18,20 @@ namespace {
 constexpr std::chrono::milliseconds kSteadyInterval(60000);
 constexpr std::chrono::milliseconds kBurstInterval(2000);
 constexpr int kBurstIntervals = 3;
-constexpr std::size_t kPortSize = 2;
 constexpr std::size_t kLongestDatagram = 256;
-
-std::string MakeAnnouncement(unsigned short port, const std::string& group) {
-  const char port_bytes[kPortSize] = {static_cast<char>(port >> 8), static_cast<char>(port & 0xFF)};
-  return std::string(port_bytes, kPortSize) + group;
-}
 
 }  // namespace
 
-Discovery::Discovery(TableServer& server)
-    : server_(server),
-      announcement_(MakeAnnouncement(server.listen_port_, server.group_)),
+Discovery::Discovery(const Member& member, int socket, int wake_descriptor, const sockaddr_in& broadcast_address,
+                     const FoundPeerCallback& found_peer, std::shared_ptr<ActiveESNs> active_esns)
+    : member_(member),
+      broadcast_address_(broadcast_address),
+      found_peer_(found_peer),
+      active_esns_(std::move(active_esns)),
+      announcement_(ToPortBytes(member.listen_port) + member.group),
       next_send_(Clock::now()),
       intervals_{kSteadyInterval},
-      entries_{{server.done_pipe_.read_end, POLLIN, 0},
-               {server.wake_pipe_.read_end, POLLIN, 0},
-               {server.discover_fd_, POLLIN, 0}} {}
+      entries_{{member.done_descriptor, POLLIN, 0}, {wake_descriptor, POLLIN, 0}, {socket, POLLIN, 0}} {}
 
 void Discovery::Run() {
   for (;;) {
@@ -53,9 +47,8 @@ void Discovery::Run() {
 // False when it was interrupted and has to be tried again.
 bool Discovery::AnnounceWhenDue(Clock::time_point now) {
   if (now < next_send_) return true;
-  const auto* address = reinterpret_cast<const sockaddr*>(&server_.broadcast_addr_);
-  if (sendto(server_.discover_fd_, announcement_.data(), announcement_.size(), 0, address,
-             sizeof server_.broadcast_addr_) < 0) {
+  if (sendto(entries_[kSocket].fd, announcement_.data(), announcement_.size(), 0, Generic(broadcast_address_),
+             sizeof broadcast_address_) < 0) {
     if (errno == EINTR) return false;
     // No error for the log: a device without a network is an ordinary thing.
     Log(LogLevel::Debug, "tblsvr.dscv.sendto", "TableServer: Discover::sendto error %d", errno);
@@ -83,9 +76,7 @@ void Discovery::StartBurst() {
   if (read(entries_[kWake].fd, &wake_byte, 1) != 1) {
     LogErrnoAndAbort("tblsvr.dscv.done.rd", "TableServer: Discover::poll done pipe read error %d");
   }
-  const PrintableKey uid(server_.uid_);
-  Log(LogLevel::Debug, "tblsvr.dscv.chg", "TableServer for %.*s::%s::%s(%p) notified of network change",
-      uid.name_length, uid.name, uid.key, server_.database_.c_str(), static_cast<void*>(&server_));
+  LogOf(member_, LogLevel::Debug, "tblsvr.dscv.chg", VARNIX_TABLE_SERVER " notified of network change");
   next_send_ = Clock::now();
   intervals_.resize(1);
   intervals_.insert(intervals_.end(), kBurstIntervals, kBurstInterval);
@@ -96,8 +87,8 @@ void Discovery::ReceiveAnnouncement() {
   sockaddr_in source{};
   socklen_t source_size = sizeof source;
   // MSG_TRUNC gives the real size of a datagram that is longer than the buffer.
-  const ssize_t received = recvfrom(entries_[kSocket].fd, datagram, sizeof datagram, MSG_TRUNC,
-                                    reinterpret_cast<sockaddr*>(&source), &source_size);
+  const ssize_t received =
+      recvfrom(entries_[kSocket].fd, datagram, sizeof datagram, MSG_TRUNC, Generic(source), &source_size);
   if (received < 0) {
     Log(LogLevel::Error, "tblsvr.dscv.rcv", "TableServer: Discover::recvfrom error %d", errno);
     return;
@@ -107,7 +98,6 @@ void Discovery::ReceiveAnnouncement() {
     Log(LogLevel::Error, "tblsvr.dscv.sz", "TableServer: Discover::recvfrom: wrong size: %d", static_cast<int>(size));
     return;
   }
-  if (std::string_view(datagram + kPortSize, size - kPortSize) != server_.group_) return;
-  const int port = static_cast<unsigned char>(datagram[0]) << 8 | static_cast<unsigned char>(datagram[1]);
-  server_.FoundPeer(ntohl(source.sin_addr.s_addr), static_cast<unsigned short>(port), server_.active_esns_);
+  if (std::string_view(datagram + kPortSize, size - kPortSize) != member_.group) return;
+  found_peer_({ToPeerPlace(source).address, ToPort(datagram)}, active_esns_);
 }

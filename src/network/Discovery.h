@@ -5,21 +5,24 @@
 
 #include <chrono>
 #include <deque>
+#include <memory>
 #include <string>
 
-class TableServer;
+#include "network/PeerPlace.h"
 
-constexpr unsigned short kDiscoveryPort = 1975;
+struct Member;
 
-// Makes a table server known to its group and finds the others: broadcasts its TCP port and group name at once and then
-// every 60 seconds, after a network change at 0, 2, 4 and 6 seconds; and reports the sender of each announcement of the
-// same group to the server, our own ones included. The handshake of the streams sorts out who that is.
+// Makes a member known to its group and finds the others. It broadcasts the member's TCP port and group name at once and
+// then every 60 seconds, after a network change at 0, 2, 4 and 6 seconds. It reports the sender of each announcement of
+// the same group, also of our own: the handshake of the streams tells who that is.
 //
-// Threads: one, the server's discovery thread. Made by the caller that starts it, who can be told of want of memory.
+// Threads: one, the server's discovery thread. Made by the caller that starts it, which can be told of want of memory.
 // Errors: a poll that fails, or a wake pipe that cannot be read, is logged and ends the process.
 class Discovery {
  public:
-  explicit Discovery(TableServer& server);
+  // `socket` is bound to the discovery port; a byte in the wake pipe means that the network has changed.
+  Discovery(const Member& member, int socket, int wake_descriptor, const sockaddr_in& broadcast_address,
+            const FoundPeerCallback& found_peer, std::shared_ptr<ActiveESNs> active_esns);
 
   // Returns when the server stops.
   void Run();
@@ -35,7 +38,10 @@ class Discovery {
   void StartBurst();
   void ReceiveAnnouncement();
 
-  TableServer& server_;
+  const Member& member_;
+  const sockaddr_in broadcast_address_;
+  const FoundPeerCallback& found_peer_;
+  const std::shared_ptr<ActiveESNs> active_esns_;
   const std::string announcement_;
   Clock::time_point next_send_;
   // The gap after the next announcement is on top, at the back. The bottom entry stays for ever.

@@ -3,8 +3,9 @@
 #include <chrono>
 #include <memory>
 
-class ActiveESNs;
-class TableServer;
+#include "network/PeerPlace.h"
+
+struct Member;
 
 // Receives from one found peer, again and again, until its retry period is over: 30 seconds from the start, or from the
 // end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try.
@@ -12,8 +13,9 @@ class TableServer;
 // Threads: one, started for this peer.
 class ReceiveLoop {
  public:
-  // `address` and `port` are the peer's, in host byte order.
-  ReceiveLoop(TableServer& server, unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns);
+  // `found_peer` is told when the peer was met at another place meanwhile.
+  ReceiveLoop(const Member& member, const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns,
+              const FoundPeerCallback& found_peer);
 
   // Returns when it has given up, when it turns out that this peer needs no stream from here, and when the server
   // stops.
@@ -26,9 +28,9 @@ class ReceiveLoop {
   bool MayRetry(Clock::duration lasted, Clock::time_point ended);
   bool PauseBeforeRetry();
 
-  TableServer& server_;
-  const unsigned address_;
-  const unsigned short port_;
+  const Member& member_;
+  const PeerPlace place_;
   const std::shared_ptr<ActiveESNs> active_esns_;
+  const FoundPeerCallback& found_peer_;
   Clock::time_point deadline_;
 };

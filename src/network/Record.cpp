@@ -3,10 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <utility>
 
 #include "memory/StringMemory.h"
-#include "network/Cookie.h"
 #include "network/StopExceptions.h"
 
 namespace {
@@ -25,32 +23,14 @@ bool ReadItem(void* bytes, std::size_t size, FILE* stream) {
   return size == 0 || fread_unlocked(bytes, size, 1, stream) == 1;
 }
 
-bool FailOrAbort(const Cookie& cookie) {
-  if (cookie.aborted) throw AbortRequested();
+bool FailOrAbort(SocketStream& stream) {
+  if (stream.GetCookie().aborted) throw AbortRequested();
   return false;
-}
-
-bool ReadFields(Varnix::Row& record, FILE* stream, Cookie& cookie) {
-  const StreamLock lock(stream, cookie);
-  unsigned char header[kHeaderSize];
-  if (!ReadItem(header, kHeaderSize, stream)) return false;
-  const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
-                                std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
-  auto& [field_a, field_b] = cookie.incoming;
-  field_a.resize(lengths >> kLengthBitsB);
-  field_b.resize(lengths & kMaxLengthB);
-  if (!ReadItem(field_a.data(), field_a.size(), stream) || !ReadItem(field_b.data(), field_b.size(), stream)) {
-    return false;
-  }
-  record.swap(cookie.incoming);
-  EmptyForReuse(field_a);
-  EmptyForReuse(field_b);
-  return true;
 }
 
 }  // namespace
 
-bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie) {
+bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {
   const std::uint32_t length_a = record.first.size() & kMaxLengthA;
   const std::uint32_t length_b = record.second.size() & kMaxLengthB;
   const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
@@ -58,16 +38,36 @@ bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie) {
       static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
       static_cast<unsigned char>(lengths >> 8), static_cast<unsigned char>(lengths)};
 
-  const StreamLock lock(stream, cookie);
-  if (!WriteItem(header, kHeaderSize, stream) || !WriteItem(record.first.data(), length_a, stream) ||
-      !WriteItem(record.second.data(), length_b, stream)) {
-    return FailOrAbort(cookie);
+  const StreamLock lock(stream);
+  FILE* const file = stream.File();
+  if (!WriteItem(header, kHeaderSize, file) || !WriteItem(record.first.data(), length_a, file) ||
+      !WriteItem(record.second.data(), length_b, file)) {
+    return FailOrAbort(stream);
   }
-  return fflush_unlocked(stream) == 0;
+  return fflush_unlocked(file) == 0;
 }
 
-bool ReadRecord(Varnix::Row& record, FILE* stream, Cookie& cookie) {
-  if (ReadFields(record, stream, cookie)) return true;
-  cookie.LogReadError();
-  return FailOrAbort(cookie);
+bool RecordReader::Read(Varnix::Row& record) {
+  if (ReadFields(record)) return true;
+  stream_.GetCookie().LogReadError();
+  return FailOrAbort(stream_);
+}
+
+bool RecordReader::ReadFields(Varnix::Row& record) {
+  const StreamLock lock(stream_);
+  unsigned char header[kHeaderSize];
+  if (!ReadItem(header, kHeaderSize, stream_.File())) return false;
+  const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
+                                std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
+  auto& [field_a, field_b] = incoming_;
+  field_a.resize(lengths >> kLengthBitsB);
+  field_b.resize(lengths & kMaxLengthB);
+  if (!ReadItem(field_a.data(), field_a.size(), stream_.File()) ||
+      !ReadItem(field_b.data(), field_b.size(), stream_.File())) {
+    return false;
+  }
+  record.swap(incoming_);
+  EmptyForReuse(field_a);
+  EmptyForReuse(field_b);
+  return true;
 }

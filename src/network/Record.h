@@ -2,9 +2,7 @@
 
 #include <Varnix.h>
 
-#include <cstdio>
-
-struct Cookie;
+#include "network/SocketStream.h"
 
 // The only unit on the wire, in both directions: a header of 4 bytes, big-endian, with the length of field A in its
 // upper 12 bits and that of field B in its lower 20, then field A, then field B. A record is a row: A its key, B its
@@ -13,8 +11,19 @@ struct Cookie;
 // Writes and flushes one record; longer fields are cut to their length modulo 4,096 and 1,048,576.
 // False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written.
 // What is in the stream's buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
-bool WriteRecord(const Varnix::Row& record, FILE* stream, Cookie& cookie);
+bool WriteRecord(const Varnix::Row& record, SocketStream& stream);
 
-// Reads one record. False, with `record` unchanged, when the stream has ended or failed.
-// Throws AbortRequested when the server stops.
-bool ReadRecord(Varnix::Row& record, FILE* stream, Cookie& cookie);
+// Reads the records of one stream.
+class RecordReader {
+ public:
+  explicit RecordReader(SocketStream& stream) : stream_(stream) {}
+
+  // False, with `record` unchanged, when the stream has ended or failed. Throws AbortRequested when the server stops.
+  bool Read(Varnix::Row& record);
+
+ private:
+  bool ReadFields(Varnix::Row& record);
+
+  SocketStream& stream_;
+  Varnix::Row incoming_;  // The record that is being read, in memory that the next one will use.
+};

@@ -1,59 +1,57 @@
 #include "network/ServerSockets.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "network/Discovery.h"
+#include "network/PeerPlace.h"
 #include "network/SystemCalls.h"
 
 namespace {
 
 constexpr int kBacklog = 10;
 
-bool Bind(int descriptor, unsigned short port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
-  return bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+bool Bind(const FileDescriptor& socket, unsigned short port) {
+  const sockaddr_in address = ToSocketAddress({INADDR_ANY, port});
+  return bind(socket.Get(), Generic(address), sizeof address) == 0;
 }
 
-bool SwitchOn(int descriptor, int option) {
+bool SwitchOn(const FileDescriptor& socket, int option) {
   const int on = 1;
-  return setsockopt(descriptor, SOL_SOCKET, option, &on, sizeof on) == 0;
+  return setsockopt(socket.Get(), SOL_SOCKET, option, &on, sizeof on) == 0;
 }
 
 Pipe OpenPipe(const char* tag, const char* format) {
   int ends[2];
-  if (pipe(ends) < 0) LogErrnoAndAbort(tag, format);
-  CloseOnExec(ends[0]);
-  CloseOnExec(ends[1]);
-  return {ends[0], ends[1]};
+  const NoFork no_fork;
+  if (pipe2(ends, O_CLOEXEC) < 0) LogErrnoAndAbort(tag, format);
+  return {FileDescriptor(no_fork, ends[0]), FileDescriptor(no_fork, ends[1])};
 }
 
 }  // namespace
 
-int OpenListeningSocket(unsigned short& port) {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  if (listener < 0) LogErrnoAndAbort("tblsvr.lstn.sock", "TableServer: listen socket error %d");
-  CloseOnExec(listener);
+FileDescriptor OpenSocket(int type) {
+  const NoFork no_fork;
+  return FileDescriptor(no_fork, socket(AF_INET, type | SOCK_CLOEXEC, 0));
+}
+
+FileDescriptor OpenListeningSocket(unsigned short& port) {
+  FileDescriptor listener = OpenSocket(SOCK_STREAM);
+  if (!listener.IsOpen()) LogErrnoAndAbort("tblsvr.lstn.sock", "TableServer: listen socket error %d");
   if (!Bind(listener, 0)) LogErrnoAndAbort("tblsvr.lstn.bind", "TableServer: listener bind error %d");
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  if (getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) < 0) {
+  if (getsockname(listener.Get(), Generic(address), &size) < 0) {
     LogErrnoAndAbort("tblsvr.lstn.name", "TableServer: getsockname error %d");
   }
-  if (listen(listener, kBacklog) < 0) LogErrnoAndAbort("tblsvr.lstn.lstn", "TableServer: listen error %d");
-  port = ntohs(address.sin_port);
+  if (listen(listener.Get(), kBacklog) < 0) LogErrnoAndAbort("tblsvr.lstn.lstn", "TableServer: listen error %d");
+  port = ToPeerPlace(address).port;
   return listener;
 }
 
-int OpenDiscoverySocket() {
-  const int discoverer = socket(AF_INET, SOCK_DGRAM, 0);
-  if (discoverer < 0) LogErrnoAndAbort("tblsvr.dscv.sock", "TableServer: discover socket error %d");
-  CloseOnExec(discoverer);
+FileDescriptor OpenDiscoverySocket() {
+  FileDescriptor discoverer = OpenSocket(SOCK_DGRAM);
+  if (!discoverer.IsOpen()) LogErrnoAndAbort("tblsvr.dscv.sock", "TableServer: discover socket error %d");
   if (!SwitchOn(discoverer, SO_BROADCAST)) {
     LogErrnoAndAbort("tblsvr.dscv.opt.bcast", "TableServer: setsockopt broadcast error %d");
   }

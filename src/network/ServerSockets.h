@@ -1,21 +1,29 @@
 #pragma once
 
-// The descriptors of a table server. Each is closed on exec. A system call that fails while they are made is logged
+#include "threads/FileDescriptor.h"
+
+// The descriptors of the network. Each is closed on exec from its birth: in a program that the host starts it would hold
+// a connection open whose owner is gone. When a system call fails while those of a table server are made, that is logged
 // with errno and ends the process.
 
+constexpr unsigned short kDiscoveryPort = 1975;
+
 struct Pipe {
-  int read_end;
-  int write_end;
+  FileDescriptor read_end;
+  FileDescriptor write_end;
 };
 
 // A TCP socket that listens on every address, on a port of the system's choice, which `port` gets in host byte order.
-int OpenListeningSocket(unsigned short& port);
+FileDescriptor OpenListeningSocket(unsigned short& port);
 
 // A UDP socket that may broadcast and shares the discovery port with every other server on this host.
-int OpenDiscoverySocket();
+FileDescriptor OpenDiscoverySocket();
 
 // What all threads of a server watch: once something is written to it, it stays readable.
 Pipe OpenDonePipe();
 
 // What tells the discovery thread that the network has changed.
 Pipe OpenWakePipe();
+
+// An IPv4 socket of this type; none, with errno, on failure.
+FileDescriptor OpenSocket(int type);

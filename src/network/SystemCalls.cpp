@@ -1,8 +1,9 @@
 #include "network/SystemCalls.h"
 
-#include <fcntl.h>
+#include <pthread.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 #include "logging/Log.h"
@@ -11,9 +12,21 @@ void LogErrnoAndAbort(const char* tag, const char* format) {
   try {
     Log(Varnix::LogLevel::Error, tag, format, errno);
   } catch (...) {
-    // There is no going on, whatever the hook thinks of it.
+    // There is nothing to go on with, whatever the hook throws.
   }
   std::abort();
 }
 
-void CloseOnExec(int descriptor) { fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
+int PollAgainAfterSignals(pollfd* entries, nfds_t count, int time_out) {
+  int ready;
+  do {
+    ready = poll(entries, count, time_out);
+  } while (ready < 0 && errno == EINTR);
+  return ready;
+}
+
+void NameThisThread(const char* what, const char* database) {
+  char name[16];  // All that the kernel keeps.
+  std::snprintf(name, sizeof name, "%s:%s", what, database);
+  pthread_setname_np(pthread_self(), name);  // A thread without a name works as well.
+}

@@ -1,10 +1,14 @@
 #pragma once
 
+#include <poll.h>
+
 // Logs a message of level 3 whose only argument, if it has one, is errno as "%d", and ends the process with abort(),
-// also when the log hook throws: for the failures that cannot happen on a healthy system and leave nothing to go on
-// with.
+// also when the log hook throws. It is for failures that a healthy system does not have, after which nothing can go on.
 [[noreturn]] void LogErrnoAndAbort(const char* tag, const char* format);
 
-// Keeps a descriptor out of the programs that the host starts: there it would hold a connection open whose owner is
-// gone.
-void CloseOnExec(int descriptor);
+// poll(), again with the same time-out when a signal interrupts it.
+int PollAgainAfterSignals(pollfd* entries, nfds_t count, int time_out);
+
+// Names the calling thread for those who list the threads of the process: `what`, then as much of the database's name
+// as fits.
+void NameThisThread(const char* what, const char* database);

@@ -1,95 +1,82 @@
 #include "network/TableSender.h"
 
-#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <new>
 #include <optional>
 #include <utility>
 
-#include "logging/Log.h"
-#include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
+#include "network/Member.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
 #include "network/SystemCalls.h"
-#include "network/TableServer.h"
 #include "tables/LWatcherSet.h"
 
 using Varnix::LogLevel;
 
-TableSender::TableSender(TableServer& server, int socket)
-    : server_(server),
-      send_table_(server.GetSendTable()),
-      done_table_(server.GetDoneTable()),
-      uid_(server.GetUid()),
-      database_(server.GetDatabase()),
-      cookie_(socket, server.GetDoneDescriptor()),
-      socket_(socket) {
+TableSender::TableSender(const Member& member, FileDescriptor socket)
+    : member_(member), stream_(std::make_unique<SocketStream>(std::move(socket), member.done_descriptor)) {
   Log(LogLevel::Debug, "tblsndr.ctor", "TableSender(%p) for %s:%d starting", static_cast<void*>(this),
-      database_.c_str(), socket_);
+      member_.database.c_str(), stream_->Socket());
 }
 
 TableSender::~TableSender() {
   Log(LogLevel::Debug, "tblsndr.dtor", "TableSender(%p) stopping", static_cast<void*>(this));
-  fclose(stream_);
-  close(socket_);
 }
 
 void TableSender::MakeStream() {
-  stream_ = cookie_.OpenStream();
-  if (stream_ == nullptr) LogErrnoAndAbort("tblsndr.cook.fopen", "TableSender: fopencookie failed");
+  if (!stream_->Open()) LogErrnoAndAbort("tblsndr.cook.fopen", "TableSender: fopencookie failed");
 }
 
-void TableSender::Converse(unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {
+void TableSender::Converse(unsigned address, const std::shared_ptr<ActiveESNs>& active_esns,
+                           const FoundPeerCallback& found_peer) {
   Varnix::Row answer;
   if (!SendUid() || !ReceiveGroup(answer)) return;
-  ConnectBack(answer, address, active_esns);
+  ConnectBack(answer, address, active_esns, found_peer);
   StreamRows();
 }
 
 bool TableSender::SendUid() {
-  const PrintableKey uid(uid_);
+  const PrintableKey uid(member_.uid);
   Log(LogLevel::Debug, "tblsndr.senduid", "TableSender(%p) sending uid: %.*s::%s", static_cast<void*>(this),
       uid.name_length, uid.name, uid.key);
-  return WriteRecord({database_, uid_}, stream_, cookie_);
+  return WriteRecord({member_.database, member_.uid}, *stream_);
 }
 
 bool TableSender::ReceiveGroup(Varnix::Row& answer) {
-  return ReadRecord(answer, stream_, cookie_) && answer.second.size() == 2;
+  return RecordReader(*stream_).Read(answer) && answer.second.size() == kPortSize;
 }
 
 void TableSender::ConnectBack(const Varnix::Row& answer, unsigned address,
-                              const std::shared_ptr<ActiveESNs>& active_esns) {
+                              const std::shared_ptr<ActiveESNs>& active_esns, const FoundPeerCallback& found_peer) {
   const auto& [group, port_bytes] = answer;
-  const unsigned port =
-      static_cast<unsigned>(static_cast<unsigned char>(port_bytes[0])) << 8 | static_cast<unsigned char>(port_bytes[1]);
+  const unsigned short port = ToPort(port_bytes.data());
   Log(LogLevel::Debug, "tblsndr.getgrp", "TableSender(%p) received group=\"%s\" port=%u", static_cast<void*>(this),
       group.c_str(), port);
   // Another group is served all the same; it is only not connected back to.
-  if (group == server_.GetGroup()) server_.FoundPeer(address, static_cast<unsigned short>(port), active_esns);
+  if (group == member_.group) found_peer({address, port}, active_esns);
 }
 
 void TableSender::StreamRows() {
-  const std::shared_ptr<Varnix::Watcher> done_watcher = done_table_->WatchAll();
-  const std::shared_ptr<Varnix::Watcher> row_watcher = send_table_->WatchAll();
+  const std::shared_ptr<Varnix::Watcher> done_watcher = member_.done_table->WatchAll();
+  const std::shared_ptr<Varnix::Watcher> row_watcher = member_.send_table->WatchAll();
   const std::shared_ptr<LocalTable::LWatcherSet> set = LocalTable::LWatcherSet::Make({row_watcher, done_watcher});
   for (;;) {
     const auto [row, watcher, more] = set->TakeUntil(std::chrono::steady_clock::now() + std::chrono::seconds(1));
     if (PeerIsGone()) return;
     // The set may choose a row that is set again and again for ever. A write that met the stop counts as well.
-    if (watcher == done_watcher || cookie_.aborted) throw AbortRequested();
+    if (watcher == done_watcher || stream_->GetCookie().aborted) throw AbortRequested();
     if (watcher == row_watcher) SendRow(row, more);
   }
 }
 
 // The peer never sends after its one record: what can be read by then is the end of the connection.
 bool TableSender::PeerIsGone() const {
-  pollfd entry = {socket_, POLLIN, 0};
+  pollfd entry = {stream_->Socket(), POLLIN, 0};
   return poll(&entry, 1, 0) == 1;
 }
 
@@ -100,7 +87,7 @@ void TableSender::SendRow(const Varnix::Row& row, bool more) {
   // The small rows of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
   if (more) SetDelay(true);
   // A failure needs no answer here: the connection is over then, and the next pass sees it.
-  WriteRecord(row, stream_, cookie_);
+  WriteRecord(row, *stream_);
   if (!more) SetDelay(false);
 }
 
@@ -108,20 +95,21 @@ void TableSender::SetDelay(bool delayed) {
   if (delayed == delayed_) return;
   delayed_ = delayed;
   const int no_delay = delayed ? 0 : 1;
-  setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof no_delay);  // A failure costs a little speed.
+  setsockopt(stream_->Socket(), IPPROTO_TCP, TCP_NODELAY, &no_delay,
+             sizeof no_delay);  // A failure costs a little speed.
 }
 
-void SendTable(TableServer& server, int socket, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {
+void SendTable(const Member& member, FileDescriptor socket, unsigned address,
+               const std::shared_ptr<ActiveESNs>& active_esns, const FoundPeerCallback& found_peer) {
   std::optional<TableSender> sender;
   try {
-    sender.emplace(server, socket);
+    sender.emplace(member, std::move(socket));
   } catch (const std::bad_alloc&) {
-    close(socket);  // No memory even to start with: the peer tries again.
-    return;
+    return;  // No memory even to start with: the peer tries again.
   }
   sender->MakeStream();
   try {
-    sender->Converse(address, active_esns);
+    sender->Converse(address, active_esns, found_peer);
   } catch (...) {
     // Whatever it was, the server's stop among them: it ends this stream and nothing else.
   }

@@ -3,24 +3,21 @@
 #include <Varnix.h>
 #include <netinet/in.h>
 
-#include <condition_variable>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "network/Member.h"
+#include "network/PeerThreads.h"
 #include "network/ServerSockets.h"
-#include "threads/Mutex.h"
-
-class ActiveESNs;
-class Discovery;
-class LocalTable;
 
 // Shares one table with the members of a group on the local network: serves its own table to every peer that connects,
-// and sets what found peers send into another.
+// and sets what found peers send into another. This class is the life cycle; Discovery, Acceptor and PeerThreads do the
+// work.
 //
-// Threads: a discovery thread and an accept thread, which Stop() joins; and one detached thread for every peer
-// connected to and from, whose end Stop() awaits. All of them read the fixed fields; none writes. Stop() runs once, on
-// one thread; NetworkChanged() must not run after it has begun. The server's mutex comes before that of ActiveESNs.
+// Threads: a discovery thread and an accept thread, which Stop() joins; and one thread for each peer connected to and
+// from, whose end Stop() awaits. All of them read the fixed fields; none writes. Stop() runs once, on one thread;
+// NetworkChanged() must not run after it has begun.
 // Errors: a system call that fails during construction is logged and ends the process.
 class TableServer {
  public:
@@ -38,50 +35,26 @@ class TableServer {
   // Has the discovery thread announce us in a burst.
   void NetworkChanged();
 
-  // Start a thread for a peer, in host byte order: one that receives from it, or one that serves it on `socket`. When
-  // there is none to be had, it is logged and the socket closed; the peer's next announcement tries again. Of each kind
-  // the process has at most 1,024, and no more than three eighths of its limit of descriptors.
+  // Start a thread for a peer, whose address is in host byte order: one that receives from it, or one that serves it.
   void FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns);
-  void IncomingConnection(int socket, unsigned address);
-
-  const std::string& GetUid() const { return uid_; }
-  const std::string& GetDatabase() const { return database_; }
-  const std::string& GetGroup() const { return group_; }
-  const std::shared_ptr<Varnix::Table>& GetReceiveTable() const { return receive_table_; }
-  const std::shared_ptr<Varnix::Table>& GetSendTable() const { return send_table_; }
-  std::shared_ptr<Varnix::Table> GetDoneTable() const;
-  int GetDoneDescriptor() const { return done_pipe_.read_end; }
-  unsigned short GetListenPort() const { return listen_port_; }
+  int IncomingConnection(FileDescriptor& socket, unsigned address);
 
  private:
-  friend class Discovery;
-
   void Accept();
-  void AcceptConnection();
-  void PauseAccepting();
   void StartThreads();
   void SignalDone();
   void SetDoneRow();
   void JoinThreads();
-  void AwaitPeerThreads() VARNIX_EXCLUDES(mutex_);
   void CloseDescriptors();
 
-  const std::string uid_;
-  const std::string database_;
-  const std::string group_;
-  const std::shared_ptr<Varnix::Table> receive_table_;
-  const std::shared_ptr<Varnix::Table> send_table_;
-  const std::shared_ptr<LocalTable> done_table_;  // Gets a row when the server stops; the sender threads watch it.
-  std::shared_ptr<ActiveESNs> active_esns_;
-  Mutex mutex_;
-  std::condition_variable released_cv_;
-  bool esns_released_ VARNIX_GUARDED_BY(mutex_) = false;
-  sockaddr_in broadcast_addr_;
-  int listen_fd_;
-  int discover_fd_;
+  Member member_;  // Fixed before the threads start.
+  const sockaddr_in broadcast_address_;
+  FileDescriptor listener_;
+  FileDescriptor discoverer_;
   Pipe done_pipe_;  // Readable from the moment the server stops: the stop signal of every wait but the sender threads'.
   Pipe wake_pipe_;
-  unsigned short listen_port_;
+  const FoundPeerCallback found_peer_;
+  PeerThreads peer_threads_;
   std::thread discover_thread_;
   std::thread accept_thread_;
   bool stopped_ = false;

@@ -4,18 +4,18 @@
 
 #include <chrono>
 
-#include "QuietServer.h"
+#include "QuietMember.h"
 #include "network/StopExceptions.h"
 #include "network/TableReceiver.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static QuietServer quiet;
+  static QuietMember quiet;
   const SocketPair pair(data, size);
   {
     Hooked socket(Hooks().socket, [&](int, int, int) { return pair.near; });
     Hooked connect(Hooks().connect, [](int, const sockaddr*, socklen_t) { return 0; });
     try {
-      ReceiveTable(quiet.Server(), 0x7F000001, 4711, std::chrono::seconds(5), quiet.MakeESNs());
+      ReceiveTable(*quiet, {0x7F000001, 4711}, std::chrono::seconds(5), quiet.MakeESNs());
     } catch (const SelfConnect&) {
     } catch (const WrongServer&) {
     }

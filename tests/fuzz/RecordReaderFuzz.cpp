@@ -2,6 +2,7 @@
 // and a record that is written is read back as it was.
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -9,13 +10,16 @@
 #include <vector>
 
 #include "Expect.h"
-#include "SystemCallHooks.h"
-#include "network/Cookie.h"
 #include "network/Record.h"
+#include "support/Own.h"
+#include "support/SystemCallHooks.h"
 
 namespace {
 
 using Sizes = std::vector<std::size_t>;
+
+// Of a socket whose calls are all hooked.
+FileDescriptor AnyDescriptor() { return Own(dup(STDERR_FILENO)); }
 
 // Lets `recv` give the bytes in pieces of at most these sizes, over and over, and reads records until the stream ends.
 std::vector<Varnix::Row> ReadAll(const std::string& bytes, const Sizes& pieces) {
@@ -32,12 +36,12 @@ std::vector<Varnix::Row> ReadAll(const std::string& bytes, const Sizes& pieces) 
     given += count;
     return static_cast<ssize_t>(count);
   });
-  Cookie cookie(-1, -1);
-  FILE* const stream = cookie.OpenStream();
+  SocketStream stream(AnyDescriptor(), -1);
+  EXPECT_PROPERTY(stream.Open());
+  RecordReader reader(stream);
   std::vector<Varnix::Row> records;
   Varnix::Row record;
-  while (ReadRecord(record, stream, cookie)) records.push_back(record);
-  fclose(stream);
+  while (reader.Read(record)) records.push_back(record);
   return records;
 }
 
@@ -70,10 +74,9 @@ std::string Write(const Varnix::Row& record) {
     sent.append(static_cast<const char*>(bytes), size);
     return static_cast<ssize_t>(size);
   });
-  Cookie cookie(-1, -1);
-  FILE* const stream = cookie.OpenStream();
-  EXPECT_PROPERTY(WriteRecord(record, stream, cookie));
-  fclose(stream);
+  SocketStream stream(AnyDescriptor(), -1);
+  EXPECT_PROPERTY(stream.Open());
+  EXPECT_PROPERTY(WriteRecord(record, stream));
   return sent;
 }
 

@@ -10,10 +10,10 @@
 #include <cstring>
 #include <string>
 
-#include "Bytes.h"
-#include "HookedHere.h"
-#include "QuietServer.h"
+#include "QuietMember.h"
 #include "network/TableSender.h"
+#include "support/Bytes.h"
+#include "support/HookedHere.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ std::string ReceiveUntilEnd(int descriptor) {
 }
 
 // Serves a peer that has sent `size` bytes and shows its surplus only by being gone.
-void Serve(QuietServer& quiet, int socket, std::size_t size, const Answer& answer) {
+void Serve(QuietMember& quiet, int socket, std::size_t size, const Answer& answer) {
   // stdio writes nothing behind bytes that it has read ahead, and a surplus that it has not read is the end of the
   // connection. Which of them it is, chance decides on a network. Here it is neither: no read goes beyond the answer.
   std::size_t left = size - answer.surplus;
@@ -85,13 +85,13 @@ void Serve(QuietServer& quiet, int socket, std::size_t size, const Answer& answe
     return time += std::chrono::seconds(1);
   });
 
-  SendTable(quiet.Server(), socket, 0x7F000001, quiet.MakeESNs());
+  SendTable(*quiet, Own(socket), 0x7F000001, quiet.MakeESNs(), quiet.FoundPeer());
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static QuietServer quiet;
+  static QuietMember quiet;
   const int found = quiet.PeersFound();
   const SocketPair pair(data, size);
   const Answer answer(data, size);

@@ -19,11 +19,11 @@
 
 #include "Tables.h"
 #include "databases/DatabaseCache.h"
-#include "network/FailWith.h"
-#include "network/SystemCallHooks.h"
+#include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
+#include "support/SystemCallHooks.h"
 #include "support/ThrowingHook.h"
 
 namespace {

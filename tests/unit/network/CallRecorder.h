@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "SystemCallHooks.h"
+#include "support/SystemCallHooks.h"
 
 // Records the calls that make, set up, write to and close the descriptors of a server, as text:
 // "socket(AF_INET, SOCK_STREAM, 0) = #1". Descriptors are numbered as they are made, calls on any other are left out.
@@ -69,7 +69,9 @@ class CallRecorder {
   }
 
   static std::string NameOfType(int type) {
-    return type == SOCK_STREAM ? "SOCK_STREAM" : type == SOCK_DGRAM ? "SOCK_DGRAM" : std::to_string(type);
+    if ((type & SOCK_CLOEXEC) == 0) return std::to_string(type) + " that is not closed on exec";
+    const int kind = type & ~SOCK_CLOEXEC;
+    return kind == SOCK_STREAM ? "SOCK_STREAM" : kind == SOCK_DGRAM ? "SOCK_DGRAM" : std::to_string(type);
   }
   static std::string NameOfOption(int level, int option) {
     if (level != SOL_SOCKET) return std::to_string(level) + ", " + std::to_string(option);
@@ -79,7 +81,6 @@ class CallRecorder {
     return "SOL_SOCKET, " + name;
   }
   static std::string NameOfCommand(int command, long argument) {
-    if (command == F_SETFD && argument == FD_CLOEXEC) return "F_SETFD, FD_CLOEXEC";
     return std::to_string(command) + ", " + std::to_string(argument);
   }
   static std::string NameOfAddress(const sockaddr* address) {
@@ -123,12 +124,13 @@ class CallRecorder {
         AddCallOn(descriptor, "setsockopt", ", " + NameOfOption(level, option) + ", " + number);
         return Hooks().setsockopt.Real(descriptor, level, option, value, size);
       }};
-  Hooked<int(int*)> pipe_{Hooks().pipe, [this](int* ends) {
-                            const int result = Hooks().pipe.Real(ends);
-                            const std::string read_end = Enter(ends[0]);
-                            Add("pipe() = " + read_end + ", " + Enter(ends[1]));
-                            return result;
-                          }};
+  Hooked<int(int*, int)> pipe2_{Hooks().pipe2, [this](int* ends, int flags) {
+                                  const int result = Hooks().pipe2.Real(ends, flags);
+                                  const std::string read_end = Enter(ends[0]);
+                                  Add(std::string("pipe2(") + (flags == O_CLOEXEC ? "O_CLOEXEC" : "?") +
+                                      ") = " + read_end + ", " + Enter(ends[1]));
+                                  return result;
+                                }};
   Hooked<int(int, int, long)> fcntl_{Hooks().fcntl, [this](int descriptor, int command, long argument) {
                                        AddCallOn(descriptor, "fcntl", ", " + NameOfCommand(command, argument));
                                        return Hooks().fcntl.Real(descriptor, command, argument);
@@ -138,15 +140,17 @@ class CallRecorder {
         AddCallOn(descriptor, "write", ", " + std::string(static_cast<const char*>(bytes), size));
         return Hooks().write.Real(descriptor, bytes, size);
       }};
-  Hooked<int(int, sockaddr*, socklen_t*)> accept_{Hooks().accept,
-                                                  [this](int descriptor, sockaddr* address, socklen_t* size) {
-                                                    const std::string number = NumberOf(descriptor);
-                                                    const std::string room = std::to_string(*size);
-                                                    const int accepted = Hooks().accept.Real(descriptor, address, size);
-                                                    if (!number.empty() && accepted >= 0)
-                                                      Add("accept(" + number + ", " + room + ") = " + Enter(accepted));
-                                                    return accepted;
-                                                  }};
+  Hooked<int(int, sockaddr*, socklen_t*, int)> accept4_{
+      Hooks().accept4, [this](int descriptor, sockaddr* address, socklen_t* size, int flags) {
+        const std::string number = NumberOf(descriptor);
+        const std::string room = std::to_string(*size);
+        const int accepted = Hooks().accept4.Real(descriptor, address, size, flags);
+        if (!number.empty() && accepted >= 0) {
+          Add("accept4(" + number + ", " + room + ", " + (flags == SOCK_CLOEXEC ? "SOCK_CLOEXEC" : "?") +
+              ") = " + Enter(accepted));
+        }
+        return accepted;
+      }};
   Hooked<int(int)> close_{Hooks().close, [this](int descriptor) {
                             AddCallOn(descriptor, "close", "");
                             {

@@ -11,23 +11,43 @@
 #include <chrono>
 #include <cstddef>
 #include <future>
+#include <memory>
 #include <string>
 
-#include "SystemCallHooks.h"
-#include "network/Cookie.h"
+#include "network/SocketStream.h"
 #include "support/LogRecorder.h"
+#include "support/Own.h"
+#include "support/SystemCallHooks.h"
 
-// For tests of one end of a connection: a cookie on a socket, and a done pipe. The test itself is the peer; what the
+// For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer; what the
 // peer does passes by the hooks.
 class ConnectionTest : public testing::Test {
  protected:
   static constexpr std::chrono::seconds kDeadline{10};  // Bounds a failing run only.
 
-  ConnectionTest() : ConnectionTest(MakePair()) {}
+  ConnectionTest() : done_(MakePipe()) { Connect(); }
   ~ConnectionTest() override {
     PeerCloses();
-    for (const int descriptor : {socket_, done_[0], done_[1]}) close(descriptor);
+    for (const int descriptor : done_) close(descriptor);
   }
+
+  // A connection in place of the one there is. A death test begins with it: under an emulator it runs in a forked child,
+  // where the descriptors of the library are closed.
+  void Connect() {
+    PeerCloses();
+    int pair[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    stream_ = std::make_unique<SocketStream>(Own(pair[0]), done_[0]);
+    peer_ = pair[1];
+    const timeval deadline = {kDeadline.count(), 0};
+    setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+  }
+  FILE* OpenStream() {
+    EXPECT_TRUE(stream_->Open());
+    return stream_->File();
+  }
+  void CloseStream() { stream_.reset(); }
+  Cookie& GetCookie() { return stream_->GetCookie(); }
 
   void PeerSends(const std::string& bytes) const {
     ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
@@ -63,30 +83,18 @@ class ConnectionTest : public testing::Test {
     const std::string bytes(65536, '-');
     std::size_t filled = 0;
     for (;;) {
-      const ssize_t taken = Hooks().send.Real(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+      const ssize_t taken = Hooks().send.Real(stream_->Socket(), bytes.data(), bytes.size(), MSG_DONTWAIT);
       if (taken <= 0) return filled;
       filled += static_cast<std::size_t>(taken);
     }
   }
 
   LogRecorder log_;
-  const int socket_;
-  int peer_;
+  int peer_ = -1;
   const std::array<int, 2> done_;
-  Cookie cookie_;
+  std::unique_ptr<SocketStream> stream_;
 
  private:
-  explicit ConnectionTest(std::array<int, 2> pair)
-      : socket_(pair[0]), peer_(pair[1]), done_(MakePipe()), cookie_(socket_, done_[0]) {
-    const timeval deadline = {kDeadline.count(), 0};
-    setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
-  }
-
-  static std::array<int, 2> MakePair() {
-    std::array<int, 2> pair;
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair.data()), 0);
-    return pair;
-  }
   static std::array<int, 2> MakePipe() {
     std::array<int, 2> ends;
     EXPECT_EQ(pipe(ends.data()), 0);

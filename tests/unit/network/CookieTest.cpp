@@ -13,14 +13,13 @@
 #include <vector>
 
 #include "ConnectionTest.h"
-#include "FailWith.h"
 #include "logging/Log.h"
-#include "network/Cookie.h"
 #include "network/Record.h"
+#include "network/SocketStream.h"
 #include "network/StopExceptions.h"
+#include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/Says.h"
-#include "threads/Fork.h"
 
 namespace {
 
@@ -29,15 +28,12 @@ using testing::IsEmpty;
 
 using Trace = std::vector<std::string>;
 
-// For what a death test runs: under an emulator it is in a forked child.
-void MeanTheParent() { in_forked_child = false; }
-
 class CookieTest : public ConnectionTest {
  protected:
-  ssize_t Write(const std::string& bytes) { return Cookie::Write(&cookie_, bytes.data(), bytes.size()); }
+  ssize_t Write(const std::string& bytes) { return Cookie::Write(&GetCookie(), bytes.data(), bytes.size()); }
   ssize_t Read(std::string& bytes, std::size_t size = 100) {
     bytes.assign(size, '\0');
-    const ssize_t received = Cookie::Read(&cookie_, bytes.data(), bytes.size());
+    const ssize_t received = Cookie::Read(&GetCookie(), bytes.data(), bytes.size());
     bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
     return received;
   }
@@ -139,13 +135,12 @@ TEST_F(CookieTest, StreamIsMadeInModeRPlusOfReadAndWriteAlone) {
     made_of = cookie;
     made_in = mode;
     made_with = functions;
-    return stdin;
+    return Hooks().fopencookie.Real(cookie, mode, functions);
   });
 
-  FILE* const stream = cookie_.OpenStream();
+  EXPECT_TRUE(stream_->Open());
 
-  EXPECT_EQ(stream, stdin);
-  EXPECT_EQ(made_of, &cookie_);
+  EXPECT_EQ(made_of, &GetCookie());
   EXPECT_EQ(made_in, "r+");
   EXPECT_EQ(made_with.read, &Cookie::Read);
   EXPECT_EQ(made_with.write, &Cookie::Write);
@@ -153,32 +148,31 @@ TEST_F(CookieTest, StreamIsMadeInModeRPlusOfReadAndWriteAlone) {
   EXPECT_EQ(made_with.close, nullptr);
 }
 
-TEST_F(CookieTest, StreamThatCannotBeMadeIsNull) {
+TEST_F(CookieTest, StreamThatCannotBeMadeIsToldOf) {
   Hooked fopencookie(Hooks().fopencookie, [](void*, const char*, cookie_io_functions_t) -> FILE* {
     errno = ENOMEM;
     return nullptr;
   });
 
-  FILE* const stream = cookie_.OpenStream();
+  EXPECT_FALSE(stream_->Open());
 
-  EXPECT_EQ(stream, nullptr);
   EXPECT_EQ(errno, ENOMEM);
   EXPECT_THAT(log_.Lines(), IsEmpty()) << "the caller tells";
 }
 
 TEST_F(CookieTest, StreamKeepsBytesInItsBufferUntilItIsFlushed) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
 
   fwrite("abc", 3, 1, stream);
 
   EXPECT_EQ(PeerReceivesWaiting(), "");
   EXPECT_EQ(fflush(stream), 0);
   EXPECT_EQ(PeerReceivesWaiting(), "abc");
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, StreamReadsAndWritesTheSameConnection) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   PeerSends("question");
 
   char question[8];
@@ -188,18 +182,18 @@ TEST_F(CookieTest, StreamReadsAndWritesTheSameConnection) {
 
   EXPECT_EQ(std::string(question, sizeof question), "question");
   EXPECT_EQ(PeerReceives(6), "answer");
-  fclose(stream);
+  CloseStream();
 }
 
-TEST_F(CookieTest, SocketAndDonePipeStayOpenWhenTheStreamIsClosed) {
-  FILE* const stream = cookie_.OpenStream();
+TEST_F(CookieTest, StreamIsClosedBeforeItsSocketAndTheDonePipeStaysOpen) {
+  FILE* const stream = OpenStream();
+  fwrite("abc", 3, 1, stream);
 
-  fclose(stream);
+  CloseStream();
 
-  PeerSends("x");
-  char byte = 0;
-  EXPECT_EQ(read(socket_, &byte, 1), 1);
+  EXPECT_EQ(PeerReceives(4), "abc") << "and then the end";
   SignalDone();
+  char byte = 0;
   EXPECT_EQ(read(done_[0], &byte, 1), 1);
 }
 
@@ -210,7 +204,7 @@ TEST_F(CookieTest, WriteSendsTheBytesAndReturnsTheirNumber) {
 
   EXPECT_EQ(written, 5);
   EXPECT_EQ(PeerReceivesWaiting(), std::string("ab\0cd", 5));
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -228,7 +222,7 @@ TEST_F(CookieTest, WriteWaitsForTheDonePipeFirstAndForRoomInTheSocketWithoutLimi
   ASSERT_EQ(waited_for.size(), 2U);
   EXPECT_EQ(waited_for[0].fd, done_[0]);
   EXPECT_EQ(waited_for[0].events, POLLIN);
-  EXPECT_EQ(waited_for[1].fd, socket_);
+  EXPECT_EQ(waited_for[1].fd, stream_->Socket());
   EXPECT_EQ(waited_for[1].events, POLLOUT);
   EXPECT_EQ(limit, -1);
 }
@@ -244,7 +238,7 @@ TEST_F(CookieTest, WriteSendsWithoutWaitingAndWithoutSignal) {
 
   Write("a");
 
-  EXPECT_EQ(sent_to, socket_);
+  EXPECT_EQ(sent_to, stream_->Socket());
   EXPECT_EQ(sent_with, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
@@ -279,7 +273,7 @@ TEST_F(CookieTest, WriteStopsBetweenTwoPiecesWhenTheDonePipeBecomesReadable) {
   const ssize_t written = Write("abcdefgh");
 
   EXPECT_EQ(written, 0);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_EQ(PeerReceivesWaiting(), "abc");
 }
 
@@ -292,7 +286,7 @@ TEST_F(CookieTest, WriteStopsSilentlyBetweenTwoPiecesWhenTheConnectionFails) {
 
   EXPECT_EQ(written, 0);
   EXPECT_EQ(sends, 2);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -326,7 +320,7 @@ TEST_F(CookieTest, InterruptedPollOfAWriteIsRetriedSilently) {
 
   EXPECT_EQ(written, 3);
   EXPECT_EQ(PeerReceivesWaiting(), "abc");
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -370,7 +364,8 @@ TEST_F(CookieTest, WriteThatIsInterruptedBetweenTwoPiecesSendsNoByteTwice) {
 TEST_F(CookieTest, WriteToAPeerThatHasResetTheConnectionReturnsZeroWithoutLogLineOrSignal) {
   SigpipeCounter signals;
   TcpConnection connection;
-  Cookie cookie(connection.ours, done_[0]);
+  const FileDescriptor ours = Own(dup(connection.ours));
+  Cookie cookie(ours, done_[0]);
   connection.PeerResets();
 
   const ssize_t after_reset = Cookie::Write(&cookie, "a", 1);  // ECONNRESET.
@@ -385,19 +380,18 @@ TEST_F(CookieTest, WriteToAPeerThatHasResetTheConnectionReturnsZeroWithoutLogLin
 
 TEST_F(CookieTest, StreamThatIsClosedAfterItsPeerRaisesNoSignal) {
   SigpipeCounter signals;
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   fwrite("abc", 3, 1, stream);
   PeerCloses();
 
-  const int result = fclose(stream);
+  CloseStream();
 
-  EXPECT_EQ(result, EOF);
   EXPECT_EQ(signals.Count(), 0);
 }
 
 TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
   const auto write = [this] {
-    MeanTheParent();
+    Connect();
     SetLogHook(DefaultLogger);
     Hooked poll(Hooks().poll, FailWith{EINVAL});
     Write("abc");
@@ -409,7 +403,7 @@ TEST_F(CookieTest, FailedPollOfAWriteEndsTheProcess) {
 
 TEST_F(CookieTest, SendThatWouldBlockThoughTheSocketIsWritableEndsTheProcess) {
   const auto write = [this] {
-    MeanTheParent();
+    Connect();
     SetLogHook(DefaultLogger);
     Hooked send(Hooks().send, FailWith{EAGAIN});
     Write("abc");
@@ -425,7 +419,7 @@ TEST_F(CookieTest, StopWinsOverRoomInTheSocket) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 0);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_EQ(PeerReceivesWaiting(), "");
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
@@ -442,7 +436,7 @@ TEST_F(CookieTest, BlockedWriteReturnsZeroWhenTheServerStops) {
 
   stopping.join();
   EXPECT_EQ(written, 0);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -456,7 +450,7 @@ TEST_F(CookieTest, ReadReturnsWhatHasArrived) {
 
   EXPECT_EQ(received, 5);
   EXPECT_EQ(bytes, std::string("ab\0cd", 5));
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -485,7 +479,7 @@ TEST_F(CookieTest, ReadWaitsForTheDonePipeFirstAndForTheSocketWithoutLimit) {
   ASSERT_EQ(waited_for.size(), 2U);
   EXPECT_EQ(waited_for[0].fd, done_[0]);
   EXPECT_EQ(waited_for[0].events, POLLIN);
-  EXPECT_EQ(waited_for[1].fd, socket_);
+  EXPECT_EQ(waited_for[1].fd, stream_->Socket());
   EXPECT_EQ(waited_for[1].events, POLLIN);
   EXPECT_EQ(limit, -1);
 }
@@ -505,7 +499,7 @@ TEST_F(CookieTest, ReadReceivesIntoTheBufferWithoutFlags) {
   std::string bytes;
   Read(bytes, 17);
 
-  EXPECT_EQ(received_from, socket_);
+  EXPECT_EQ(received_from, stream_->Socket());
   EXPECT_EQ(room, 17U);
   EXPECT_EQ(received_with, 0);
 }
@@ -516,12 +510,12 @@ TEST_F(CookieTest, ReadReturnsZeroWhenThePeerHasClosed) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, 0);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
 TEST_F(CookieTest, StreamEndsWhenThePeerHasClosed) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   PeerSends("ab");
   PeerCloses();
 
@@ -530,8 +524,8 @@ TEST_F(CookieTest, StreamEndsWhenThePeerHasClosed) {
 
   EXPECT_EQ(items, 0U);
   EXPECT_TRUE(feof(stream));
-  EXPECT_FALSE(cookie_.aborted);
-  fclose(stream);
+  EXPECT_FALSE(GetCookie().aborted);
+  CloseStream();
 }
 
 TEST_F(CookieTest, ReadWaitsAgainWhenTheSocketHasNoEvent) {
@@ -556,7 +550,7 @@ TEST_F(CookieTest, InterruptedPollOfAReadIsRetriedSilently) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, 3);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -587,7 +581,7 @@ TEST_F(CookieTest, ReadErrorIsLoggedAndReturned) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(),
               ElementsAre(LogLine{Varnix::LogLevel::Error, "cook.rd.rd", "Cookie::Read: read error 104", ""}));
 }
@@ -621,7 +615,7 @@ TEST_F(CookieTest, StopWinsOverPendingData) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -632,7 +626,7 @@ TEST_F(CookieTest, StopWinsOverTheEndOfTheStream) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, BlockedReadReturnsMinusOneWhenTheServerStops) {
@@ -645,7 +639,7 @@ TEST_F(CookieTest, BlockedReadReturnsMinusOneWhenTheServerStops) {
 
   reader.join();
   EXPECT_EQ(received, -1);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -658,7 +652,7 @@ TEST_F(CookieTest, ReadAfterAnAbortReturnsAtOnceAgain) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, WriteAfterAnAbortReturnsAtOnceAgain) {
@@ -669,7 +663,7 @@ TEST_F(CookieTest, WriteAfterAnAbortReturnsAtOnceAgain) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 0);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, DoneByteStaysInThePipeForTheOtherStreams) {
@@ -693,7 +687,7 @@ TEST_F(CookieTest, AnyEventOnTheDonePipeIsAStop) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, -1);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, AnyEventOnTheDonePipeStopsAWrite) {
@@ -704,7 +698,7 @@ TEST_F(CookieTest, AnyEventOnTheDonePipeStopsAWrite) {
 
   EXPECT_EQ(Write("abc"), 0);
 
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, AnyEventOnTheSocketEndsTheWait) {
@@ -719,7 +713,7 @@ TEST_F(CookieTest, AnyEventOnTheSocketEndsTheWait) {
   const ssize_t received = Read();
 
   EXPECT_EQ(received, 0);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, StopIsForgottenByNoLaterSuccess) {
@@ -731,31 +725,31 @@ TEST_F(CookieTest, StopIsForgottenByNoLaterSuccess) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 3);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(CookieTest, StreamReadsShortWhenTheServerStops) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   SignalDone();
 
   char byte;
   const std::size_t items = fread(&byte, 1, 1, stream);
 
   EXPECT_EQ(items, 0U);
-  EXPECT_TRUE(cookie_.aborted);
-  fclose(stream);
+  EXPECT_TRUE(GetCookie().aborted);
+  CloseStream();
 }
 
 TEST_F(CookieTest, StreamWritesShortWhenTheServerStops) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   SignalDone();
 
   const std::string larger_than_the_buffer(100000, 'a');
   const std::size_t items = fwrite(larger_than_the_buffer.data(), larger_than_the_buffer.size(), 1, stream);
 
   EXPECT_EQ(items, 0U);
-  EXPECT_TRUE(cookie_.aborted);
-  fclose(stream);
+  EXPECT_TRUE(GetCookie().aborted);
+  CloseStream();
 }
 
 // The host flushes every stream of the process.
@@ -835,10 +829,10 @@ std::string BytesOf(const std::vector<Varnix::Row>& rows) {
 }  // namespace
 
 TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   WaitingInPoll waiting;
   Varnix::Row received;
-  std::thread receiver([&] { ReadRecord(received, stream, cookie_); });
+  std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   EXPECT_TRUE(waiting.Eventually());
 
   const bool returned = HostFlushReturns([this] { PeerCloses(); });
@@ -847,11 +841,11 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
   if (returned) PeerSends(std::string("\x00\x10\x00\x02kvv", 7));
   receiver.join();
   EXPECT_EQ(received, Varnix::Row("k", "vv"));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   PeerSends(std::string("\x00\x10\x00\x02k", 5));
   Varnix::Row received;
   std::promise<void> in_the_middle;
@@ -859,7 +853,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
     if (++*polls == 2) in_the_middle.set_value();
     return Hooks().poll.Real(entries, count, time_out);
   });
-  std::thread receiver([&] { ReadRecord(received, stream, cookie_); });
+  std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   in_the_middle.get_future().wait();
 
   const bool returned = HostFlushReturns([this] { PeerCloses(); });
@@ -868,15 +862,15 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   if (returned) PeerSends("vv");
   receiver.join();
   EXPECT_EQ(received, Varnix::Row("k", "vv"));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   const std::size_t filled = FillConnection();
   WaitingInPoll waiting;
   bool written = false;
-  std::thread sender([&] { written = WriteRecord({"k", "vv"}, stream, cookie_); });
+  std::thread sender([&] { written = WriteRecord({"k", "vv"}, *stream_); });
   EXPECT_TRUE(waiting.Eventually());
 
   const bool returned = HostFlushReturns([this] { PeerCloses(); });
@@ -886,69 +880,69 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   sender.join();
   EXPECT_TRUE(written);
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   const std::size_t filled = FillConnection();
-  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
   EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
-  EXPECT_FALSE(WriteRecord({"l", ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
   EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
   EXPECT_EQ(PeerReceives(filled).size(), filled);
 
-  EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
+  EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
 
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l\x00\x10\x00\x01mv", 16));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   const std::size_t filled = FillConnection();
-  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
   EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
   EXPECT_EQ(PeerReceives(filled).size(), filled);
-  EXPECT_FALSE(WriteRecord({"l", ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
 
   EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
 
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l", 10));
-  EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
+  EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x01mv", 6)) << "and nothing twice";
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   for (const std::string& key : {std::string("k"), std::string("l")}) {
     const std::size_t filled = FillConnection();
-    EXPECT_FALSE(WriteRecord({key, ""}, stream, cookie_));
+    EXPECT_FALSE(WriteRecord({key, ""}, *stream_));
     EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
     EXPECT_EQ(PeerReceives(filled).size(), filled);
 
-    EXPECT_TRUE(WriteRecord({"m", "v"}, stream, cookie_));
+    EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
 
     EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00", 4) + key + std::string("\x00\x10\x00\x01mv", 6));
   }
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
-  FILE* const stream = cookie_.OpenStream();
-  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, stream, cookie_));
+  FILE* const stream = OpenStream();
+  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, *stream_));
 
   std::thread([&] { EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { fflush(stream); })); }).join();
 
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x06\x40\x00\x00", 4) + std::string(100, 'k'));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   const std::size_t filled = FillConnection();
-  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, *stream_));
 
   std::thread([&] {
     const FailingAllocation failing(1);
@@ -958,13 +952,13 @@ TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheS
   EXPECT_EQ(PeerReceives(filled).size(), filled);
   char byte;
   EXPECT_EQ(Hooks().recv.Real(peer_, &byte, 1, 0), 0);  // The end.
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   FillConnection();
-  EXPECT_FALSE(WriteRecord({"k", ""}, stream, cookie_));
+  EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
   SetLogHook([](Varnix::LogLevel, const char*, const char*, va_list) { fflush(nullptr); });
   std::promise<void> logged;
   bool in_time = false;
@@ -979,11 +973,11 @@ TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
   patience.join();
   EXPECT_TRUE(in_time);
   PeerCloses();
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, StreamIsLockedWhileARecordIsReadExceptForTheWaits) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   std::vector<bool> locked_in_waits;
   std::vector<bool> locked_between;
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
@@ -997,16 +991,16 @@ TEST_F(CookieTest, StreamIsLockedWhileARecordIsReadExceptForTheWaits) {
   PeerSends(std::string("\x00\x10\x00\x03kvvv", 8));
 
   Varnix::Row received;
-  ReadRecord(received, stream, cookie_);
+  RecordReader(*stream_).Read(received);
 
   EXPECT_THAT(locked_in_waits, ElementsAre(false, false));
   EXPECT_THAT(locked_between, ElementsAre(true, true));
   EXPECT_FALSE(IsLockedForOthers(stream)) << "after the record";
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, StreamIsLockedWhileARecordIsWrittenExceptForTheWaits) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   std::vector<bool> locked_in_waits;
   std::vector<bool> locked_between;
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
@@ -1018,16 +1012,16 @@ TEST_F(CookieTest, StreamIsLockedWhileARecordIsWrittenExceptForTheWaits) {
     return Hooks().send.Real(descriptor, bytes, 4, flags);
   });
 
-  WriteRecord({"k", "vvv"}, stream, cookie_);
+  WriteRecord({"k", "vvv"}, *stream_);
 
   EXPECT_THAT(locked_in_waits, ElementsAre(false, false));
   EXPECT_THAT(locked_between, ElementsAre(true, true));
   EXPECT_FALSE(IsLockedForOthers(stream)) << "after the record";
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
   PeerSends("x");
   std::vector<std::pair<std::string, bool>> locked_at;
@@ -1036,45 +1030,45 @@ TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
   });
 
   Varnix::Row received;
-  EXPECT_FALSE(ReadRecord(received, stream, cookie_));
+  EXPECT_FALSE(RecordReader(*stream_).Read(received));
 
   EXPECT_EQ(locked_at, (std::vector<std::pair<std::string, bool>>{{"cook.rd.rd", false}}));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HookThatThrowsAtAReadErrorReachesTheReaderOfTheRecordAndNotTheFramesOfStdio) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
   PeerSends("x");
   SetLogHook([](Varnix::LogLevel, const char* tag, const char*, va_list) { throw std::runtime_error(tag); });
 
   Varnix::Row received;
-  EXPECT_THROW(ReadRecord(received, stream, cookie_), std::runtime_error);
+  EXPECT_THROW(RecordReader(*stream_).Read(received), std::runtime_error);
 
   EXPECT_FALSE(IsLockedForOthers(stream));
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, FailedPollWithinARecordIsLoggedWithTheStreamUnlocked) {
-  FILE* const stream = cookie_.OpenStream();
+  FILE* const stream = OpenStream();
   const auto read = [&] {
     const Hooked poll(Hooks().poll, FailWith{EINVAL});
     SetLogHook([&](Varnix::LogLevel, const char* tag, const char*, va_list) {
       fprintf(stderr, "%s %s", tag, IsLockedForOthers(stream) ? "locked" : "unlocked");
     });
     Varnix::Row received;
-    ReadRecord(received, stream, cookie_);
+    RecordReader(*stream_).Read(received);
   };
 
   EXPECT_EXIT(read(), testing::KilledBySignal(SIGABRT), "cook.rd.poll unlocked");
 
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HookThatFlushesWhenAWriteEndsTheProcessSendsNothingTwice) {
-  FILE* const stream = cookie_.OpenStream();
   const auto write = [&] {
-    MeanTheParent();
+    Connect();
+    OpenStream();
     int sends = 0;
     Hooked send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) -> ssize_t {
       if (++sends == 2) return FailWith{EAGAIN}();
@@ -1084,17 +1078,15 @@ TEST_F(CookieTest, HookThatFlushesWhenAWriteEndsTheProcessSendsNothingTwice) {
       fflush(nullptr);
       fprintf(stderr, "%zu of 8 bytes sent", PeerReceivesWaiting().size());
     });
-    WriteRecord({"k", "vvv"}, stream, cookie_);
+    WriteRecord({"k", "vvv"}, *stream_);
   };
 
   EXPECT_EXIT(write(), testing::KilledBySignal(SIGABRT), "4 of 8 bytes sent");
-
-  fclose(stream);
 }
 
 TEST_F(CookieTest, ForkedChildSendsNothingOfWhatItsParentHasBuffered) {
-  FILE* const stream = cookie_.OpenStream();
-  WriteRecord({"k", ""}, stream, cookie_);  // Stays in the buffer.
+  OpenStream();
+  WriteRecord({"k", ""}, *stream_);  // Stays in the buffer.
 
   const pid_t child = fork();
   if (child == 0) {
@@ -1104,12 +1096,12 @@ TEST_F(CookieTest, ForkedChildSendsNothingOfWhatItsParentHasBuffered) {
   waitpid(child, nullptr, 0);
 
   EXPECT_EQ(PeerReceivesWaiting(), "");
-  fclose(stream);
+  CloseStream();
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   const std::vector<Varnix::Row> rows = RowsOfManySizes();
   const std::string expected = BytesOf(rows);
   std::string received;
@@ -1117,18 +1109,18 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
 
   {
     HostThatFlushes host;
-    for (const Varnix::Row& row : rows) EXPECT_TRUE(WriteRecord(row, stream, cookie_));
+    for (const Varnix::Row& row : rows) EXPECT_TRUE(WriteRecord(row, *stream_));
     peer.join();
     while (host.Flushes() == 0) std::this_thread::yield();
   }
 
   EXPECT_TRUE(received == expected) << "bytes differ";
   EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   std::vector<Varnix::Row> rows;
   for (int i = 0; i < 5000; ++i) rows.emplace_back("key number " + std::to_string(i), "");
   rows.emplace_back("last", "v");
@@ -1139,17 +1131,17 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValue
   {
     HostThatFlushes host;
     while (host.Flushes() == 0) std::this_thread::yield();
-    for (const Varnix::Row& row : rows) EXPECT_EQ(WriteRecord(row, stream, cookie_), !row.second.empty());
+    for (const Varnix::Row& row : rows) EXPECT_EQ(WriteRecord(row, *stream_), !row.second.empty());
     peer.join();
   }
 
   EXPECT_TRUE(received == expected) << "bytes differ";
   EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
-  fclose(stream);
+  CloseStream();
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
-  FILE* const stream = cookie_.OpenStream();
+  OpenStream();
   const std::vector<Varnix::Row> rows = RowsOfManySizes();
   std::thread peer([&] { PeerSends(BytesOf(rows)); });
   std::vector<Varnix::Row> received;
@@ -1157,11 +1149,11 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
   {
     HostThatFlushes host;
     Varnix::Row row;
-    while (received.size() < rows.size() && ReadRecord(row, stream, cookie_)) received.push_back(row);
+    while (received.size() < rows.size() && RecordReader(*stream_).Read(row)) received.push_back(row);
     while (host.Flushes() == 0) std::this_thread::yield();
   }
 
   peer.join();
   EXPECT_TRUE(received == rows) << "rows differ";
-  fclose(stream);
+  CloseStream();
 }

@@ -5,12 +5,12 @@
 #include <deque>
 #include <vector>
 
-#include "Bytes.h"
-#include "FailWith.h"
-#include "FakeClock.h"
-#include "HookedHere.h"
-#include "VacantServer.h"
+#include "TestMember.h"
 #include "network/Discovery.h"
+#include "support/Bytes.h"
+#include "support/FailWith.h"
+#include "support/FakeClock.h"
+#include "support/HookedHere.h"
 #include "support/LogRecorder.h"
 #include "support/Says.h"
 
@@ -46,20 +46,25 @@ struct RecvfromCall {
   socklen_t from_size;
 };
 
-// Runs the discovery on the thread and on the clock of the test. What it announces goes nowhere, and no peer that it
-// finds can be connected to.
+// Runs the discovery on the thread and on the clock of the test. What it announces goes nowhere.
 class DiscoveryTest : public testing::Test {
  protected:
   // What comes of one poll.
   using Event = std::function<int(pollfd* entries, int time_out)>;
 
-  explicit DiscoveryTest(const ServerSettings& settings = {}) : server_(settings) {}
-  ~DiscoveryTest() override { server_.Destroy(); }  // While the hooks are set, for the sake of its peer threads.
+  DiscoveryTest() : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    EXPECT_EQ(pipe(wake_), 0);
+    const sockaddr_in loopback = ToSocketAddress({INADDR_LOOPBACK, 0});
+    EXPECT_EQ(Hooks().bind.Real(socket_, Generic(loopback), sizeof loopback), 0);
+  }
+  ~DiscoveryTest() override {
+    for (const int descriptor : {socket_, wake_[0], wake_[1]}) close(descriptor);
+  }
 
   // Each event is that of one poll; when there are no more, the server stops.
   void Run(const std::vector<Event>& events) {
     events_.assign(events.begin(), events.end());
-    Discovery(*server_).Run();
+    Discovery(*member_, socket_, wake_[0], ToSocketAddress({0x7FFFFFFF, 1975}), member_.FoundPeer(), nullptr).Run();
   }
   // For a death test.
   void RunWithDefaultLogger(const Event& event) {
@@ -87,7 +92,7 @@ class DiscoveryTest : public testing::Test {
   }
   Event NetworkChanges() {
     return [this](pollfd* entries, int) {
-      server_->NetworkChanged();
+      TellOfANetworkChange();
       return WhatIsReady(entries);
     };
   }
@@ -102,7 +107,7 @@ class DiscoveryTest : public testing::Test {
   void SendDatagram(const std::string& bytes) const {
     sockaddr_in to{};
     socklen_t size = sizeof to;
-    ASSERT_EQ(Hooks().getsockname.Real(server_.DiscoverySocket(), reinterpret_cast<sockaddr*>(&to), &size), 0);
+    ASSERT_EQ(Hooks().getsockname.Real(socket_, reinterpret_cast<sockaddr*>(&to), &size), 0);
     const int sender = socket(AF_INET, SOCK_DGRAM, 0);
     EXPECT_EQ(Hooks().sendto.Real(sender, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), size),
               static_cast<ssize_t>(bytes.size()));
@@ -113,19 +118,10 @@ class DiscoveryTest : public testing::Test {
     EXPECT_EQ(ioctl(descriptor, FIONREAD, &waiting), 0);
     return waiting;
   }
-  // The receivers that were started, each as "database:address:port".
-  std::vector<std::string> FoundPeers() {
-    server_.Destroy();  // By then all of them have begun, and ended.
-    std::vector<std::string> found;
-    for (const LogLine& line : log_.Lines("tblrcvr.ctor")) {
-      const std::size_t begin = line.text.find(" for ") + 5;
-      found.push_back(line.text.substr(begin, line.text.find(" starting") - begin));
-    }
-    return found;
-  }
+  void TellOfANetworkChange() const { ASSERT_EQ(write(wake_[1], "W", 1), 1); }
 
   FakeClock clock_;
-  VacantServer server_;
+  TestMember member_;
   LogRecorder log_;
   std::vector<std::string> trace_;  // "0ms: send", "0ms: poll 60000": what was called when.
   std::vector<Announcement> announcements_;
@@ -133,6 +129,8 @@ class DiscoveryTest : public testing::Test {
   std::chrono::nanoseconds send_takes_{0};
   std::vector<PollEntry> polled_;
   std::vector<RecvfromCall> recvfrom_calls_;
+  const int socket_;  // On a loopback port of its own.
+  int wake_[2];
 
  private:
   void Trace(const std::string& call) { trace_.push_back(clock_.Text() + ": " + call); }
@@ -171,71 +169,6 @@ class DiscoveryTest : public testing::Test {
         recvfrom_calls_.push_back({descriptor, size, flags, *from_size});
         return Hooks().recvfrom.Real(descriptor, buffer, size, flags, from, from_size);
       }};
-  Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
-};
-
-class DiscoveryWithoutGroupTest : public DiscoveryTest {
- protected:
-  DiscoveryWithoutGroupTest() : DiscoveryTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.group = "";
-    return settings;
-  }
-};
-
-// Whose announcement is as long as one may be.
-class DiscoveryOfLongestGroupTest : public DiscoveryTest {
- protected:
-  DiscoveryOfLongestGroupTest() : DiscoveryTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.group = std::string(254, 'g');
-    return settings;
-  }
-};
-
-class DiscoveryOfTooLongGroupTest : public DiscoveryTest {
- protected:
-  DiscoveryOfTooLongGroupTest() : DiscoveryTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.group = std::string(255, 'g');
-    return settings;
-  }
-};
-
-class DiscoveryOfGroupWithZeroByteTest : public DiscoveryTest {
- protected:
-  DiscoveryOfGroupWithZeroByteTest() : DiscoveryTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.group = Bytes("a\0b");
-    return settings;
-  }
-};
-
-// Whose identity claims a device name of 10 bytes and has 3.
-class DiscoveryOfMalformedUidTest : public DiscoveryTest {
- protected:
-  DiscoveryOfMalformedUidTest() : DiscoveryTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.uid =
-        "\x0A"
-        "abc";
-    return settings;
-  }
 };
 
 }  // namespace
@@ -255,7 +188,7 @@ TEST_F(DiscoveryTest, AnnouncementIsBroadcastToPort1975WithoutFlags) {
   Run({});
 
   ASSERT_EQ(announcements_.size(), 1U);
-  EXPECT_EQ(announcements_[0].descriptor, server_.DiscoverySocket());
+  EXPECT_EQ(announcements_[0].descriptor, socket_);
   EXPECT_EQ(announcements_[0].flags, 0);
   EXPECT_EQ(announcements_[0].to.sin_family, AF_INET);
   EXPECT_EQ(announcements_[0].to.sin_port, htons(1975));
@@ -275,14 +208,16 @@ TEST_F(DiscoveryTest, EveryAnnouncementIsTheSame) {
             "group");
 }
 
-TEST_F(DiscoveryWithoutGroupTest, AnnouncementOfTheEmptyGroupIsThePortAlone) {
+TEST_F(DiscoveryTest, AnnouncementOfTheEmptyGroupIsThePortAlone) {
+  member_->group = "";
   Run({});
 
   ASSERT_EQ(announcements_.size(), 1U);
   EXPECT_EQ(announcements_[0].bytes, "\xFE\xDC");
 }
 
-TEST_F(DiscoveryOfGroupWithZeroByteTest, ZeroByteOfAGroupIsAnnouncedAsItIs) {
+TEST_F(DiscoveryTest, ZeroByteOfAGroupIsAnnouncedAsItIs) {
+  member_->group = Bytes("a\0b");
   Run({});
 
   ASSERT_EQ(announcements_.size(), 1U);
@@ -290,7 +225,8 @@ TEST_F(DiscoveryOfGroupWithZeroByteTest, ZeroByteOfAGroupIsAnnouncedAsItIs) {
                                            "a\0b"));
 }
 
-TEST_F(DiscoveryOfTooLongGroupTest, GroupThatNobodyWillAcceptIsAnnouncedWhole) {
+TEST_F(DiscoveryTest, GroupThatNobodyWillAcceptIsAnnouncedWhole) {
+  member_->group = std::string(255, 'g');
   Run({});
 
   ASSERT_EQ(announcements_.size(), 1U);
@@ -309,9 +245,8 @@ TEST_F(DiscoveryTest, FirstAnnouncementGoesOutAtOnceAndTheNextOnesEverySixtySeco
 TEST_F(DiscoveryTest, PollsTheDonePipeTheWakePipeAndTheSocketForInput) {
   Run({});
 
-  EXPECT_THAT(polled_,
-              ElementsAre(PollEntry{server_->GetDoneDescriptor(), POLLIN}, PollEntry{server_.WakeReadEnd(), POLLIN},
-                          PollEntry{server_.DiscoverySocket(), POLLIN}));
+  EXPECT_THAT(polled_, ElementsAre(PollEntry{member_->done_descriptor, POLLIN}, PollEntry{wake_[0], POLLIN},
+                                   PollEntry{socket_, POLLIN}));
 }
 
 TEST_F(DiscoveryTest, AnnouncementIsNotSentANanosecondEarly) {
@@ -413,7 +348,7 @@ TEST_F(DiscoveryTest, PollThatFailsEndsTheProcess) {
 // The stop.
 
 TEST_F(DiscoveryTest, ReturnsSilentlyWhenTheDonePipeIsReadable) {
-  server_.SignalDone();
+  member_.SignalDone();
 
   Run({[](pollfd* entries, int) { return WhatIsReady(entries); }, Fails(EBADF)});
 
@@ -422,11 +357,11 @@ TEST_F(DiscoveryTest, ReturnsSilentlyWhenTheDonePipeIsReadable) {
 }
 
 TEST_F(DiscoveryTest, LeavesTheDoneByteInThePipe) {
-  server_.SignalDone();
+  member_.SignalDone();
 
   Run({[](pollfd* entries, int) { return WhatIsReady(entries); }});
 
-  EXPECT_EQ(WaitingBytes(server_->GetDoneDescriptor()), 1);
+  EXPECT_EQ(WaitingBytes(member_->done_descriptor), 1);
 }
 
 TEST_F(DiscoveryTest, AnyEventOfTheDonePipeIsTheStop) {
@@ -441,16 +376,16 @@ TEST_F(DiscoveryTest, AnyEventOfTheDonePipeIsTheStop) {
 }
 
 TEST_F(DiscoveryTest, StopWinsOverANetworkChangeAndADatagram) {
-  server_->NetworkChanged();
+  TellOfANetworkChange();
   SendDatagram(
       "\x12\x34"
       "group");
-  server_.SignalDone();
+  member_.SignalDone();
 
   Run({[](pollfd* entries, int) { return WhatIsReady(entries); }});
 
-  EXPECT_EQ(WaitingBytes(server_.WakeReadEnd()), 1);
-  EXPECT_EQ(WaitingBytes(server_.DiscoverySocket()), 7);
+  EXPECT_EQ(WaitingBytes(wake_[0]), 1);
+  EXPECT_EQ(WaitingBytes(socket_), 7);
   EXPECT_THAT(log_.Lines(), IsEmpty());
   EXPECT_THAT(recvfrom_calls_, IsEmpty());
 }
@@ -497,32 +432,31 @@ TEST_F(DiscoveryTest, NetworkChangeAfterABurstStartsAnother) {
 TEST_F(DiscoveryTest, NetworkChangeIsLoggedWithTheServersName) {
   Run({NetworkChanges()});
 
-  EXPECT_THAT(log_.Lines(),
-              ElementsAre(LogLine{
-                  LogLevel::Debug, "tblsvr.dscv.chg",
-                  "TableServer for dev::proc::db(" + AddressOf(&*server_) + ") notified of network change", ""}));
+  EXPECT_THAT(log_.Lines(), ElementsAre(LogLine{LogLevel::Debug, "tblsvr.dscv.chg",
+                                                member_.Name() + " notified of network change", ""}));
 }
 
-TEST_F(DiscoveryOfMalformedUidTest, LengthThatClaimsTooMuchIsClampedInTheLog) {
+TEST_F(DiscoveryTest, LengthThatClaimsTooMuchIsClampedInTheLog) {
+  member_->uid =
+      "\x0A"
+      "abc";  // Claims a device name of 10 bytes and has 3.
   Run({NetworkChanges()});
 
-  EXPECT_THAT(
-      log_.Lines(),
-      ElementsAre(LogLine{LogLevel::Debug, "tblsvr.dscv.chg",
-                          "TableServer for abc::::db(" + AddressOf(&*server_) + ") notified of network change", ""}));
+  EXPECT_THAT(log_.Lines(), ElementsAre(LogLine{LogLevel::Debug, "tblsvr.dscv.chg",
+                                                member_.Name("abc::::db") + " notified of network change", ""}));
 }
 
 TEST_F(DiscoveryTest, EachNetworkChangeTakesOneByteOfTheWakePipe) {
-  server_->NetworkChanged();
-  server_->NetworkChanged();
+  TellOfANetworkChange();
+  TellOfANetworkChange();
 
   Run({NetworkChanges()});
 
-  EXPECT_EQ(WaitingBytes(server_.WakeReadEnd()), 2);
+  EXPECT_EQ(WaitingBytes(wake_[0]), 2);
 }
 
 TEST_F(DiscoveryTest, AnyEventOfTheWakePipeIsANetworkChange) {
-  server_->NetworkChanged();
+  TellOfANetworkChange();
   const Event has_error = [](pollfd* entries, int) {
     entries[1].revents = POLLERR;
     return 1;
@@ -565,7 +499,7 @@ TEST_F(DiscoveryTest, WakePipeIsReadOneByteAtATime) {
 
   Run({NetworkChanges()});
 
-  EXPECT_THAT(reads, ElementsAre(std::pair(server_.WakeReadEnd(), std::size_t{1})));
+  EXPECT_THAT(reads, ElementsAre(std::pair(wake_[0], std::size_t{1})));
 }
 
 TEST_F(DiscoveryTest, NetworkChangeAndDatagramInOnePassAreBothHandled) {
@@ -578,7 +512,7 @@ TEST_F(DiscoveryTest, NetworkChangeAndDatagramInOnePassAreBothHandled) {
 
   EXPECT_THAT(trace_, ElementsAre("0ms: send", "0ms: poll 60000", "10000ms: send", "10000ms: poll 2000"));
   EXPECT_EQ(log_.Lines("tblsvr.dscv.chg").size(), 1U);
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
 // What others announce.
@@ -588,7 +522,7 @@ TEST_F(DiscoveryTest, SenderOfTheSameGroupIsFoundAtItsAddressAndPort) {
       {Arrives("\x12\x34"
                "group")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
 TEST_F(DiscoveryTest, PortIsReadAsUnsignedBytes) {
@@ -596,7 +530,7 @@ TEST_F(DiscoveryTest, PortIsReadAsUnsignedBytes) {
       {Arrives("\xFF\x80"
                "group")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:65408"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:65408"));
 }
 
 TEST_F(DiscoveryTest, OwnAnnouncementIsNotSkipped) {
@@ -604,7 +538,7 @@ TEST_F(DiscoveryTest, OwnAnnouncementIsNotSkipped) {
       {Arrives("\xFE\xDC"
                "group")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:65244"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:65244"));
 }
 
 TEST_F(DiscoveryTest, PeerIsFoundAgainAtEachOfItsAnnouncements) {
@@ -613,7 +547,7 @@ TEST_F(DiscoveryTest, PeerIsFoundAgainAtEachOfItsAnnouncements) {
        Arrives("\x12\x34"
                "group")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660", "db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660", "2130706433:4660"));
 }
 
 TEST_F(DiscoveryTest, EachPassTakesOneDatagram) {
@@ -629,7 +563,7 @@ TEST_F(DiscoveryTest, EachPassTakesOneDatagram) {
 
   EXPECT_THAT(trace_, ElementsAre("0ms: send", "0ms: poll 60000", "0ms: poll 60000", "0ms: poll 60000"));
   EXPECT_EQ(recvfrom_calls_.size(), 2U);
-  EXPECT_THAT(FoundPeers(), UnorderedElementsAre("db:2130706433:4660", "db:2130706433:4661"));
+  EXPECT_THAT(member_.FoundPeers(), UnorderedElementsAre("2130706433:4660", "2130706433:4661"));
 }
 
 TEST_F(DiscoveryTest, DatagramIsReceivedWithItsRealSizeIntoA256ByteBuffer) {
@@ -638,7 +572,7 @@ TEST_F(DiscoveryTest, DatagramIsReceivedWithItsRealSizeIntoA256ByteBuffer) {
                "other")});
 
   ASSERT_EQ(recvfrom_calls_.size(), 1U);
-  EXPECT_EQ(recvfrom_calls_[0].descriptor, server_.DiscoverySocket());
+  EXPECT_EQ(recvfrom_calls_[0].descriptor, socket_);
   EXPECT_EQ(recvfrom_calls_[0].size, 256U);
   EXPECT_EQ(recvfrom_calls_[0].flags, MSG_TRUNC);
   EXPECT_EQ(recvfrom_calls_[0].from_size, 16U);
@@ -655,7 +589,7 @@ TEST_F(DiscoveryTest, AnyEventOfTheSocketIsADatagram) {
 
   Run({has_error});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
 TEST_F(DiscoveryTest, OtherGroupIsIgnoredSilently) {
@@ -664,7 +598,7 @@ TEST_F(DiscoveryTest, OtherGroupIsIgnoredSilently) {
                "grouq")});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(DiscoveryTest, PrefixOfTheGroupIsIgnoredSilently) {
@@ -673,7 +607,7 @@ TEST_F(DiscoveryTest, PrefixOfTheGroupIsIgnoredSilently) {
                "grou")});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(DiscoveryTest, ExtensionOfTheGroupIsIgnoredSilently) {
@@ -682,7 +616,7 @@ TEST_F(DiscoveryTest, ExtensionOfTheGroupIsIgnoredSilently) {
                "groups")});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(DiscoveryTest, GroupWithAZeroByteBehindItIsIgnoredSilently) {
@@ -691,16 +625,17 @@ TEST_F(DiscoveryTest, GroupWithAZeroByteBehindItIsIgnoredSilently) {
                      "group\0"))});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
-TEST_F(DiscoveryOfGroupWithZeroByteTest, GroupIsComparedBeyondItsZeroByte) {
+TEST_F(DiscoveryTest, GroupIsComparedBeyondItsZeroByte) {
+  member_->group = Bytes("a\0b");
   Run({Arrives(Bytes("\x12\x34"
                      "a\0c")),
        Arrives(Bytes("\x12\x35"
                      "a\0b"))});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4661"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4661"));
 }
 
 TEST_F(DiscoveryTest, EmptyDatagramIsRefusedWithItsSize) {
@@ -717,48 +652,53 @@ TEST_F(DiscoveryTest, DatagramOfOneByteIsRefusedWithItsSize) {
                                                 "TableServer: Discover::recvfrom: wrong size: 1", ""}));
 }
 
-TEST_F(DiscoveryWithoutGroupTest, DatagramOfTwoBytesMatchesTheEmptyGroup) {
+TEST_F(DiscoveryTest, DatagramOfTwoBytesMatchesTheEmptyGroup) {
+  member_->group = "";
   Run({Arrives("\x12\x34")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
 TEST_F(DiscoveryTest, DatagramOfTwoBytesMatchesNoGroupThatHasAName) {
   Run({Arrives("\x12\x34")});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
-TEST_F(DiscoveryWithoutGroupTest, GroupWithANameDoesNotMatchTheEmptyGroup) {
+TEST_F(DiscoveryTest, GroupWithANameDoesNotMatchTheEmptyGroup) {
+  member_->group = "";
   Run(
       {Arrives("\x12\x34"
                "g")});
 
   EXPECT_THAT(log_.Lines(), IsEmpty());
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
-TEST_F(DiscoveryOfLongestGroupTest, DatagramOf256BytesIsAccepted) {
+TEST_F(DiscoveryTest, DatagramOf256BytesIsAccepted) {
+  member_->group = std::string(254, 'g');
   Run({Arrives("\x12\x34" + std::string(254, 'g'))});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
-TEST_F(DiscoveryOfLongestGroupTest, DatagramOf257BytesWhoseFirst256MatchIsRefusedWithItsSize) {
+TEST_F(DiscoveryTest, DatagramOf257BytesWhoseFirst256MatchIsRefusedWithItsSize) {
+  member_->group = std::string(254, 'g');
   Run({Arrives("\x12\x34" + std::string(255, 'g'))});
 
   EXPECT_THAT(log_.Lines(), ElementsAre(LogLine{LogLevel::Error, "tblsvr.dscv.sz",
                                                 "TableServer: Discover::recvfrom: wrong size: 257", ""}));
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
-TEST_F(DiscoveryOfTooLongGroupTest, AnnouncementOfAGroupOf255BytesIsRefusedByItsOwnMembers) {
+TEST_F(DiscoveryTest, AnnouncementOfAGroupOf255BytesIsRefusedByItsOwnMembers) {
+  member_->group = std::string(255, 'g');
   Run({Arrives("\x12\x34" + std::string(255, 'g'))});
 
   EXPECT_THAT(log_.Lines(), ElementsAre(LogLine{LogLevel::Error, "tblsvr.dscv.sz",
                                                 "TableServer: Discover::recvfrom: wrong size: 257", ""}));
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(DiscoveryTest, LongestDatagramOfAllIsRefusedWithItsSize) {
@@ -772,7 +712,7 @@ TEST_F(DiscoveryTest, DatagramsAfterARefusedOneAreStillHeard) {
   Run({Arrives(""), Arrives("\x12\x34"
                             "group")});
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130706433:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
 TEST_F(DiscoveryTest, InterruptedReceiveIsAFailureLikeAnyOther) {

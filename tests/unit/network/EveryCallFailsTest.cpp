@@ -23,9 +23,9 @@
 #include <system_error>
 #include <vector>
 
-#include "SystemCallHooks.h"
 #include "TwoServers.h"
 #include "logging/Log.h"
+#include "support/SystemCallHooks.h"
 
 using namespace std::chrono_literals;
 
@@ -119,7 +119,7 @@ struct AlwaysLine {
 bool IsMakingAServer() { return gettid() == getpid(); }
 
 const char* LineOfSocket(int, int type, int) {
-  if (type == SOCK_DGRAM) return "tblsvr.dscv.sock: TableServer: discover socket error %d";
+  if ((type & ~SOCK_CLOEXEC) == SOCK_DGRAM) return "tblsvr.dscv.sock: TableServer: discover socket error %d";
   return IsMakingAServer() ? "tblsvr.lstn.sock: TableServer: listen socket error %d"
                            : "tblrcvr.sock: TableReceiver: socket error %d";
 }
@@ -146,7 +146,7 @@ const char* LineOfSetsockopt(int, int level, int option, const void*, socklen_t)
 
 // Every server makes its done pipe, and then its wake pipe.
 auto LinesOfPipe() {
-  return [of_wake = true](int*) mutable {
+  return [of_wake = true](int*, int) mutable {
     of_wake = !of_wake;
     return of_wake ? "tblsvr.pipe.wake: TableServer: wake pipe error %d"
                    : "tblsvr.pipe.done: TableServer: done pipe error %d";
@@ -259,7 +259,7 @@ const std::vector<FailingCall>& FailingCalls() {
        {},
        {"tblsvr.lstn.name"}},
       {"pipe",
-       [](Fault& fault, int error) { Inject(Hooks().pipe, fault, error, -1, LinesOfPipe()); },
+       [](Fault& fault, int error) { Inject(Hooks().pipe2, fault, error, -1, LinesOfPipe()); },
        {EMFILE},
        {ENFILE, ENOMEM},
        {"tblsvr.pipe.done", "tblsvr.pipe.wake"}},
@@ -310,7 +310,7 @@ const std::vector<FailingCall>& FailingCalls() {
        {EINTR, ENETDOWN},
        {}},
       {"accept",
-       [](Fault& fault, int error) { Inject(Hooks().accept, fault, error, -1, AlwaysLine{nullptr}); },
+       [](Fault& fault, int error) { Inject(Hooks().accept4, fault, error, -1, AlwaysLine{nullptr}); },
        {EMFILE, ECONNABORTED},
        // A connection that waits may have an error of the network.
        {EINTR, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO, ENETDOWN, EHOSTDOWN, ENOPROTOOPT, EOPNOTSUPP, EHOSTUNREACH,

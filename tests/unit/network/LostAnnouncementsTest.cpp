@@ -10,9 +10,9 @@
 #include <thread>
 #include <vector>
 
-#include "SystemCallHooks.h"
 #include "names/CombinedKey.h"
 #include "network/TableServer.h"
+#include "support/SystemCallHooks.h"
 
 using namespace std::chrono_literals;
 
@@ -47,8 +47,8 @@ class OnlySecondAnnouncements {
 };
 
 // A server whose table has one row.
-struct Member {
-  explicit Member(const std::string& name)
+struct Participant {
+  explicit Participant(const std::string& name)
       : server((sent->Set({"row", "of " + name}), CombinedKey("dev", name)), "db", received, sent,
                "group of " + std::to_string(getpid()), inet_addr("127.255.255.255")) {}
 
@@ -74,8 +74,8 @@ TEST(LostAnnouncementsTest, MembersMeetByTheSecondAnnouncementWhenTheFirstIsLost
   const OnlySecondAnnouncements lossy;
   const FastTime fast;
 
-  const Member left("left");
-  const Member right("right");
+  const Participant left("left");
+  const Participant right("right");
 
   EXPECT_TRUE(left.Gets("of right"));
   EXPECT_TRUE(right.Gets("of left"));

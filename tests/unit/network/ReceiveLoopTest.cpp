@@ -1,23 +1,22 @@
 #include <gmock/gmock.h>
 
-#include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <future>
+#include <optional>
 #include <stdexcept>
 #include <vector>
 
-#include "Bytes.h"
-#include "FailWith.h"
-#include "FakeClock.h"
-#include "HookedHere.h"
 #include "PeerSocket.h"
+#include "RecordingTable.h"
 #include "Registration.h"
-#include "VacantServer.h"
+#include "TestMember.h"
 #include "network/ActiveESNs.h"
 #include "network/ReceiveLoop.h"
+#include "support/Bytes.h"
+#include "support/FailWith.h"
+#include "support/FakeClock.h"
+#include "support/HookedHere.h"
 #include "support/LogRecorder.h"
 
 using namespace std::chrono_literals;
@@ -36,9 +35,7 @@ class ReceiveLoopTest : public testing::Test {
  protected:
   using Pause = std::function<int(pollfd& done)>;
 
-  explicit ReceiveLoopTest(const ServerSettings& settings = {}) : server_(settings) {}
-
-  void Run() { ReceiveLoop(*server_, 0xE0010203, 4660, esns_).Run(); }
+  void Run() { ReceiveLoop(*member_, {0xE0010203, 4660}, esns_, member_.FoundPeer()).Run(); }
   // Each attempt fails to connect after its time. During the one that follows the last, the server begins to stop.
   void RunWithFailuresAfter(const std::vector<std::chrono::nanoseconds>& times) {
     failures_.assign(times.begin(), times.end());
@@ -50,6 +47,12 @@ class ReceiveLoopTest : public testing::Test {
     peer_.ends = ends;
     connects_ = true;
     Run();
+  }
+
+  // The peer is met at 127.0.0.1:9, too, while it is received from.
+  void RefuseElsewhere() const {
+    std::optional<PeerPlace> nothing;
+    EXPECT_FALSE(EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing).Inserted());
   }
 
   static Pause FailsWith(int error) {
@@ -81,7 +84,7 @@ class ReceiveLoopTest : public testing::Test {
     return {LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
             Server() + " aborting ReceiveTable for 3758162435:4660 because connected to wrong table server", ""};
   }
-  std::string Server() const { return "TableServer for " + server_name_ + "(" + AddressOf(&*server_) + ")"; }
+  std::string Server() const { return member_.Name(member_name_); }
   // What the loop itself has logged, not its streams.
   std::vector<LogLine> Lines() const {
     std::vector<LogLine> lines;
@@ -92,8 +95,8 @@ class ReceiveLoopTest : public testing::Test {
   }
 
   FakeClock clock_;
-  std::string server_name_ = "dev::proc::db";
-  VacantServer server_;
+  std::string member_name_ = "dev::proc::db";
+  TestMember member_;
   const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
   PeerSocket peer_;
   LogRecorder log_;
@@ -106,7 +109,7 @@ class ReceiveLoopTest : public testing::Test {
   void Trace(const std::string& call) { trace_.push_back(clock_.Text() + ": " + call); }
   int FailToConnect() {
     if (failures_.empty()) {
-      server_.SignalDone();
+      member_.SignalDone();
     } else {
       clock_.Advance(failures_.front());
       failures_.pop_front();
@@ -139,79 +142,6 @@ class ReceiveLoopTest : public testing::Test {
                                                 pause_results_.pop_front();
                                                 return pause(entries[0]);
                                               }};
-};
-
-// Whose identity claims a device name of 10 bytes and has 3.
-class ReceiveLoopOfMalformedUidTest : public ReceiveLoopTest {
- protected:
-  ReceiveLoopOfMalformedUidTest() : ReceiveLoopTest(Settings()) { server_name_ = "abc::::db"; }
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.uid =
-        "\x0A"
-        "abc";
-    return settings;
-  }
-};
-
-// Whole servers, which announce themselves on this host, in a group that no other process is in.
-class SharingTest : public testing::Test {
- protected:
-  struct Tables {
-    const std::shared_ptr<Varnix::Table> received = Varnix::MakeTable("received");
-    const std::shared_ptr<Varnix::Table> sent = Varnix::MakeTable("sent");
-  };
-
-  std::unique_ptr<TableServer> Start(const std::string& process, const Tables& tables) const {
-    return std::make_unique<TableServer>(CombinedKey("dev", process), "db", tables.received, tables.sent,
-                                         "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"));
-  }
-  // Waits until the key has the value.
-  static bool Arrives(const Tables& tables, const std::string& key, const std::string& value) {
-    const auto watcher = tables.received->Watch(key);
-    const auto set = Varnix::MakeWatcherSet({watcher});
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    for (;;) {
-      const auto [row, changed] = set->WaitUntil(deadline);
-      if (!changed || row.second == value) return changed != nullptr;
-    }
-  }
-  static bool Eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-  static std::size_t Count(const std::vector<LogLine>& lines, const std::string& tag, const std::string& end = "") {
-    return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](const LogLine& line) {
-      return line.tag == tag && line.text.size() >= end.size() &&
-             line.text.compare(line.text.size() - end.size(), end.size(), end) == 0;
-    }));
-  }
-  std::size_t Count(const std::string& tag, const std::string& end = "") const { return Count(log_.Lines(), tag, end); }
-  // Waits until two servers have settled: each has met itself and the other, whoever was connected to has connected
-  // back, the first of them has tried once more in return, and only one stream is left in each direction.
-  bool AllHaveMet() const {
-    return Eventually([this] {
-      const std::vector<LogLine> lines = log_.Lines();
-      return Count(lines, "tblrcvr.gotuid") >= 5 && Count(lines, "tblsvr.fnd") >= 2 &&
-             Count(lines, "tblrcvr.ctor") - Count(lines, "tblrcvr.dtor") == 2 &&
-             Count(lines, "tblsndr.ctor") - Count(lines, "tblsndr.dtor") == 2;
-    });
-  }
-  std::vector<LogLine> LinesOfReceiveLoops() const {
-    std::vector<LogLine> lines;
-    for (const LogLine& line : log_.Lines()) {
-      if (line.tag.rfind("tblsvr.fnd.rcv", 0) == 0) lines.push_back(line);
-    }
-    return lines;
-  }
-
-  LogRecorder log_;
 };
 
 // What a peer says to begin with: a record of database and uid.
@@ -257,7 +187,7 @@ TEST_F(ReceiveLoopTest, PauseWatchesTheDonePipeAlone) {
   RunWithFailuresAfter({0s});
 
   ASSERT_FALSE(pauses_.empty());
-  EXPECT_EQ(pauses_[0].fd, server_->GetDoneDescriptor());
+  EXPECT_EQ(pauses_[0].fd, member_->done_descriptor);
   EXPECT_EQ(pauses_[0].events, POLLIN);
 }
 
@@ -373,22 +303,42 @@ TEST_F(ReceiveLoopTest, AnyEventOfTheDonePipeIsTheStop) {
   EXPECT_THAT(Lines(), ElementsAre(Retrying("30000ms"), AbortedWhileRetrying(), Aborting()));
 }
 
-TEST_F(ReceiveLoopTest, StopEndsThePauseOfAReceiverThreadAtOnce) {
-  const Hooked connect(Hooks().connect, FailWith{ECONNREFUSED});
-  const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
-    return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Only the stop can end it.
+// Another place.
+
+TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsReportedWhenTheStreamEnds) {
+  pause_results_ = {SeesOfDonePipe(POLLIN)};
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
+    if (tag == std::string("tblrcvr.strm.grp")) RefuseElsewhere();
+    if (tag == std::string("tblrcvr.dtor")) {
+      EXPECT_THAT(member_.FoundPeers(), IsEmpty());
+    }
   });
-  std::promise<void> released;
-  server_->FoundPeer(0xE0010203, 4660, std::make_shared<ActiveESNs>([&] { released.set_value(); }));
-  ASSERT_TRUE(log_.Eventually("tblsvr.fnd.rcv.err"));
 
-  server_.SignalDone();
+  RunWithPeer(kPeer);
 
-  ASSERT_EQ(released.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
-  const std::vector<LogLine> lines = Lines();  // The first has what the real clock says.
-  ASSERT_EQ(lines.size(), 3U);
-  EXPECT_EQ(lines[1], AbortedWhileRetrying());
-  EXPECT_EQ(lines[2], Aborting());
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:9"));
+}
+
+TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsLeftAloneWhenTheServerStops) {
+  const auto table = std::make_shared<RecordingTable>();
+  table->before_set = [this](const Varnix::Row&) {
+    RefuseElsewhere();
+    member_.SignalDone();
+  };
+  member_->receive_table = table;
+  peer_.answers = Bytes(
+      "\x00\x10\x00\x01"
+      "kv");
+  const HookedHere send(Hooks().send, [this](int descriptor, const void* bytes, std::size_t size, int flags) {
+    const ssize_t sent = Hooks().send.Real(descriptor, bytes, size, flags);
+    peer_.Answer();
+    return sent;
+  });
+
+  RunWithPeer(kPeer, false);
+
+  EXPECT_EQ(table->rows.size(), 1U);
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 // The exceptions of a stream.
@@ -421,7 +371,7 @@ TEST_F(ReceiveLoopTest, ServerOfAnotherDatabaseEndsTheLoopWithALineForDebugging)
 TEST_F(ReceiveLoopTest, StopDuringAStreamEndsTheLoopWithOneLine) {
   const HookedHere fopencookie(Hooks().fopencookie,
                                [this](void* cookie, const char* mode, cookie_io_functions_t functions) {
-                                 server_.SignalDone();
+                                 member_.SignalDone();
                                  return Hooks().fopencookie.Real(cookie, mode, functions);
                                });
 
@@ -432,7 +382,7 @@ TEST_F(ReceiveLoopTest, StopDuringAStreamEndsTheLoopWithOneLine) {
 }
 
 TEST_F(ReceiveLoopTest, StopWhileConnectingEndsTheLoopInItsPause) {
-  server_.SignalDone();
+  member_.SignalDone();
 
   RunWithPeer(kPeer, false);
 
@@ -446,129 +396,34 @@ TEST_F(ReceiveLoopTest, AnyOtherExceptionLeavesTheLoop) {
   EXPECT_THROW(Run(), std::runtime_error);
 }
 
-TEST_F(ReceiveLoopTest, AnyOtherExceptionOfAReceiverThreadEndsTheProcess) {
-  const auto find_peer = [this] {
-    SetLogHook([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("thrown by the hook"); });
-    server_->FoundPeer(0xE0010203, 4660, esns_);
-    for (;;) pause();
-  };
-
-  EXPECT_EXIT(find_peer(), KilledBySignal(SIGABRT), HasSubstr("thrown by the hook"));
-}
-
 // What identities may do to the lines.
 
-TEST_F(ReceiveLoopOfMalformedUidTest, LengthThatClaimsTooMuchIsClampedInTheRetryLines) {
+TEST_F(ReceiveLoopTest, LengthThatClaimsTooMuchIsClampedInTheRetryLines) {
+  member_->uid =
+      "\x0A"
+      "abc";  // Claims a device name of 10 bytes and has 3.
+  member_name_ = "abc::::db";
   RunWithFailuresAfter({});
 
   EXPECT_THAT(Lines(), ElementsAre(Retrying("30000ms"), AbortedWhileRetrying(), Aborting()));
 }
 
-TEST_F(ReceiveLoopOfMalformedUidTest, LengthThatClaimsTooMuchIsClampedInTheLineOfGivingUp) {
+TEST_F(ReceiveLoopTest, LengthThatClaimsTooMuchIsClampedInTheLineOfGivingUp) {
+  member_->uid =
+      "\x0A"
+      "abc";  // Claims a device name of 10 bytes and has 3.
+  member_name_ = "abc::::db";
   RunWithFailuresAfter({8s, 8s, 8s, 8s});
 
   EXPECT_EQ(Lines().back(), GivingUp());
 }
 
-TEST_F(ReceiveLoopOfMalformedUidTest, LengthThatClaimsTooMuchIsClampedInTheLineOfTheWrongServer) {
+TEST_F(ReceiveLoopTest, LengthThatClaimsTooMuchIsClampedInTheLineOfTheWrongServer) {
+  member_->uid =
+      "\x0A"
+      "abc";  // Claims a device name of 10 bytes and has 3.
+  member_name_ = "abc::::db";
   RunWithPeer(kOtherDatabase);
 
   EXPECT_THAT(Lines(), ElementsAre(WrongTableServer()));
-}
-
-// Servers among themselves.
-
-TEST_F(SharingTest, TwoServersOfAGroupReceiveEachOthersRows) {
-  const Tables left_tables;
-  const Tables right_tables;
-  left_tables.sent->Set({"\x01tl", "of left"});
-  right_tables.sent->Set({"\x01tr", "of right"});
-
-  const auto left = Start("left", left_tables);
-  const auto right = Start("right", right_tables);
-
-  EXPECT_TRUE(Arrives(left_tables, "\x01tr", "of right"));
-  EXPECT_TRUE(Arrives(right_tables, "\x01tl", "of left"));
-}
-
-TEST_F(SharingTest, TwoServersOfAGroupEndUpWithOneConnectionInEachDirection) {
-  const auto left = Start("left", {});
-  const auto right = Start("right", {});
-
-  EXPECT_TRUE(AllHaveMet());
-
-  EXPECT_EQ(Count("tblsvr.fnd", " found peer: dev::left 2130706433:" + std::to_string(left->GetListenPort())), 1U);
-  EXPECT_EQ(Count("tblsvr.fnd", " found peer: dev::right 2130706433:" + std::to_string(right->GetListenPort())), 1U);
-  EXPECT_THAT(LinesOfReceiveLoops(), IsEmpty());
-}
-
-TEST_F(SharingTest, AnnouncementOfAPeerThatIsReceivedFromLeavesItsStreamAlone) {
-  const Tables left_tables;
-  const Tables right_tables;
-  const auto left = Start("left", left_tables);
-  const auto right = Start("right", right_tables);
-  ASSERT_TRUE(AllHaveMet());
-  log_.Clear();
-
-  left->NetworkChanged();
-
-  EXPECT_TRUE(Eventually([&] { return Count("tblrcvr.gotuid", "dev::left") >= 2; }));  // Both have heard it.
-  left_tables.sent->Set({"\x01tl", "after"});
-  EXPECT_TRUE(Arrives(right_tables, "\x01tl", "after"));
-  EXPECT_EQ(Count("tblsvr.fnd"), 0U);
-}
-
-TEST_F(SharingTest, PeerThatIsFoundTwiceInQuickSuccessionGivesOneStreamAndOneThreadThatEndsSilently) {
-  const VacantServer server;  // Of another group: it is not connected back to.
-  const auto peer = Start("peer", {});
-  ASSERT_TRUE(log_.Eventually("tblrcvr.dtor"));  // It has met itself.
-  log_.Clear();
-  std::promise<void> released;
-  auto esns = std::make_shared<ActiveESNs>([&] { released.set_value(); });
-
-  server->FoundPeer(INADDR_LOOPBACK, peer->GetListenPort(), esns);
-  server->FoundPeer(INADDR_LOOPBACK, peer->GetListenPort(), esns);
-
-  EXPECT_TRUE(Eventually([&] { return Count("tblrcvr.strm.grp") == 1 && Count("tblrcvr.dtor") == 1; }));
-  server.SignalDone();
-  esns.reset();
-  ASSERT_EQ(released.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
-  EXPECT_EQ(Count("tblsvr.fnd"), 1U);
-  EXPECT_THAT(LinesOfReceiveLoops(),
-              ElementsAre(LogLine{LogLevel::Info, "tblsvr.fnd.rcv.abort",
-                                  "TableServer for dev::proc::db(" + AddressOf(&*server) +
-                                      ") aborting ReceiveTable for 2130706433:" + std::to_string(peer->GetListenPort()),
-                                  ""}));
-}
-
-TEST_F(SharingTest, ServerThatHearsItselfConnectsToItselfAndEndsThatSilently) {
-  auto server = Start("self", {});
-
-  EXPECT_TRUE(log_.Eventually("tblrcvr.gotuid"));
-  EXPECT_TRUE(log_.Eventually("tblrcvr.dtor"));
-  server.reset();
-
-  EXPECT_EQ(Count("tblrcvr.gotuid", "dev::self"), 1U);
-  EXPECT_EQ(Count("tblsvr.fnd"), 0U);
-  EXPECT_THAT(LinesOfReceiveLoops(), IsEmpty());
-}
-
-TEST_F(SharingTest, EndedReceiversMakeRoomForOthers) {
-  const auto server = Start("self", {});
-  const auto esns = std::make_shared<ActiveESNs>([] {});
-  std::atomic<int> ended{0};
-  std::atomic<int> refused{0};
-  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
-    ended += std::strcmp(tag, "tblrcvr.dtor") == 0 ? 1 : 0;
-    refused += std::strcmp(tag, "tblsvr.fnd.thread") == 0 ? 1 : 0;
-  });
-
-  for (int i = 0; i < 1100; ++i) {  // More than there may be at once.
-    const int before = ended;
-    server->FoundPeer(INADDR_LOOPBACK, server->GetListenPort(), esns);
-    ASSERT_TRUE(Eventually([&] { return ended > before || refused > 0; }));
-  }
-
-  EXPECT_EQ(refused, 0);
-  server->Stop();
 }

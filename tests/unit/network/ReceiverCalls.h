@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "FailWith.h"
-#include "HookedHere.h"
 #include "PeerSocket.h"
+#include "support/FailWith.h"
+#include "support/HookedHere.h"
 
 // The calls of this thread on the socket that it makes, as text. Whichever peer it connects to, it is `peer`.
 class ReceiverCalls {
@@ -60,7 +60,6 @@ class ReceiverCalls {
   }
   static std::string NameOf(int command, long argument) {
     if (command == F_GETFL) return "F_GETFL";
-    if (command == F_SETFD && argument == FD_CLOEXEC) return "F_SETFD, FD_CLOEXEC";
     if (command == F_SETFL && argument == O_RDWR) return "F_SETFL, O_RDWR";
     if (command == F_SETFL && argument == (O_RDWR | O_NONBLOCK)) return "F_SETFL, O_RDWR | O_NONBLOCK";
     return std::to_string(command) + ", " + std::to_string(argument);
@@ -80,7 +79,8 @@ class ReceiverCalls {
   std::map<std::pair<std::string, int>, int> errors_;
 
   HookedHere<int(int, int, int)> make_{Hooks().socket, [this](int domain, int type, int protocol) {
-                                         const bool is_tcp = domain == AF_INET && type == SOCK_STREAM && protocol == 0;
+                                         const bool is_tcp =
+                                             domain == AF_INET && type == (SOCK_STREAM | SOCK_CLOEXEC) && protocol == 0;
                                          if (Record(is_tcp ? "socket(AF_INET, SOCK_STREAM, 0)" : "socket(?)")) {
                                            return -1;
                                          }

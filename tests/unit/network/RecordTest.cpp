@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "ConnectionTest.h"
-#include "FailWith.h"
 #include "network/Record.h"
 #include "network/StopExceptions.h"
+#include "support/Bytes.h"
+#include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 
 namespace {
@@ -17,18 +18,10 @@ using Varnix::Row;
 
 class RecordTest : public ConnectionTest {
  protected:
-  RecordTest() : stream_(cookie_.OpenStream()) {}
-  ~RecordTest() override {
-    if (stream_ != nullptr) fclose(stream_);
-  }
+  RecordTest() { OpenStream(); }
 
-  bool Write(const Row& record) { return WriteRecord(record, stream_, cookie_); }
-  bool Read(Row& record) { return ReadRecord(record, stream_, cookie_); }
-  // The stream's end sends what is buffered.
-  void CloseStream() {
-    fclose(stream_);
-    stream_ = nullptr;
-  }
+  bool Write(const Row& record) { return WriteRecord(record, *stream_); }
+  bool Read(Row& record) { return reader_.Read(record); }
   // What the peer receives of `size` bytes while one record is written that may not fit in the connection.
   std::string PeerReceivesWhileWriting(const Row& record, std::size_t size) {
     std::string bytes;
@@ -38,14 +31,9 @@ class RecordTest : public ConnectionTest {
     return bytes;
   }
 
-  FILE* stream_;
+ private:
+  RecordReader reader_{*stream_};
 };
-
-// Literals with embedded zeros.
-template <std::size_t size>
-std::string Bytes(const char (&literal)[size]) {
-  return std::string(literal, size - 1);
-}
 
 // Of all sends while this object lives, in their order.
 class SizesOfSends {
@@ -145,7 +133,7 @@ TEST_F(RecordTest, EmptyFieldBIsAFailureThatSendsNothingYet) {
 
   EXPECT_FALSE(written);
   EXPECT_EQ(PeerReceivesWaiting(), "");
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -254,7 +242,7 @@ TEST_F(RecordTest, WriteThatMeetsTheStopThrows) {
   SignalDone();
 
   EXPECT_THROW(Write({"k", std::string(100000, 'v')}), AbortRequested);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
   EXPECT_EQ(PeerReceivesWaiting(), "");
 }
 
@@ -264,7 +252,7 @@ TEST_F(RecordTest, WriteWhoseFlushMeetsTheStopIsAPlainFailure) {
   const bool written = Write({"k", "v"});
 
   EXPECT_FALSE(written);
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }
 
 TEST_F(RecordTest, EmptyFieldAfterAnAbortThrows) {
@@ -280,7 +268,7 @@ TEST_F(RecordTest, WriteToAConnectionThatFailedIsAPlainFailure) {
   const bool written = Write({"k", std::string(100000, 'v')});
 
   EXPECT_FALSE(written);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -290,7 +278,7 @@ TEST_F(RecordTest, FlushToAConnectionThatFailedIsAPlainFailure) {
   const bool written = Write({"k", "v"});
 
   EXPECT_FALSE(written);
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -471,7 +459,7 @@ TEST_F(RecordTest, StreamThatHasEndedIsAPlainFailure) {
 
   EXPECT_FALSE(read);
   EXPECT_EQ(record, Row("old", "row"));
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -484,7 +472,7 @@ TEST_F(RecordTest, ReadErrorIsAPlainFailure) {
 
   EXPECT_FALSE(read);
   EXPECT_EQ(record, Row("old", "row"));
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
 }
 
 TEST_F(RecordTest, ReadThatMeetsTheStopThrows) {
@@ -523,7 +511,7 @@ TEST_P(BrokenRecordTest, IsAPlainFailureWhenTheStreamEnds) {
 
   EXPECT_FALSE(read);
   EXPECT_EQ(record, Row("old", "row"));
-  EXPECT_FALSE(cookie_.aborted);
+  EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -537,5 +525,5 @@ TEST_P(BrokenRecordTest, ThrowsWhenTheServerStops) {
   Row record("old", "row");
   EXPECT_THROW(Read(record), AbortRequested);
   EXPECT_EQ(record, Row("old", "row"));
-  EXPECT_TRUE(cookie_.aborted);
+  EXPECT_TRUE(GetCookie().aborted);
 }

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "CallRecorder.h"
-#include "FailWith.h"
 #include "network/ServerSockets.h"
+#include "support/FailWith.h"
 #include "support/Says.h"
 
 namespace {
@@ -32,17 +32,17 @@ bool ConnectTo(unsigned short port) {
   return result == 0;
 }
 
-unsigned short PortOf(int descriptor) {
+unsigned short PortOf(const FileDescriptor& socket) {
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
+  getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size);
   return ntohs(address.sin_port);
 }
 
-int OptionOf(int descriptor, int option) {
+int OptionOf(const FileDescriptor& socket, int option) {
   int value = -1;
   socklen_t size = sizeof value;
-  getsockopt(descriptor, SOL_SOCKET, option, &value, &size);
+  getsockopt(socket.Get(), SOL_SOCKET, option, &value, &size);
   return value;
 }
 
@@ -57,92 +57,84 @@ TEST(ServerSockets, ListeningSocketIsMadeByTheseCallsInThisOrder) {
   CallRecorder calls;
   unsigned short port = 0;
 
-  const int listener = OpenListeningSocket(port);
+  const FileDescriptor listener = OpenListeningSocket(port);
 
-  EXPECT_THAT(calls.Calls(), ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)",
-                                         "bind(#1, 0.0.0.0:0, 16)", "getsockname(#1, 16)", "listen(#1, 10)"));
-  close(listener);
+  EXPECT_THAT(calls.Calls(), ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "bind(#1, 0.0.0.0:0, 16)",
+                                         "getsockname(#1, 16)", "listen(#1, 10)"));
 }
 
 TEST(ServerSockets, ListeningSocketTellsItsPortInHostByteOrder) {
   unsigned short port = 0;
 
-  const int listener = OpenListeningSocket(port);
+  const FileDescriptor listener = OpenListeningSocket(port);
 
   EXPECT_NE(port, 0);
   EXPECT_EQ(port, PortOf(listener));
   EXPECT_TRUE(ConnectTo(port));
-  close(listener);
 }
 
 TEST(ServerSockets, EveryListeningSocketHasAPortOfItsOwn) {
   unsigned short one_port = 0;
   unsigned short other_port = 0;
 
-  const int one = OpenListeningSocket(one_port);
-  const int other = OpenListeningSocket(other_port);
+  const FileDescriptor one = OpenListeningSocket(one_port);
+  const FileDescriptor other = OpenListeningSocket(other_port);
 
   EXPECT_NE(one_port, other_port);
-  close(one);
-  close(other);
 }
 
 TEST(ServerSockets, ListeningSocketIsClosedOnExec) {
   unsigned short port = 0;
 
-  const int listener = OpenListeningSocket(port);
+  const FileDescriptor listener = OpenListeningSocket(port);
 
-  EXPECT_EQ(fcntl(listener, F_GETFD), FD_CLOEXEC);
-  close(listener);
+  EXPECT_EQ(fcntl(listener.Get(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST(ServerSockets, DiscoverySocketIsMadeByTheseCallsInThisOrder) {
   CallRecorder calls;
 
-  const int discoverer = OpenDiscoverySocket();
+  const FileDescriptor discoverer = OpenDiscoverySocket();
 
-  EXPECT_THAT(calls.Calls(), ElementsAre("socket(AF_INET, SOCK_DGRAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)",
-                                         "setsockopt(#1, SOL_SOCKET, SO_BROADCAST, 1)",
-                                         "setsockopt(#1, SOL_SOCKET, SO_REUSEADDR, 1)", "bind(#1, 0.0.0.0:1975, 16)"));
-  close(discoverer);
+  EXPECT_THAT(calls.Calls(),
+              ElementsAre("socket(AF_INET, SOCK_DGRAM, 0) = #1", "setsockopt(#1, SOL_SOCKET, SO_BROADCAST, 1)",
+                          "setsockopt(#1, SOL_SOCKET, SO_REUSEADDR, 1)", "bind(#1, 0.0.0.0:1975, 16)"));
 }
 
 TEST(ServerSockets, DiscoverySocketMayBroadcast) {
-  const int discoverer = OpenDiscoverySocket();
+  const FileDescriptor discoverer = OpenDiscoverySocket();
 
   EXPECT_EQ(OptionOf(discoverer, SO_BROADCAST), 1);
-  close(discoverer);
 }
 
 TEST(ServerSockets, DiscoverySocketIsClosedOnExec) {
-  const int discoverer = OpenDiscoverySocket();
+  const FileDescriptor discoverer = OpenDiscoverySocket();
 
-  EXPECT_EQ(fcntl(discoverer, F_GETFD), FD_CLOEXEC);
-  close(discoverer);
+  EXPECT_EQ(fcntl(discoverer.Get(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
-  const int one = OpenDiscoverySocket();
-  const int other = OpenDiscoverySocket();
+  const FileDescriptor one = OpenDiscoverySocket();
+  const FileDescriptor other = OpenDiscoverySocket();
   ASSERT_EQ(PortOf(one), 1975);
   ASSERT_EQ(PortOf(other), 1975);
   const std::string marker = std::string(2, '\0') + "sockets of " + std::to_string(getpid());
   sockaddr_in everyone = Loopback(1975);
   everyone.sin_addr.s_addr = inet_addr("127.255.255.255");
 
-  ASSERT_EQ(sendto(one, marker.data(), marker.size(), 0, reinterpret_cast<const sockaddr*>(&everyone), sizeof everyone),
-            static_cast<ssize_t>(marker.size()));
+  ASSERT_EQ(
+      sendto(one.Get(), marker.data(), marker.size(), 0, reinterpret_cast<const sockaddr*>(&everyone), sizeof everyone),
+      static_cast<ssize_t>(marker.size()));
 
-  for (const int listener : {one, other}) {
+  for (const FileDescriptor* listener : {&one, &other}) {
     std::string heard;
-    pollfd entry = {listener, POLLIN, 0};
+    pollfd entry = {listener->Get(), POLLIN, 0};
     while (heard != marker && poll(&entry, 1, 10000) == 1) {  // Other servers of this host may be heard as well.
       heard.assign(256, '\0');
-      const ssize_t size = recv(listener, heard.data(), heard.size(), 0);
+      const ssize_t size = recv(listener->Get(), heard.data(), heard.size(), 0);
       heard.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
     }
     EXPECT_EQ(heard, marker);
-    close(listener);
   }
 }
 
@@ -154,7 +146,7 @@ TEST(ServerSockets, ProcessesOfAHostShareTheDiscoveryPort) {
   const pid_t child = fork();
   if (child == 0) {
     close(release[1]);
-    OpenDiscoverySocket();
+    const FileDescriptor shared = OpenDiscoverySocket();
     char byte = write(told[1], "y", 1) == 1 ? 'y' : 'n';
     while (read(release[0], &byte, 1) > 0) {
     }
@@ -164,10 +156,10 @@ TEST(ServerSockets, ProcessesOfAHostShareTheDiscoveryPort) {
   char bound = 'n';
   EXPECT_EQ(read(told[0], &bound, 1), 1) << "the child has no socket";
 
-  const int discoverer = OpenDiscoverySocket();
+  const FileDescriptor discoverer = OpenDiscoverySocket();
 
   EXPECT_EQ(PortOf(discoverer), 1975);
-  for (const int descriptor : {discoverer, told[0], release[0], release[1]}) close(descriptor);
+  for (const int descriptor : {told[0], release[0], release[1]}) close(descriptor);
   EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
@@ -176,12 +168,9 @@ TEST(ServerSockets, DonePipeIsMadeByTheseCallsInThisOrder) {
 
   const Pipe done = OpenDonePipe();
 
-  EXPECT_THAT(calls.Calls(),
-              ElementsAre("pipe() = #1, #2", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "fcntl(#2, F_SETFD, FD_CLOEXEC)"));
-  EXPECT_EQ(done.read_end, calls.Descriptor(1));
-  EXPECT_EQ(done.write_end, calls.Descriptor(2));
-  close(done.read_end);
-  close(done.write_end);
+  EXPECT_THAT(calls.Calls(), ElementsAre("pipe2(O_CLOEXEC) = #1, #2"));
+  EXPECT_EQ(done.read_end.Get(), calls.Descriptor(1));
+  EXPECT_EQ(done.write_end.Get(), calls.Descriptor(2));
 }
 
 TEST(ServerSockets, WakePipeIsMadeByTheseCallsInThisOrder) {
@@ -189,21 +178,16 @@ TEST(ServerSockets, WakePipeIsMadeByTheseCallsInThisOrder) {
 
   const Pipe wake = OpenWakePipe();
 
-  EXPECT_THAT(calls.Calls(),
-              ElementsAre("pipe() = #1, #2", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "fcntl(#2, F_SETFD, FD_CLOEXEC)"));
-  EXPECT_EQ(wake.read_end, calls.Descriptor(1));
-  EXPECT_EQ(wake.write_end, calls.Descriptor(2));
-  close(wake.read_end);
-  close(wake.write_end);
+  EXPECT_THAT(calls.Calls(), ElementsAre("pipe2(O_CLOEXEC) = #1, #2"));
+  EXPECT_EQ(wake.read_end.Get(), calls.Descriptor(1));
+  EXPECT_EQ(wake.write_end.Get(), calls.Descriptor(2));
 }
 
 TEST(ServerSockets, PipesAreClosedOnExec) {
   const Pipe pipe = OpenDonePipe();
 
-  EXPECT_EQ(fcntl(pipe.read_end, F_GETFD), FD_CLOEXEC);
-  EXPECT_EQ(fcntl(pipe.write_end, F_GETFD), FD_CLOEXEC);
-  close(pipe.read_end);
-  close(pipe.write_end);
+  EXPECT_EQ(fcntl(pipe.read_end.Get(), F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(fcntl(pipe.write_end.Get(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST(ServerSockets, FailedListeningSocketEndsTheProcess) {
@@ -292,7 +276,7 @@ TEST(ServerSockets, FailedBindOfTheDiscoverySocketEndsTheProcess) {
 
 TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
   const auto open = [] {
-    Hooked pipe(Hooks().pipe, FailWith{EMFILE});
+    Hooked pipe2(Hooks().pipe2, FailWith{EMFILE});
     OpenDonePipe();
   };
 
@@ -302,7 +286,7 @@ TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
 
 TEST(ServerSockets, FailedWakePipeEndsTheProcess) {
   const auto open = [] {
-    Hooked pipe(Hooks().pipe, FailWith{EMFILE});
+    Hooked pipe2(Hooks().pipe2, FailWith{EMFILE});
     OpenWakePipe();
   };
 

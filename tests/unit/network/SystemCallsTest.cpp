@@ -1,19 +1,18 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <unistd.h>
+#include <pthread.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
-#include <tuple>
+#include <thread>
 #include <vector>
 
-#include "FailWith.h"
-#include "SystemCallHooks.h"
 #include "logging/Log.h"
 #include "network/SystemCalls.h"
+#include "support/FailWith.h"
 #include "support/Says.h"
+#include "support/SystemCallHooks.h"
 
 TEST(SystemCalls, FatalErrorIsLoggedWithErrnoAndEndsTheProcess) {
   const auto fail = [] {
@@ -45,33 +44,34 @@ TEST(SystemCalls, HookThatThrowsKeepsNoFatalErrorFromEndingTheProcess) {
   EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), Says(""));
 }
 
-TEST(SystemCalls, DescriptorIsKeptFromProgramsThatTheHostStarts) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  ASSERT_EQ(fcntl(ends[0], F_GETFD), 0);
-
-  CloseOnExec(ends[0]);
-
-  EXPECT_EQ(fcntl(ends[0], F_GETFD), FD_CLOEXEC);
-  EXPECT_EQ(fcntl(ends[1], F_GETFD), 0);
-  close(ends[0]);
-  close(ends[1]);
-}
-
-TEST(SystemCalls, CloseOnExecIsOneCallOfFcntl) {
-  std::vector<std::tuple<int, int, long>> calls;
-  Hooked fcntl(Hooks().fcntl, [&](int descriptor, int command, long argument) {
-    calls.emplace_back(descriptor, command, argument);
-    return 0;
+TEST(SystemCalls, PollThatIsInterruptedIsRepeatedWithTheSameTimeOut) {
+  std::vector<int> time_outs;
+  const Hooked poll(Hooks().poll, [&](pollfd*, nfds_t, int time_out) {
+    time_outs.push_back(time_out);
+    return time_outs.size() < 3 ? FailWith{EINTR}() : 7;
   });
+  pollfd entry{};
 
-  CloseOnExec(77);
+  EXPECT_EQ(PollAgainAfterSignals(&entry, 1, 1234), 7);
 
-  EXPECT_EQ(calls, (std::vector<std::tuple<int, int, long>>{{77, F_SETFD, FD_CLOEXEC}}));
+  EXPECT_EQ(time_outs, (std::vector<int>{1234, 1234, 1234}));
 }
 
-TEST(SystemCalls, CloseOnExecThatFailsIsOverlooked) {
-  Hooked fcntl(Hooks().fcntl, FailWith{EBADF});
+TEST(SystemCalls, PollThatFailsForAnotherReasonIsNotRepeated) {
+  const Hooked poll(Hooks().poll, FailWith{EINVAL});
+  pollfd entry{};
 
-  EXPECT_NO_THROW(CloseOnExec(77));
+  EXPECT_EQ(PollAgainAfterSignals(&entry, 1, -1), -1);
+
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(SystemCalls, ThreadIsNamedAfterItsWorkAndAsMuchOfTheDatabaseAsFits) {
+  char name[16];
+  std::thread([&] {
+    NameThisThread("vrx-send", "a long name");
+    pthread_getname_np(pthread_self(), name, sizeof name);
+  }).join();
+
+  EXPECT_STREQ(name, "vrx-send:a long");
 }

@@ -10,15 +10,16 @@
 #include <system_error>
 #include <vector>
 
-#include "Bytes.h"
-#include "FailWith.h"
-#include "HookedHere.h"
 #include "PeerSocket.h"
-#include "VacantServer.h"
+#include "TestMember.h"
 #include "network/ActiveESNs.h"
 #include "network/TableSender.h"
+#include "support/Bytes.h"
+#include "support/FailWith.h"
 #include "support/FailingAllocations.h"
+#include "support/HookedHere.h"
 #include "support/LogRecorder.h"
+#include "support/Own.h"
 #include "support/Says.h"
 
 using namespace std::chrono_literals;
@@ -70,20 +71,19 @@ class ThrowingHook {
   std::string last_tag_;
 };
 
-// Serves a connection from 127.1.2.3 on the thread of the test. No peer that it finds can be connected to. The steady
-// clock runs a second at each look at it, so that a sender with nothing to do does not sleep.
+// Serves a connection from 127.1.2.3 on the thread of the test. The steady clock runs a second at each look at it, so that
+// a sender with nothing to do does not sleep.
 class TableSenderTest : public testing::Test {
  protected:
-  explicit TableSenderTest(const ServerSettings& settings = {}) : TableSenderTest(settings, MakePair()) {}
+  TableSenderTest() : TableSenderTest(MakePair()) {}
   ~TableSenderTest() override {
-    EndPeerThreads();  // While the hooks are set.
     if (peer_ >= 0) Hooks().close.Real(peer_);
     if (!sent_) Hooks().close.Real(socket_);
   }
 
   void Send() {
     sent_ = true;
-    SendTable(*server_, socket_, 0x7F010203, esns_);
+    SendTable(*member_, Own(socket_), 0x7F010203, esns_, member_.FoundPeer());
   }
   void SendWithDefaultLogger() {
     SetLogHook(DefaultLogger);
@@ -106,17 +106,7 @@ class TableSenderTest : public testing::Test {
     bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
     return bytes;
   }
-  void SetRow(const std::string& key, const std::string& value) const { server_->GetSendTable()->Set({key, value}); }
-  // The receivers that were started, each as "database:address:port".
-  std::vector<std::string> FoundPeers() {
-    EndPeerThreads();
-    std::vector<std::string> found;
-    for (const LogLine& line : log_.Lines("tblrcvr.ctor")) {
-      const std::size_t begin = line.text.find(" for ") + 5;
-      found.push_back(line.text.substr(begin, line.text.find(" starting") - begin));
-    }
-    return found;
-  }
+  void SetRow(const std::string& key, const std::string& value) const { member_->send_table->Set({key, value}); }
   // The sender's own, as "7 tag: text", with T for the sender.
   std::vector<std::string> Lines() const {
     std::vector<std::string> lines;
@@ -148,7 +138,7 @@ class TableSenderTest : public testing::Test {
     return {calls.begin() + 1, calls.end()};
   }
 
-  VacantServer server_;
+  TestMember member_;
   const int socket_;
   LogRecorder log_;
   std::vector<std::string> trace_;  // "send 14", "recv", "poll socket POLLIN 0", "close".
@@ -156,23 +146,14 @@ class TableSenderTest : public testing::Test {
   std::deque<std::function<int(pollfd&)>> passes_;
 
  private:
-  TableSenderTest(const ServerSettings& settings, std::pair<int, int> pair)
-      : server_(settings), socket_(pair.first), peer_(pair.second) {}
+  explicit TableSenderTest(std::pair<int, int> pair) : socket_(pair.first), peer_(pair.second) {}
   static std::pair<int, int> MakePair() {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     return {ends[0], ends[1]};
   }
 
-  void EndPeerThreads() {
-    if (!esns_) return;
-    server_.SignalDone();
-    esns_.reset();
-    EXPECT_EQ(released_.get_future().wait_until(std::chrono::system_clock::now() + 10s), std::future_status::ready);
-  }
-
-  std::promise<void> released_;
-  std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([this] { released_.set_value(); });
+  const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
   int peer_;
   bool sent_ = false;
   mutable std::string sender_;
@@ -207,59 +188,6 @@ class TableSenderTest : public testing::Test {
                                 if (descriptor == socket_) trace_.emplace_back("close");
                                 return Hooks().close.Real(descriptor);
                               }};
-  Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
-};
-
-class TableSenderWithoutGroupTest : public TableSenderTest {
- protected:
-  TableSenderWithoutGroupTest() : TableSenderTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.group = "";
-    return settings;
-  }
-};
-
-class TableSenderWithoutDatabaseTest : public TableSenderTest {
- protected:
-  TableSenderWithoutDatabaseTest() : TableSenderTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.database = "";
-    return settings;
-  }
-};
-
-// Whose server's identity does not fit into the string itself.
-class TableSenderOfLongUidTest : public TableSenderTest {
- protected:
-  TableSenderOfLongUidTest() : TableSenderTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.uid = CombinedKey("device", std::string(100, 'p'));
-    return settings;
-  }
-};
-
-// Whose server's identity claims a device name of 10 bytes and has 3.
-class TableSenderOfMalformedUidTest : public TableSenderTest {
- protected:
-  TableSenderOfMalformedUidTest() : TableSenderTest(Settings()) {}
-
- private:
-  static ServerSettings Settings() {
-    ServerSettings settings;
-    settings.uid =
-        "\x0A"
-        "abc";
-    return settings;
-  }
 };
 
 int NothingIsThere(pollfd&) { return 0; }
@@ -437,7 +365,7 @@ TEST_F(TableSenderTest, AnswerThatIsCutShortEndsTheStreamSilently) {
   Send();
 
   EXPECT_EQ(PeerReceives(), kUs);
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, AnswerWithThreeBytesOfPortEndsTheStreamWithoutRows) {
@@ -451,7 +379,7 @@ TEST_F(TableSenderTest, AnswerWithThreeBytesOfPortEndsTheStreamWithoutRows) {
 
   EXPECT_EQ(PeerReceives(), kUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
 }
 
@@ -466,7 +394,7 @@ TEST_F(TableSenderTest, AnswerWithOneByteOfPortEndsTheStreamWithoutRows) {
 
   EXPECT_EQ(PeerReceives(), kUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
 }
 
@@ -480,11 +408,14 @@ TEST_F(TableSenderTest, AnswerWithoutAPortEndsTheStreamWithoutRows) {
 
   EXPECT_EQ(PeerReceives(), kUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
 }
 
-TEST_F(TableSenderOfMalformedUidTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
+TEST_F(TableSenderTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
+  member_->uid =
+      "\x0A"
+      "abc";  // Claims a device name of 10 bytes and has 3.
   PeerEnds();
 
   Send();
@@ -496,7 +427,8 @@ TEST_F(TableSenderOfMalformedUidTest, UidThatClaimsALongerNameThanItHasIsClamped
                                   "abc"));
 }
 
-TEST_F(TableSenderWithoutDatabaseTest, StreamIsClosedBeforeTheSocketAndSendsWhatIsBuffered) {
+TEST_F(TableSenderTest, StreamIsClosedBeforeTheSocketAndSendsWhatIsBuffered) {
+  member_->database = "";
   Send();
 
   EXPECT_THAT(trace_, ElementsAre("send 4", "close"));
@@ -511,7 +443,7 @@ TEST_F(TableSenderTest, PeerOfTheSameGroupIsConnectedBackToAtThePortThatItNames)
 
   Send();
 
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130772483:4660"));
 }
 
 TEST_F(TableSenderTest, PortIsReadAsUnsignedBytes) {
@@ -523,16 +455,17 @@ TEST_F(TableSenderTest, PortIsReadAsUnsignedBytes) {
   Send();
 
   EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"group\" port=65408");
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:65408"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130772483:65408"));
 }
 
-TEST_F(TableSenderWithoutGroupTest, PeerWithoutAGroupIsConnectedBackToIfWeHaveNoneEither) {
+TEST_F(TableSenderTest, PeerWithoutAGroupIsConnectedBackToIfWeHaveNoneEither) {
+  member_->group = "";
   PeerSays(Bytes("\x00\x00\x00\x02\x12\x34"));
 
   Send();
 
   EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"\" port=4660");
-  EXPECT_THAT(FoundPeers(), ElementsAre("db:2130772483:4660"));
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130772483:4660"));
 }
 
 TEST_F(TableSenderTest, PeerOfAnotherGroupIsServedButNotConnectedBackTo) {
@@ -549,7 +482,7 @@ TEST_F(TableSenderTest, PeerOfAnotherGroupIsServedButNotConnectedBackTo) {
   EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x70\x00\x05"
                                         "\x03tblkey"
                                         "value"));
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, PeerWhoseGroupIsAPrefixIsNotConnectedBackTo) {
@@ -560,7 +493,7 @@ TEST_F(TableSenderTest, PeerWhoseGroupIsAPrefixIsNotConnectedBackTo) {
 
   Send();
 
-  EXPECT_THAT(FoundPeers(), IsEmpty());
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, PeerWhoseGroupIsAnExtensionIsNotConnectedBackTo) {
@@ -571,23 +504,7 @@ TEST_F(TableSenderTest, PeerWhoseGroupIsAnExtensionIsNotConnectedBackTo) {
 
   Send();
 
-  EXPECT_THAT(FoundPeers(), IsEmpty());
-}
-
-TEST_F(TableSenderTest, PeerIsServedAlsoWhenThereIsNoThreadToConnectBackWith) {
-  SetRow("\x03tblkey", "value");
-  PeerSays(kOurGroup);
-  passes_ = {NothingIsThere};
-  const Hooked start_thread(Hooks().start_thread, [] {
-    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-  });
-
-  Send();
-
-  EXPECT_EQ(log_.Lines("tblsvr.fnd.thread").size(), 1U);
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x70\x00\x05"
-                                        "\x03tblkey"
-                                        "value"));
+  EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 // Streaming.
@@ -599,8 +516,8 @@ TEST_F(TableSenderTest, DoneTableIsWatchedBeforeTheRows) {
 
   const std::vector<LogLine> watched = log_.Lines("tbl.watch.all");
   ASSERT_EQ(watched.size(), 2U);
-  EXPECT_EQ(watched[0].text, "Table(" + AddressOf(server_->GetDoneTable().get()) + ") watching all (1 watchers total)");
-  EXPECT_EQ(watched[1].text, "Table(" + AddressOf(server_->GetSendTable().get()) + ") watching all (1 watchers total)");
+  EXPECT_EQ(watched[0].text, "Table(" + AddressOf(member_->done_table.get()) + ") watching all (1 watchers total)");
+  EXPECT_EQ(watched[1].text, "Table(" + AddressOf(member_->send_table.get()) + ") watching all (1 watchers total)");
 }
 
 TEST_F(TableSenderTest, RowsOfTheTableAreSentOldestChangeFirst) {
@@ -829,7 +746,7 @@ TEST_F(TableSenderTest, EmptyKeyIsLoggedWithoutATableName) {
 TEST_F(TableSenderTest, DoneRowEndsTheStream) {
   PeerSays(kOurGroup);
   const auto server_stops = [this](pollfd&) {
-    server_->GetDoneTable()->Set({"done", "y"});
+    member_->done_table->Set({"done", "y"});
     return 0;
   };
   passes_ = {server_stops, NothingIsThere, NothingIsThere};
@@ -842,7 +759,7 @@ TEST_F(TableSenderTest, DoneRowEndsTheStream) {
 }
 
 TEST_F(TableSenderTest, StopThatCameBeforeTheFirstRecordEndsTheStream) {
-  server_.SignalDone();
+  member_.SignalDone();
 
   Send();
 
@@ -853,7 +770,7 @@ TEST_F(TableSenderTest, StopThatCameBeforeTheFirstRecordEndsTheStream) {
 
 TEST_F(TableSenderTest, StopWhileThePeerIsWaitedForEndsTheStream) {
   const HookedHere send(Hooks().send, [this](int descriptor, const void* bytes, std::size_t size, int flags) {
-    server_.SignalDone();
+    member_.SignalDone();
     return Hooks().send.Real(descriptor, bytes, size, flags);
   });
 
@@ -868,8 +785,8 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenEndsTheStreamAtTheNextLook) {
   SetRow("\x01tk1", "a");
   PeerSays(kOurGroup);
   const auto server_stops = [this](pollfd&) {
-    server_.SignalDone();
-    server_->GetDoneTable()->Set({"done", "y"});
+    member_.SignalDone();
+    member_->done_table->Set({"done", "y"});
     return 0;
   };
   passes_ = {server_stops, NothingIsThere, NothingIsThere};
@@ -884,8 +801,8 @@ TEST_F(TableSenderTest, StopEndsTheStreamAlthoughARowIsSetAtEveryLook) {
   SetRow("\x01tk1", "0");
   PeerSays(kOurGroup);
   const auto server_stops = [this](pollfd&) {
-    server_.SignalDone();
-    server_->GetDoneTable()->Set({"done", "y"});
+    member_.SignalDone();
+    member_->done_table->Set({"done", "y"});
     SetRow("\x01tk1", "1");
     return 0;
   };
@@ -904,7 +821,7 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtO
   SetRow("\x01tk1", std::string(100000, 'a'));
   PeerSays(kOurGroup);
   const auto server_stops = [this](pollfd&) {
-    server_.SignalDone();
+    member_.SignalDone();
     return 0;
   };
   passes_ = {server_stops, NothingIsThere};
@@ -915,7 +832,8 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtO
   EXPECT_EQ(PeerReceives(), kUs);
 }
 
-TEST_F(TableSenderOfLongUidTest, SenderThatFindsNoMemoryToStartWithClosesItsSocketAndNothingElse) {
+TEST_F(TableSenderTest, SenderThatFindsNoMemoryToStartWithClosesItsSocketAndNothingElse) {
+  member_->uid = CombinedKey("device", std::string(100, 'p'));  // It does not fit into the string itself.
   {
     const FailingAllocation failing(1);
     Send();

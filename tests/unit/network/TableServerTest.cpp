@@ -26,9 +26,10 @@
 #include <vector>
 
 #include "CallRecorder.h"
-#include "FailWith.h"
+#include "StartedServer.h"
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
+#include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/Says.h"
@@ -171,6 +172,19 @@ class TableServerTest : public testing::Test {
   bool IsPause(const pollfd* entries, nfds_t count) const {
     return count == 1 && entries[0].fd == calls_.Descriptor(kDoneRead);
   }
+  // On which it listens.
+  unsigned short Port() const {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(Hooks().getsockname.Real(calls_.Descriptor(kListener), Generic(address), &size), 0);
+    return ToPeerPlace(address).port;
+  }
+  static std::shared_ptr<Varnix::Table> DoneTable() {
+    for (const auto& [name, table] : Varnix::GetLocalTables()) {
+      if (name == "_vrx_.ts_done.db") return table;
+    }
+    return nullptr;
+  }
   std::string Address() const { return AddressOf(server_.get()); }
 
   // One at whose place nobody listens.
@@ -297,14 +311,11 @@ TEST_F(TableServerTest, UidThatClaimsALongerNameThanItHoldsIsPrintedToItsEnd) {
 TEST_F(TableServerTest, MakesItsDescriptorsByTheseCallsInThisOrder) {
   Start();
 
-  EXPECT_THAT(
-      calls_.Calls(),
-      ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "fcntl(#1, F_SETFD, FD_CLOEXEC)", "bind(#1, 0.0.0.0:0, 16)",
-                  "getsockname(#1, 16)", "listen(#1, 10)", "socket(AF_INET, SOCK_DGRAM, 0) = #2",
-                  "fcntl(#2, F_SETFD, FD_CLOEXEC)", "setsockopt(#2, SOL_SOCKET, SO_BROADCAST, 1)",
-                  "setsockopt(#2, SOL_SOCKET, SO_REUSEADDR, 1)", "bind(#2, 0.0.0.0:1975, 16)", "pipe() = #3, #4",
-                  "fcntl(#3, F_SETFD, FD_CLOEXEC)", "fcntl(#4, F_SETFD, FD_CLOEXEC)", "pipe() = #5, #6",
-                  "fcntl(#5, F_SETFD, FD_CLOEXEC)", "fcntl(#6, F_SETFD, FD_CLOEXEC)"));
+  EXPECT_THAT(calls_.Calls(),
+              ElementsAre("socket(AF_INET, SOCK_STREAM, 0) = #1", "bind(#1, 0.0.0.0:0, 16)", "getsockname(#1, 16)",
+                          "listen(#1, 10)", "socket(AF_INET, SOCK_DGRAM, 0) = #2",
+                          "setsockopt(#2, SOL_SOCKET, SO_BROADCAST, 1)", "setsockopt(#2, SOL_SOCKET, SO_REUSEADDR, 1)",
+                          "bind(#2, 0.0.0.0:1975, 16)", "pipe2(O_CLOEXEC) = #3, #4", "pipe2(O_CLOEXEC) = #5, #6"));
 }
 
 TEST_F(TableServerTest, StartsItsTwoThreadsWhenAllDescriptorsAreMade) {
@@ -313,37 +324,21 @@ TEST_F(TableServerTest, StartsItsTwoThreadsWhenAllDescriptorsAreMade) {
   Start();
 
   const std::vector<std::string> calls = calls_.Calls();
-  ASSERT_THAT(calls, SizeIs(18));
-  EXPECT_THAT(std::vector<std::string>(calls.begin() + 15, calls.end()),
-              ElementsAre("fcntl(#6, F_SETFD, FD_CLOEXEC)", "thread", "thread"));
-}
-
-TEST_F(TableServerTest, KnowsWhatItWasMadeOf) {
-  Start();
-
-  EXPECT_EQ(server_->GetUid(), "\3devproc");
-  EXPECT_EQ(server_->GetDatabase(), "db");
-  EXPECT_EQ(server_->GetGroup(), "group");
-  EXPECT_EQ(server_->GetReceiveTable(), receive_table_);
-  EXPECT_EQ(server_->GetSendTable(), send_table_);
-  EXPECT_EQ(server_->GetDoneDescriptor(), calls_.Descriptor(kDoneRead));
-  EXPECT_NE(server_->GetListenPort(), 0);
+  ASSERT_THAT(calls, SizeIs(12));
+  EXPECT_THAT(std::vector<std::string>(calls.begin() + 9, calls.end()),
+              ElementsAre("pipe2(O_CLOEXEC) = #5, #6", "thread", "thread"));
 }
 
 TEST_F(TableServerTest, HasADoneTableNamedAfterItsDatabase) {
   Start();
 
-  bool found = false;
-  for (const auto& [name, table] : Varnix::GetLocalTables()) {
-    found = found || (name == "_vrx_.ts_done.db" && table == server_->GetDoneTable());
-  }
-  EXPECT_TRUE(found);
+  EXPECT_THAT(NamesOfLocalTables(), Contains("_vrx_.ts_done.db"));
 }
 
 TEST_F(TableServerTest, DoneTableIsEmptyWhileTheServerRuns) {
   Start();
 
-  EXPECT_THAT(server_->GetDoneTable()->WatchAll()->GetChanges(), IsEmpty());
+  EXPECT_THAT(DoneTable()->WatchAll()->GetChanges(), IsEmpty());
 }
 
 // What the server's announcements are sent to.
@@ -412,8 +407,8 @@ TEST_F(TableServerTest, AnnouncesItsPortAndItsGroup) {
   Start();
 
   ASSERT_TRUE(IsKept(announced));
+  const unsigned short port = Port();
   server_->Stop();
-  const unsigned short port = server_->GetListenPort();
   EXPECT_EQ(announcement, std::string({static_cast<char>(port >> 8), static_cast<char>(port & 0xFF)}) + "group");
 }
 
@@ -473,7 +468,7 @@ TEST_P(MissingThreadTest, LeavesRoomForAnotherServer) {
 
   Start();
 
-  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
 }
 
 TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
@@ -524,7 +519,7 @@ TEST_F(TableServerTest, StopSignalsThenSetsTheDoneRowThenClosesInThisOrder) {
 
 TEST_F(TableServerTest, StopSetsTheRowDoneToY) {
   Start();
-  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  const std::shared_ptr<Varnix::Table> done_table = DoneTable();
 
   server_->Stop();
 
@@ -621,7 +616,7 @@ TEST_F(TableServerTest, WriteToTheDonePipeThatTakesNothingIsAFailure) {
 
 TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatNeverAnswers) {
   Start();
-  const Client silent(server_->GetListenPort());
+  const Client silent(Port());
   ASSERT_EQ(silent.Receive(14), kRecordOfUid);
 
   server_->Stop();
@@ -632,7 +627,7 @@ TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatNeverAnswers) {
 
 TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatReceivesRows) {
   Start();
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
   peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
   ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
@@ -644,7 +639,7 @@ TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatReceivesRows) {
 
 TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
   Start();
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
   const std::size_t threads_of_server = 3;
   const EndOfThePeerThread end(calls_, NumberOfThreads() - threads_of_server);
@@ -668,7 +663,7 @@ TEST_F(TableServerTest, StopWaitsAlsoForThePeerThatItsOwnThreadAcceptsMeanwhile)
   calls_.Clear();
   calls_.OnCall([&, stopping = gettid()](const std::string& call) {
     if (call == "write(#4, D)") stop_has_begun = true;
-    if (call == "accept(#1, 16) = #7") {
+    if (call == "accept4(#1, 16, SOCK_CLOEXEC) = #7") {
       accepted.set_value();
       // Until the stop waits for this thread, or wrongly has done with the peers.
       const auto deadline = std::chrono::system_clock::now() + kDeadline;
@@ -678,28 +673,28 @@ TEST_F(TableServerTest, StopWaitsAlsoForThePeerThatItsOwnThreadAcceptsMeanwhile)
     }
     if (call == "close(#7)") end.Delay();
   });
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_TRUE(IsKept(accepted));
 
   server_->Stop();
 
-  EXPECT_THAT(calls_.Calls(), ElementsAre("accept(#1, 16) = #7", "write(#4, D)", "fcntl(#7, F_SETFD, FD_CLOEXEC)",
-                                          "close(#7)", "last peer thread ends", "close(#1)", "close(#2)", "close(#3)",
-                                          "close(#4)", "close(#5)", "close(#6)"));
+  EXPECT_THAT(calls_.Calls(),
+              ElementsAre("accept4(#1, 16, SOCK_CLOEXEC) = #7", "write(#4, D)", "close(#7)", "last peer thread ends",
+                          "close(#1)", "close(#2)", "close(#3)", "close(#4)", "close(#5)", "close(#6)"));
 }
 
 TEST_F(TableServerTest, StopSetsTheDoneRowBeforeItWaitsForItsOwnThreads) {
   Start();
-  const auto done_watcher = server_->GetDoneTable()->WatchAll();
+  const auto done_watcher = DoneTable()->WatchAll();
   std::promise<void> accepted;
   bool is_set = false;
   calls_.OnCall([&](const std::string& call) {
-    if (call != "accept(#1, 16) = #7") return;
+    if (call != "accept4(#1, 16, SOCK_CLOEXEC) = #7") return;
     accepted.set_value();
     const auto set = Varnix::MakeWatcherSet({done_watcher});
     is_set = set->WaitUntil(std::chrono::steady_clock::now() + kDeadline).second == done_watcher;
   });
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_TRUE(IsKept(accepted));
 
   server_->Stop();
@@ -717,7 +712,7 @@ TEST_F(TableServerTest, StopEndsAWriterThatAStalledPeerBlocksWhileTheHostFlushes
   });
   for (int i = 0; i < 30; ++i) send_table_->Set({"k" + std::to_string(i), std::string(1000000, 'v')});
   Start();
-  const Client stalled(server_->GetListenPort());
+  const Client stalled(Port());
   stalled.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
   ASSERT_TRUE(IsKept(blocked));
   std::atomic<int> flushes{0};
@@ -746,7 +741,7 @@ TEST_F(TableServerTest, StopEndsThePauseOfAReceiverAtOnce) {
     return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
   });
   Start();
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   peer.Answer();
   ASSERT_TRUE(IsKept(pausing));
 
@@ -783,8 +778,8 @@ TEST_F(ThrowingHookTest, IsHeardFromStopWhenTheDoneRowIsSet) {
 
 TEST_F(ThrowingHookTest, AtTheDoneRowKeepsNoStepFromBeingTaken) {
   Start();
-  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
-  const Client peer(server_->GetListenPort());
+  const std::shared_ptr<Varnix::Table> done_table = DoneTable();
+  const Client peer(Port());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
   peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
   ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
@@ -800,7 +795,7 @@ TEST_F(ThrowingHookTest, AtTheDoneRowKeepsNoStepFromBeingTaken) {
 
 TEST_F(ThrowingHookTest, ThatFindsNoMemoryAtTheDoneRowIsFollowedByWaitingForSome) {
   Start();
-  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  const std::shared_ptr<Varnix::Table> done_table = DoneTable();
   std::optional<FailingAllocation> failing;
   SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
     if (std::strcmp(tag, "tbl.set.ins") != 0) return;
@@ -818,7 +813,7 @@ TEST_F(ThrowingHookTest, ThatFindsNoMemoryAtTheDoneRowIsFollowedByWaitingForSome
 
 TEST_F(ThrowingHookTest, AtTheDonePipeKeepsNoStepFromBeingTaken) {
   Start();
-  const std::shared_ptr<Varnix::Table> done_table = server_->GetDoneTable();
+  const std::shared_ptr<Varnix::Table> done_table = DoneTable();
   ThrowAt("tblsvr.dest");
   Hooks().write.Set([](int descriptor, const void* bytes, std::size_t size) -> ssize_t {
     Hooks().write.Real(descriptor, bytes, size);
@@ -895,7 +890,7 @@ TEST_F(TableServerTest, FailedWriteToTheWakePipeIsLoggedAndTheServerGoesOn) {
   Hooks().write.Reset();
   EXPECT_THAT(log_.Lines("tblsvr.nwc"),
               ElementsAre(LogLine{LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed 11", ""}));
-  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
 }
 
 // Accepting.
@@ -923,7 +918,7 @@ TEST_F(TableServerTest, AcceptLoopWaitsForTheDonePipeFirstAndForConnectionsWitho
 TEST_F(TableServerTest, AcceptedConnectionIsServed) {
   Start();
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
 }
@@ -931,8 +926,8 @@ TEST_F(TableServerTest, AcceptedConnectionIsServed) {
 TEST_F(TableServerTest, ConnectionsAreServedSideBySide) {
   Start();
 
-  const Client one(server_->GetListenPort());
-  const Client other(server_->GetListenPort());
+  const Client one(Port());
+  const Client other(Port());
 
   EXPECT_EQ(one.Receive(14), kRecordOfUid);
   EXPECT_EQ(other.Receive(14), kRecordOfUid);
@@ -942,17 +937,17 @@ TEST_F(TableServerTest, AcceptedSocketIsClosedOnExecFromTheStart) {
   Start();
   calls_.Clear();
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
 
-  EXPECT_THAT(calls_.Calls(), ElementsAre("accept(#1, 16) = #7", "fcntl(#7, F_SETFD, FD_CLOEXEC)"));
+  EXPECT_THAT(calls_.Calls(), ElementsAre("accept4(#1, 16, SOCK_CLOEXEC) = #7"));
   EXPECT_EQ(fcntl(calls_.Descriptor(kAccepted), F_GETFD), FD_CLOEXEC);
 }
 
 TEST_F(TableServerTest, PeerIsConnectedBackToAtTheAddressItCameFrom) {
   Start();
 
-  const Client peer(server_->GetListenPort(), "127.0.0.2");
+  const Client peer(Port(), "127.0.0.2");
   peer.Answer();
 
   ASSERT_TRUE(log_.Eventually("tblrcvr.ctor"));
@@ -968,7 +963,7 @@ TEST_F(TableServerTest, InterruptedPollOfTheAcceptLoopIsRetriedSilently) {
 
   Start();
 
-  EXPECT_EQ(Client(server_->GetListenPort()).Receive(14), kRecordOfUid);
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
   EXPECT_THAT(log_.Lines("tblsvr.acc.poll"), IsEmpty());
   server_->Stop();  // Its threads count no further.
 }
@@ -990,7 +985,7 @@ TEST_F(TableServerTest, FailedPollOfTheAcceptLoopEndsTheProcess) {
 
 TEST_F(TableServerTest, StopWinsOverAWaitingConnection) {
   std::atomic<int> accepts{0};
-  Hooked accept(Hooks().accept, [&](int, sockaddr*, socklen_t*) {
+  Hooked accept4(Hooks().accept4, [&](int, sockaddr*, socklen_t*, int) {
     ++accepts;
     return FailWith{ECONNABORTED}();
   });
@@ -1010,7 +1005,7 @@ TEST_F(TableServerTest, StopWinsOverAWaitingConnection) {
 TEST_F(TableServerTest, AcceptLoopPollsAgainWhenTheListenerHasNoEvent) {
   std::atomic<int> polls{0};
   std::atomic<int> accepts{0};
-  Hooked accept(Hooks().accept, [&](int, sockaddr*, socklen_t*) {
+  Hooked accept4(Hooks().accept4, [&](int, sockaddr*, socklen_t*, int) {
     ++accepts;
     return FailWith{ECONNABORTED}();
   });
@@ -1031,10 +1026,11 @@ TEST_F(TableServerTest, AcceptLoopPollsAgainWhenTheListenerHasNoEvent) {
 
 TEST_F(TableServerTest, AnyEventOfTheListenerIsAConnection) {
   std::promise<void> accepted;
-  Hooked accept(Hooks().accept, [&, first = std::make_shared<std::atomic<bool>>(true)](int, sockaddr*, socklen_t*) {
-    if (first->exchange(false)) accepted.set_value();
-    return FailWith{ECONNABORTED}();
-  });
+  Hooked accept4(Hooks().accept4,
+                 [&, first = std::make_shared<std::atomic<bool>>(true)](int, sockaddr*, socklen_t*, int) {
+                   if (first->exchange(false)) accepted.set_value();
+                   return FailWith{ECONNABORTED}();
+                 });
   Hooked poll(Hooks().poll,
               [this, first = std::make_shared<std::atomic<bool>>(true)](pollfd* entries, nfds_t count, int time_out) {
                 if (!IsAcceptWait(entries, count) || !first->exchange(false))
@@ -1068,9 +1064,9 @@ TEST_F(TableServerTest, AnyEventOfTheDonePipeEndsTheAcceptLoop) {
 
 TEST_F(TableServerTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
   Start();
-  Hooks().accept.Set(FailOnce(Hooks().accept, ECONNABORTED));
+  Hooks().accept4.Set(FailOnce(Hooks().accept4, ECONNABORTED));
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
   EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
@@ -1083,11 +1079,11 @@ class FailedAcceptTest : public TableServerTest, public testing::WithParamInterf
   // The waits and accepts of the loop, up to the second accept.
   std::vector<std::string> Trace() {
     std::promise<void> accepted_again;
-    const auto fail_once = FailOnce(Hooks().accept, GetParam());
-    Hooks().accept.Set([&, accepts = 0](int descriptor, sockaddr* address, socklen_t* size) mutable {
+    const auto fail_once = FailOnce(Hooks().accept4, GetParam());
+    Hooks().accept4.Set([&, accepts = 0](int descriptor, sockaddr* address, socklen_t* size, int flags) mutable {
       trace_.emplace_back("accept");
       if (++accepts == 2) accepted_again.set_value();
-      return fail_once(descriptor, address, size);
+      return fail_once(descriptor, address, size, flags);
     });
     Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
       if (IsAcceptWait(entries, count)) trace_.emplace_back("wait");
@@ -1096,7 +1092,7 @@ class FailedAcceptTest : public TableServerTest, public testing::WithParamInterf
       return 0;
     });
     Start();
-    const Client peer(server_->GetListenPort());
+    const Client peer(Port());
     EXPECT_TRUE(IsKept(accepted_again));
     EXPECT_EQ(peer.Receive(14), kRecordOfUid);
     server_->Stop();
@@ -1137,9 +1133,9 @@ TEST_F(TableServerTest, StopEndsThePauseOfTheAcceptLoop) {
     if (++pauses == 1) pausing.set_value();
     return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
   });
-  Hooks().accept.Set(FailWith{EMFILE});
+  Hooks().accept4.Set(FailWith{EMFILE});
   Start();
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_TRUE(IsKept(pausing));
 
   server_->Stop();
@@ -1152,10 +1148,10 @@ TEST_F(TableServerTest, InterruptedPauseOfTheAcceptLoopIsOverlooked) {
     if (IsPause(entries, count)) return FailWith{EINTR}();
     return Hooks().poll.Real(entries, count, time_out);
   });
-  Hooks().accept.Set(FailOnce(Hooks().accept, EMFILE));
+  Hooks().accept4.Set(FailOnce(Hooks().accept4, EMFILE));
   Start();
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
   EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.poll")));
@@ -1167,7 +1163,7 @@ TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsLoggedAndClosed) {
   Start();
   Hooked start_thread(Hooks().start_thread, ThrowNoThread);
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_TRUE(peer.IsEnded());
   EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
@@ -1179,7 +1175,7 @@ TEST_F(TableServerTest, ConnectionForWhichThereIsNoMemoryIsLoggedAndClosed) {
   Start();
   Hooked start_thread(Hooks().start_thread, ThrowNoMemory);
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_TRUE(peer.IsEnded());
   EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
@@ -1191,7 +1187,7 @@ TEST_F(TableServerTest, PeerThreadReservesAQuarterOfAMebibyteForItsStack) {
   const StackSizesOfSenders sizes;
   Start();
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
   EXPECT_THAT(sizes.Get(), ElementsAre(AllOf(Ge(kSmallStack), Lt(kLargeStack))));
@@ -1204,7 +1200,7 @@ TEST_F(TableServerTest, PeerThreadGetsALargeStackInAHostWhoseThreadLocalObjectsD
     if (++*starts == 1) throw std::system_error(EINVAL, std::generic_category());
   });
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
   EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
@@ -1220,7 +1216,7 @@ TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsFollowedByAPauseOfThe
   Start();
   Hooked start_thread(Hooks().start_thread, ThrowNoThread);
 
-  EXPECT_TRUE(Client(server_->GetListenPort()).IsEnded());
+  EXPECT_TRUE(Client(Port()).IsEnded());
 
   std::future<int> pause = pausing.get_future();
   ASSERT_EQ(pause.wait_until(std::chrono::system_clock::now() + kDeadline), std::future_status::ready);
@@ -1232,10 +1228,10 @@ TEST_F(TableServerTest, ServerGoesOnAfterAConnectionForWhichThereWasNoThread) {
   Start();
   {
     Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    EXPECT_TRUE(Client(server_->GetListenPort()).IsEnded());
+    EXPECT_TRUE(Client(Port()).IsEnded());
   }
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
 }
@@ -1275,12 +1271,12 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   Start();
   std::vector<std::unique_ptr<Client>> peers;
   for (int i = 0; i < 48; ++i) {
-    peers.push_back(std::make_unique<Client>(server_->GetListenPort()));
+    peers.push_back(std::make_unique<Client>(Port()));
     ASSERT_EQ(peers.back()->Receive(14), kRecordOfUid);
   }
   EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.thread")));
 
-  const Client refused(server_->GetListenPort());
+  const Client refused(Port());
 
   EXPECT_TRUE(refused.IsEnded());
   EXPECT_THAT(log_.Lines("tblsvr.acc.thread"),
@@ -1289,7 +1285,7 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   peers.clear();
   EXPECT_TRUE(log_.Eventually("tblsndr.dtor", 48));
   const auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (Client(server_->GetListenPort()).Receive(14) != kRecordOfUid) {
+  while (Client(Port()).Receive(14) != kRecordOfUid) {
     ASSERT_LT(std::chrono::steady_clock::now(), end);  // The last of the threads counts until it is gone.
   }
 }
@@ -1352,7 +1348,7 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
 
 TEST_F(TableServerTest, PeerThatCannotBeConnectedBackToIsServedAllTheSame) {
   Start();
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   ASSERT_EQ(peer.Receive(14), kRecordOfUid);
   Hooked start_thread(Hooks().start_thread, ThrowNoThread);
 
@@ -1366,14 +1362,14 @@ TEST_F(TableServerTest, PeerThatCannotBeConnectedBackToIsServedAllTheSame) {
 TEST_F(TableServerTest, NextMessageOfAPeerTriesAgainToConnectBack) {
   Start();
   {
-    const Client peer(server_->GetListenPort());
+    const Client peer(Port());
     ASSERT_EQ(peer.Receive(14), kRecordOfUid);
     Hooked start_thread(Hooks().start_thread, ThrowNoThread);
     peer.Answer();
     ASSERT_TRUE(log_.Eventually("tblsvr.fnd.thread"));
   }
 
-  const Client peer(server_->GetListenPort());
+  const Client peer(Port());
   peer.Answer();
 
   EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
@@ -1383,14 +1379,13 @@ TEST_F(TableServerTest, NextMessageOfAPeerTriesAgainToConnectBack) {
 
 class TwoServersTest : public testing::Test {
  protected:
-  std::unique_ptr<TableServer> Make(const std::string& uid, const std::string& database) const {
-    return std::make_unique<TableServer>(uid, database, Varnix::MakeTable("r"), Varnix::MakeTable("s"), group_,
-                                         inet_addr("127.255.255.255"));
+  static StartedServer Make(const std::string& uid, const std::string& database) {
+    return {uid, database, Varnix::MakeTable("r"), Varnix::MakeTable("s")};
   }
   // Waits until `server` has found the other, and that it serves another database.
-  bool HasHeard(const TableServer& server, const TableServer& other) const {
-    const std::string text = "(" + AddressOf(&server) +
-                             ") aborting ReceiveTable for 2130706433:" + std::to_string(other.GetListenPort()) +
+  bool HasHeard(const StartedServer& server, const StartedServer& other) const {
+    const std::string text = "(" + AddressOf(server.Get()) +
+                             ") aborting ReceiveTable for 2130706433:" + std::to_string(other.Port()) +
                              " because connected to wrong table server";
     const auto heard = [&] {
       const std::vector<LogLine> lines = log_.Lines("tblsvr.fnd.rcv.abort.svr");
@@ -1404,31 +1399,30 @@ class TwoServersTest : public testing::Test {
   }
 
   LogRecorder log_;
-  const std::string group_ = "group of " + std::to_string(getpid());
 };
 
 TEST_F(TwoServersTest, OfTwoDatabasesShareTheDiscoveryPortAndHearEachOther) {
-  const auto first = Make("\3devproc", "first");
-  const auto second = Make("\3devproc", "second");
+  const StartedServer first = Make("\3devproc", "first");
+  const StartedServer second = Make("\3devproc", "second");
 
   first->NetworkChanged();  // Announces again: the second was not there the first time.
 
-  EXPECT_TRUE(HasHeard(*first, *second));
-  EXPECT_TRUE(HasHeard(*second, *first));
+  EXPECT_TRUE(HasHeard(first, second));
+  EXPECT_TRUE(HasHeard(second, first));
 }
 
 TEST_F(TwoServersTest, HavePortsOfTheirOwn) {
-  const auto first = Make("\3devproc", "first");
-  const auto second = Make("\3devproc", "second");
+  const StartedServer first = Make("\3devproc", "first");
+  const StartedServer second = Make("\3devproc", "second");
 
-  EXPECT_NE(first->GetListenPort(), second->GetListenPort());
+  EXPECT_NE(first.Port(), second.Port());
 }
 
 TEST_F(TwoServersTest, MayFollowOneAnotherForOneDatabase) {
-  Make("\3devproc", "first").reset();
+  Make("\3devproc", "first").Destroy();
 
-  const auto successor = Make("\3devproc", "first");
-  const auto other = Make("\3devproc", "second");
+  const StartedServer successor = Make("\3devproc", "first");
+  const StartedServer other = Make("\3devproc", "second");
 
-  EXPECT_TRUE(HasHeard(*successor, *other));
+  EXPECT_TRUE(HasHeard(successor, other));
 }

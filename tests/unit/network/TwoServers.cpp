@@ -12,13 +12,12 @@
 #include <thread>
 #include <utility>
 
-#include "SystemCallHooks.h"
 #include "logging/Log.h"
 #include "names/CombinedKey.h"
 #include "network/TableServer.h"
 #include "support/Entries.h"
 #include "support/FirstThread.h"
-#include "threads/Fork.h"
+#include "support/SystemCallHooks.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
@@ -40,9 +39,9 @@ const std::string kTable = std::string("\x18") + "table of the two servers";
 const std::string kPadding(20, ' ');
 
 // A server with its two tables.
-class Member {
+class Participant {
  public:
-  explicit Member(std::string process) : process_(std::move(process)) {}
+  explicit Participant(std::string process) : process_(std::move(process)) {}
 
   // Tries again while it is told that there is no thread or no memory to be had.
   void Start() {
@@ -94,8 +93,8 @@ bool MemoryIsLeft() {
 
 // Waits for a row that may not come before the fault is over; but until the fault strikes there is no reason why it
 // should not.
-void AwaitWhile(const Fault& fault, std::chrono::milliseconds patience, const Member& member, const std::string& key,
-                const std::string& value) {
+void AwaitWhile(const Fault& fault, std::chrono::milliseconds patience, const Participant& member,
+                const std::string& key, const std::string& value) {
   const auto deadline = std::chrono::system_clock::now() + 20s;
   while (!member.Gets(key, value, patience)) {
     if (fault.HasStruck() || std::chrono::system_clock::now() > deadline) return;
@@ -103,8 +102,8 @@ void AwaitWhile(const Fault& fault, std::chrono::milliseconds patience, const Me
 }
 
 bool MeetRestartAndStop(Fault& fault, std::chrono::milliseconds patience) {
-  Member left("left");
-  Member right("right");
+  Participant left("left");
+  Participant right("right");
   left.Set("left", "1");
   right.Set("right", "1");
   left.Start();
@@ -160,12 +159,11 @@ int PollQuickly(pollfd* entries, nfds_t count, int time_out) {
 Outcome RunTwoServers(long first, bool for_ever, std::chrono::milliseconds patience,
                       const std::function<void(Fault&)>& inject) {
   int ends[2];
-  EXPECT_EQ(Hooks().pipe.Real(ends), 0);
+  EXPECT_EQ(pipe(ends), 0);
   const pid_t child = fork();
   if (child == 0) {
     dup2(ends[1], STDERR_FILENO);
-    alarm(180);               // A hang is an end as well.
-    in_forked_child = false;  // This process is one of its own.
+    alarm(180);  // A hang is an end as well.
     StartAndEndAThread();
     static Fault& fault = *new Fault(first, for_ever);
     Hooks().poll.Set(PollQuickly);

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "logging/Log.h"
-#include "network/SystemCallHooks.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
+#include "support/SystemCallHooks.h"
 #include "tables/LWatcherSet.h"
 
 namespace {

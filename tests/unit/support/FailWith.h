@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "SystemCallHooks.h"
+#include "support/SystemCallHooks.h"
 
 // For a hook: a call that fails with `error`.
 struct FailWith {

@@ -1,4 +1,4 @@
-#include "SystemCallHooks.h"
+#include "support/SystemCallHooks.h"
 
 #include <pthread.h>
 
@@ -18,7 +18,7 @@ extern "C" {
 int __real_socket(int, int, int);
 int __real_bind(int, const sockaddr*, socklen_t);
 int __real_listen(int, int);
-int __real_accept(int, sockaddr*, socklen_t*);
+int __real_accept4(int, sockaddr*, socklen_t*, int);
 int __real_connect(int, const sockaddr*, socklen_t);
 int __real_poll(pollfd*, nfds_t, int);
 ssize_t __real_send(int, const void*, std::size_t, int);
@@ -28,7 +28,7 @@ ssize_t __real_recvfrom(int, void*, std::size_t, int, sockaddr*, socklen_t*);
 ssize_t __real_read(int, void*, std::size_t);
 ssize_t __real_write(int, const void*, std::size_t);
 int __real_fcntl(int, int, ...);
-int __real_pipe(int*);
+int __real_pipe2(int*, int);
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 int __real_getsockopt(int, int, int, void*, socklen_t*);
 int __real_getsockname(int, sockaddr*, socklen_t*);
@@ -52,7 +52,7 @@ SystemCallHooks& Hooks() {
       *new SystemCallHooks{decltype(SystemCallHooks::socket)(&__real_socket),
                            decltype(SystemCallHooks::bind)(&__real_bind),
                            decltype(SystemCallHooks::listen)(&__real_listen),
-                           decltype(SystemCallHooks::accept)(&__real_accept),
+                           decltype(SystemCallHooks::accept4)(&__real_accept4),
                            decltype(SystemCallHooks::connect)(&__real_connect),
                            decltype(SystemCallHooks::poll)(&__real_poll),
                            decltype(SystemCallHooks::send)(&__real_send),
@@ -62,7 +62,7 @@ SystemCallHooks& Hooks() {
                            decltype(SystemCallHooks::read)(&__real_read),
                            decltype(SystemCallHooks::write)(&__real_write),
                            decltype(SystemCallHooks::fcntl)(&__real_fcntl),
-                           decltype(SystemCallHooks::pipe)(&__real_pipe),
+                           decltype(SystemCallHooks::pipe2)(&__real_pipe2),
                            decltype(SystemCallHooks::setsockopt)(&__real_setsockopt),
                            decltype(SystemCallHooks::getsockopt)(&__real_getsockopt),
                            decltype(SystemCallHooks::getsockname)(&__real_getsockname),
@@ -83,8 +83,8 @@ int __wrap_bind(int descriptor, const sockaddr* address, socklen_t size) {
 
 int __wrap_listen(int descriptor, int backlog) { return Hooks().listen.Call(descriptor, backlog); }
 
-int __wrap_accept(int descriptor, sockaddr* address, socklen_t* size) {
-  return Hooks().accept.Call(descriptor, address, size);
+int __wrap_accept4(int descriptor, sockaddr* address, socklen_t* size, int flags) {
+  return Hooks().accept4.Call(descriptor, address, size, flags);
 }
 
 int __wrap_connect(int descriptor, const sockaddr* address, socklen_t size) {
@@ -127,7 +127,7 @@ int __wrap_fcntl(int descriptor, int command, ...) {
   return Hooks().fcntl.Call(descriptor, command, argument);
 }
 
-int __wrap_pipe(int* ends) { return Hooks().pipe.Call(ends); }
+int __wrap_pipe2(int* ends, int flags) { return Hooks().pipe2.Call(ends, flags); }
 
 int __wrap_setsockopt(int descriptor, int level, int option, const void* value, socklen_t size) {
   return Hooks().setsockopt.Call(descriptor, level, option, value, size);

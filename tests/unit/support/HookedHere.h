@@ -4,7 +4,7 @@
 #include <thread>
 #include <utility>
 
-#include "SystemCallHooks.h"
+#include "support/SystemCallHooks.h"
 
 // Sets a hook for the calls of the thread that makes this object, for the life of the object; all others make the real
 // call.

@@ -1,19 +1,22 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <system_error>
 
 #include "Expect.h"
-#include "SystemCallHooks.h"
 #include "databases/TableDecombiner.h"
 #include "logging/Log.h"
 #include "names/CombinedKey.h"
 #include "network/ActiveESNs.h"
-#include "network/TableServer.h"
+#include "network/Member.h"
+#include "network/PeerPlace.h"
+#include "support/Own.h"
+#include "support/SystemCallHooks.h"
+#include "tables/LocalTable.h"
 
 // Takes rows as a database does. It is emptied by a new start, because a database never forgets a row.
 class ReceivedRows final : public Varnix::Table {
@@ -28,22 +31,19 @@ class ReceivedRows final : public Varnix::Table {
   std::unique_ptr<TableDecombiner> tables_ = std::make_unique<TableDecombiner>("db");
 };
 
-// A table server that sends nothing and starts no thread for a peer, for a target to run the parts of on its own
-// thread.
-class QuietServer {
+// A member without a server, for a target to run the parts of one on its own thread.
+class QuietMember {
  public:
-  QuietServer()
-      : sendto_(Hooks().sendto, [](int, const void*, std::size_t size, int, const sockaddr*,
-                                   socklen_t) { return static_cast<ssize_t>(size); }),
-        server_(CombinedKey("device", "process"), "db", received_, SendTable(), "group", 0xFFFFFFFFU),
-        start_thread_(Hooks().start_thread, [this] {
-          ++peers_found_;
-          throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        }) {
+  QuietMember()
+      : member_{CombinedKey("device", "process"), "db", "group", received_, SendTable(), LocalTable::Make("done")} {
     SetLogHook({});
+    EXPECT_PROPERTY(pipe(done_) == 0);
+    member_.done_descriptor = done_[0];
+    member_.listen_port = 4712;
   }
 
-  TableServer& Server() { return server_; }
+  const Member& operator*() const { return member_; }
+  const FoundPeerCallback& FoundPeer() const { return found_peer_; }
   int PeersFound() const { return peers_found_; }
   void ForgetReceivedRows() { received_->Forget(); }
   std::shared_ptr<ActiveESNs> MakeESNs() const {
@@ -59,10 +59,12 @@ class QuietServer {
   }
 
   int peers_found_ = 0;
+  int done_[2];
   const std::shared_ptr<ReceivedRows> received_ = std::make_shared<ReceivedRows>();
-  Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> sendto_;
-  TableServer server_;
-  Hooked<void()> start_thread_;
+  Member member_;
+  const FoundPeerCallback found_peer_ = [this](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) {
+    ++peers_found_;
+  };
 };
 
 // A connected pair of sockets whose far end has sent `bytes` and nothing more.

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "HookedHere.h"
+#include "support/HookedHere.h"
 
 // The steady clock of this thread: it stands still at 0 until the test moves it.
 class FakeClock {

@@ -55,7 +55,7 @@ struct SystemCallHooks {
   Hook<int(int domain, int type, int protocol)> socket;
   Hook<int(int descriptor, const sockaddr* address, socklen_t size)> bind;
   Hook<int(int descriptor, int backlog)> listen;
-  Hook<int(int descriptor, sockaddr* address, socklen_t* size)> accept;
+  Hook<int(int descriptor, sockaddr* address, socklen_t* size, int flags)> accept4;
   Hook<int(int descriptor, const sockaddr* address, socklen_t size)> connect;
   Hook<int(pollfd* entries, nfds_t count, int time_out)> poll;
   Hook<ssize_t(int descriptor, const void* bytes, std::size_t size, int flags)> send;
@@ -67,7 +67,7 @@ struct SystemCallHooks {
   Hook<ssize_t(int descriptor, void* buffer, std::size_t size)> read;
   Hook<ssize_t(int descriptor, const void* bytes, std::size_t size)> write;
   Hook<int(int descriptor, int command, long argument)> fcntl;
-  Hook<int(int* ends)> pipe;
+  Hook<int(int* ends, int flags)> pipe2;
   Hook<int(int descriptor, int level, int option, const void* value, socklen_t size)> setsockopt;
   Hook<int(int descriptor, int level, int option, void* value, socklen_t* size)> getsockopt;
   Hook<int(int descriptor, sockaddr* address, socklen_t* size)> getsockname;

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+
+#include "threads/FileDescriptor.h"
+
+struct Member;
+
+// Accepts the connections of peers.
+//
+// Threads: one, the server's accept thread.
+// Errors: a poll that fails is logged and ends the process; all else is logged at most.
+class Acceptor {
+ public:
+  // Starts a thread that serves a peer, whose address is in host byte order: takes over the socket and returns 0, or
+  // returns an error number, with the socket left as it is.
+  using Incoming = std::function<int(FileDescriptor& socket, unsigned address)>;
+
+  Acceptor(const Member& member, int listener, Incoming incoming);
+
+  // Returns when the server stops.
+  void Run();
+
+ private:
+  void AcceptConnection();
+  void Serve(FileDescriptor socket, unsigned address);
+  void Pause(std::chrono::milliseconds length) const;
+
+  const Member& member_;
+  const int listener_;
+  const Incoming incoming_;
+};

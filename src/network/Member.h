@@ -1,0 +1,34 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <memory>
+#include <string>
+
+#include "logging/Log.h"
+#include "names/CombinedKey.h"
+
+class LocalTable;
+
+// Who we are in a group. A table server fills it in before it starts its threads; they only read it.
+struct Member {
+  std::string uid;  // CombinedKey(device, process).
+  std::string database;
+  std::string group;
+  std::shared_ptr<Varnix::Table> receive_table;  // Gets the rows that peers send.
+  std::shared_ptr<Varnix::Table> send_table;     // Its rows are sent to every peer that connects.
+  std::shared_ptr<LocalTable> done_table;        // Gets a row when the server stops; the threads that send watch it.
+  int done_descriptor = -1;                      // Readable from the moment the server stops. Polled, never read.
+  unsigned short listen_port = 0;                // Host byte order.
+  const void* server = nullptr;                  // Only printed: it tells the servers of a log apart.
+};
+
+// How every log line of a table server begins.
+#define VARNIX_TABLE_SERVER "TableServer for %.*s::%s::%s(%p)"
+
+// Logs a line that begins so. `format` is VARNIX_TABLE_SERVER and the rest, which `arguments` are for.
+template <class... Arguments>
+void LogOf(const Member& member, Varnix::LogLevel level, const char* tag, const char* format, Arguments... arguments) {
+  const PrintableKey uid(member.uid);
+  Log(level, tag, format, uid.name_length, uid.name, uid.key, member.database.c_str(), member.server, arguments...);
+}

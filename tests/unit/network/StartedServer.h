@@ -1,0 +1,36 @@
+#pragma once
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "network/PeerPlace.h"
+#include "network/TableServer.h"
+#include "support/HookedHere.h"
+
+// A server that announces itself on this host, in a group that no other process is in, and the port on which it listens.
+class StartedServer {
+ public:
+  StartedServer(const std::string& uid, const std::string& database, std::shared_ptr<Varnix::Table> received,
+                std::shared_ptr<Varnix::Table> sent) {
+    const HookedHere getsockname(Hooks().getsockname, [this](int descriptor, sockaddr* address, socklen_t* size) {
+      const int result = Hooks().getsockname.Real(descriptor, address, size);
+      port_ = ToPeerPlace(*reinterpret_cast<const sockaddr_in*>(address)).port;
+      return result;
+    });
+    server_ = std::make_unique<TableServer>(uid, database, std::move(received), std::move(sent),
+                                            "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"));
+  }
+
+  TableServer* operator->() const { return server_.get(); }
+  const TableServer* Get() const { return server_.get(); }
+  unsigned short Port() const { return port_; }
+  void Destroy() { server_.reset(); }
+
+ private:
+  unsigned short port_ = 0;
+  std::unique_ptr<TableServer> server_;
+};

@@ -1,0 +1,141 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "support/Own.h"
+#include "threads/FileDescriptor.h"
+
+namespace {
+
+bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; }
+
+FileDescriptor Open() { return Own(dup(STDERR_FILENO)); }
+
+// Whether `holds` in a child that is forked now.
+template <class Condition>
+bool HoldsInChild(Condition holds) {
+  const pid_t child = fork();
+  if (child == 0) _exit(holds() ? 0 : 1);
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+TEST(FileDescriptor, OwnsNothingAtFirst) {
+  const FileDescriptor none;
+
+  EXPECT_FALSE(none.IsOpen());
+  EXPECT_EQ(none.Get(), -1);
+}
+
+TEST(FileDescriptor, IsClosedWithItsOwner) {
+  int number = -1;
+  {
+    const FileDescriptor owner = Open();
+    number = owner.Get();
+    EXPECT_TRUE(IsOpen(number));
+  }
+
+  EXPECT_FALSE(IsOpen(number));
+}
+
+TEST(FileDescriptor, ThatIsClosedIsNotClosedAgain) {
+  FileDescriptor owner = Open();
+  const int number = owner.Get();
+  owner.Close();
+  ASSERT_EQ(dup2(STDERR_FILENO, number), number);  // The number is somebody else's now.
+
+  owner.Close();
+  owner = FileDescriptor();
+
+  EXPECT_TRUE(IsOpen(number));
+  close(number);
+}
+
+TEST(FileDescriptor, ThatIsMovedHasOneOwner) {
+  FileDescriptor first = Open();
+  const int number = first.Get();
+
+  FileDescriptor second(std::move(first));
+  FileDescriptor third = Open();
+  const int replaced = third.Get();
+  third = std::move(second);
+
+  EXPECT_FALSE(second.IsOpen());
+  EXPECT_EQ(third.Get(), number);
+  EXPECT_TRUE(IsOpen(number));
+  EXPECT_FALSE(IsOpen(replaced));
+}
+
+TEST(FileDescriptor, FailureOfTheSystemCallLeavesErrnoToTheCaller) {
+  errno = 0;
+
+  const FileDescriptor none = Own(dup(-1));
+
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_FALSE(none.IsOpen());
+}
+
+TEST(FileDescriptor, IsClosedInAForkedChildAndOpenInItsParent) {
+  FileDescriptor moved = Open();
+  const FileDescriptor first = Open();
+  FileDescriptor gone = Open();
+  const FileDescriptor second = Open();
+  const FileDescriptor third(std::move(moved));
+  gone.Close();
+
+  EXPECT_TRUE(HoldsInChild([&] { return !first.IsOpen() && !second.IsOpen() && !third.IsOpen(); }));
+  const int numbers[] = {first.Get(), second.Get(), third.Get()};
+  EXPECT_TRUE(HoldsInChild([&] { return !IsOpen(numbers[0]) && !IsOpen(numbers[1]) && !IsOpen(numbers[2]); }));
+  for (const int number : numbers) EXPECT_TRUE(IsOpen(number));
+}
+
+TEST(FileDescriptor, NumberThatIsTheHostsByNowIsLeftOpenInAForkedChild) {
+  FileDescriptor closed = Open();
+  const int number = closed.Get();
+  closed.Close();
+  ASSERT_EQ(dup2(STDERR_FILENO, number), number);
+
+  EXPECT_TRUE(HoldsInChild([&] { return IsOpen(number); }));
+  close(number);
+}
+
+TEST(FileDescriptor, ChildOpensAndForksAnew) {
+  const FileDescriptor of_parent = Open();
+
+  EXPECT_TRUE(HoldsInChild([&] {
+    const FileDescriptor own = Open();
+    const int number = own.Get();
+    return IsOpen(number) && HoldsInChild([&] { return !IsOpen(number); }) && IsOpen(number);
+  }));
+}
+
+TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
+  std::promise<void> making;
+  std::promise<void> forking;
+  std::optional<FileDescriptor> owner;
+  int number = -1;
+  std::thread maker([&] {
+    const NoFork no_fork;
+    number = dup(STDERR_FILENO);
+    making.set_value();
+    forking.get_future().wait_for(std::chrono::milliseconds(200));  // The longer, the surer that fork() waits.
+    owner.emplace(no_fork, number);
+  });
+  making.get_future().wait();
+
+  const bool closed = HoldsInChild([&] { return !IsOpen(number); });
+
+  forking.set_value();
+  maker.join();
+  EXPECT_TRUE(closed);
+}
