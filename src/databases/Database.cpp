@@ -12,12 +12,13 @@
 
 using Varnix::LogLevel;
 
-Database::Database(std::string database_name)
-    : combined(LocalTable::Make(InternalTableName("comb", database_name))),
-      decombiner(std::make_shared<TableDecombiner>(database_name)),
-      name(std::move(database_name)) {
+Database::Database(std::string name)
+    : combined_(LocalTable::Make(InternalTableName("comb", name))),
+      decombiner_(std::make_shared<TableDecombiner>(name)),
+      name_(std::move(name)) {
   Log(LogLevel::Debug, "tblcmbn.ctor", "DB(%p) constructed: %s -> combined: %p decombiner: %p",
-      static_cast<void*>(this), name.c_str(), static_cast<void*>(combined.get()), static_cast<void*>(decombiner.get()));
+      static_cast<void*>(this), name_.c_str(), static_cast<void*>(combined_.get()),
+      static_cast<void*>(decombiner_.get()));
 }
 
 Database::~Database() {
@@ -26,11 +27,11 @@ Database::~Database() {
     Log(LogLevel::Debug, "tblcmbn.dtor", "DB(%p) destructed", static_cast<void*>(this));
   } catch (...) {
   }
-  server.reset();
+  server_.reset();
 }
 
 std::shared_ptr<Varnix::Table> Database::MakeTable(const std::string& table) {
-  auto combiner = std::make_shared<TableCombiner>(combined, decombiner->GetTable(table), table);
+  auto combiner = std::make_shared<TableCombiner>(combined_, decombiner_->GetTable(table), table);
   Log(LogLevel::Debug, "tblcmbn.make", "DB(%p) MakeTable %s -> %p", static_cast<void*>(this), table.c_str(),
       static_cast<void*>(combiner.get()));
   return combiner;
@@ -42,36 +43,36 @@ void Database::SetSharing(const SharingSettings& settings) {
   SharingSettings stored = settings;
   if (stored.broadcast_address == 0) stored.broadcast_address = std::numeric_limits<unsigned>::max();
 
-  MutexLock guard(lock);
-  sharing = std::move(stored);
+  MutexLock lock(lock_);
+  sharing_ = std::move(stored);
   StopServer();
-  if (sharing_ended || in_forked_child) return;
-  server = std::make_unique<TableServer>(CombinedKey(sharing.device, sharing.process), name, decombiner, combined,
-                                         sharing.group, sharing.broadcast_address);
+  if (sharing_ended_ || in_forked_child) return;
+  server_ = std::make_unique<TableServer>(CombinedKey(sharing_.device, sharing_.process), name_, decombiner_, combined_,
+                                          sharing_.group, sharing_.broadcast_address);
   Log(LogLevel::Debug, "tblcmbn.sharing.svr", "DB(%p) SetSharing -> server=%p", static_cast<void*>(this),
-      static_cast<void*>(server.get()));
+      static_cast<void*>(server_.get()));
 }
 
 bool Database::GetSharing(SharingSettings& settings) {
-  MutexLock guard(lock);
-  if (!server) return false;
-  settings = sharing;
+  MutexLock lock(lock_);
+  if (!server_) return false;
+  settings = sharing_;
   return true;
 }
 
 void Database::NetworkChanged() {
-  MutexLock guard(lock);
-  if (server && !in_forked_child) server->NetworkChanged();
+  MutexLock lock(lock_);
+  if (server_ && !in_forked_child) server_->NetworkChanged();
 }
 
 void Database::EndSharing() {
-  MutexLock guard(lock);
-  sharing_ended = true;
-  server.reset();
+  MutexLock lock(lock_);
+  sharing_ended_ = true;
+  server_.reset();
 }
 
 void Database::StopServer() {
-  std::unique_ptr<TableServer> stopping = std::move(server);
+  std::unique_ptr<TableServer> stopping = std::move(server_);
   if (in_forked_child) {
     static_cast<void>(stopping.release());  // It is the parent's: its threads are not here, its pipes are.
   } else if (stopping) {

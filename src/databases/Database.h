@@ -23,33 +23,33 @@ struct SharingSettings {
 // Threads: any. The database lock comes after the cache lock and before those of the decombiner and the tables.
 class Database {
  public:
-  explicit Database(std::string database_name);
+  explicit Database(std::string name);
   // Stops sharing. Nobody else may be using the database any more.
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   std::shared_ptr<Varnix::Table> MakeTable(const std::string& table);
-  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner->GetTableTable(); }
+  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner_->GetTableTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
   // A forked child only stores the settings: it cannot share.
   // Errors: on an exception the new settings are stored and there is no server, unless only the last log line failed.
-  void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock);
+  void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   // False, with nothing written, while there is no server.
-  bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock);
-  void NetworkChanged() VARNIX_EXCLUDES(lock);
+  bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock_);
+  void NetworkChanged() VARNIX_EXCLUDES(lock_);
   // Stops the server for good: from now on settings are stored, but nothing is shared. For a process that exits.
-  void EndSharing() VARNIX_EXCLUDES(lock);
+  void EndSharing() VARNIX_EXCLUDES(lock_);
 
  private:
-  void StopServer() VARNIX_REQUIRES(lock);
+  void StopServer() VARNIX_REQUIRES(lock_);
 
-  const std::shared_ptr<Varnix::Table> combined;
-  const std::shared_ptr<TableDecombiner> decombiner;
-  std::unique_ptr<TableServer> server VARNIX_GUARDED_BY(lock);
-  const std::string name;
-  Mutex lock;
-  SharingSettings sharing VARNIX_GUARDED_BY(lock);
-  bool sharing_ended VARNIX_GUARDED_BY(lock) = false;
+  const std::shared_ptr<Varnix::Table> combined_;
+  const std::shared_ptr<TableDecombiner> decombiner_;
+  std::unique_ptr<TableServer> server_ VARNIX_GUARDED_BY(lock_);
+  const std::string name_;
+  Mutex lock_;
+  SharingSettings sharing_ VARNIX_GUARDED_BY(lock_);
+  bool sharing_ended_ VARNIX_GUARDED_BY(lock_) = false;
 };

@@ -19,20 +19,20 @@ struct Holder {
 // Releases the cache at process exit.
 class ReleaseAtExit {
  public:
-  explicit ReleaseAtExit(Holder& released) : holder(released) {}
+  explicit ReleaseAtExit(Holder& released) : holder_(released) {}
   ~ReleaseAtExit() {
     if (in_forked_child) return;  // It has copies of the servers, but none of their threads.
     std::shared_ptr<DatabaseCache> cache;
     {
-      MutexLock guard(holder.lock);
-      cache.swap(holder.cache);
+      MutexLock lock(holder_.lock);
+      cache.swap(holder_.cache);
     }
     // Whoever still has a copy destroys the cache later. But no stream may be left when stdio flushes all of them.
     if (cache.use_count() > 1) cache->EndSharing();
   }
 
  private:
-  Holder& holder;
+  Holder& holder_;
 };
 
 }  // namespace
@@ -40,7 +40,7 @@ class ReleaseAtExit {
 std::shared_ptr<DatabaseCache> DatabaseCache::Instance() {
   static Holder& holder = *new Holder{{}, std::make_shared<DatabaseCache>()};
   static ReleaseAtExit release_at_exit(holder);
-  MutexLock guard(holder.lock);
+  MutexLock lock(holder.lock);
   if (!holder.cache) {
     auto late = std::make_shared<DatabaseCache>();
     late->EndSharing();
@@ -49,16 +49,16 @@ std::shared_ptr<DatabaseCache> DatabaseCache::Instance() {
   return holder.cache;
 }
 
-DatabaseCache::DatabaseCache() : database_table(LocalTable::Make(InternalTableName("dbtbl", "main"))) {}
+DatabaseCache::DatabaseCache() : database_table_(LocalTable::Make(InternalTableName("dbtbl", "main"))) {}
 
 std::shared_ptr<Database> DatabaseCache::GetDatabase(const std::string& name) {
-  MutexLock guard(lock);
-  const auto [entry, absent] = databases.try_emplace(name);
+  MutexLock lock(lock_);
+  const auto [entry, absent] = databases_.try_emplace(name);
   if (absent) {
     try {
       entry->second = MakeDatabase(name);
     } catch (...) {
-      databases.erase(entry);
+      databases_.erase(entry);
       throw;
     }
   }
@@ -67,24 +67,24 @@ std::shared_ptr<Database> DatabaseCache::GetDatabase(const std::string& name) {
 
 std::shared_ptr<Database> DatabaseCache::MakeDatabase(const std::string& name) {
   auto database = std::make_shared<Database>(name);
-  if (sharing_ended) database->EndSharing();
-  database_table->Set({name, ""});
+  if (sharing_ended_) database->EndSharing();
+  database_table_->Set({name, ""});
   return database;
 }
 
 std::shared_ptr<Database> DatabaseCache::FindDatabase(const std::string& name) {
-  MutexLock guard(lock);
-  const auto found = databases.find(name);
-  return found == databases.end() ? nullptr : found->second;
+  MutexLock lock(lock_);
+  const auto found = databases_.find(name);
+  return found == databases_.end() ? nullptr : found->second;
 }
 
 void DatabaseCache::NetworkChanged() {
-  MutexLock guard(lock);
-  for (const auto& [name, database] : databases) database->NetworkChanged();
+  MutexLock lock(lock_);
+  for (const auto& [name, database] : databases_) database->NetworkChanged();
 }
 
 void DatabaseCache::EndSharing() {
-  MutexLock guard(lock);
-  sharing_ended = true;
-  for (const auto& [name, database] : databases) database->EndSharing();
+  MutexLock lock(lock_);
+  sharing_ended_ = true;
+  for (const auto& [name, database] : databases_) database->EndSharing();
 }

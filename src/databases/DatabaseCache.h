@@ -22,19 +22,19 @@ class DatabaseCache {
 
   DatabaseCache();
 
-  std::shared_ptr<Database> GetDatabase(const std::string& name) VARNIX_EXCLUDES(lock);
+  std::shared_ptr<Database> GetDatabase(const std::string& name) VARNIX_EXCLUDES(lock_);
   // Null if nobody has asked for it yet.
-  std::shared_ptr<Database> FindDatabase(const std::string& name) VARNIX_EXCLUDES(lock);
-  const std::shared_ptr<Varnix::Table>& GetDatabaseTable() const { return database_table; }
-  void NetworkChanged() VARNIX_EXCLUDES(lock);
+  std::shared_ptr<Database> FindDatabase(const std::string& name) VARNIX_EXCLUDES(lock_);
+  const std::shared_ptr<Varnix::Table>& GetDatabaseTable() const { return database_table_; }
+  void NetworkChanged() VARNIX_EXCLUDES(lock_);
   // No database, present or future, shares from now on.
-  void EndSharing() VARNIX_EXCLUDES(lock);
+  void EndSharing() VARNIX_EXCLUDES(lock_);
 
  private:
-  std::shared_ptr<Database> MakeDatabase(const std::string& name) VARNIX_REQUIRES(lock);
+  std::shared_ptr<Database> MakeDatabase(const std::string& name) VARNIX_REQUIRES(lock_);
 
-  std::unordered_map<std::string, std::shared_ptr<Database>> databases VARNIX_GUARDED_BY(lock);
-  Mutex lock;
-  const std::shared_ptr<Varnix::Table> database_table;
-  bool sharing_ended VARNIX_GUARDED_BY(lock) = false;
+  std::unordered_map<std::string, std::shared_ptr<Database>> databases_ VARNIX_GUARDED_BY(lock_);
+  Mutex lock_;
+  const std::shared_ptr<Varnix::Table> database_table_;
+  bool sharing_ended_ VARNIX_GUARDED_BY(lock_) = false;
 };

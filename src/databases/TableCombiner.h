@@ -13,16 +13,15 @@
 // Threads: any; takes no lock of its own.
 class TableCombiner final : public Varnix::Table {
  public:
-  TableCombiner(std::shared_ptr<Varnix::Table> combined_table, std::shared_ptr<Varnix::Table> local_copy,
-                std::string table_name);
+  TableCombiner(std::shared_ptr<Varnix::Table> combined, std::shared_ptr<Varnix::Table> local, std::string name);
 
   void Set(const Varnix::Row& row) override;
   std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override;
   std::shared_ptr<Varnix::Watcher> WatchAll() override;
 
  private:
-  const std::shared_ptr<Varnix::Table> combined;
-  const std::shared_ptr<Varnix::Table> local;
-  const std::string name;
-  Spare<Varnix::Row> combined_row;
+  const std::shared_ptr<Varnix::Table> combined_;
+  const std::shared_ptr<Varnix::Table> local_;
+  const std::string name_;
+  Spare<Varnix::Row> combined_row_;
 };

@@ -10,11 +10,11 @@
 
 using Varnix::LogLevel;
 
-TableDecombiner::TableDecombiner(std::string database_name)
-    : database(std::move(database_name)), table_table(LocalTable::Make(InternalTableName("tbltbl", database))) {}
+TableDecombiner::TableDecombiner(std::string database)
+    : database_(std::move(database)), table_table_(LocalTable::Make(InternalTableName("tbltbl", database_))) {}
 
 void TableDecombiner::Set(const Varnix::Row& row) {
-  std::unique_ptr<SplitRow> split = split_row.Take();
+  std::unique_ptr<SplitRow> split = split_row_.Take();
   auto& [name, plain] = *split;
   const SplitKey parts(row.first);
   name = parts.name;
@@ -27,7 +27,7 @@ void TableDecombiner::Set(const Varnix::Row& row) {
   EmptyForReuse(name);
   EmptyForReuse(plain.first);
   EmptyForReuse(plain.second);
-  split_row.GiveBack(std::move(split));
+  split_row_.GiveBack(std::move(split));
 }
 
 std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { return nullptr; }
@@ -35,14 +35,14 @@ std::shared_ptr<Varnix::Watcher> TableDecombiner::Watch(const std::string&) { re
 std::shared_ptr<Varnix::Watcher> TableDecombiner::WatchAll() { return nullptr; }
 
 std::shared_ptr<Varnix::Table> TableDecombiner::GetTable(const std::string& name) {
-  MutexLock guard(lock);
-  const auto [entry, absent] = tables.try_emplace(name);
+  MutexLock lock(lock_);
+  const auto [entry, absent] = tables_.try_emplace(name);
   if (!absent) return entry->second;
   try {
-    entry->second = LocalTable::Make(InternalTableName("out_" + name, database));
-    table_table->Set({name, ""});
+    entry->second = LocalTable::Make(InternalTableName("out_" + name, database_));
+    table_table_->Set({name, ""});
   } catch (...) {
-    tables.erase(entry);
+    tables_.erase(entry);
     throw;
   }
   // From here on the table is made and listed, also if the log hook throws.

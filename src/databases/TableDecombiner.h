@@ -15,27 +15,27 @@
 // Threads: any. The decombiner lock comes before the table lock; it is not held while a row is set into a local copy.
 class TableDecombiner final : public Varnix::Table {
  public:
-  explicit TableDecombiner(std::string database_name);
+  explicit TableDecombiner(std::string database);
 
-  void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock);
+  void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock_);
   // Nobody watches the way in: both return null.
   std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override;
   std::shared_ptr<Varnix::Watcher> WatchAll() override;
 
   // The local copy of the named shared table.
-  std::shared_ptr<Varnix::Table> GetTable(const std::string& name) VARNIX_EXCLUDES(lock);
+  std::shared_ptr<Varnix::Table> GetTable(const std::string& name) VARNIX_EXCLUDES(lock_);
   // The table that has one row (name, "") for each of them.
-  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return table_table; }
+  const std::shared_ptr<Varnix::Table>& GetTableTable() const { return table_table_; }
 
  private:
-  Mutex lock;
-  const std::string database;
-  std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables VARNIX_GUARDED_BY(lock);
-  const std::shared_ptr<Varnix::Table> table_table;
+  Mutex lock_;
+  const std::string database_;
+  std::unordered_map<std::string, std::shared_ptr<Varnix::Table>> tables_ VARNIX_GUARDED_BY(lock_);
+  const std::shared_ptr<Varnix::Table> table_table_;
 
   struct SplitRow {
     std::string name;
     Varnix::Row plain;
   };
-  Spare<SplitRow> split_row;
+  Spare<SplitRow> split_row_;
 };

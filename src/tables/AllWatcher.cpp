@@ -3,43 +3,43 @@
 #include <iterator>
 #include <utility>
 
-LocalTable::AllWatcher::AllWatcher(std::shared_ptr<LocalTable> watched, Position first) noexcept
-    : LWatcher(std::move(watched)), cursor(first) {}
+LocalTable::AllWatcher::AllWatcher(std::shared_ptr<LocalTable> table, Position first) noexcept
+    : LWatcher(std::move(table)), cursor_(first) {}
 
 LocalTable::AllWatcher::~AllWatcher() VARNIX_NO_LOCK_ANALYSIS {
   destruction_lock_.lock();
-  table->all_watchers.erase(this);
+  table_->all_watchers_.erase(this);
 }
 
 std::vector<Varnix::Row> LocalTable::AllWatcher::GetChanges() {
   MutexLock lock(table_lock);
   if (Empty()) return {};
   // Copied before anything moves: a failed copy must not lose the change.
-  std::vector<Varnix::Row> changes{cursor->content};
-  ++cursor;
+  std::vector<Varnix::Row> changes{cursor_->content};
+  ++cursor_;
   if (Empty()) NotifyListeners(true);
   return changes;
 }
 
 void LocalTable::AllWatcher::RowInserted(Position position) {
   if (!Empty()) return;  // The new row lies behind the cursor anyway.
-  cursor = position;
+  cursor_ = position;
   NotifyListeners(false);
 }
 
 void LocalTable::AllWatcher::RowUpdated(Position position) {
   if (Empty()) {
-    cursor = position;
+    cursor_ = position;
     NotifyListeners(false);
-  } else if (cursor == position && std::next(position) != table->rows.end()) {
-    ++cursor;  // The updated row will be met again at the end.
+  } else if (cursor_ == position && std::next(position) != table_->rows_.end()) {
+    ++cursor_;  // The updated row will be met again at the end.
   }
 }
 
-bool LocalTable::AllWatcher::Empty() const { return cursor == table->rows.end(); }
+bool LocalTable::AllWatcher::Empty() const { return cursor_ == table_->rows_.end(); }
 
 Varnix::Row LocalTable::AllWatcher::Take() {
-  Varnix::Row row = cursor->content;
-  ++cursor;
+  Varnix::Row row = cursor_->content;
+  ++cursor_;
   return row;
 }

@@ -9,7 +9,7 @@
 class LocalTable::AllWatcher final : public LWatcher {
  public:
   // `first` is the first row to report.
-  AllWatcher(std::shared_ptr<LocalTable> watched, Position first) noexcept;
+  AllWatcher(std::shared_ptr<LocalTable> table, Position first) noexcept;
   ~AllWatcher() override;
 
   std::vector<Varnix::Row> GetChanges() override VARNIX_EXCLUDES(table_lock);
@@ -19,5 +19,5 @@ class LocalTable::AllWatcher final : public LWatcher {
   Varnix::Row Take() override VARNIX_REQUIRES(table_lock);
 
  private:
-  Position cursor VARNIX_GUARDED_BY(table_lock);  // The next row to report.
+  Position cursor_ VARNIX_GUARDED_BY(table_lock);  // The next row to report.
 };

@@ -3,57 +3,57 @@
 #include <algorithm>
 #include <utility>
 
-LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key,
-                                   Position current) noexcept VARNIX_NO_LOCK_ANALYSIS
-    : LWatcher(std::move(watched)),
-      row(current),
-      key(std::move(watched_key)),
-      changed(row != table->rows.end()) {}
+LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> table, std::string key,
+                                   Position row) noexcept VARNIX_NO_LOCK_ANALYSIS
+    : LWatcher(std::move(table)),
+      row_(row),
+      key_(std::move(key)),
+      changed_(row_ != table_->rows_.end()) {}
 
 LocalTable::KeyWatcher::~KeyWatcher() VARNIX_NO_LOCK_ANALYSIS {
   destruction_lock_.lock();
-  const auto [first, last] = table->key_watchers.equal_range(key);
+  const auto [first, last] = table_->key_watchers_.equal_range(key_);
   const auto entry = std::find_if(first, last, [this](const auto& other) { return other.second == this; });
   if (entry == last) return;
-  table->key_watchers.erase(entry);
-  if (row != table->rows.end()) --row->key_watcher_count;
+  table_->key_watchers_.erase(entry);
+  if (row_ != table_->rows_.end()) --row_->key_watcher_count;
 }
 
 void LocalTable::KeyWatcher::Enter() {
-  table->key_watchers.emplace(key, this);
-  if (row != table->rows.end()) ++row->key_watcher_count;
+  table_->key_watchers_.emplace(key_, this);
+  if (row_ != table_->rows_.end()) ++row_->key_watcher_count;
 }
 
 std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
   MutexLock lock(table_lock);
   if (Empty()) return {};
   // Copied before the flag falls: a failed copy must not lose the change.
-  std::vector<Varnix::Row> changes{row->content};
-  changed = false;
+  std::vector<Varnix::Row> changes{row_->content};
+  changed_ = false;
   NotifyListeners(true);
   return changes;
 }
 
 void LocalTable::KeyWatcher::RowInserted(Position position) {
-  if (position->content.first != key) return;
-  row = position;
-  ++row->key_watcher_count;
+  if (position->content.first != key_) return;
+  row_ = position;
+  ++row_->key_watcher_count;
   Changed();
 }
 
 void LocalTable::KeyWatcher::RowUpdated(Position position) {
-  if (position == row) Changed();
+  if (position == row_) Changed();
 }
 
 void LocalTable::KeyWatcher::Changed() {
-  changed = true;
+  changed_ = true;
   NotifyListeners(false);
 }
 
-bool LocalTable::KeyWatcher::Empty() const { return !changed; }
+bool LocalTable::KeyWatcher::Empty() const { return !changed_; }
 
 Varnix::Row LocalTable::KeyWatcher::Take() {
-  Varnix::Row taken = row->content;
-  changed = false;
+  Varnix::Row taken = row_->content;
+  changed_ = false;
   return taken;
 }

@@ -10,8 +10,8 @@
 // changes.
 class LocalTable::KeyWatcher final : public LWatcher {
  public:
-  // `current` is the row that the key has, or the end of the table's rows.
-  KeyWatcher(std::shared_ptr<LocalTable> watched, std::string watched_key, Position current) noexcept;
+  // `row` is that of the key, or the end of the table's rows.
+  KeyWatcher(std::shared_ptr<LocalTable> table, std::string key, Position row) noexcept;
   ~KeyWatcher() override;
 
   // Enters this into the table's list of those that watch a key; the destructor takes it out.
@@ -26,7 +26,7 @@ class LocalTable::KeyWatcher final : public LWatcher {
  private:
   void Changed() VARNIX_REQUIRES(table_lock);
 
-  Position row VARNIX_GUARDED_BY(table_lock);
-  const std::string key;
-  bool changed VARNIX_GUARDED_BY(table_lock);
+  Position row_ VARNIX_GUARDED_BY(table_lock);
+  const std::string key_;
+  bool changed_ VARNIX_GUARDED_BY(table_lock);
 };

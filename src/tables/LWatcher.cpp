@@ -7,20 +7,20 @@
 #undef NDEBUG  // The one assertion of the library holds in every build.
 #include <assert.h>
 
-LocalTable::LWatcher::LWatcher(std::shared_ptr<LocalTable> watched) noexcept
-    : destruction_lock_(table_lock, std::defer_lock), table(std::move(watched)) {}
+LocalTable::LWatcher::LWatcher(std::shared_ptr<LocalTable> table) noexcept
+    : destruction_lock_(table_lock, std::defer_lock), table_(std::move(table)) {}
 
 LocalTable::LWatcher::~LWatcher() VARNIX_NO_LOCK_ANALYSIS {
   // What assert() does, in words that do not move with this file: field logs are searched for them.
   if (!destruction_lock_) __assert_fail("destruction_lock_", "src/Varnix", 150, __PRETTY_FUNCTION__);
-  table->watchers.erase(this);
+  table_->watchers_.erase(this);
 }
 
-void LocalTable::LWatcher::AddListener(WatcherSetListener* listener) { listeners.insert(listener); }
+void LocalTable::LWatcher::AddListener(WatcherSetListener* listener) { listeners_.insert(listener); }
 
-void LocalTable::LWatcher::RemoveListener(WatcherSetListener* listener) { listeners.erase(listener); }
+void LocalTable::LWatcher::RemoveListener(WatcherSetListener* listener) { listeners_.erase(listener); }
 
 void LocalTable::LWatcher::NotifyListeners(bool empty) {
   // The reference taken here is never the last: the sets that listen own this watcher.
-  for (WatcherSetListener* listener : listeners) listener->WatcherChanged(shared_from_this(), empty);
+  for (WatcherSetListener* listener : listeners_) listener->WatcherChanged(shared_from_this(), empty);
 }

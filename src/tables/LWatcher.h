@@ -13,7 +13,7 @@
 // a thread that holds it. Everything else needs it held, and neither throws nor allocates, but for the copy in Take().
 class LocalTable::LWatcher : public Varnix::Watcher, public std::enable_shared_from_this<LWatcher> {
  public:
-  explicit LWatcher(std::shared_ptr<LocalTable> watched) noexcept;
+  explicit LWatcher(std::shared_ptr<LocalTable> table) noexcept;
   // The destructor of each concrete watcher has locked destruction_lock_ before any of its fields died, so that Set()
   // on another thread never calls a half-destroyed watcher.
   ~LWatcher() override;
@@ -33,8 +33,8 @@ class LocalTable::LWatcher : public Varnix::Watcher, public std::enable_shared_f
  protected:
   // Destroyed in reverse: the lock goes last, after the table, which may end with its last watcher.
   std::unique_lock<std::mutex> destruction_lock_;
-  const std::shared_ptr<LocalTable> table;
+  const std::shared_ptr<LocalTable> table_;
 
  private:
-  std::unordered_set<WatcherSetListener*> listeners VARNIX_GUARDED_BY(table_lock);
+  std::unordered_set<WatcherSetListener*> listeners_ VARNIX_GUARDED_BY(table_lock);
 };

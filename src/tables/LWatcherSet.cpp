@@ -9,8 +9,8 @@ std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
   MutexLock lock(table_lock);
   set = std::make_shared<LWatcherSet>();
   // Room for all in both: moving a member from one to the other then never allocates.
-  set->idle.reserve(watchers.size());
-  set->ready.reserve(watchers.size());
+  set->idle_.reserve(watchers.size());
+  set->ready_.reserve(watchers.size());
   for (const std::shared_ptr<Varnix::Watcher>& watcher : watchers) {
     if (const auto local = std::dynamic_pointer_cast<LWatcher>(watcher)) set->Add(local);
   }
@@ -19,20 +19,20 @@ std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
 
 LocalTable::LWatcherSet::~LWatcherSet() {
   MutexLock lock(table_lock);
-  for (const std::shared_ptr<LWatcher>& member : idle) member->RemoveListener(this);
-  for (const std::shared_ptr<LWatcher>& member : ready) member->RemoveListener(this);
+  for (const std::shared_ptr<LWatcher>& member : idle_) member->RemoveListener(this);
+  for (const std::shared_ptr<LWatcher>& member : ready_) member->RemoveListener(this);
 }
 
 void LocalTable::LWatcherSet::Add(const std::shared_ptr<LWatcher>& watcher) {
-  (watcher->Empty() ? idle : ready).insert(watcher);
+  (watcher->Empty() ? idle_ : ready_).insert(watcher);
   watcher->AddListener(this);
 }
 
 void LocalTable::LWatcherSet::WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) {
-  Members& from = empty ? ready : idle;
-  Members& to = empty ? idle : ready;
+  Members& from = empty ? ready_ : idle_;
+  Members& to = empty ? idle_ : ready_;
   to.insert(from.extract(watcher));
-  if (!empty) cond.notify_one();
+  if (!empty) cond_.notify_one();
 }
 
 LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
@@ -41,19 +41,19 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
   struct WakeNext {
     LWatcherSet& set;
     ~WakeNext() VARNIX_NO_LOCK_ANALYSIS {
-      if (!set.ready.empty()) set.cond.notify_one();
+      if (!set.ready_.empty()) set.cond_.notify_one();
     }
   } wake_next{*this};
-  const std::shared_ptr<LWatcher> member = *ready.begin();
+  const std::shared_ptr<LWatcher> member = *ready_.begin();
   Varnix::Row row = member->Take();
   if (member->Empty()) member->NotifyListeners(true);  // All its sets: no other may take from it either.
-  return {std::move(row), member, !ready.empty()};
+  return {std::move(row), member, !ready_.empty()};
 }
 
 std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::Wait() {
   const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
-  while (ready.empty()) cond.wait(lock.ForWaiting());
+  while (ready_.empty()) cond_.wait(lock.ForWaiting());
   Next next = TakeNext();
   return {std::move(next.row), std::move(next.watcher)};
 }
@@ -70,10 +70,10 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeUntil(
   constexpr std::chrono::hours kLongestSleep(24);
   const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
-  while (ready.empty()) {
+  while (ready_.empty()) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return {};
-    cond.wait_until(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
+    cond_.wait_until(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
   }
   return TakeNext();
 }

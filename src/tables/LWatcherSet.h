@@ -48,7 +48,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   Next TakeNext() VARNIX_REQUIRES(table_lock);
 
   // Destroyed without the table lock: dropping the members may destroy them, and then their tables.
-  Members idle VARNIX_GUARDED_BY(table_lock);
-  Members ready VARNIX_GUARDED_BY(table_lock);
-  std::condition_variable cond;
+  Members idle_ VARNIX_GUARDED_BY(table_lock);
+  Members ready_ VARNIX_GUARDED_BY(table_lock);
+  std::condition_variable cond_;
 };

@@ -19,15 +19,15 @@ std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> LocalTable::
   MutexLock lock(table_lock);
   std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> named;
   for (std::shared_ptr<LocalTable>& table : LocalTableRegistry::Alive()) {
-    named.emplace_back(table->name, std::move(table));
+    named.emplace_back(table->name_, std::move(table));
   }
   return named;
 }
 
-LocalTable::LocalTable(std::string table_name) : name(std::move(table_name)) {
+LocalTable::LocalTable(std::string name) : name_(std::move(name)) {
   // A key that is absent mostly meets an empty bucket, and no chain of others that have to be fetched from memory.
-  index.max_load_factor(0.5F);
-  key_watchers.max_load_factor(0.25F);
+  index_.max_load_factor(0.5F);
+  key_watchers_.max_load_factor(0.25F);
 }
 
 LocalTable::~LocalTable() { LocalTableRegistry::Leave(this); }
@@ -38,21 +38,21 @@ void LocalTable::SetUnlogged(const Varnix::Row& row) { SetRow(row, false); }
 
 void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
   MutexLock lock(table_lock);
-  const auto [entry, inserted] = index.try_emplace(row.first, rows.end());  // Looks the key up once, known or not.
+  const auto [entry, inserted] = index_.try_emplace(row.first, rows_.end());  // Looks the key up once, known or not.
   try {
     if (logged) {
       Log(LogLevel::Debug, inserted ? "tbl.set.ins" : "tbl.set.upd",
           inserted ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
           static_cast<void*>(this), row.first.c_str(), row.second.size());
     }
-    if (inserted) rows.emplace_back(row);
+    if (inserted) rows_.emplace_back(row);
   } catch (...) {
-    if (inserted) index.erase(entry);
+    if (inserted) index_.erase(entry);
     throw;
   }
   if (inserted) {
-    entry->second = std::prev(rows.end());
-    Tell(&LWatcher::RowInserted, entry->second, !key_watchers.empty());
+    entry->second = std::prev(rows_.end());
+    Tell(&LWatcher::RowInserted, entry->second, !key_watchers_.empty());
   } else {
     Update(entry->second, row.second);
   }
@@ -63,13 +63,13 @@ void LocalTable::Update(Position position, const std::string& value) {
   AssignAndTrim(position->content.second, value);
   // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
   Tell(&LWatcher::RowUpdated, position, position->key_watcher_count > 0);
-  rows.splice(rows.end(), rows, position);
+  rows_.splice(rows_.end(), rows_, position);
 }
 
 void LocalTable::Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) {
-  for (AllWatcher* watcher : all_watchers) (watcher->*change)(position);
+  for (AllWatcher* watcher : all_watchers_) (watcher->*change)(position);
   if (!key_may_be_watched) return;
-  const auto [first, last] = key_watchers.equal_range(position->content.first);
+  const auto [first, last] = key_watchers_.equal_range(position->content.first);
   for (auto entry = first; entry != last; ++entry) (entry->second->*change)(position);
 }
 
@@ -77,22 +77,22 @@ std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
   // Outlives the lock: if logging throws, the watcher's destructor takes the table lock itself.
   std::shared_ptr<KeyWatcher> watcher;
   MutexLock lock(table_lock);
-  const auto found = index.find(key);
-  watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index.end() ? found->second : rows.end());
-  watchers.insert(watcher.get());
+  const auto found = index_.find(key);
+  watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index_.end() ? found->second : rows_.end());
+  watchers_.insert(watcher.get());
   watcher->Enter();
   Log(LogLevel::Debug, "tbl.watch.key", "Table(%p) watching %s (%zu watchers total)", static_cast<void*>(this),
-      key.c_str(), watchers.size());
+      key.c_str(), watchers_.size());
   return watcher;
 }
 
 std::shared_ptr<Varnix::Watcher> LocalTable::WatchAll() {
   std::shared_ptr<AllWatcher> watcher;  // Outlives the lock, as above.
   MutexLock lock(table_lock);
-  watcher = std::make_shared<AllWatcher>(shared_from_this(), rows.begin());
-  watchers.insert(watcher.get());
-  all_watchers.insert(watcher.get());
+  watcher = std::make_shared<AllWatcher>(shared_from_this(), rows_.begin());
+  watchers_.insert(watcher.get());
+  all_watchers_.insert(watcher.get());
   Log(LogLevel::Debug, "tbl.watch.all", "Table(%p) watching all (%zu watchers total)", static_cast<void*>(this),
-      watchers.size());
+      watchers_.size());
   return watcher;
 }

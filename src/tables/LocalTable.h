@@ -33,14 +33,14 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
     unsigned key_watcher_count = 0;  // Those of its key, so that nobody searches for them where there are none.
   };
   using Rows = std::list<StoredRow>;
-  using Position = Rows::iterator;  // rows.end() stands for "no row".
+  using Position = Rows::iterator;  // rows_.end() stands for "no row".
 
   // A new table, entered into the registry.
   static std::shared_ptr<LocalTable> Make(std::string name) VARNIX_EXCLUDES(table_lock);
   // Every live table of the registry with its name.
   static std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> GetAll() VARNIX_EXCLUDES(table_lock);
 
-  explicit LocalTable(std::string table_name);
+  explicit LocalTable(std::string name);
   ~LocalTable() override;
 
   void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(table_lock);
@@ -55,11 +55,11 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
   void Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) VARNIX_REQUIRES(table_lock);
 
-  const std::string name;
-  Rows rows VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
-  std::unordered_map<std::string, Position> index VARNIX_GUARDED_BY(table_lock);
-  std::unordered_set<LWatcher*> watchers VARNIX_GUARDED_BY(table_lock);  // Each removes itself when it is destroyed.
+  const std::string name_;
+  Rows rows_ VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
+  std::unordered_map<std::string, Position> index_ VARNIX_GUARDED_BY(table_lock);
+  std::unordered_set<LWatcher*> watchers_ VARNIX_GUARDED_BY(table_lock);  // Each removes itself when it is destroyed.
   // The same ones by what they watch: a change is told to none but those that it concerns.
-  std::unordered_set<AllWatcher*> all_watchers VARNIX_GUARDED_BY(table_lock);
-  std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers VARNIX_GUARDED_BY(table_lock);
+  std::unordered_set<AllWatcher*> all_watchers_ VARNIX_GUARDED_BY(table_lock);
+  std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers_ VARNIX_GUARDED_BY(table_lock);
 };
