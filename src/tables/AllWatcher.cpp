@@ -8,7 +8,7 @@ LocalTable::AllWatcher::AllWatcher(std::shared_ptr<LocalTable> table, Position f
 
 LocalTable::AllWatcher::~AllWatcher() VARNIX_NO_LOCK_ANALYSIS {
   destruction_lock_.lock();
-  table_->all_watchers_.erase(this);
+  table_->StrikeOff(*this);
 }
 
 std::vector<Varnix::Row> LocalTable::AllWatcher::GetChanges() {

@@ -1,6 +1,5 @@
 #include "tables/KeyWatcher.h"
 
-#include <algorithm>
 #include <utility>
 
 LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> table, std::string key,
@@ -12,16 +11,7 @@ LocalTable::KeyWatcher::KeyWatcher(std::shared_ptr<LocalTable> table, std::strin
 
 LocalTable::KeyWatcher::~KeyWatcher() VARNIX_NO_LOCK_ANALYSIS {
   destruction_lock_.lock();
-  const auto [first, last] = table_->key_watchers_.equal_range(key_);
-  const auto entry = std::find_if(first, last, [this](const auto& other) { return other.second == this; });
-  if (entry == last) return;
-  table_->key_watchers_.erase(entry);
-  if (row_ != table_->rows_.end()) --row_->key_watcher_count;
-}
-
-void LocalTable::KeyWatcher::Enter() {
-  table_->key_watchers_.emplace(key_, this);
-  if (row_ != table_->rows_.end()) ++row_->key_watcher_count;
+  table_->StrikeOff(*this);
 }
 
 std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
@@ -37,7 +27,6 @@ std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
 void LocalTable::KeyWatcher::RowInserted(Position position) {
   if (position->content.first != key_) return;
   row_ = position;
-  ++row_->key_watcher_count;
   Changed();
 }
 

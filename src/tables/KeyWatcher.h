@@ -14,8 +14,9 @@ class LocalTable::KeyWatcher final : public LWatcher {
   KeyWatcher(std::shared_ptr<LocalTable> table, std::string key, Position row) noexcept;
   ~KeyWatcher() override;
 
-  // Enters this into the table's list of those that watch a key; the destructor takes it out.
-  void Enter() VARNIX_REQUIRES(table_lock);
+  const std::string& Key() const { return key_; }
+  // The end of the table's rows while the key has no row.
+  Position WatchedRow() const VARNIX_REQUIRES(table_lock) { return row_; }
 
   std::vector<Varnix::Row> GetChanges() override VARNIX_EXCLUDES(table_lock);
   void RowInserted(Position position) override VARNIX_REQUIRES(table_lock);

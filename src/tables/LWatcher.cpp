@@ -13,7 +13,6 @@ LocalTable::LWatcher::LWatcher(std::shared_ptr<LocalTable> table) noexcept
 LocalTable::LWatcher::~LWatcher() VARNIX_NO_LOCK_ANALYSIS {
   // What assert() does, in words that do not move with this file: field logs are searched for them.
   if (!destruction_lock_) __assert_fail("destruction_lock_", "src/Varnix", 150, __PRETTY_FUNCTION__);
-  table_->watchers_.erase(this);
 }
 
 void LocalTable::LWatcher::AddListener(WatcherSetListener* listener) { listeners_.insert(listener); }

@@ -1,5 +1,7 @@
 #include "tables/LocalTable.h"
 
+#include <algorithm>
+
 #include "logging/Log.h"
 #include "memory/StringMemory.h"
 #include "tables/AllWatcher.h"
@@ -52,7 +54,7 @@ void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
   }
   if (inserted) {
     entry->second = std::prev(rows_.end());
-    Tell(&LWatcher::RowInserted, entry->second, !key_watchers_.empty());
+    TellInserted(entry->second);
   } else {
     Update(entry->second, row.second);
   }
@@ -62,15 +64,25 @@ void LocalTable::Update(Position position, const std::string& value) {
   if (position->content.second == value) return;
   AssignAndTrim(position->content.second, value);
   // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
-  Tell(&LWatcher::RowUpdated, position, position->key_watcher_count > 0);
+  TellUpdated(position);
   rows_.splice(rows_.end(), rows_, position);
 }
 
-void LocalTable::Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) {
-  for (AllWatcher* watcher : all_watchers_) (watcher->*change)(position);
-  if (!key_may_be_watched) return;
+void LocalTable::TellInserted(Position position) {
+  for (AllWatcher* watcher : all_watchers_) watcher->RowInserted(position);
+  if (key_watchers_.empty()) return;
   const auto [first, last] = key_watchers_.equal_range(position->content.first);
-  for (auto entry = first; entry != last; ++entry) (entry->second->*change)(position);
+  for (auto entry = first; entry != last; ++entry) {
+    ++position->key_watcher_count;
+    entry->second->RowInserted(position);
+  }
+}
+
+void LocalTable::TellUpdated(Position position) {
+  for (AllWatcher* watcher : all_watchers_) watcher->RowUpdated(position);
+  if (position->key_watcher_count == 0) return;
+  const auto [first, last] = key_watchers_.equal_range(position->content.first);
+  for (auto entry = first; entry != last; ++entry) entry->second->RowUpdated(position);
 }
 
 std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
@@ -79,10 +91,9 @@ std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
   MutexLock lock(table_lock);
   const auto found = index_.find(key);
   watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index_.end() ? found->second : rows_.end());
-  watchers_.insert(watcher.get());
-  watcher->Enter();
+  Enrol(*watcher);
   Log(LogLevel::Debug, "tbl.watch.key", "Table(%p) watching %s (%zu watchers total)", static_cast<void*>(this),
-      key.c_str(), watchers_.size());
+      key.c_str(), CountWatchers());
   return watcher;
 }
 
@@ -90,9 +101,27 @@ std::shared_ptr<Varnix::Watcher> LocalTable::WatchAll() {
   std::shared_ptr<AllWatcher> watcher;  // Outlives the lock, as above.
   MutexLock lock(table_lock);
   watcher = std::make_shared<AllWatcher>(shared_from_this(), rows_.begin());
-  watchers_.insert(watcher.get());
-  all_watchers_.insert(watcher.get());
+  Enrol(*watcher);
   Log(LogLevel::Debug, "tbl.watch.all", "Table(%p) watching all (%zu watchers total)", static_cast<void*>(this),
-      watchers_.size());
+      CountWatchers());
   return watcher;
 }
+
+void LocalTable::Enrol(AllWatcher& watcher) { all_watchers_.insert(&watcher); }
+
+void LocalTable::Enrol(KeyWatcher& watcher) {
+  key_watchers_.emplace(watcher.Key(), &watcher);
+  if (watcher.WatchedRow() != rows_.end()) ++watcher.WatchedRow()->key_watcher_count;
+}
+
+void LocalTable::StrikeOff(AllWatcher& watcher) { all_watchers_.erase(&watcher); }
+
+void LocalTable::StrikeOff(KeyWatcher& watcher) {
+  const auto [first, last] = key_watchers_.equal_range(watcher.Key());
+  const auto entry = std::find_if(first, last, [&](const auto& other) { return other.second == &watcher; });
+  if (entry == last) return;
+  key_watchers_.erase(entry);
+  if (watcher.WatchedRow() != rows_.end()) --watcher.WatchedRow()->key_watcher_count;
+}
+
+std::size_t LocalTable::CountWatchers() const { return all_watchers_.size() + key_watchers_.size(); }

@@ -2,6 +2,7 @@
 
 #include <Varnix.h>
 
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <string>
@@ -53,13 +54,21 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
  private:
   void SetRow(const Varnix::Row& row, bool logged) VARNIX_EXCLUDES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
-  void Tell(void (LWatcher::*change)(Position), Position position, bool key_may_be_watched) VARNIX_REQUIRES(table_lock);
+  void TellInserted(Position position) VARNIX_REQUIRES(table_lock);
+  void TellUpdated(Position position) VARNIX_REQUIRES(table_lock);
+
+  // A watcher enters the table's lists in Enrol() and leaves them in StrikeOff(), and nowhere else.
+  void Enrol(AllWatcher& watcher) VARNIX_REQUIRES(table_lock);
+  void Enrol(KeyWatcher& watcher) VARNIX_REQUIRES(table_lock);
+  // Does nothing for a watcher that is in no list, because enrolling it has failed.
+  void StrikeOff(AllWatcher& watcher) VARNIX_REQUIRES(table_lock);
+  void StrikeOff(KeyWatcher& watcher) VARNIX_REQUIRES(table_lock);
+  std::size_t CountWatchers() const VARNIX_REQUIRES(table_lock);
 
   const std::string name_;
   Rows rows_ VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
   std::unordered_map<std::string, Position> index_ VARNIX_GUARDED_BY(table_lock);
-  std::unordered_set<LWatcher*> watchers_ VARNIX_GUARDED_BY(table_lock);  // Each removes itself when it is destroyed.
-  // The same ones by what they watch: a change is told to none but those that it concerns.
+  // The live watchers by what they watch: a change is told to none but those that it concerns.
   std::unordered_set<AllWatcher*> all_watchers_ VARNIX_GUARDED_BY(table_lock);
   std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers_ VARNIX_GUARDED_BY(table_lock);
 };
