@@ -8,7 +8,6 @@
 #include "names/CombinedKey.h"
 #include "names/InternalTableName.h"
 #include "tables/LocalTable.h"
-#include "threads/Fork.h"
 
 using Varnix::LogLevel;
 
@@ -46,7 +45,7 @@ void Database::SetSharing(const SharingSettings& settings) {
   MutexLock lock(lock_);
   sharing_ = std::move(stored);
   StopServer();
-  if (sharing_ended_ || in_forked_child) return;
+  if (sharing_ended_) return;
   server_ = std::make_unique<TableServer>(CombinedKey(sharing_.device, sharing_.process), name_, decombiner_, combined_,
                                           sharing_.group, sharing_.broadcast_address);
   Log(LogLevel::Debug, "tblcmbn.sharing.svr", "DB(%p) SetSharing -> server=%p", static_cast<void*>(this),
@@ -62,7 +61,7 @@ bool Database::GetSharing(SharingSettings& settings) {
 
 void Database::NetworkChanged() {
   MutexLock lock(lock_);
-  if (server_ && !in_forked_child) server_->NetworkChanged();
+  if (server_) server_->NetworkChanged();
 }
 
 void Database::EndSharing() {
@@ -72,10 +71,20 @@ void Database::EndSharing() {
 }
 
 void Database::StopServer() {
-  std::unique_ptr<TableServer> stopping = std::move(server_);
-  if (in_forked_child) {
-    static_cast<void>(stopping.release());  // It is the parent's: its threads are not here, its pipes are.
-  } else if (stopping) {
-    stopping->Stop();
-  }
+  const std::unique_ptr<TableServer> stopping = std::move(server_);
+  if (stopping) stopping->Stop();
+}
+
+void Database::Lock() VARNIX_NO_LOCK_ANALYSIS {
+  lock_.lock();
+  decombiner_->Lock();
+}
+
+void Database::Unlock() VARNIX_NO_LOCK_ANALYSIS {
+  decombiner_->Unlock();
+  lock_.unlock();
+}
+
+void Database::ForgetServerInChild() VARNIX_NO_LOCK_ANALYSIS {
+  static_cast<void>(server_.release());  // It waits for threads that the child does not have. Its descriptors are closed.
 }

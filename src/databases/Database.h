@@ -33,7 +33,6 @@ class Database {
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner_->GetTableTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
-  // A forked child only stores the settings: it cannot share.
   // Errors: on an exception the new settings are stored and there is no server, unless only the last log line failed.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   // False, with nothing written, while there is no server.
@@ -41,6 +40,12 @@ class Database {
   void NetworkChanged() VARNIX_EXCLUDES(lock_);
   // Stops the server for good: from now on settings are stored, but nothing is shared. For a process that exits.
   void EndSharing() VARNIX_EXCLUDES(lock_);
+
+  // For fork(): this lock and that of the decombiner.
+  void Lock();
+  void Unlock();
+  // The server is the parent's. From now on the database is not shared.
+  void ForgetServerInChild();
 
  private:
   void StopServer() VARNIX_REQUIRES(lock_);

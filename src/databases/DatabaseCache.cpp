@@ -2,49 +2,50 @@
 
 #include <utility>
 
+#include "memory/NeverDestroyed.h"
 #include "names/InternalTableName.h"
 #include "tables/LocalTable.h"
-#include "threads/Fork.h"
 
 namespace {
 
-// The one reference that the library itself holds. Never destroyed, because threads that outlive main, and destructors
-// of the host's static objects, still ask for the cache.
+// The one reference that the library itself holds.
 struct Holder {
   Mutex lock;
-  // Null from the moment the process exits until somebody asks again.
+  // Null from the moment the process exits until somebody asks again, and before the first time.
   std::shared_ptr<DatabaseCache> cache VARNIX_GUARDED_BY(lock);
+  bool exiting VARNIX_GUARDED_BY(lock) = false;
 };
 
+// Threads that outlive main, and destructors of the host's static objects, still ask for the cache.
+NeverDestroyed<Holder> never_destroyed;
+Holder& holder = never_destroyed.value;
+
 // Releases the cache at process exit.
-class ReleaseAtExit {
- public:
-  explicit ReleaseAtExit(Holder& released) : holder_(released) {}
+struct ReleaseAtExit {
   ~ReleaseAtExit() {
-    if (in_forked_child) return;  // It has copies of the servers, but none of their threads.
     std::shared_ptr<DatabaseCache> cache;
     {
-      MutexLock lock(holder_.lock);
-      cache.swap(holder_.cache);
+      MutexLock lock(holder.lock);
+      holder.exiting = true;
+      cache.swap(holder.cache);
     }
     // Whoever still has a copy destroys the cache later. But no stream may be left when stdio flushes all of them.
     if (cache.use_count() > 1) cache->EndSharing();
   }
-
- private:
-  Holder& holder_;
 };
 
 }  // namespace
 
 std::shared_ptr<DatabaseCache> DatabaseCache::Instance() {
-  static Holder& holder = *new Holder{{}, std::make_shared<DatabaseCache>()};
-  static ReleaseAtExit release_at_exit(holder);
   MutexLock lock(holder.lock);
   if (!holder.cache) {
-    auto late = std::make_shared<DatabaseCache>();
-    late->EndSharing();
-    holder.cache = std::move(late);
+    auto made = std::make_shared<DatabaseCache>();
+    if (holder.exiting) {
+      made->EndSharing();
+    } else {
+      static const ReleaseAtExit release_at_exit;  // Made under the lock: a fork never meets it half made.
+    }
+    holder.cache = std::move(made);
   }
   return holder.cache;
 }
@@ -87,4 +88,24 @@ void DatabaseCache::EndSharing() {
   MutexLock lock(lock_);
   sharing_ended_ = true;
   for (const auto& [name, database] : databases_) database->EndSharing();
+}
+
+void DatabaseCache::LockAll() VARNIX_NO_LOCK_ANALYSIS {
+  holder.lock.lock();
+  if (!holder.cache) return;
+  holder.cache->lock_.lock();
+  for (const auto& [name, database] : holder.cache->databases_) database->Lock();
+}
+
+void DatabaseCache::UnlockAll() VARNIX_NO_LOCK_ANALYSIS {
+  if (holder.cache) {
+    for (const auto& [name, database] : holder.cache->databases_) database->Unlock();
+    holder.cache->lock_.unlock();
+  }
+  holder.lock.unlock();
+}
+
+void DatabaseCache::ForgetServersInChild() VARNIX_NO_LOCK_ANALYSIS {
+  if (!holder.cache) return;
+  for (const auto& [name, database] : holder.cache->databases_) database->ForgetServerInChild();
 }

@@ -30,6 +30,11 @@ class DatabaseCache {
   // No database, present or future, shares from now on.
   void EndSharing() VARNIX_EXCLUDES(lock_);
 
+  // For fork(): the locks of the cache, if there is one, and of all its databases.
+  static void LockAll();
+  static void UnlockAll();
+  static void ForgetServersInChild();
+
  private:
   std::shared_ptr<Database> MakeDatabase(const std::string& name) VARNIX_REQUIRES(lock_);
 

@@ -50,3 +50,7 @@ std::shared_ptr<Varnix::Table> TableDecombiner::GetTable(const std::string& name
       name.c_str(), static_cast<void*>(entry->second.get()));
   return entry->second;
 }
+
+void TableDecombiner::Lock() VARNIX_NO_LOCK_ANALYSIS { lock_.lock(); }
+
+void TableDecombiner::Unlock() VARNIX_NO_LOCK_ANALYSIS { lock_.unlock(); }

@@ -27,6 +27,10 @@ class TableDecombiner final : public Varnix::Table {
   // The table that has one row (name, "") for each of them.
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return table_table_; }
 
+  // For fork(), which must not copy a lock that another thread holds.
+  void Lock();
+  void Unlock();
+
  private:
   Mutex lock_;
   const std::string database_;

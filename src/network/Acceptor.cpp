@@ -15,7 +15,10 @@ using Varnix::LogLevel;
 
 namespace {
 
-constexpr std::chrono::milliseconds kPauseBetweenRefusals(100);
+constexpr std::chrono::milliseconds kPauseWithoutResources(100);
+// Where many members meet, short connections come in bursts: a thread mostly ends within milliseconds.
+constexpr std::chrono::milliseconds kPauseBetweenTries(10);
+constexpr int kTries = 10;
 
 bool IsOutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }
 
@@ -49,18 +52,22 @@ void Acceptor::AcceptConnection() {
   const int error = errno;
   Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
   // The connection still waits, and accepting it would fail at once again: leave the processor to others for a while.
-  if (IsOutOfResources(error)) Pause(kPauseBetweenRefusals);
+  if (IsOutOfResources(error)) StopsWithin(kPauseWithoutResources);
 }
 
 void Acceptor::Serve(FileDescriptor socket, unsigned address) {
-  const int error = incoming_(socket, address);
-  if (error == 0) return;
-  Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
-  socket.Close();
-  Pause(kPauseBetweenRefusals);  // A flood of connections must not become a flood of these lines.
+  int error = incoming_(socket, address);
+  for (int tries = 1; error != 0 && tries < kTries && !StopsWithin(kPauseBetweenTries); ++tries) {
+    error = incoming_(socket, address);
+  }
+  if (error == 0) {
+    refusing_ = false;
+  } else if (!std::exchange(refusing_, true)) {
+    Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
+  }
 }
 
-void Acceptor::Pause(std::chrono::milliseconds length) const {
+bool Acceptor::StopsWithin(std::chrono::milliseconds time) const {
   pollfd done = {member_.done_descriptor, POLLIN, 0};
-  poll(&done, 1, static_cast<int>(length.count()));
+  return poll(&done, 1, static_cast<int>(time.count())) == 1;
 }

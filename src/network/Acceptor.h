@@ -25,9 +25,10 @@ class Acceptor {
  private:
   void AcceptConnection();
   void Serve(FileDescriptor socket, unsigned address);
-  void Pause(std::chrono::milliseconds length) const;
+  bool StopsWithin(std::chrono::milliseconds time) const;
 
   const Member& member_;
   const int listener_;
   const Incoming incoming_;
+  bool refusing_ = false;  // The last connection found no thread, which has been logged.
 };

@@ -7,10 +7,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <list>
 #include <new>
 #include <utility>
 
 #include "logging/Log.h"
+#include "memory/NeverDestroyed.h"
 #include "network/ActiveESNs.h"
 #include "network/SystemCalls.h"
 
@@ -35,6 +37,18 @@ rlim_t MostPeers() {
 // The threads of all servers, because descriptors are the process's.
 std::atomic<unsigned> receivers{0};
 std::atomic<unsigned> senders{0};
+
+// The places for which there was no thread, of all servers, in the order in which they came.
+struct WaitingPlace {
+  PeerThreads* threads;
+  PeerPlace place;
+};
+constexpr std::ptrdiff_t kMostWaiting = 1024;  // Of one server.
+Mutex waiting_lock;
+std::list<WaitingPlace>& WaitingPlaces() VARNIX_REQUIRES(waiting_lock) {
+  static NeverDestroyed<std::list<WaitingPlace>> places;  // Threads may outlive static objects.
+  return places.value;
+}
 
 // Zero, or an error number.
 int StartThread(void* (*body)(void*), void* argument) {
@@ -88,9 +102,41 @@ PeerThreads::PeerThreads(std::string database, Receive receive, Serve serve)
 PeerThreads::~PeerThreads() { AwaitAll(); }
 
 void PeerThreads::StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
+  const int error = TryToStartReceiver(place, std::move(active_esns));
+  if (error == 0) return;
+  const bool begins_shortage = ComesToWait(place);
+  StartWaiting();  // The last thread may have ended just now.
+  if (begins_shortage) Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
+}
+
+int PeerThreads::TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
   std::unique_ptr<Receiver> receiver(new (std::nothrow) Receiver{*this, place, std::move(active_esns)});
-  const int error = Start(receiver);
-  if (error != 0) Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
+  return Start(receiver);
+}
+
+// Whether it is the first of all that wait.
+bool PeerThreads::ComesToWait(const PeerPlace& place) try {
+  MutexLock lock(waiting_lock);
+  std::list<WaitingPlace>& places = WaitingPlaces();
+  const auto is_ours = [this](const WaitingPlace& waiting) { return waiting.threads == this; };
+  const auto is_this = [&](const WaitingPlace& waiting) { return is_ours(waiting) && waiting.place == place; };
+  if (!active_esns_ || std::any_of(places.begin(), places.end(), is_this)) return false;
+  if (std::count_if(places.begin(), places.end(), is_ours) == kMostWaiting) return false;
+  places.push_back({this, place});
+  return places.size() == 1;
+} catch (const std::bad_alloc&) {
+  return true;  // The peer's next announcement tries again.
+}
+
+// Starts as many as there is room for.
+void PeerThreads::StartWaiting() {
+  MutexLock lock(waiting_lock);
+  std::list<WaitingPlace>& places = WaitingPlaces();
+  while (!places.empty()) {
+    PeerThreads& threads = *places.front().threads;
+    if (threads.TryToStartReceiver(places.front().place, threads.active_esns_) != 0) return;
+    places.pop_front();
+  }
 }
 
 int PeerThreads::StartSender(FileDescriptor& socket, unsigned address) {
@@ -126,6 +172,7 @@ void* PeerThreads::Run(void* started) noexcept {
   job->Run();
   job.reset();
   --Job::Count();
+  StartWaiting();
   threads.EndThisThread();
   return nullptr;
 }
@@ -144,7 +191,15 @@ void PeerThreads::EndThisThread() {
 }
 
 void PeerThreads::AwaitAll() {
-  active_esns_.reset();
+  std::shared_ptr<ActiveESNs> released;
+  {
+    MutexLock lock(waiting_lock);
+    std::list<WaitingPlace>& places = WaitingPlaces();
+    const auto is_ours = [this](const WaitingPlace& waiting) { return waiting.threads == this; };
+    places.remove_if(is_ours);
+    released.swap(active_esns_);
+  }
+  released.reset();
   std::optional<pthread_t> last;
   {
     MutexLock lock(mutex_);
@@ -152,4 +207,14 @@ void PeerThreads::AwaitAll() {
     last = std::exchange(last_ended_, std::nullopt);
   }
   if (last) pthread_join(*last, nullptr);
+}
+
+void PeerThreads::Lock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.lock(); }
+
+void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.unlock(); }
+
+void PeerThreads::ForgetAllInChild() VARNIX_NO_LOCK_ANALYSIS {
+  receivers = 0;
+  senders = 0;
+  WaitingPlaces().clear();
 }

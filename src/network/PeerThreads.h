@@ -14,9 +14,11 @@
 
 // Starts the threads of one server's peers, one for each peer that is received from and one for each that is served, and
 // awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three eighths
-// of the limit of descriptors: a flood of announcements or connections must not take them all.
+// of the limit of descriptors: a flood of announcements or connections must not take them all. A place for which there is
+// no thread waits until a thread of any server has ended.
 //
-// Threads: any. Its mutex comes before that of ActiveESNs.
+// Threads: any. The lock of the places that wait, one for the process, comes before the mutex of each object, and that
+// before the one of ActiveESNs.
 // Errors: the constructor throws std::bad_alloc; nothing else throws but what the log hook throws.
 class PeerThreads {
  public:
@@ -31,7 +33,8 @@ class PeerThreads {
   PeerThreads(const PeerThreads&) = delete;
   PeerThreads& operator=(const PeerThreads&) = delete;
 
-  // When there is no thread, that is logged, and the peer's next announcement tries again.
+  // When there is no thread, the place waits for one, unless 1,024 of this server do so already. It is logged once for
+  // all places that come to wait until none is left.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
   // Takes over the socket and returns 0; or returns an error number, with the socket left as it is.
   int StartSender(FileDescriptor& socket, unsigned address);
@@ -41,10 +44,18 @@ class PeerThreads {
   // Returns when the last thread has ended. Then no more can be started.
   void AwaitAll() VARNIX_EXCLUDES(mutex_);
 
+  // For fork(). The child has none of the threads.
+  static void Lock();
+  static void Unlock();
+  static void ForgetAllInChild();
+
  private:
   struct Receiver;
   struct Sender;
 
+  int TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
+  bool ComesToWait(const PeerPlace& place);
+  static void StartWaiting();
   template <class Job>
   int Start(std::unique_ptr<Job>& job);
   template <class Job>

@@ -2,6 +2,6 @@
 
 #include <atomic>
 
-// Set in a child that the host has forked. Only the forking thread lives on in it, and the sockets, pipes and streams
-// it has are its parent's: they must be left alone.
-inline std::atomic<bool> in_forked_child{false};
+// How many forks lie between this process and the one that loaded the library. What refers to threads belongs to the
+// process in which it was made: a forked child has only one of them.
+inline std::atomic<unsigned> fork_generation{0};
