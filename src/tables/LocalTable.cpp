@@ -1,6 +1,7 @@
 #include "tables/LocalTable.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "logging/Log.h"
 #include "memory/StringMemory.h"
@@ -27,9 +28,7 @@ std::vector<std::pair<std::string, std::shared_ptr<Varnix::Table>>> LocalTable::
 }
 
 LocalTable::LocalTable(std::string name) : name_(std::move(name)) {
-  // A key that is absent mostly meets an empty bucket, and no chain of others that have to be fetched from memory.
-  index_.max_load_factor(0.5F);
-  key_watchers_.max_load_factor(0.25F);
+  key_watchers_.max_load_factor(0.25F);  // A key that nobody watches mostly meets an empty bucket.
 }
 
 LocalTable::~LocalTable() { LocalTableRegistry::Leave(this); }
@@ -40,24 +39,26 @@ void LocalTable::SetUnlogged(const Varnix::Row& row) { SetRow(row, false); }
 
 void LocalTable::SetRow(const Varnix::Row& row, bool logged) {
   MutexLock lock(table_lock);
-  const auto [entry, inserted] = index_.try_emplace(row.first, rows_.end());  // Looks the key up once, known or not.
-  try {
-    if (logged) {
-      Log(LogLevel::Debug, inserted ? "tbl.set.ins" : "tbl.set.upd",
-          inserted ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
-          static_cast<void*>(this), row.first.c_str(), row.second.size());
-    }
-    if (inserted) rows_.emplace_back(row);
-  } catch (...) {
-    if (inserted) index_.erase(entry);
-    throw;
+  const std::size_t hash = RowIndex::HashOf(row.first);
+  const Position* const known = index_.Find(row.first, hash);
+  if (logged) {
+    Log(LogLevel::Debug, known == nullptr ? "tbl.set.ins" : "tbl.set.upd",
+        known == nullptr ? "Table(%p) inserting row for %s (%zu bytes)" : "Table(%p) updating row for %s (%zu bytes)",
+        static_cast<void*>(this), row.first.c_str(), row.second.size());
   }
-  if (inserted) {
-    entry->second = std::prev(rows_.end());
-    TellInserted(entry->second);
+  if (known == nullptr) {
+    Insert(row, hash);
   } else {
-    Update(entry->second, row.second);
+    Update(*known, row.second);
   }
+}
+
+void LocalTable::Insert(const Varnix::Row& row, std::size_t hash) {
+  index_.MakeRoom();
+  rows_.emplace_back(row);
+  const Position position = std::prev(rows_.end());
+  index_.Enter(position, hash);
+  TellInserted(position);
 }
 
 void LocalTable::Update(Position position, const std::string& value) {
@@ -89,8 +90,8 @@ std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
   // Outlives the lock: if logging throws, the watcher's destructor takes the table lock itself.
   std::shared_ptr<KeyWatcher> watcher;
   MutexLock lock(table_lock);
-  const auto found = index_.find(key);
-  watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, found != index_.end() ? found->second : rows_.end());
+  const Position* const known = index_.Find(key, RowIndex::HashOf(key));
+  watcher = std::make_shared<KeyWatcher>(shared_from_this(), key, known == nullptr ? rows_.end() : *known);
   Enrol(*watcher);
   Log(LogLevel::Debug, "tbl.watch.key", "Table(%p) watching %s (%zu watchers total)", static_cast<void*>(this),
       key.c_str(), CountWatchers());

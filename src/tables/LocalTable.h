@@ -3,7 +3,6 @@
 #include <Varnix.h>
 
 #include <cstddef>
-#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "tables/RowIndex.h"
+#include "tables/StoredRow.h"
 #include "tables/TableLock.h"
 
 // A table of this process: a map from key to value that remembers in which order its rows last changed.
@@ -27,14 +28,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   class WatcherSetListener;
   class LWatcherSet;
 
-  struct StoredRow {
-    explicit StoredRow(const Varnix::Row& row) : content(row) {}
-
-    Varnix::Row content;
-    unsigned key_watcher_count = 0;  // Those of its key, so that nobody searches for them where there are none.
-  };
-  using Rows = std::list<StoredRow>;
-  using Position = Rows::iterator;  // rows_.end() stands for "no row".
+  using Position = StoredRows::iterator;  // rows_.end() stands for "no row".
 
   // A new table, entered into the registry.
   static std::shared_ptr<LocalTable> Make(std::string name) VARNIX_EXCLUDES(table_lock);
@@ -53,6 +47,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
 
  private:
   void SetRow(const Varnix::Row& row, bool logged) VARNIX_EXCLUDES(table_lock);
+  void Insert(const Varnix::Row& row, std::size_t hash) VARNIX_REQUIRES(table_lock);
   void Update(Position position, const std::string& value) VARNIX_REQUIRES(table_lock);
   void TellInserted(Position position) VARNIX_REQUIRES(table_lock);
   void TellUpdated(Position position) VARNIX_REQUIRES(table_lock);
@@ -66,8 +61,8 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   std::size_t CountWatchers() const VARNIX_REQUIRES(table_lock);
 
   const std::string name_;
-  Rows rows_ VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
-  std::unordered_map<std::string, Position> index_ VARNIX_GUARDED_BY(table_lock);
+  StoredRows rows_ VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
+  RowIndex index_ VARNIX_GUARDED_BY(table_lock);
   // The live watchers by what they watch: a change is told to none but those that it concerns.
   std::unordered_set<AllWatcher*> all_watchers_ VARNIX_GUARDED_BY(table_lock);
   std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers_ VARNIX_GUARDED_BY(table_lock);

@@ -62,7 +62,7 @@ TEST_F(KeyWatcherTest, IgnoresTheChangesOfOtherKeys) {
 
 TEST_F(KeyWatcherTest, IgnoresRowsOfOtherKeysThatItIsToldOf) {
   const auto watcher = std::dynamic_pointer_cast<LocalTable::KeyWatcher>(table_->Watch("k"));
-  LocalTable::Rows others{LocalTable::StoredRow({"other", "v"})};
+  StoredRows others{StoredRow({"other", "v"})};
   const MutexLock lock(table_lock);
 
   watcher->RowInserted(others.begin());
