@@ -51,11 +51,12 @@ void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) {
 }
 
 void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, va_list args) {
+  if (level != Varnix::LogLevel::Error) return;
   char message[1024];
   char line[1200];
   std::vsnprintf(message, sizeof message, format, args);
   std::snprintf(line, sizeof line, "%s: %s", tag, message);
-  if (level == Varnix::LogLevel::Error) std::perror(line);
+  std::perror(line);
 }
 
 void SetLogHook(const LogHook& hook) {

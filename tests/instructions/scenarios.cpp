@@ -66,6 +66,13 @@ void SetKnownRowsAmongWatchersOfOthers() {
   measured = [table, watchers, rows = Rows(kRows, 'b')] { SetAll(*table, rows); };
 }
 
+void SetKnownRowsWithTheFirstLogger() {
+  SetLogHook(DefaultLogger);
+  const auto table = Varnix::MakeTable("t");
+  SetAll(*table, Rows(kRows, 'a'));
+  measured = [table, rows = Rows(kRows, 'b')] { SetAll(*table, rows); };
+}
+
 void TakeRowsFromASet() {
   const auto table = Varnix::MakeTable("t");
   const auto set = Varnix::MakeWatcherSet({table->WatchAll()});
@@ -112,6 +119,7 @@ int main(int argc, char** argv) {
   const std::map<std::string, void (*)()> scenarios{
       {"set new rows", SetNewRows},
       {"set known rows among watchers of others", SetKnownRowsAmongWatchersOfOthers},
+      {"set known rows with the first logger", SetKnownRowsWithTheFirstLogger},
       {"take rows from a set", TakeRowsFromASet},
       {"write records", WriteRecords},
       {"read records into tables", ReadRecordsIntoTables},
