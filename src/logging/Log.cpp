@@ -11,6 +11,9 @@ namespace {
 
 Mutex log_lock;
 std::atomic<std::thread::id> hook_thread;  // Runs the hook just now.
+// The hook is the first one, or none. Then nobody gets a message below level Error, and it needs no lock either: a thread
+// that prints an error to a slow device keeps no other from setting rows.
+std::atomic<bool> only_errors_are_heard{true};
 
 // Never destroyed, only emptied at exit: tables in the host's static objects, and threads that outlive main, still log.
 LogHook& Hook() VARNIX_REQUIRES(log_lock) {
@@ -39,6 +42,7 @@ void CallHook(Varnix::LogLevel level, const char* tag, const char* format, va_li
 }  // namespace
 
 void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) {
+  if (level != Varnix::LogLevel::Error && only_errors_are_heard) return;
   va_list arguments;
   va_start(arguments, format);
   try {
@@ -60,14 +64,18 @@ void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, 
 }
 
 void SetLogHook(const LogHook& hook) {
+  const auto* const function = hook.target<decltype(&DefaultLogger)>();
   MutexLock lock(log_lock);
   LogHook previous = hook;
   previous.swap(Hook());
+  only_errors_are_heard = !hook || (function != nullptr && *function == &DefaultLogger);
   // `previous` goes before `lock`: no call of the old hook can be running, and none is left when this returns.
 }
 
 void LockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.lock(); }
 
 void UnlockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.unlock(); }
+
+bool HasHookOfTheHost() { return !only_errors_are_heard; }
 
 bool IsInLogHook() { return hook_thread == std::this_thread::get_id(); }

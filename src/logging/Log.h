@@ -20,6 +20,9 @@ void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, 
 // Replaces the hook by a copy. The previous hook is gone when this returns.
 void SetLogHook(const LogHook& hook);
 
+// Whether the host gets the messages below level Error, and may take its time for each.
+bool HasHookOfTheHost();
+
 // For fork(), which must not copy a log lock that another thread holds.
 void LockLog();
 void UnlockLog();

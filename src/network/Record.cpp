@@ -14,6 +14,10 @@ constexpr unsigned kLengthBitsB = 20;
 constexpr std::uint32_t kMaxLengthA = 0xFFF;
 constexpr std::uint32_t kMaxLengthB = 0xFFFFF;
 
+std::uint32_t LengthOfA(const Varnix::Row& record) { return record.first.size() & kMaxLengthA; }
+
+std::uint32_t LengthOfB(const Varnix::Row& record) { return record.second.size() & kMaxLengthB; }
+
 // One item of `size` bytes, under the StreamLock of the caller. An item of 0 bytes counts as not written.
 bool WriteItem(const void* bytes, std::size_t size, FILE* stream) {
   return fwrite_unlocked(bytes, size, 1, stream) == 1;
@@ -30,9 +34,9 @@ bool FailOrAbort(SocketStream& stream) {
 
 }  // namespace
 
-bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {
-  const std::uint32_t length_a = record.first.size() & kMaxLengthA;
-  const std::uint32_t length_b = record.second.size() & kMaxLengthB;
+bool BufferRecord(const Varnix::Row& record, SocketStream& stream) {
+  const std::uint32_t length_a = LengthOfA(record);
+  const std::uint32_t length_b = LengthOfB(record);
   const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
   const unsigned char header[kHeaderSize] = {
       static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
@@ -44,7 +48,18 @@ bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {
       !WriteItem(record.second.data(), length_b, file)) {
     return FailOrAbort(stream);
   }
-  return fflush_unlocked(file) == 0;
+  return true;
+}
+
+bool IsWrittenWhole(const Varnix::Row& record) { return LengthOfA(record) > 0 && LengthOfB(record) > 0; }
+
+bool FlushRecords(SocketStream& stream) {
+  const StreamLock lock(stream);
+  return fflush_unlocked(stream.File()) == 0;
+}
+
+bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {
+  return BufferRecord(record, stream) && FlushRecords(stream);
 }
 
 bool RecordReader::Read(Varnix::Row& record) {

@@ -8,9 +8,18 @@
 // upper 12 bits and that of field B in its lower 20, then field A, then field B. A record is a row: A its key, B its
 // value.
 
-// Writes and flushes one record; longer fields are cut to their length modulo 4,096 and 1,048,576.
-// False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written.
-// What is in the stream's buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
+// Writes one record into the stream's buffer; longer fields are cut to their length modulo 4,096 and 1,048,576.
+// False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written. What
+// is in the buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
+bool BufferRecord(const Varnix::Row& record, SocketStream& stream);
+
+// Whether BufferRecord() writes all fields of the record, and not only those before one without bytes.
+bool IsWrittenWhole(const Varnix::Row& record);
+
+// Sends what is in the buffer. False when the stream has failed.
+bool FlushRecords(SocketStream& stream);
+
+// Writes and, if all of it was written, flushes.
 bool WriteRecord(const Varnix::Row& record, SocketStream& stream);
 
 // Reads the records of one stream.

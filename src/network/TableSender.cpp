@@ -66,11 +66,14 @@ void TableSender::StreamRows() {
   const std::shared_ptr<Varnix::Watcher> row_watcher = member_.send_table->WatchAll();
   const std::shared_ptr<LocalTable::LWatcherSet> set = LocalTable::LWatcherSet::Make({row_watcher, done_watcher});
   for (;;) {
-    const auto [row, watcher, more] = set->TakeUntil(std::chrono::steady_clock::now() + std::chrono::seconds(1));
-    if (PeerIsGone()) return;
+    const Clock::time_point now = Clock::now();
+    const auto [row, watcher, more] = set->TakeUntil(now + std::chrono::seconds(1));
+    const bool looks = buffered_ == 0;
+    if (looks && PeerIsGone()) return;
     // The set may choose a row that is set again and again for ever. A write that met the stop counts as well.
-    if (watcher == done_watcher || stream_->GetCookie().aborted) throw AbortRequested();
-    if (watcher == row_watcher) SendRow(row, more);
+    const bool stops = watcher == done_watcher || (looks && !done_watcher->GetChanges().empty());
+    if (stops || stream_->GetCookie().aborted) throw AbortRequested();
+    if (watcher == row_watcher) SendRow(row, more, now);
   }
 }
 
@@ -80,14 +83,34 @@ bool TableSender::PeerIsGone() const {
   return poll(&entry, 1, 0) == 1;
 }
 
-void TableSender::SendRow(const Varnix::Row& row, bool more) {
+void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point now) {
   const PrintableKey key(row.first);
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
-  // The small rows of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
+  // A failure needs no answer here: the connection is over then, and the next look at the peer sees it.
+  if (!IsWrittenWhole(row)) {
+    SendBuffered(more);  // Such a row stays in the buffer, and must not keep others there.
+    BufferRecord(row, *stream_);
+    return;
+  }
+  if (buffered_ == 0) buffered_since_ = now;
+  buffered_ += row.first.size() + row.second.size();
+  BufferRecord(row, *stream_);
+  if (!more || !MayStayInBuffer(now)) SendBuffered(more);
+}
+
+bool TableSender::MayStayInBuffer(Clock::time_point now) const {
+  constexpr std::size_t kMost = BUFSIZ;
+  constexpr std::chrono::microseconds kLongest(500);
+  // A hook of the host's may take its time for the next row.
+  return !HasHookOfTheHost() && buffered_ < kMost && now - buffered_since_ < kLongest;
+}
+
+// The parts of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
+void TableSender::SendBuffered(bool more) {
   if (more) SetDelay(true);
-  // A failure needs no answer here: the connection is over then, and the next pass sees it.
-  WriteRecord(row, *stream_);
+  if (buffered_ > 0) FlushRecords(*stream_);
+  buffered_ = 0;
   if (!more) SetDelay(false);
 }
 

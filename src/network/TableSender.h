@@ -2,6 +2,8 @@
 
 #include <Varnix.h>
 
+#include <chrono>
+#include <cstddef>
 #include <memory>
 
 #include "network/PeerPlace.h"
@@ -11,6 +13,9 @@ struct Member;
 
 // The serving side of one table stream: tells who we are, hears which group the peer belongs to, and sends every row of
 // the member's table and then each change, until the peer goes or the server stops.
+//
+// Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, and before
+// anything that may take long.
 //
 // Threads: lives on the stack of the thread that serves one accepted connection.
 // Ownership: owns the socket.
@@ -32,13 +37,19 @@ class TableSender {
   bool ReceiveGroup(Varnix::Row& answer);
   void ConnectBack(const Varnix::Row& answer, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns,
                    const FoundPeerCallback& found_peer);
+  using Clock = std::chrono::steady_clock;
+
   void StreamRows();
   bool PeerIsGone() const;
-  void SendRow(const Varnix::Row& row, bool more);
+  void SendRow(const Varnix::Row& row, bool more, Clock::time_point now);
+  bool MayStayInBuffer(Clock::time_point now) const;
+  void SendBuffered(bool more);
   void SetDelay(bool delayed);
 
   const Member& member_;
   const std::unique_ptr<SocketStream> stream_;
+  std::size_t buffered_ = 0;  // Bytes of rows that have been written since the last flush.
+  Clock::time_point buffered_since_;
   bool delayed_ = true;  // Whether the kernel holds small segments back, as it does on a new socket.
 };
 

@@ -4,6 +4,7 @@
 #include <Varnix.h>
 #include <arpa/inet.h>
 #include <malloc.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -64,6 +65,10 @@ void LogToStandardError(Varnix::LogLevel level, const char* tag, const char* for
   if (write(STDERR_FILENO, line.data(), line.size()) < 0) std::abort();
 }
 
+void LogErrorsToStandardError(Varnix::LogLevel level, const char* tag, const char* format, va_list arguments) {
+  if (level <= Varnix::LogLevel::Error) LogToStandardError(level, tag, format, arguments);
+}
+
 // As a hook that writes to a slow device.
 void TakeTime(Varnix::LogLevel, const char*, const char*, va_list) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(10);
@@ -118,6 +123,11 @@ class Host {
         {"flush", &Host::Flush},
         {"spawn", &Host::Spawn},
         {"fork", &Host::Fork},
+        {"child", &Host::Child},
+        {"sleeper", &Host::Sleeper},
+        {"daemon", &Host::Daemon},
+        {"posix-spawn", &Host::PosixSpawn},
+        {"vfork", &Host::Vfork},
         {"exec", &Host::Exec},
         {"become", &Host::Become},
         {"forbid-threads", &Host::ForbidThreads},
@@ -212,10 +222,19 @@ class Host {
     const pid_t child = fork();
     if (child == 0) {
       status_ = 7;
-      if (end == "share") ShareInChild();
       if (end != "return") std::exit(7);
       return;
     }
+    Await(child);
+  }
+
+  // A child without exec carries out the commands that follow, until it is told to return.
+  void Child() {
+    const pid_t child = fork();
+    if (child != 0) Await(child);
+  }
+
+  void Await(pid_t child) {
     Say("forked " + std::to_string(child));
     int status = 0;
     waitpid(child, &status, 0);
@@ -223,10 +242,35 @@ class Host {
         std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status)));
   }
 
-  void ShareInChild() {
-    Varnix::NetworkChanged();
-    Varnix::SetSharingGroup("plant", "of the child", "child", "p", inet_addr("127.255.255.255"));
-    Varnix::NetworkChanged();
+  // A child without exec that sleeps until it is killed.
+  void Sleeper() {
+    const pid_t child = fork();
+    while (child == 0) pause();
+    Say("forked " + std::to_string(child));
+  }
+
+  // This process ends, and its child goes on.
+  void Daemon() {
+    if (daemon(1, 1) != 0) std::abort();
+    Say("forked " + std::to_string(getpid()));
+  }
+
+  // Programs that end at once.
+  void PosixSpawn() {
+    char name[] = "true";
+    char* const arguments[] = {name, nullptr};
+    pid_t child = -1;
+    if (posix_spawn(&child, "/bin/true", nullptr, nullptr, arguments, environ) != 0) std::abort();
+    Await(child);
+  }
+
+  void Vfork() {
+    const pid_t child = vfork();
+    if (child == 0) {
+      execl("/bin/true", "true", nullptr);
+      _exit(1);
+    }
+    Await(child);
   }
 
   // Root is above the limits of what a user may have.
@@ -261,6 +305,10 @@ class Host {
 
 int main(int argc, char** argv) {
   const std::string log = argc < 2 ? "" : argv[1];
-  if (log != "--default-log") Varnix::SetLoggingFunction(log == "--slow-log" ? TakeTime : LogToStandardError);
+  if (log != "--default-log") {
+    Varnix::SetLoggingFunction(log == "--slow-log"      ? TakeTime
+                               : log == "--errors-only" ? LogErrorsToStandardError
+                                                        : LogToStandardError);
+  }
   return Host().Run();
 }

@@ -1,14 +1,20 @@
 """A host that forks without exec: the child ends well, and nobody else notices that it has been there."""
 
+import os
+
 import pytest
 
+import programs
 import wire
 from endings import WITHOUT_LEAK_DETECTION
+
+# The thread sanitizer takes it for a mistake that the child of a process with threads starts some.
+FORKING = {**WITHOUT_LEAK_DETECTION, "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " die_after_fork=0"}
 
 
 @pytest.mark.parametrize("end", ["return", "exit"])
 def test_a_forked_child_ends_and_the_streams_of_its_parent_go_on(ether, make_host, end):
-    host = make_host(environment=WITHOUT_LEAK_DETECTION)
+    host = make_host(environment=FORKING)
     host.watch(b"plant", b"t")
     host.share(b"plant", b"line-4", b"press")
     port = ether.port_of_next_announcement()
@@ -37,7 +43,7 @@ def test_a_forked_child_ends_and_the_streams_of_its_parent_go_on(ether, make_hos
 
 @pytest.mark.parametrize("end", ["return", "exit"])
 def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_own(ether, make_host, end):
-    host = make_host(environment=WITHOUT_LEAK_DETECTION)
+    host = make_host(environment=FORKING)
     host.share(b"plant", b"line-4", b"press")
     stream = wire.connect(ether.port_of_next_announcement())
     stream.receive_record()
@@ -54,7 +60,7 @@ def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_
 
 
 def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_host):
-    host = make_host(environment=WITHOUT_LEAK_DETECTION)
+    host = make_host(environment=FORKING)
     host.set(b"plant", b"t", b"k", b"v")
 
     host.do("fork", "return")
@@ -62,17 +68,181 @@ def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_hos
     assert [event for event in host.events if event.startswith("child")] == ["child exited 7"]
 
 
-def test_a_child_that_calls_for_its_own_sharing_writes_nothing_into_the_pipes_of_its_parent(ether, make_host):
-    host = make_host(environment=WITHOUT_LEAK_DETECTION)
+def shares_like_any_process(ether, host, process):
+    """The host shares as `process`: a peer gets its rows, and it gets the peer's. Returns its port."""
+    host.set(b"plant", b"t", b"of " + process, b"1")
+    host.watch(b"plant", b"t")
+    host.share(b"plant", b"line-4", b"press", process)
+    peer = wire.Listener()
+    port = ether.port_of_next_announcement()
+    receiving = wire.connect(port)
+    assert receiving.receive_record() == (b"plant", b"\x05press" + process)
+    receiving.send(wire.answer(b"line-4", peer.port))
+    while receiving.receive_record() != (b"\x01tof " + process, b"1"):
+        pass  # What its parent has set comes first.
+    sending = peer.accept()
+    sending.send(wire.hello(b"plant", b"pump", b"q"))
+    assert sending.receive_record() == (b"line-4", port.to_bytes(2, "big"))
+    sending.send(wire.record(b"\x01tto " + process, b"2"))
+    assert host.gets_row(b"plant", b"t", b"to " + process, b"2")
+    host.do("group", "706c616e74")
+    assert host.events[-1].startswith("group 6c696e652d34 "), host.events[-1]
+    return port
+
+
+@pytest.mark.parametrize("used", [False, True])
+def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used):
+    host = make_host(environment=FORKING)
+    if used:
+        host.set(b"other", b"t", b"k", b"v")
+        host.watch(b"other", b"t")
+
+    host.do("child")
+
+    shares_like_any_process(ether, host, b"child")
+    host.do("return")
+    assert host.events[-1] == "child exited 0"
+
+
+def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host):
+    host = make_host(environment=FORKING)
+    parents_port = shares_like_any_process(ether, host, b"parent")
+    servers = {text.split("(0x")[1].split(")")[0] for _, tag, text in host.log if tag == "tblsvr.ctor"}
+    assert len(servers) == 1
+
+    host.do("child")
+
+    logged = len(host.log)
+    host.do("group", "706c616e74")
+    assert host.events[-1] == "group none"
+    host.do("network-changed")
+    assert [line for line in host.log[logged:] if any(server in line[2] for server in servers)] == []
+    host.set(b"plant", b"t", b"of parent", b"2")  # Its copy.
+    host.share(b"plant", b"line-4", b"press", b"child")
+    port = ether.port_of_next_announcement()
+    assert port != parents_port
+    stream = wire.connect(port)
+    assert stream.receive_record() == (b"plant", b"\x05presschild")
+    stream.send(wire.answer(b"elsewhere", 9))
+    assert stream.receive_record() == (b"\x01tof parent", b"2")
+    host.do("return")
+    assert stream.is_closed()
+    assert host.events[-1] == "child exited 0"
+    newcomer = wire.connect(parents_port)
+    newcomer.receive_record()
+    newcomer.send(wire.answer(b"elsewhere", 9))
+    assert newcomer.receive_record() == (b"\x01tof parent", b"1")
+
+
+def streams_of(ether, host):
+    """A stream from the host, and one to it."""
     host.share(b"plant", b"line-4", b"press")
     port = ether.port_of_next_announcement()
+    receiving = wire.connect(port)
+    receiving.receive_record()
+    receiving.send(wire.answer(b"elsewhere", 9))
+    peer = wire.Listener()
+    ether.announce(peer.port, b"line-4")
+    sending = peer.accept()
+    sending.send(wire.hello(b"plant", b"pump", b"q"))
+    assert sending.receive_record() == (b"line-4", port.to_bytes(2, "big"))
+    host.set(b"plant", b"t", b"marker", b"1")
+    assert receiving.receive_record() == (b"\x01tmarker", b"1")
+    return receiving, sending
 
-    for number in range(1, 11):
-        host.do("fork", "share")
-        # What the discovery thread finds in a pipe it says before it says this.
-        ether.send(b"x")
-        assert host.eventually(lambda number=number: len(host.logged(3, "tblsvr.dscv.sz", ".*")) >= number)
 
-    assert [event for event in host.events if event.startswith("child")] == ["child exited 7"] * 10
-    assert host.logged(7, "tblsvr.dscv.chg", ".*") == []
-    assert wire.connect(port).receive_record() == (b"plant", b"\x05pressp")
+@pytest.mark.parametrize("end", ["shares anew", "exits", "is killed"])
+def test_peers_see_the_end_of_a_parents_streams_although_a_child_sleeps_on(ether, make_host, end):
+    host = make_host(environment=FORKING)
+    streams = streams_of(ether, host)
+    host.do("sleeper")
+
+    if end == "shares anew":
+        host.share(b"plant", b"another group", b"press")
+    elif end == "exits":
+        assert host.ends() == 0
+    else:
+        host.kill()
+
+    for stream in streams:
+        stream.socket.settimeout(1)
+        assert stream.is_closed()
+
+
+def test_a_successor_is_received_from_although_a_child_of_the_one_before_sleeps_on(network, make_host):
+    reader = make_host()
+    reader.watch(b"plant", b"t")
+    reader.share(b"plant", b"line-4", b"reader")
+    first = make_host(environment=FORKING)
+    first.set(b"plant", b"t", b"k", b"1")
+    first.share(b"plant", b"line-4", b"writer")
+    assert reader.gets_row(b"plant", b"t", b"k", b"1")
+    first.do("sleeper")
+    first.kill()
+
+    second = make_host(environment=FORKING)
+    second.set(b"plant", b"t", b"k", b"2")
+    second.share(b"plant", b"line-4", b"writer")
+
+    assert reader.gets_row(b"plant", b"t", b"k", b"2")
+
+
+def test_a_grandchild_is_a_member_of_its_own(ether, make_host):
+    host = make_host(environment=FORKING)
+    shares_like_any_process(ether, host, b"parent")
+    host.do("child")
+    shares_like_any_process(ether, host, b"child")
+    host.do("child")
+
+    shares_like_any_process(ether, host, b"grandchild")
+
+    host.do("return")
+    host.do("return")
+    assert [event for event in host.events if event.startswith("child")] == ["child exited 0"] * 2
+
+
+def test_a_daemon_shares_also_one_that_becomes_it_twice(ether, make_host):
+    host = make_host(environment=FORKING)
+    host.set(b"plant", b"t", b"before", b"0")
+
+    host.do("daemon")
+    host.do("daemon")
+
+    host.share(b"plant", b"line-4", b"press", b"daemon")
+    stream = wire.connect(ether.port_of_next_announcement())
+    assert stream.receive_record() == (b"plant", b"\x05pressdaemon")
+    stream.send(wire.answer(b"elsewhere", 9))
+    assert stream.receive_record() == (b"\x01tbefore", b"0")
+
+
+def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_host):
+    host = make_host(environment=FORKING)
+    receiving, _ = streams_of(ether, host)
+    descriptors = host.descriptors()
+    turns = 10 if programs.EMULATOR else 100
+
+    for _ in range(turns):
+        host.do("child")
+        host.share(b"plant", b"line-5", b"press", b"child")
+        host.do("return")
+
+    assert [event for event in host.events if event.startswith("child")] == ["child exited 0"] * turns
+    assert programs.eventually(lambda: host.descriptors() <= descriptors)
+    host.set(b"plant", b"t", b"after", b"2")
+    assert receiving.receive_record() == (b"\x01tafter", b"2")
+
+
+@pytest.mark.parametrize("start", ["posix-spawn", "vfork"])
+def test_a_program_that_is_started_without_fork_disturbs_nobody(ether, make_host, start):
+    host = make_host(environment=FORKING)
+    receiving, sending = streams_of(ether, host)
+
+    for _ in range(10):
+        host.do(start)
+
+    assert [event for event in host.events if event.startswith("child")] == ["child exited 0"] * 10
+    host.watch(b"plant", b"t")
+    sending.send(wire.record(b"\x01tfar", b"3"))
+    assert host.gets_row(b"plant", b"t", b"far", b"3")
+    host.set(b"plant", b"t", b"after", b"2")
+    assert receiving.receive_record() == (b"\x01tafter", b"2")

@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -1098,6 +1099,29 @@ TEST_F(CookieTest, ForkedChildSendsNothingOfWhatItsParentHasBuffered) {
   EXPECT_EQ(PeerReceivesWaiting(), "");
   CloseStream();
   EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
+}
+
+TEST_F(CookieTest, ForkedChildWritesNothingIntoWhatHasGotTheNumberOfItsParentsSocket) {
+  OpenStream();
+  WriteRecord({"k", ""}, *stream_);  // Stays in the buffer.
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(ends[1], stream_->Socket());
+    for (int number = 0; number < 256; ++number) {
+      if (number != ends[1] && fcntl(number, F_GETFD) < 0) dup2(ends[1], number);
+    }
+    fflush(nullptr);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+
+  close(ends[1]);
+  char byte;
+  EXPECT_EQ(read(ends[0], &byte, 1), 0);
+  close(ends[0]);
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -29,6 +28,7 @@
 #include "StartedServer.h"
 #include "network/ActiveESNs.h"
 #include "network/TableServer.h"
+#include "support/DescriptorLimit.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
@@ -139,22 +139,6 @@ class Client {
   const int socket_;
 };
 
-// The soft limit of the process, while this object lives.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t limit) {
-    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
-    const rlimit changed = {limit, before_.rlim_max};
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &changed), 0) << "the hard limit is " << before_.rlim_max;
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-  DescriptorLimit(const DescriptorLimit&) = delete;
-  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
- private:
-  rlimit before_{};
-};
-
 // A server that neither announces nor hears anything. Hooks of poll for its own threads come before Start().
 class TableServerTest : public testing::Test {
  protected:
@@ -187,32 +171,6 @@ class TableServerTest : public testing::Test {
   }
   std::string Address() const { return AddressOf(server_.get()); }
 
-  // One at whose place nobody listens.
-  void FindPeer() { server_->FoundPeer(INADDR_LOOPBACK, 9, esns_); }
-
-  // Those that the test has started with `esns_`, which the server does not know.
-  void StopAndAwaitReceivers() {
-    server_->Stop();
-    esns_.reset();
-    EXPECT_TRUE(IsKept(receivers_ended_));
-  }
-
-  void ReceivesFromNoMoreThan(std::size_t most) {
-    Start();
-    const Hooked poll(Hooks().poll, [](pollfd* entries, nfds_t count, int time_out) {
-      return Hooks().poll.Real(entries, count, time_out == 2000 ? 600000 : time_out);  // Each tries once, and stays.
-    });
-    for (std::size_t i = 0; i < most; ++i) FindPeer();
-    EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.fnd.thread")));
-
-    FindPeer();
-
-    EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{LogLevel::Error, "tblsvr.fnd.thread",
-                                                                     "TableServer: FoundPeer::thread error 11", ""}));
-    StopAndAwaitReceivers();
-    EXPECT_THAT(log_.Lines("tblsvr.fnd.rcv.abort"), SizeIs(most));
-  }
-
   LogRecorder log_;
   CallRecorder calls_;
   const std::shared_ptr<Varnix::Table> receive_table_ = Varnix::MakeTable("received");
@@ -222,8 +180,6 @@ class TableServerTest : public testing::Test {
       [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
   Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
   std::unique_ptr<TableServer> server_;
-  std::promise<void> receivers_ended_;
-  std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([this] { receivers_ended_.set_value(); });
 };
 
 void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
@@ -1206,11 +1162,11 @@ TEST_F(TableServerTest, PeerThreadGetsALargeStackInAHostWhoseThreadLocalObjectsD
   EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
 }
 
-TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsFollowedByAPauseOfTheAcceptLoop) {
-  std::promise<int> pausing;
+TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsTriedAgainForAHundredMilliseconds) {
+  std::vector<int> pauses;
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
     if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    pausing.set_value(time_out);
+    pauses.push_back(time_out);
     return 0;
   });
   Start();
@@ -1218,10 +1174,50 @@ TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsFollowedByAPauseOfThe
 
   EXPECT_TRUE(Client(Port()).IsEnded());
 
-  std::future<int> pause = pausing.get_future();
-  ASSERT_EQ(pause.wait_until(std::chrono::system_clock::now() + kDeadline), std::future_status::ready);
-  EXPECT_EQ(pause.get(), 100);
   server_->Stop();
+  EXPECT_THAT(pauses, ElementsAre(10, 10, 10, 10, 10, 10, 10, 10, 10));
+}
+
+TEST_F(TableServerTest, ConnectionThatFindsAThreadWithinAHundredMillisecondsIsServed) {
+  Start();
+  std::atomic<int> refusals{0};
+  Hooked start_thread(Hooks().start_thread, [&] {
+    if (++refusals < 10) ThrowNoThread();
+  });
+
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
+
+  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.thread")));
+}
+
+TEST_F(TableServerTest, ConnectionsForWhichThereIsNoThreadAreLoggedOnceForEachShortage) {
+  Start();
+  for (std::size_t shortage = 1; shortage <= 2; ++shortage) {
+    {
+      Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+      EXPECT_TRUE(Client(Port()).IsEnded());
+      EXPECT_TRUE(Client(Port()).IsEnded());
+    }
+    EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
+    EXPECT_THAT(log_.Lines("tblsvr.acc.thread"), SizeIs(shortage));
+  }
+}
+
+TEST_F(TableServerTest, StopEndsTheTriesForAConnection) {
+  std::promise<void> trying;
+  Hooked poll(Hooks().poll, [&, tries = 0](pollfd* entries, nfds_t count, int time_out) mutable {
+    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
+    if (++tries == 1) trying.set_value();
+    return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
+  });
+  Start();
+  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+  const Client peer(Port());
+  ASSERT_TRUE(IsKept(trying));
+
+  server_->Stop();
+
+  EXPECT_TRUE(peer.IsEnded());
 }
 
 TEST_F(TableServerTest, ServerGoesOnAfterAConnectionForWhichThereWasNoThread) {
@@ -1256,16 +1252,6 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoMemoryIsLogged) {
                                                                    "TableServer: FoundPeer::thread error 12", ""}));
 }
 
-TEST_F(TableServerTest, NoMoreThan1024PeersAreReceivedFromAtOnce) {
-  const DescriptorLimit descriptors(2736);  // Three eighths of it are more than 1,024.
-  ReceivesFromNoMoreThan(1024);
-}
-
-TEST_F(TableServerTest, PeersThatAreReceivedFromTakeNoMoreThanThreeEighthsOfTheDescriptors) {
-  const DescriptorLimit descriptors(128);
-  ReceivesFromNoMoreThan(48);
-}
-
 TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescriptors) {
   const DescriptorLimit descriptors(128);
   Start();
@@ -1288,52 +1274,6 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   while (Client(Port()).Receive(14) != kRecordOfUid) {
     ASSERT_LT(std::chrono::steady_clock::now(), end);  // The last of the threads counts until it is gone.
   }
-}
-
-constexpr int kManyTimes = 100;  // More than are received from with the few descriptors of these tests.
-
-TEST_F(TableServerTest, PeersThatFoundNoThreadTakeNoRoomFromLaterOnes) {
-  const DescriptorLimit descriptors(128);
-  Start();
-  {
-    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    for (int i = 0; i < kManyTimes; ++i) FindPeer();
-  }
-
-  FindPeer();
-
-  EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
-  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(kManyTimes));
-  StopAndAwaitReceivers();
-}
-
-TEST_F(TableServerTest, PeersThatFoundNoRoomTakeNoneFromLaterOnes) {
-  const DescriptorLimit descriptors(128);
-  Start();
-  std::promise<void> end;
-  const Hooked poll(Hooks().poll, [&, ended = end.get_future().share()](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    ended.wait();  // Each tries once, and stays.
-    return FailWith{EINVAL}();
-  });
-  std::size_t received_from = 0;
-  for (; log_.Lines("tblsvr.fnd.thread").empty() && received_from < kManyTimes; ++received_from) {
-    FindPeer();
-  }
-  --received_from;  // The last was refused.
-  for (int i = 0; i < kManyTimes; ++i) FindPeer();
-
-  end.set_value();
-  EXPECT_TRUE(log_.Eventually("tblsvr.fp.poll", received_from));
-  const auto deadline = std::chrono::system_clock::now() + kDeadline;
-  const auto is_received_from = [&] { return log_.Lines("tblrcvr.ctor").size() > received_from; };
-  while (!is_received_from() && std::chrono::system_clock::now() < deadline) {
-    FindPeer();  // Those that end give their room back a moment after their last line.
-    std::this_thread::yield();
-  }
-
-  EXPECT_TRUE(is_received_from());
-  StopAndAwaitReceivers();
 }
 
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {

@@ -1,0 +1,281 @@
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "network/ActiveESNs.h"
+#include "network/PeerThreads.h"
+#include "support/DescriptorLimit.h"
+#include "support/LogRecorder.h"
+#include "support/SystemCallHooks.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+constexpr std::size_t kRoom = 48;  // Three eighths of the descriptors of these tests.
+
+// What the threads that receive do: each is listed by the port of its place, and stays until it is told to end.
+class Receivers {
+ public:
+  void Run(const PeerPlace& place) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    begun_.push_back(place.port);
+    changed_.notify_all();
+    changed_.wait(lock, [&] { return all_end_ || may_end_.count(place.port) > 0; });
+  }
+  void End(unsigned short port) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    may_end_.insert(port);
+    changed_.notify_all();
+  }
+  void EndAll() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    all_end_ = true;
+    changed_.notify_all();
+  }
+  // Waits until so many have begun.
+  bool Begin(std::size_t count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return begun_.size() >= count; });
+  }
+  std::vector<unsigned short> Begun() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return begun_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<unsigned short> begun_;
+  std::set<unsigned short> may_end_;
+  bool all_end_ = false;
+};
+
+class PeerThreadsTest : public testing::Test {
+ protected:
+  ~PeerThreadsTest() override { receivers_.EndAll(); }
+
+  std::unique_ptr<PeerThreads> Make() {
+    return std::make_unique<PeerThreads>(
+        "db", [this](const PeerPlace& place, const std::shared_ptr<ActiveESNs>&) { receivers_.Run(place); },
+        [](const FileDescriptor&, unsigned, const std::shared_ptr<ActiveESNs>&) {});
+  }
+  static void Find(PeerThreads& threads, unsigned short port) {
+    threads.StartReceiver({INADDR_LOOPBACK, port}, threads.GetActiveESNs());
+  }
+  // Receives from the ports 1 to `count`.
+  void Fill(PeerThreads& threads, std::size_t count = kRoom) {
+    for (std::size_t port = 1; port <= count; ++port) Find(threads, static_cast<unsigned short>(port));
+    EXPECT_TRUE(receivers_.Begin(count));
+  }
+  void End(PeerThreads& threads) {
+    receivers_.EndAll();
+    threads.AwaitAll();
+  }
+
+  const DescriptorLimit descriptors_{128};
+  LogRecorder log_;
+  Receivers receivers_;
+};
+
+std::size_t PagesOfAddressSpace() {
+  std::ifstream file("/proc/self/statm");
+  std::size_t pages = 0;
+  file >> pages;
+  return pages;
+}
+
+void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
+
+}  // namespace
+
+TEST_F(PeerThreadsTest, ThreeEighthsOfTheDescriptorsMayBeReceivedFromAtOnce) {
+  const auto threads = Make();
+
+  Fill(*threads);
+  EXPECT_THAT(log_.Tags(), IsEmpty());
+  Find(*threads, 1000);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), ElementsAre(LogLine{Varnix::LogLevel::Error, "tblsvr.fnd.thread",
+                                                                   "TableServer: FoundPeer::thread error 11", ""}));
+  EXPECT_THAT(receivers_.Begun(), Not(Contains(1000)));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, NoMoreThan1024PeersAreReceivedFromAtOnce) {
+  const DescriptorLimit descriptors(2736);  // Three eighths of it are more than 1,024.
+  const auto threads = Make();
+
+  Fill(*threads, 1024);
+  EXPECT_THAT(log_.Tags(), IsEmpty());
+  Find(*threads, 2000);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, PlaceForWhichThereIsNoRoomIsReceivedFromWhenAThreadHasEnded) {
+  const auto threads = Make();
+  Fill(*threads);
+  Find(*threads, 1000);
+
+  receivers_.End(1);
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
+  EXPECT_EQ(receivers_.Begun().back(), 1000);
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, ThreadOfAnyServerMakesRoomForAPlaceThatWaits) {
+  const auto one = Make();
+  const auto other = Make();
+  Fill(*one);
+  Find(*other, 1000);
+
+  receivers_.End(1);
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
+  EXPECT_EQ(receivers_.Begun().back(), 1000);
+  End(*one);
+  End(*other);
+}
+
+TEST_F(PeerThreadsTest, PlacesWaitInTheOrderInWhichTheyWereFoundAndEachOnce) {
+  const auto threads = Make();
+  Fill(*threads);
+  for (const unsigned short port : {1000, 1001, 1000, 1002}) Find(*threads, port);
+
+  for (unsigned short port = 1; port <= 4; ++port) {
+    receivers_.End(port);
+    if (port < 4) EXPECT_TRUE(receivers_.Begin(kRoom + port));
+  }
+  Find(*threads, 1003);
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 4));
+  std::vector<unsigned short> begun = receivers_.Begun();
+  begun.erase(begun.begin(), begun.begin() + kRoom);
+  EXPECT_THAT(begun, ElementsAre(1000, 1001, 1002, 1003));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, PlaceForWhichThereWasNoThreadIsTriedAgainAtTheNextPlace) {
+  const auto threads = Make();
+  {
+    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    Find(*threads, 1);
+  }
+  receivers_.EndAll();
+
+  Find(*threads, 2);
+
+  EXPECT_TRUE(receivers_.Begin(2));
+  EXPECT_THAT(receivers_.Begun(), testing::UnorderedElementsAre(1, 2));
+  threads->AwaitAll();
+}
+
+TEST_F(PeerThreadsTest, ShortageIsLoggedOnce) {
+  const auto threads = Make();
+  Fill(*threads);
+
+  for (unsigned short port = 1000; port < 1100; ++port) Find(*threads, port);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, NextShortageIsLoggedAgain) {
+  const auto threads = Make();
+  Fill(*threads);
+  Find(*threads, 1000);
+  receivers_.End(1);
+  ASSERT_TRUE(receivers_.Begin(kRoom + 1));
+
+  Find(*threads, 1001);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, NoMoreThan1024PlacesOfAServerWait) {
+  const auto threads = Make();
+  Fill(*threads);
+  for (unsigned short port = 1000; port < 1000 + 1024; ++port) Find(*threads, port);
+  Find(*threads, 3000);
+
+  receivers_.EndAll();
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1024));
+  threads->AwaitAll();
+  EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom + 1024));
+  EXPECT_THAT(receivers_.Begun(), Not(Contains(3000)));
+}
+
+TEST_F(PeerThreadsTest, EndForgetsThePlacesThatWait) {
+  const auto one = Make();
+  Fill(*one);
+  const auto other = Make();
+  Find(*other, 1000);
+
+  other->AwaitAll();
+
+  End(*one);
+  EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom));
+}
+
+TEST_F(PeerThreadsTest, ThreadsThatCouldNotStartTakeNoRoom) {
+  const auto threads = Make();
+  {
+    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    for (unsigned short port = 1000; port < 1100; ++port) Find(*threads, port);
+  }
+  receivers_.EndAll();
+
+  Find(*threads, 1);
+
+  EXPECT_TRUE(receivers_.Begin(101));
+  threads->AwaitAll();
+}
+
+TEST_F(PeerThreadsTest, ExceptionThatLeavesAThreadEndsTheProcess) {
+  const auto run = [] {
+    PeerThreads threads(
+        "db",
+        [](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) { throw std::runtime_error("thrown by the hook"); },
+        nullptr);
+    Find(threads, 1);
+    threads.AwaitAll();
+  };
+
+  EXPECT_EXIT(run(), testing::KilledBySignal(SIGABRT), HasSubstr("thrown by the hook"));
+}
+
+TEST_F(PeerThreadsTest, ThreadsThatHaveEndedKeepNoStacks) {
+  const auto threads = Make();
+  receivers_.EndAll();
+  const std::size_t before = PagesOfAddressSpace();
+
+  for (std::size_t count = 1; count <= 1000; ++count) {
+    Find(*threads, 1);
+    ASSERT_TRUE(receivers_.Begin(count));
+  }
+  threads->AwaitAll();
+
+  // 1,000 stacks take 250 MiB; the C library keeps some 40 for the next threads.
+  EXPECT_LT(PagesOfAddressSpace() - before, std::size_t{100} * 1024 * 1024 / 4096);
+}
