@@ -63,6 +63,7 @@ void Acceptor::Serve(FileDescriptor socket, unsigned address) {
   if (error == 0) {
     refusing_ = false;
   } else if (!std::exchange(refusing_, true)) {
+    errno = error;  // The first log hook prints it, too.
     Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
   }
 }

@@ -103,10 +103,11 @@ PeerThreads::~PeerThreads() { AwaitAll(); }
 
 void PeerThreads::StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
   const int error = TryToStartReceiver(place, std::move(active_esns));
-  if (error == 0) return;
-  const bool begins_shortage = ComesToWait(place);
-  StartWaiting();  // The last thread may have ended just now.
-  if (begins_shortage) Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
+  const bool begins_shortage = error != 0 && ComesToWait(place);
+  StartWaiting();  // There may be threads again since the last one has ended.
+  if (!begins_shortage) return;
+  errno = error;  // The first log hook prints it, too.
+  Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
 }
 
 int PeerThreads::TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {

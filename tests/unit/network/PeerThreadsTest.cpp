@@ -180,13 +180,12 @@ TEST_F(PeerThreadsTest, PlaceForWhichThereWasNoThreadIsTriedAgainAtTheNextPlace)
     const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
     Find(*threads, 1);
   }
-  receivers_.EndAll();
 
   Find(*threads, 2);
 
   EXPECT_TRUE(receivers_.Begin(2));
   EXPECT_THAT(receivers_.Begun(), testing::UnorderedElementsAre(1, 2));
-  threads->AwaitAll();
+  End(*threads);
 }
 
 TEST_F(PeerThreadsTest, ShortageIsLoggedOnce) {
