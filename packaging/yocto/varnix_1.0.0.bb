@@ -3,8 +3,8 @@ DESCRIPTION = "A process makes tables, sets rows in them, and watches single key
 database are shared with the other members of its group, which find each other by UDP broadcast and need no server."
 SECTION = "libs"
 
-# No licence has been chosen yet: everything is reserved by the authors.
-LICENSE = "CLOSED"
+LICENSE = "BSD-3-Clause"
+LIC_FILES_CHKSUM = "file://LICENSE;md5=9fcb23296aa4d286ebaf1af2e04df839"
 
 SRC_URI = "file://varnix-${PV}.tar.gz"
 

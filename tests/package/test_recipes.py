@@ -1,5 +1,6 @@
 """The recipes in packaging/: their steps by hand, with their own settings and what the tools around them add."""
 
+import hashlib
 import os
 import pathlib
 import re
@@ -28,6 +29,13 @@ def library_version():
 def test_the_recipes_have_the_version_of_the_library():
     assert RECIPE.name == f"varnix_{library_version()}.bb"
     assert value_in(MAKEFILE, "VARNIX_VERSION") == library_version()
+
+
+def test_the_recipes_name_the_licence_file_as_it_is():
+    digest = hashlib.md5((SOURCE / "LICENSE").read_bytes()).hexdigest()
+    assert value_in(RECIPE, "LIC_FILES_CHKSUM") == f"file://LICENSE;md5={digest}"
+    assert value_in(MAKEFILE, "VARNIX_LICENSE_FILES") == "LICENSE"
+    assert value_in(RECIPE, "LICENSE") == value_in(MAKEFILE, "VARNIX_LICENSE") == "BSD-3-Clause"
 
 
 # What the cmake class of Yocto and the cmake-package infrastructure of Buildroot say.
