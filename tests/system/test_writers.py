@@ -1,4 +1,4 @@
-"""Two writers of one key, and what a connection anew brings: each case of the tables in the README."""
+"""Two writers of one key, and what a connection anew brings: each case of the tables in docs/writers.md."""
 
 import itertools
 
