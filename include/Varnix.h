@@ -15,30 +15,45 @@
 //
 // What holds for everything below
 //
-// Threads: every function and method may be called from any thread, but not from a log hook, and also while main
-//   returns or exit() runs. As with any object, what one thread destroys no other may be calling; but a set whose last
+// Threads: every function and method may be called from any thread, also while main returns or exit() runs, but not
+//   from a log hook. As with any object, what one thread destroys no other may be calling; but a set whose last
 //   reference goes while a thread waits in it lives on until that wait ends.
 // Ownership: objects live as long as a std::shared_ptr to them. A watcher keeps its table alive, a set its watchers;
 //   nothing is kept the other way round. Databases, with all their tables, live until the process exits.
-// Blocking: WatcherSet::Wait and WaitUntil sleep. SetSharingGroup waits for the threads of the sharing that it
-//   replaces; meanwhile NetworkChanged, and GetSharingGroup of this database, wait for it, and every call that names a
-//   database waits for that NetworkChanged. Everything else holds locks for short, bounded work only: setting and
-//   reading rows never waits for a peer. The log hook runs inside most calls, so a slow hook makes them slow.
+// Waiting: no call waits for a peer.
+//
+//   call                                waits for
+//   WatcherSet::Wait, WaitUntil         a change; the second for no longer than to its deadline
+//   SetSharingGroup                     the end of all threads of the sharing that it replaces
+//   GetSharingGroup                     a SetSharingGroup of the same database that is running
+//   NetworkChanged                      every SetSharingGroup that is running
+//   what names a database               a NetworkChanged that waits so
+//   SetLoggingFunction                  a call of the hook that is running
+//   exit(), the return from main        the end of all threads of the library, and a call of the hook that is running
+//   fork()                              calls that are in progress, and a call of the hook that is running
+//   all of them, and everything else    short, bounded work of other threads under a lock; and the log hook, which runs
+//                                       inside most calls, one call of it at a time: while it waits, they all wait
+//
 // Strings: names, keys and values are byte strings; zero bytes and the empty string are ordinary. (Log messages show
 //   them up to the first zero byte.)
 // Memory: a table keeps each key with its last value; a shared table keeps what is set here twice. Watchers keep none.
 // Errors: only GetSharingGroup reports through its result. std::bad_alloc and, when a lock fails, std::system_error can
 //   leave any call, and so can what a log hook throws. Such a call has left nothing locked, and its table, watcher or
-//   set as it was. What consists of several steps may have done the first of them: Set of a shared table may have
-//   handed the row to the peers and not to the watchers here, a call that names a new database or table may have made
-//   it, and SetSharingGroup has stored the settings.
+//   set as it was. A call of several steps may have done the first of them: Set of a shared table may have handed the
+//   row to the peers and not to the watchers here, a call that names a new database or table may have made it, and
+//   SetSharingGroup has stored the settings.
 // Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
 //   fail later (poll on valid descriptors, say), are logged and end the process with abort().
 // Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
 //   dropped until a hook is set anew, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
-// Fork: a child that is forked without exec may use and destroy its copies of tables, watchers and sets, and may exit;
-//   it cannot share. Descriptors are closed on exec.
-// Signals: no handler and no mask is changed, and SIGPIPE is never raised.
+// Fork: a child that does not exec has its own copies of tables, watchers and sets, and is a process like any other.
+//   It may share, also the same database in the same group, under an identity of its own. What its parent shares stays
+//   with the parent: the child sends and logs nothing of it and keeps none of its descriptors, and GetSharingGroup says
+//   false. A thread must not hold a lock across fork() that the log hook takes: both would wait for ever.
+// Exec: every descriptor is closed on exec, from the moment it is made.
+// Signals: no handler and no mask is changed, and SIGPIPE is never raised. The library's threads inherit the signal
+//   mask and the scheduling of the thread that calls SetSharingGroup. A handler of the program may run on them, and
+//   those that serve peers have 256 KiB of stack: if this is too little, block its signal during that call.
 //
 // Limits of what is shared (rows that never leave the process have none)
 //
@@ -52,7 +67,7 @@
 //   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
 //                    between any two members of a group, or those two never meet
 //   peers            at most 1,024 of each direction in a process, and no more than 3/8 of its limit of
-//                    descriptors; one for each database that both share
+//                    descriptors; one for each database that both share. Others are met when there is room
 //
 // A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
 // then. There is no deletion, no authentication and no encryption: share on a network that you trust.
@@ -98,9 +113,10 @@ enum class LogLevel : int {
 /// Ownership: the hook is copied. The previous one is destroyed before this returns, the last one at process exit.
 /// Errors: what a hook throws leaves the exported function that was logging. On one of the library's own threads it
 ///   ends the process, or, while a peer is being served, the stream to that peer.
-/// A hook must not call this library and must not own objects of it (it would wait for itself), must not call exit() or
-/// fork without exec, must not keep the strings or the list, and must not use objects that are destroyed before the
-/// library, such as static objects of the program.
+/// A hook should not wait: until it returns, nearly every call of this library waits, on every thread. It must not call
+/// this library and must not own objects of it (it would wait for itself), must not call exit() or fork without exec,
+/// must not keep the strings or the list, and must not use objects that are destroyed before the library, such as
+/// static objects of the program. If its code is in a plugin, another hook must be set before dlclose().
 VARNIX_EXPORT void SetLoggingFunction(std::function<void(LogLevel, const char*, const char*, va_list)> fn);
 
 /// Reports the changes of one key, or of a whole table, to one consumer.
@@ -122,7 +138,7 @@ class VARNIX_EXPORT Table {
  public:
   virtual ~Table();
 
-  /// Inserts the row, or replaces the value of the row with the same key, and wakes those who wait for it.
+  /// Inserts the row, or replaces the value of the row with the same key, and wakes the threads that wait for it.
   /// A shared table hands the row to its peers as well; that happens on other threads, and never delays this call.
   virtual void Set(const Row& row) = 0;
 
@@ -143,7 +159,9 @@ class VARNIX_EXPORT WatcherSet {
   virtual ~WatcherSet();
 
   /// Sleeps until a member has a change, takes it, and returns it with the watcher that had it. No order is promised
-  /// between the changes of different watchers.
+  /// between the changes of different watchers: where one has changes without a pause, ask another one, which must not
+  /// be kept waiting, by its GetChanges(), too. To end a thread that waits, put a watcher of a table of your own into
+  /// the set and set a row there; not in a signal handler, because Set() takes locks.
   virtual std::pair<Row, std::shared_ptr<Watcher>> Wait() = 0;
 
   /// As Wait(), but gives up at the deadline, a point on the monotonic clock, and then returns an empty row and a null
@@ -184,10 +202,13 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 ///
 /// device, process: who we are. Together they must be different for each member, and both are only compared and logged.
 /// broadcast_address: where announcements are sent: an IPv4 address in network byte order, such as the s_addr of
-///   inet_aton(). 0 stands for 255.255.255.255, which needs a route; 127.255.255.255 stays on this host.
-/// Blocks: if the database was shared already, until all threads of that sharing have ended, also when nothing changes.
+///   inet_aton(). 0 stands for 255.255.255.255, which needs a route and leaves by one network only; a network's own
+///   broadcast address chooses that network; 127.255.255.255 stays on this host. With an address that is no broadcast
+///   address, such as 127.0.0.1, only one member there hears the announcements, and perhaps nobody meets.
+/// Waits: if the database was shared already, until all threads of that sharing have ended, also when nothing changes.
 ///   Peers are met again at their next announcement, up to 60 seconds later, or sooner through their own connections;
 ///   call NetworkChanged() to bring the group together in seconds.
+/// Give each database a group of its own: at each announcement all databases of its group connect.
 /// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared.
 ///   System calls that fail are logged and end the process with abort().
 VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,

@@ -50,6 +50,7 @@ void Acceptor::AcceptConnection() {
     return;
   }
   const int error = errno;
+  if (error == EINVAL) return;  // The server stops, and has shut the listener down.
   Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
   // The connection still waits, and accepting it would fail at once again: leave the processor to others for a while.
   if (IsOutOfResources(error)) StopsWithin(kPauseWithoutResources);

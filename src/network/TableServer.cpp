@@ -1,6 +1,7 @@
 #include "network/TableServer.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -97,6 +98,7 @@ void TableServer::Stop() {
   } catch (...) {
     thrown = std::current_exception();
   }
+  RefuseConnections();
   try {
     SetDoneRow();
   } catch (...) {
@@ -112,6 +114,10 @@ void TableServer::SignalDone() {
   if (write(done_pipe_.write_end.Get(), "D", 1) == 1) return;
   Log(LogLevel::Error, "tblsvr.dest", "TableServer: pipe write fail error %d", errno);
 }
+
+// A peer whose stream ends connects again at once. Nobody would accept that, and closing the listener would reset it, which
+// the peer's log shows as an error. After the done byte, so that the accept thread finds that first.
+void TableServer::RefuseConnections() { shutdown(listener_.Get(), SHUT_RD); }
 
 void TableServer::SetDoneRow() {
   const Varnix::Row done("done", "y");

@@ -43,6 +43,7 @@ class TableServer {
   void Accept();
   void StartThreads();
   void SignalDone();
+  void RefuseConnections();
   void SetDoneRow();
   void JoinThreads();
   void CloseDescriptors();

@@ -1315,6 +1315,24 @@ TEST_F(TableServerTest, NextMessageOfAPeerTriesAgainToConnectBack) {
   EXPECT_TRUE(log_.Eventually("tblrcvr.ctor"));
 }
 
+TEST_F(TableServerTest, PeerThatConnectsDuringTheStopIsRefusedAndNotReset) {
+  Start();
+  const unsigned short port = Port();
+  int error = 0;
+  calls_.OnCall([&](const std::string& call) {
+    if (call != "close(#1)") return;
+    const int socket = Hooks().socket.Real(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in address = ToSocketAddress({INADDR_LOOPBACK, port});
+    if (Hooks().connect.Real(socket, Generic(address), sizeof address) < 0) error = errno;
+    Hooks().close.Real(socket);
+  });
+
+  server_->Stop();
+
+  EXPECT_EQ(error, ECONNREFUSED);
+  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"), IsEmpty());
+}
+
 // Two servers on the real discovery port, in a group that no other process has.
 
 class TwoServersTest : public testing::Test {
