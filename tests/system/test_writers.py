@@ -145,11 +145,12 @@ def test_a_short_failure_of_the_link_brings_what_was_set_meanwhile_and_a_longer_
 def test_a_row_that_a_reader_has_overwritten_has_its_older_value_again_when_the_stream_is_made_anew(ether, make_host):
     b = start(make_host(), b"b")
     listener = wire.Listener()
-    for own in (b"2", b"3"):
+    for ended, own in enumerate((b"2", b"3")):
+        assert b.eventually(lambda: len(b.logged(6, "tblsvr.fnd.rcv.err", ".*")) == ended)
         ether.announce(listener.port, GROUP)
         stream = listener.accept()
         stream.send(wire.hello(b"plant", b"a", b"p"))
-        stream.receive_record()
+        assert stream.receive_record()[0] == GROUP
         stream.send(wire.record(b"\x05statek", b"1"))
         assert b.eventually(lambda: shows(b) == b"1")
         b.set(b"plant", b"state", b"k", own)
