@@ -18,7 +18,6 @@ install(FILES
   DESTINATION ${varnix_cmake_dir})
 
 # Relative to the file's own place, so that a moved prefix still works.
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
-  BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE varnix_pc_prefix)
+file(RELATIVE_PATH varnix_pc_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/varnix.pc.in ${CMAKE_CURRENT_BINARY_DIR}/varnix.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/varnix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

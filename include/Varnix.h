@@ -83,6 +83,11 @@
 #include <utility>
 #include <vector>
 
+// The version of the library that this header belongs to.
+#define VARNIX_VERSION_MAJOR 1
+#define VARNIX_VERSION_MINOR 0
+#define VARNIX_VERSION_PATCH 0
+
 #define VARNIX_EXPORT __attribute__((visibility("default")))
 
 namespace Varnix {

@@ -86,5 +86,5 @@ void Database::Unlock() VARNIX_NO_LOCK_ANALYSIS {
 }
 
 void Database::ForgetServerInChild() VARNIX_NO_LOCK_ANALYSIS {
-  static_cast<void>(server_.release());  // It waits for threads that the child does not have. Its descriptors are closed.
+  static_cast<void>(server_.release());  // Its end would wait for threads that the child does not have.
 }

@@ -32,23 +32,27 @@ bool FailOrAbort(SocketStream& stream) {
   return false;
 }
 
-}  // namespace
-
-bool BufferRecord(const Varnix::Row& record, SocketStream& stream) {
+// Under the StreamLock of the caller.
+bool WriteFields(const Varnix::Row& record, SocketStream& stream) {
   const std::uint32_t length_a = LengthOfA(record);
   const std::uint32_t length_b = LengthOfB(record);
   const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
   const unsigned char header[kHeaderSize] = {
       static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
       static_cast<unsigned char>(lengths >> 8), static_cast<unsigned char>(lengths)};
-
-  const StreamLock lock(stream);
   FILE* const file = stream.File();
-  if (!WriteItem(header, kHeaderSize, file) || !WriteItem(record.first.data(), length_a, file) ||
-      !WriteItem(record.second.data(), length_b, file)) {
-    return FailOrAbort(stream);
+  if (WriteItem(header, kHeaderSize, file) && WriteItem(record.first.data(), length_a, file) &&
+      WriteItem(record.second.data(), length_b, file)) {
+    return true;
   }
-  return true;
+  return FailOrAbort(stream);
+}
+
+}  // namespace
+
+bool BufferRecord(const Varnix::Row& record, SocketStream& stream) {
+  const StreamLock lock(stream);
+  return WriteFields(record, stream);
 }
 
 bool IsWrittenWhole(const Varnix::Row& record) { return LengthOfA(record) > 0 && LengthOfB(record) > 0; }
@@ -59,7 +63,8 @@ bool FlushRecords(SocketStream& stream) {
 }
 
 bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {
-  return BufferRecord(record, stream) && FlushRecords(stream);
+  const StreamLock lock(stream);
+  return WriteFields(record, stream) && fflush_unlocked(stream.File()) == 0;
 }
 
 bool RecordReader::Read(Varnix::Row& record) {

@@ -89,14 +89,21 @@ void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point n
       key.name_length, key.name, key.key, row.second.size());
   // A failure needs no answer here: the connection is over then, and the next look at the peer sees it.
   if (!IsWrittenWhole(row)) {
-    SendBuffered(more);  // Such a row stays in the buffer, and must not keep others there.
+    SendBuffered();  // Such a row stays in the buffer, and must not keep others there.
     BufferRecord(row, *stream_);
     return;
   }
   if (buffered_ == 0) buffered_since_ = now;
   buffered_ += row.first.size() + row.second.size();
-  BufferRecord(row, *stream_);
-  if (!more || !MayStayInBuffer(now)) SendBuffered(more);
+  if (more && MayStayInBuffer(now)) {
+    BufferRecord(row, *stream_);
+    return;
+  }
+  // The parts of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
+  if (more) SetDelay(true);
+  WriteRecord(row, *stream_);
+  buffered_ = 0;
+  if (!more) SetDelay(false);
 }
 
 bool TableSender::MayStayInBuffer(Clock::time_point now) const {
@@ -106,12 +113,9 @@ bool TableSender::MayStayInBuffer(Clock::time_point now) const {
   return !HasHookOfTheHost() && buffered_ < kMost && now - buffered_since_ < kLongest;
 }
 
-// The parts of a burst share segments, and the last of them does not wait for the peer's acknowledgement.
-void TableSender::SendBuffered(bool more) {
-  if (more) SetDelay(true);
+void TableSender::SendBuffered() {
   if (buffered_ > 0) FlushRecords(*stream_);
   buffered_ = 0;
-  if (!more) SetDelay(false);
 }
 
 void TableSender::SetDelay(bool delayed) {

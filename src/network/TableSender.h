@@ -43,7 +43,7 @@ class TableSender {
   bool PeerIsGone() const;
   void SendRow(const Varnix::Row& row, bool more, Clock::time_point now);
   bool MayStayInBuffer(Clock::time_point now) const;
-  void SendBuffered(bool more);
+  void SendBuffered();
   void SetDelay(bool delayed);
 
   const Member& member_;

@@ -64,8 +64,8 @@ def build(source):
         copy = shutil.copytree if (SOURCE / part).is_dir() else shutil.copy
         copy(SOURCE / part, source / part)
     toolchain = os.environ["VARNIX_TOOLCHAIN"]
-    run("cmake", "-G", "Ninja", "-S", source, "-B", source / "build", f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}",
-        "-DCMAKE_CXX_FLAGS=-g", "-DVARNIX_TESTS=OFF", "-DVARNIX_EXAMPLES=OFF",
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", source, "-B", source / "build", f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}",
+        "-DCMAKE_CXX_FLAGS=-g", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF",
         *([f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"] if toolchain else [f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}"]))
     run("cmake", "--build", source / "build", "--parallel", len(os.sched_getaffinity(0)))
     return source / "build" / "libvarnix.so"

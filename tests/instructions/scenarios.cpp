@@ -10,13 +10,14 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "databases/TableDecombiner.h"
 #include "logging/Log.h"
 #include "names/CombinedKey.h"
-#include "network/Cookie.h"
 #include "network/Record.h"
+#include "network/SocketStream.h"
 
 namespace {
 
@@ -42,15 +43,20 @@ void SetAll(Varnix::Table& table, const std::vector<Varnix::Row>& rows) {
 // Both ends of a connection, and the stream of the one that is measured.
 struct Connection {
   Connection() {
+    int ends[2];
+    int done[2];
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0 || pipe(done) != 0) std::abort();
-    cookie = std::make_unique<Cookie>(ends[0], done[0]);
-    stream = cookie->OpenStream();
+    peer = ends[1];
+    FileDescriptor socket = [&] {
+      const NoFork no_fork;
+      return FileDescriptor(no_fork, ends[0]);
+    }();
+    stream = std::make_unique<SocketStream>(std::move(socket), done[0]);
+    if (!stream->Open()) std::abort();
   }
 
-  int ends[2];
-  int done[2];
-  std::unique_ptr<Cookie> cookie;
-  FILE* stream;
+  int peer;
+  std::unique_ptr<SocketStream> stream;
 };
 
 void SetNewRows() {
@@ -86,8 +92,8 @@ void WriteRecords() {
   measured = [connection = std::make_shared<Connection>(), rows = Rows(kPortion, 'a')] {
     std::vector<char> taken(kPortion * 52);
     for (int portion = 0; portion < kRows / kPortion; ++portion) {
-      for (const Varnix::Row& row : rows) WriteRecord(row, connection->stream, *connection->cookie);
-      if (recv(connection->ends[1], taken.data(), taken.size(), MSG_WAITALL) < 0) std::abort();
+      for (const Varnix::Row& row : rows) WriteRecord(row, *connection->stream);
+      if (recv(connection->peer, taken.data(), taken.size(), MSG_WAITALL) < 0) std::abort();
     }
   };
 }
@@ -102,10 +108,11 @@ void ReadRecordsIntoTables() {
   }
   const auto tables = std::make_shared<TableDecombiner>("db");
   measured = [connection = std::make_shared<Connection>(), tables, bytes] {
+    RecordReader reader(*connection->stream);
     Varnix::Row row;
     for (int portion = 0; portion < kRows / kPortion; ++portion) {
-      if (send(connection->ends[1], bytes.data(), bytes.size(), 0) < 0) std::abort();
-      for (int i = 0; i < kPortion && ReadRecord(row, connection->stream, *connection->cookie); ++i) tables->Set(row);
+      if (send(connection->peer, bytes.data(), bytes.size(), 0) < 0) std::abort();
+      for (int i = 0; i < kPortion && reader.Read(row); ++i) tables->Set(row);
     }
   };
 }

@@ -67,8 +67,9 @@ prepare() {  # prepare ROOT: what a root needs of this machine
 
 # --- The roots: one with what the packages say that they need to be built, one with nothing.
 
-[ "$(dpkg-parsechangelog -S Version)" = "$(sed -nE 's/^project\(varnix VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)" ] ||
-  fail "debian/changelog and CMakeLists.txt name different versions"
+version=$(sed -nE 's/^#define VARNIX_VERSION_(MAJOR|MINOR|PATCH) //p' include/Varnix.h | paste -s -d .)
+[ "$(dpkg-parsechangelog -S Version)" = "$version" ] ||
+  fail "debian/changelog and include/Varnix.h name different versions"
 
 quietly debootstrap --variant=minbase bookworm "$work/clean" "$mirror"
 cp -a "$work/clean" "$work/builder"
@@ -128,7 +129,7 @@ for triplet in x86_64-linux-gnu arm-linux-gnueabihf; do
     $triplet-g++ -std=c++11 plain/main.cpp -lvarnix -o ../programs/plain-$triplet
     $triplet-g++ -std=c++11 plain/main.cpp \
       \$(PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig pkg-config --cflags --libs varnix) -o ../programs/pc-$triplet
-    cmake -G Ninja -S installed -B cmake-$triplet -DCMAKE_CXX_COMPILER=$triplet-g++ -DCMAKE_SYSTEM_NAME=Linux \
+    cmake -S installed -B cmake-$triplet -DCMAKE_CXX_COMPILER=$triplet-g++ -DCMAKE_SYSTEM_NAME=Linux \
       -DCMAKE_LIBRARY_ARCHITECTURE=$triplet
     cmake --build cmake-$triplet
     cp cmake-$triplet/stranger ../programs/cmake-$triplet

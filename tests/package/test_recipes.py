@@ -22,8 +22,8 @@ def value_in(file, variable):
 
 
 def library_version():
-    version, = re.findall(r"project\(varnix VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text(encoding="utf-8"))
-    return version
+    header = (SOURCE / "include" / "Varnix.h").read_text(encoding="utf-8")
+    return ".".join(re.findall(r"^#define VARNIX_VERSION_(?:MAJOR|MINOR|PATCH) (\d+)$", header, re.MULTILINE))
 
 
 def test_the_recipes_have_the_version_of_the_library():
@@ -62,7 +62,7 @@ def run(*command, **variables):
 
 def build_and_install(recipe, build, destination):
     file, variable, from_around = RECIPES[recipe]
-    run("cmake", "-G", "Ninja", "-S", SOURCE, "-B", build, f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}", *from_around,
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", build, f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}", *from_around,
         *shlex.split(value_in(file, variable)))
     run("cmake", "--build", build)
     run("cmake", "--install", build, DESTDIR=str(destination))

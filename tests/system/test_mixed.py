@@ -25,8 +25,8 @@ def run(*command):
 
 
 def build_library(name, *settings):
-    run("cmake", "-G", "Ninja", "-S", SOURCE, "-B", BUILDS / name, "-DCMAKE_BUILD_TYPE=MinSizeRel",
-        "-DVARNIX_TESTS=OFF", "-DVARNIX_EXAMPLES=OFF", *settings)
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", BUILDS / name, "-DCMAKE_BUILD_TYPE=MinSizeRel",
+        "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF", *settings)
     run("cmake", "--build", BUILDS / name)
     return BUILDS / name / "libvarnix.so"
 

@@ -159,11 +159,13 @@ TEST_F(PeerThreadsTest, ThreadOfAnyServerMakesRoomForAPlaceThatWaits) {
 TEST_F(PeerThreadsTest, PlacesWaitInTheOrderInWhichTheyWereFoundAndEachOnce) {
   const auto threads = Make();
   Fill(*threads);
-  for (const unsigned short port : {1000, 1001, 1000, 1002}) Find(*threads, port);
+  for (const int port : {1000, 1001, 1000, 1002}) Find(*threads, static_cast<unsigned short>(port));
 
   for (unsigned short port = 1; port <= 4; ++port) {
     receivers_.End(port);
-    if (port < 4) EXPECT_TRUE(receivers_.Begin(kRoom + port));
+    if (port < 4) {
+      EXPECT_TRUE(receivers_.Begin(kRoom + port));
+    }
   }
   Find(*threads, 1003);
 
