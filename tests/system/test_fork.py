@@ -11,6 +11,9 @@ from endings import WITHOUT_LEAK_DETECTION
 # The thread sanitizer takes it for a mistake that the child of a process with threads starts some.
 FORKING = {**WITHOUT_LEAK_DETECTION, "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " die_after_fork=0"}
 
+# Under qemu-arm a child that is forked beside threads in system calls may stop in the emulator.
+not_emulated = pytest.mark.skipif(bool(programs.EMULATOR), reason="the emulator does not fork beside busy threads")
+
 
 @pytest.mark.parametrize("end", ["return", "exit"])
 def test_a_forked_child_ends_and_the_streams_of_its_parent_go_on(ether, make_host, end):
@@ -41,6 +44,7 @@ def test_a_forked_child_ends_and_the_streams_of_its_parent_go_on(ether, make_hos
     assert newcomer.receive_record() == (b"plant", b"\x05pressp")
 
 
+@not_emulated
 @pytest.mark.parametrize("end", ["return", "exit"])
 def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_own(ether, make_host, end):
     host = make_host(environment=FORKING)
@@ -59,6 +63,7 @@ def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_
         assert stream.receive_record() == (b"\x01t%02d" % number, b"%d" % (number % 10) * 1_000_000)
 
 
+@not_emulated
 def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_host):
     host = make_host(environment=FORKING)
     host.set(b"plant", b"t", b"k", b"v")
@@ -90,6 +95,7 @@ def shares_like_any_process(ether, host, process):
     return port
 
 
+@not_emulated
 @pytest.mark.parametrize("used", [False, True])
 def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used):
     host = make_host(environment=FORKING)
@@ -104,6 +110,7 @@ def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used)
     assert host.events[-1] == "child exited 0"
 
 
+@not_emulated
 def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host):
     host = make_host(environment=FORKING)
     parents_port = shares_like_any_process(ether, host, b"parent")
@@ -153,6 +160,7 @@ def streams_of(ether, host):
     return receiving, sending
 
 
+@not_emulated
 @pytest.mark.parametrize("end", ["shares anew", "exits", "is killed"])
 def test_peers_see_the_end_of_a_parents_streams_although_a_child_sleeps_on(ether, make_host, end):
     host = make_host(environment=FORKING)
@@ -171,6 +179,7 @@ def test_peers_see_the_end_of_a_parents_streams_although_a_child_sleeps_on(ether
         assert stream.is_closed()
 
 
+@not_emulated
 def test_a_successor_is_received_from_although_a_child_of_the_one_before_sleeps_on(network, make_host):
     reader = make_host()
     reader.watch(b"plant", b"t")
@@ -189,6 +198,7 @@ def test_a_successor_is_received_from_although_a_child_of_the_one_before_sleeps_
     assert reader.gets_row(b"plant", b"t", b"k", b"2")
 
 
+@not_emulated
 def test_a_grandchild_is_a_member_of_its_own(ether, make_host):
     host = make_host(environment=FORKING)
     shares_like_any_process(ether, host, b"parent")
@@ -203,6 +213,7 @@ def test_a_grandchild_is_a_member_of_its_own(ether, make_host):
     assert [event for event in host.events if event.startswith("child")] == ["child exited 0"] * 2
 
 
+@not_emulated
 def test_a_daemon_shares_also_one_that_becomes_it_twice(ether, make_host):
     host = make_host(environment=FORKING)
     host.set(b"plant", b"t", b"before", b"0")
@@ -217,6 +228,7 @@ def test_a_daemon_shares_also_one_that_becomes_it_twice(ether, make_host):
     assert stream.receive_record() == (b"\x01tbefore", b"0")
 
 
+@not_emulated
 def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_host):
     host = make_host(environment=FORKING)
     receiving, _ = streams_of(ether, host)
@@ -234,6 +246,7 @@ def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_ho
     assert receiving.receive_record() == (b"\x01tafter", b"2")
 
 
+@not_emulated
 @pytest.mark.parametrize("start", ["posix-spawn", "vfork"])
 def test_a_program_that_is_started_without_fork_disturbs_nobody(ether, make_host, start):
     host = make_host(environment=FORKING)
