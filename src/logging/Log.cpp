@@ -10,27 +10,28 @@
 namespace {
 
 Mutex log_lock;
-std::atomic<std::thread::id> hook_thread;  // Runs the hook just now.
+// The thread that runs the hook now. Threads look for their own id alone, so relaxed accesses suffice.
+std::atomic<std::thread::id> hook_thread;
 // The hook is the first one, or none. Then nobody gets a message below level Error, and it needs no lock either: a thread
 // that prints an error to a slow device keeps no other from setting rows.
 std::atomic<bool> only_errors_are_heard{true};
 
-// Never destroyed, only emptied at exit: tables in the host's static objects, and threads that outlive main, still log.
+// The hook is emptied at exit and never destroyed: static objects of the host, and threads that outlive main, still log.
 LogHook& Hook() VARNIX_REQUIRES(log_lock) {
   alignas(LogHook) static unsigned char place[sizeof(LogHook)];  // The first message allocates nothing either.
   static LogHook& hook = *new (place) LogHook(DefaultLogger);
   return hook;
 }
 
-// Destroys the hook, with all that it captured, after every other exit-time destructor of the library.
+// Destroys what the hook has captured, after every other exit-time destructor of the library.
 struct EmptyHookAtExit {
   ~EmptyHookAtExit() { SetLogHook({}); }
 } empty_hook_at_exit;
 
 void CallHook(Varnix::LogLevel level, const char* tag, const char* format, va_list arguments) {
   struct HookThread {
-    HookThread() { hook_thread = std::this_thread::get_id(); }
-    ~HookThread() { hook_thread = std::thread::id(); }
+    HookThread() { hook_thread.store(std::this_thread::get_id(), std::memory_order_relaxed); }
+    ~HookThread() { hook_thread.store(std::thread::id(), std::memory_order_relaxed); }
   };
   MutexLock lock(log_lock);
   const LogHook& hook = Hook();
@@ -69,7 +70,7 @@ void SetLogHook(const LogHook& hook) {
   LogHook previous = hook;
   previous.swap(Hook());
   only_errors_are_heard = !hook || (function != nullptr && *function == &DefaultLogger);
-  // `previous` goes before `lock`: no call of the old hook can be running, and none is left when this returns.
+  // `previous` is destroyed before `lock` is released: no call of the old hook runs then, and none will.
 }
 
 void LockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.lock(); }
@@ -78,4 +79,4 @@ void UnlockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.unlock(); }
 
 bool HasHookOfTheHost() { return !only_errors_are_heard; }
 
-bool IsInLogHook() { return hook_thread == std::this_thread::get_id(); }
+bool IsInLogHook() { return hook_thread.load(std::memory_order_relaxed) == std::this_thread::get_id(); }

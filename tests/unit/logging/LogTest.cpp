@@ -116,6 +116,31 @@ TEST(Log, NeverRunsTheHookTwiceAtOnce) {
   EXPECT_EQ(calls, 4000);
 }
 
+TEST(Log, KnowsTheThreadThatRunsTheHookAndForgetsItAfterwards) {
+  bool here = false;
+  bool elsewhere = true;
+  SetLogHook([&](LogLevel, const char*, const char*, va_list) {
+    here = IsInLogHook();
+    std::thread([&] { elsewhere = IsInLogHook(); }).join();
+  });
+
+  Log(LogLevel::Debug, "tag", "text");
+
+  SetLogHook(DefaultLogger);
+  EXPECT_TRUE(here);
+  EXPECT_FALSE(elsewhere);
+  EXPECT_FALSE(IsInLogHook());
+}
+
+TEST(Log, ForgetsTheThreadAlsoWhenTheHookThrows) {
+  SetLogHook([](LogLevel, const char*, const char*, va_list) { throw std::runtime_error("full"); });
+
+  EXPECT_THROW(Log(LogLevel::Debug, "tag", "text"), std::runtime_error);
+
+  SetLogHook(DefaultLogger);
+  EXPECT_FALSE(IsInLogHook());
+}
+
 TEST(SetLoggingFunction, DestroysThePreviousHookBeforeItReturns) {
   auto captured = std::make_shared<int>(1);
   const std::weak_ptr<int> alive = captured;
