@@ -32,7 +32,7 @@ void LocalTable::LWatcherSet::WatcherChanged(const std::shared_ptr<LWatcher>& wa
   Members& from = empty ? ready_ : idle_;
   Members& to = empty ? idle_ : ready_;
   to.insert(from.extract(watcher));
-  if (!empty) cond_.notify_one();
+  if (!empty) changed_.NotifyOne();
 }
 
 LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
@@ -41,7 +41,7 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
   struct WakeNext {
     LWatcherSet& set;
     ~WakeNext() VARNIX_NO_LOCK_ANALYSIS {
-      if (!set.ready_.empty()) set.cond_.notify_one();
+      if (!set.ready_.empty()) set.changed_.NotifyOne();
     }
   } wake_next{*this};
   const std::shared_ptr<LWatcher> member = *ready_.begin();
@@ -53,7 +53,7 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
 std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet::Wait() {
   const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);
-  while (ready_.empty()) cond_.wait(lock.ForWaiting());
+  while (ready_.empty()) changed_.Wait(lock.ForWaiting());
   Next next = TakeNext();
   return {std::move(next.row), std::move(next.watcher)};
 }
@@ -73,7 +73,7 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeUntil(
   while (ready_.empty()) {
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline) return {};
-    cond_.wait_until(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
+    changed_.WaitUntil(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
   }
   return TakeNext();
 }

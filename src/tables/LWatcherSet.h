@@ -3,7 +3,6 @@
 #include <Varnix.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
 #include <unordered_set>
 #include <utility>
@@ -11,6 +10,7 @@
 
 #include "tables/LWatcher.h"
 #include "tables/WatcherSetListener.h"
+#include "threads/Condition.h"
 
 // Keeps its members parted, at all times, into those with nothing pending and those with a change, so that a wait never
 // polls them.
@@ -50,5 +50,5 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   // Destroyed without the table lock: dropping the members may destroy them, and then their tables.
   Members idle_ VARNIX_GUARDED_BY(table_lock);
   Members ready_ VARNIX_GUARDED_BY(table_lock);
-  std::condition_variable cond_;
+  Condition changed_;  // A member has become ready.
 };

@@ -31,6 +31,11 @@ class LeakCheck : public testing::EmptyTestEventListener {
 
 }  // namespace
 
+#if defined(__SANITIZE_THREAD__)
+// Forked children start threads, in which the sanitizer sees a risk.
+extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
+#endif
+
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
 #if !defined(VARNIX_EMULATED)
