@@ -17,13 +17,13 @@
 #include <tuple>
 #include <vector>
 
-#include "Tables.h"
 #include "databases/DatabaseCache.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
+#include "support/Tables.h"
 #include "support/ThrowingHook.h"
 
 namespace {
@@ -236,7 +236,7 @@ TEST(DatabaseCache, IsTheSameForThreadsThatAllAskForItFirst) {
   EXPECT_THAT(caches, testing::Each(caches[0]));
 }
 
-TEST(GetDatabaseTableDeathTest, IsEmptyAtFirstAndHasOneRowAfterATableTableWasAskedForTwice) {
+TEST(GetDatabaseTableDeathTest, IsEmptyAtFirstAndHasOneRowAfterTwoCallsForOneDatabase) {
   const auto in_a_process_without_databases = [] {
     const bool absent = LocalTables("_vrx_.dbtbl.main").empty();
     const auto table = Varnix::GetDatabaseTable();
@@ -500,7 +500,7 @@ TEST_F(SetSharingGroup, IsReportedWholeOrNotAtAllWhenMemoryRunsOut) {
   }
 }
 
-TEST_F(SetSharingGroup, IsWaitedForByWhoAsksThatDatabaseAndByNobodyElseUntilTheNetworkChanges) {
+TEST_F(SetSharingGroup, HoldsUpOnlyWhoAsksForTheDatabaseUntilTheNetworkChanges) {
   std::promise<void> sharing_starts;
   std::promise<void> sharing_goes_on;
   const Hooked listen(Hooks().listen, [&](int descriptor, int backlog) {

@@ -7,10 +7,10 @@
 #include <thread>
 #include <vector>
 
-#include "Tables.h"
 #include "databases/Database.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/Tables.h"
 #include "support/ThrowingHook.h"
 
 namespace {

@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
-#include "Tables.h"
 #include "databases/TableCombiner.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/Tables.h"
 #include "support/ThrowingHook.h"
 
 namespace {

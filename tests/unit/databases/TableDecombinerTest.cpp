@@ -9,12 +9,12 @@
 #include <thread>
 #include <vector>
 
-#include "Tables.h"
 #include "databases/TableDecombiner.h"
 #include "names/CombinedKey.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
+#include "support/Tables.h"
 #include "support/ThrowingHook.h"
 
 namespace {

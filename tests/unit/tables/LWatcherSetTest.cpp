@@ -524,7 +524,7 @@ TEST_F(LWatcherSetTest, WorksAfterMemoryRanOutWhileAnotherWasMade) {
   EXPECT_EQ(set->WaitUntil(kPast), kNothing);
 }
 
-TEST_F(LWatcherSetTest, ThatCannotBeMadeDropsWatchersThatNobodyElseHasWithTheLockReleased) {
+TEST_F(LWatcherSetTest, ThatCannotBeMadeDropsItsWatchersWithTheLockReleased) {
   for (long n = 1;; ++n) {
     std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
     const std::weak_ptr<Varnix::Watcher> alive = watchers[0];

@@ -14,6 +14,7 @@
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
+#include "support/Tables.h"
 #include "support/ThrowingHook.h"
 #include "tables/LocalTable.h"
 
@@ -21,25 +22,6 @@ namespace {
 
 using Varnix::LogLevel;
 using Varnix::Row;
-
-// All that the watcher has to report now.
-std::vector<Row> Drain(Varnix::Watcher& watcher) {
-  std::vector<Row> rows;
-  for (std::vector<Row> next = watcher.GetChanges(); !next.empty(); next = watcher.GetChanges()) {
-    rows.push_back(next.at(0));
-  }
-  return rows;
-}
-
-std::vector<Row> Contents(Varnix::Table& table) { return Drain(*table.WatchAll()); }
-
-std::vector<std::shared_ptr<Varnix::Table>> Listed(const std::string& name) {
-  std::vector<std::shared_ptr<Varnix::Table>> found;
-  for (const auto& [listed, table] : Varnix::GetLocalTables()) {
-    if (listed == name) found.push_back(table);
-  }
-  return found;
-}
 
 bool WaitsForTheTableLock(const std::function<void()>& call) {
   std::atomic<bool> through{false};
@@ -311,11 +293,11 @@ TEST(LocalTable, LivesAsLongAsItsWatchers) {
   std::shared_ptr<Varnix::Watcher> watcher = table->WatchAll();
 
   table.reset();
-  EXPECT_EQ(Listed("kept by its watcher").size(), 1U);
+  EXPECT_EQ(LocalTables("kept by its watcher").size(), 1U);
   EXPECT_EQ(Drain(*watcher), (std::vector<Row>{{"k", "v"}}));
 
   watcher.reset();
-  EXPECT_EQ(Listed("kept by its watcher").size(), 0U);
+  EXPECT_EQ(LocalTables("kept by its watcher").size(), 0U);
 }
 
 TEST(MakeTable, MakesTwoTablesOfOneName) {
@@ -326,7 +308,7 @@ TEST(MakeTable, MakesTwoTablesOfOneName) {
 
   EXPECT_NE(first, second);
   EXPECT_TRUE(Contents(*second).empty());
-  EXPECT_THAT(Listed("twice"), testing::UnorderedElementsAre(first, second));
+  EXPECT_THAT(LocalTables("twice"), testing::UnorderedElementsAre(first, second));
 }
 
 TEST(MakeTable, WaitsForTheTableLock) {
@@ -347,8 +329,8 @@ TEST(MakeTable, TakesAnyBytesAsAName) {
   const std::shared_ptr<Varnix::Table> named = Varnix::MakeTable(name);
   const std::shared_ptr<Varnix::Table> unnamed = Varnix::MakeTable("");
 
-  EXPECT_EQ(Listed(name), (std::vector<std::shared_ptr<Varnix::Table>>{named}));
-  EXPECT_THAT(Listed(""), testing::Contains(unnamed));
+  EXPECT_EQ(LocalTables(name), (std::vector<std::shared_ptr<Varnix::Table>>{named}));
+  EXPECT_THAT(LocalTables(""), testing::Contains(unnamed));
 }
 
 TEST(GetLocalTables, WaitsForTheTableLock) {
@@ -370,7 +352,7 @@ TEST(GetLocalTables, LeavesNothingLockedWhenMemoryRunsOut) {
   for (long n = 1;; ++n) {
     const bool failed = RunsOutOfMemoryAt(n, [] { Varnix::GetLocalTables(); });
 
-    EXPECT_EQ(Listed(name).size(), 1U);
+    EXPECT_EQ(LocalTables(name).size(), 1U);
     if (!failed) break;
     ASSERT_LT(n, 50);
   }
@@ -380,11 +362,11 @@ TEST(GetLocalTables, LeavesNothingLockedWhenMemoryRunsOut) {
 
 TEST(GetLocalTables, ForgetsATableThatIsGone) {
   std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("gone");
-  ASSERT_EQ(Listed("gone"), (std::vector<std::shared_ptr<Varnix::Table>>{table}));
+  ASSERT_EQ(LocalTables("gone"), (std::vector<std::shared_ptr<Varnix::Table>>{table}));
 
   table.reset();
 
-  EXPECT_TRUE(Listed("gone").empty());
+  EXPECT_TRUE(LocalTables("gone").empty());
 }
 
 TEST(LocalTable, LeavesNothingBehindWhenItIsGone) {
@@ -492,7 +474,7 @@ TEST(MakeTable, RegistersNothingWhenMemoryRunsOut) {
     EXPECT_EQ(table == nullptr, failed);
     table.reset();
 
-    EXPECT_TRUE(Listed("a name that does not fit into the string itself").empty());
+    EXPECT_TRUE(LocalTables("a name that does not fit into the string itself").empty());
     if (!failed) return;
     ASSERT_LT(n, 50);
   }

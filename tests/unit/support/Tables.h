@@ -6,13 +6,15 @@
 #include <string>
 #include <vector>
 
-// Every row of a table, oldest change first.
-inline std::vector<Varnix::Row> Contents(Varnix::Table& table) {
-  const std::shared_ptr<Varnix::Watcher> watcher = table.WatchAll();
+// All that a watcher has to report now.
+inline std::vector<Varnix::Row> Drain(Varnix::Watcher& watcher) {
   std::vector<Varnix::Row> rows;
-  for (auto next = watcher->GetChanges(); !next.empty(); next = watcher->GetChanges()) rows.push_back(next.at(0));
+  for (auto next = watcher.GetChanges(); !next.empty(); next = watcher.GetChanges()) rows.push_back(next.at(0));
   return rows;
 }
+
+// Every row of a table, oldest change first.
+inline std::vector<Varnix::Row> Contents(Varnix::Table& table) { return Drain(*table.WatchAll()); }
 
 // The live local tables of one name.
 inline std::vector<std::shared_ptr<Varnix::Table>> LocalTables(const std::string& name) {
