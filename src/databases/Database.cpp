@@ -21,7 +21,7 @@ Database::Database(std::string name)
 }
 
 Database::~Database() {
-  // A log hook that throws must not end a process that is exiting.
+  // What a log hook throws must not end a process that is exiting.
   try {
     Log(LogLevel::Debug, "tblcmbn.dtor", "DB(%p) destructed", static_cast<void*>(this));
   } catch (...) {

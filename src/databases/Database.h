@@ -17,14 +17,14 @@ struct SharingSettings {
   unsigned broadcast_address = 0;  // IPv4, network byte order; 0 selects 255.255.255.255.
 };
 
-// One named group of shared tables: the combined table that all of them feed and that is served to peers, the
-// decombiner that takes in what peers send, and, once it has a sharing group, the table server.
+// A named group of shared tables. It has a combined table, which all its tables feed and which is served to peers; a
+// decombiner, which takes in what peers send; and, while it is shared, a table server.
 //
 // Threads: any. The database lock comes after the cache lock and before those of the decombiner and the tables.
 class Database {
  public:
   explicit Database(std::string name);
-  // Stops sharing. Nobody else may be using the database any more.
+  // Stops sharing. No other thread may use the database any more.
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
@@ -33,12 +33,13 @@ class Database {
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner_->GetTableTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
-  // Errors: on an exception the new settings are stored and there is no server, unless only the last log line failed.
+  // Errors: when the first log line throws, nothing has changed; when the last one does, the new server is there. After
+  // any other exception there is none.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   // False, with nothing written, while there is no server.
   bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   void NetworkChanged() VARNIX_EXCLUDES(lock_);
-  // Stops the server for good: from now on settings are stored, but nothing is shared. For a process that exits.
+  // Stops the server for good: from now on settings are only stored. For a process that exits.
   void EndSharing() VARNIX_EXCLUDES(lock_);
 
   // For fork(): this lock and that of the decombiner.

@@ -8,10 +8,10 @@
 
 namespace {
 
-// The one reference that the library itself holds.
+// The library's own reference to the cache.
 struct Holder {
   Mutex lock;
-  // Null from the moment the process exits until somebody asks again, and before the first time.
+  // Null before the first call of Instance(), and from process exit until the next.
   std::shared_ptr<DatabaseCache> cache VARNIX_GUARDED_BY(lock);
   bool exiting VARNIX_GUARDED_BY(lock) = false;
 };
@@ -29,7 +29,7 @@ struct ReleaseAtExit {
       holder.exiting = true;
       cache.swap(holder.cache);
     }
-    // Whoever still has a copy destroys the cache later. But no stream may be left when stdio flushes all of them.
+    // A thread that still has a copy destroys the cache later. But no stream may be open when stdio flushes them all.
     if (cache.use_count() > 1) cache->EndSharing();
   }
 };

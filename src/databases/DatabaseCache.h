@@ -12,22 +12,22 @@
 // The databases of the process, each made when its name is first asked for and never dropped before the process exits,
 // and the table that lists them.
 //
-// Threads: any. The cache lock is outside all but that of the cache's holder; it is held while a database is made and
+// Threads: any. The cache lock comes before all others but the holder's. It is held while a database is made and
 // listed.
 class DatabaseCache {
  public:
-  // Callers keep the cache alive by their copy of the pointer. Never null: while and after the process exits, when the
-  // cache has been released and its databases have stopped sharing, it is a new one whose databases never share.
+  // Never null. Each copy of the pointer keeps the cache alive. Once the exiting process has released the cache, this
+  // is a new one, whose databases never share.
   static std::shared_ptr<DatabaseCache> Instance();
 
   DatabaseCache();
 
   std::shared_ptr<Database> GetDatabase(const std::string& name) VARNIX_EXCLUDES(lock_);
-  // Null if nobody has asked for it yet.
+  // Null if it has not been made.
   std::shared_ptr<Database> FindDatabase(const std::string& name) VARNIX_EXCLUDES(lock_);
   const std::shared_ptr<Varnix::Table>& GetDatabaseTable() const { return database_table_; }
   void NetworkChanged() VARNIX_EXCLUDES(lock_);
-  // No database, present or future, shares from now on.
+  // From now on no database shares, not even one that is made later.
   void EndSharing() VARNIX_EXCLUDES(lock_);
 
   // For fork(): the locks of the cache, if there is one, and of all its databases.

@@ -7,8 +7,8 @@
 
 #include "memory/Spare.h"
 
-// What an application holds for a shared table. Rows set here go into the combined table of the database, which is
-// served to peers, and into the table's local copy, which also gets what peers send; watching watches the local copy.
+// What an application holds for a shared table. A row that is set here goes into the combined table of the database,
+// which is served to peers, and into the table's local copy, which also gets what peers send. Watchers watch the copy.
 //
 // Threads: any; takes no lock of its own.
 class TableCombiner final : public Varnix::Table {

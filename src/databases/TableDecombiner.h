@@ -9,16 +9,16 @@
 #include "memory/Spare.h"
 #include "threads/Mutex.h"
 
-// Where the rows that peers send enter a database: each goes, under its plain key, into the local copy of the table
-// that its combined key names. Makes the local copies on first use and lists them in the database's table table.
+// Takes the rows that peers send: each goes, under its plain key, into the local copy of the table that its combined
+// key names. Makes the local copies on first use and lists them in the database's table table.
 //
-// Threads: any. The decombiner lock comes before the table lock; it is not held while a row is set into a local copy.
+// Threads: any. The decombiner lock comes before the table lock. It is not held while a row is set into a local copy.
 class TableDecombiner final : public Varnix::Table {
  public:
   explicit TableDecombiner(std::string database);
 
   void Set(const Varnix::Row& row) override VARNIX_EXCLUDES(lock_);
-  // Nobody watches the way in: both return null.
+  // Both return null: rows are watched in the local copies.
   std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override;
   std::shared_ptr<Varnix::Watcher> WatchAll() override;
 

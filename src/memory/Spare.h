@@ -3,8 +3,8 @@
 #include <atomic>
 #include <memory>
 
-// A place for one T that keeps its memory from one use to the next, so that the next one needs no allocation. Who finds
-// it in use gets another.
+// Keeps a T, with its memory, from one use to the next. Take() makes a new one when the spare is out. Of several that
+// are given back it keeps the last.
 //
 // Threads: any; takes no lock.
 template <class T>

@@ -2,11 +2,11 @@
 
 #include <string>
 
-// Strings keep their memory when they become shorter. These two keep it where it is likely to be used again, so that
-// rows of usual sizes need no allocation, and give it back where it would be held for the longest value ever seen.
+// A string keeps its memory when it becomes shorter. These functions keep what the next value is likely to need, so
+// that rows of usual sizes need no allocation, and give back what only the longest value so far has needed.
 
-// Assigns; takes no more memory than it needs, and gives it back if three quarters of it would be unused.
+// Assigns. New memory is no larger than the value, and memory of which three quarters would be unused is given back.
 void AssignAndTrim(std::string& stored, const std::string& value);
 
-// Empties a string that is a place for the next one: one of more than 4 KiB gives its memory back.
+// Empties a string that will hold the next value. Memory of more than 4 KiB is given back.
 void EmptyForReuse(std::string& place);

@@ -3,14 +3,14 @@
 #include <string>
 #include <string_view>
 
-// One length byte, that many bytes of `name` (cut to 255), then `key`. Keys the rows of a combined table, and joins the
-// device and the process of a participant to its identity, the uid.
+// One length byte, that many bytes of `name` (cut to 255), then `key`. Rows of a combined table have such keys. The
+// identity of a member, its uid, is one of its device and its process.
 std::string CombinedKey(const std::string& name, const std::string& key);
-// The same, in the memory that `combined` has, if that is enough.
+// The same, in the memory that `combined` has, if it is enough.
 void AssignCombinedKey(std::string& combined, const std::string& name, const std::string& key);
 
-// The two halves of a combined key of any origin. A key that is empty, or claims a longer name than it holds, has two
-// empty halves. Points into `combined`.
+// The two halves of a combined key, which may come from anywhere. Both are empty if the key is empty or claims a longer
+// name than it holds. Points into `combined`.
 struct SplitKey {
   explicit SplitKey(std::string_view combined);
 
@@ -18,8 +18,8 @@ struct SplitKey {
   std::string_view key;
 };
 
-// The three arguments of "%.*s::%s" for a combined key of any origin: a length that claims too much is cut to what is
-// there. Points into `combined`.
+// The three arguments of "%.*s::%s" for a combined key, which may come from anywhere: a length that claims too much is
+// cut to what is there. Points into `combined`.
 struct PrintableKey {
   explicit PrintableKey(const std::string& combined);
 

@@ -32,7 +32,7 @@ void LocalTable::AllWatcher::RowUpdated(Position position) {
     cursor_ = position;
     NotifyListeners(false);
   } else if (cursor_ == position && std::next(position) != table_->rows_.end()) {
-    ++cursor_;  // The updated row will be met again at the end.
+    ++cursor_;  // The cursor meets the updated row again at the end.
   }
 }
 

@@ -5,7 +5,7 @@
 
 #include "tables/LWatcher.h"
 
-// Reports every row of a table once, oldest change first, and then each further change in the order it was made.
+// Reports every row of a table once, oldest change first, and then each further change in the order of the changes.
 class LocalTable::AllWatcher final : public LWatcher {
  public:
   // `first` is the first row to report.

@@ -11,7 +11,7 @@ LocalTable::LWatcher::LWatcher(std::shared_ptr<LocalTable> table) noexcept
     : destruction_lock_(table_lock, std::defer_lock), table_(std::move(table)) {}
 
 LocalTable::LWatcher::~LWatcher() VARNIX_NO_LOCK_ANALYSIS {
-  // What assert() does, in words that do not move with this file: field logs are searched for them.
+  // As assert(), but with fixed names for file and line: field logs are searched for them.
   if (!destruction_lock_) __assert_fail("destruction_lock_", "src/Varnix", 150, __PRETTY_FUNCTION__);
 }
 
@@ -20,6 +20,6 @@ void LocalTable::LWatcher::AddListener(WatcherSetListener* listener) { listeners
 void LocalTable::LWatcher::RemoveListener(WatcherSetListener* listener) { listeners_.erase(listener); }
 
 void LocalTable::LWatcher::NotifyListeners(bool empty) {
-  // The reference taken here is never the last: the sets that listen own this watcher.
+  // This reference is never the last: the sets that listen own this watcher.
   for (WatcherSetListener* listener : listeners_) listener->WatcherChanged(shared_from_this(), empty);
 }

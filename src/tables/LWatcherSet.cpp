@@ -4,11 +4,11 @@
 
 std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
     const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers) {
-  // Outlives the lock: if adding a member throws, the set's destructor takes the table lock itself.
+  // Declared before the lock: if adding a member throws, the set's destructor takes the table lock itself.
   std::shared_ptr<LWatcherSet> set;
   MutexLock lock(table_lock);
   set = std::make_shared<LWatcherSet>();
-  // Room for all in both: moving a member from one to the other then never allocates.
+  // Each group has room for all, so that moving a member never allocates.
   set->idle_.reserve(watchers.size());
   set->ready_.reserve(watchers.size());
   for (const std::shared_ptr<Varnix::Watcher>& watcher : watchers) {
@@ -36,8 +36,8 @@ void LocalTable::LWatcherSet::WatcherChanged(const std::shared_ptr<LWatcher>& wa
 }
 
 LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
-  // A watch-all watcher tells only of its first pending change. So whoever leaves changes behind, also by failing to
-  // copy one, wakes the next sleeper.
+  // A watch-all watcher tells only of its first pending change. So a thread that leaves changes behind wakes the next
+  // sleeper, also when it fails to copy a row.
   struct WakeNext {
     LWatcherSet& set;
     ~WakeNext() VARNIX_NO_LOCK_ANALYSIS {
@@ -46,7 +46,7 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeNext() {
   } wake_next{*this};
   const std::shared_ptr<LWatcher> member = *ready_.begin();
   Varnix::Row row = member->Take();
-  if (member->Empty()) member->NotifyListeners(true);  // All its sets: no other may take from it either.
+  if (member->Empty()) member->NotifyListeners(true);  // Tells other sets, too: nothing is left for them.
   return {std::move(row), member, !ready_.empty()};
 }
 
@@ -66,7 +66,7 @@ std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> LocalTable::LWatcherSet
 
 LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeUntil(
     const std::chrono::steady_clock::time_point& deadline) {
-  // A far deadline is slept for in slices: its seconds need not fit a time_t of 32 bits.
+  // A wait for a far deadline is cut into days: the seconds of the deadline may not fit a time_t of 32 bits.
   constexpr std::chrono::hours kLongestSleep(24);
   const std::shared_ptr<LWatcherSet> self = shared_from_this();
   MutexLock lock(table_lock);

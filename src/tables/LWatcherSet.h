@@ -12,12 +12,11 @@
 #include "tables/WatcherSetListener.h"
 #include "threads/Condition.h"
 
-// Keeps its members parted, at all times, into those with nothing pending and those with a change, so that a wait never
-// polls them.
+// Keeps its members in two groups, those with nothing pending and those with a change, so that a wait polls nobody.
 //
-// Threads: any; several may wait at once. One that waits keeps the set alive: a static set is destroyed while its
-// waiters sleep on when main returns, and so is a forked child's copy. Nothing but the copy of a row throws or
-// allocates once the set is made.
+// Threads: any; several may wait at once. A thread that waits keeps the set alive: a static set may be destroyed while
+// threads wait in it, when main returns. A forked child never frees a set in which threads of its parent were waiting.
+// Errors: once the set is made, only the copy of a row allocates or throws.
 class LocalTable::LWatcherSet final : public WatcherSetListener,
                                       public Varnix::WatcherSet,
                                       public std::enable_shared_from_this<LWatcherSet> {
@@ -33,7 +32,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>> WaitUntil(
       const std::chrono::steady_clock::time_point& deadline) override VARNIX_EXCLUDES(table_lock);
 
-  // As WaitUntil(), and tells whether more changes are pending then.
+  // As WaitUntil(); also tells whether more changes are pending.
   struct Next {
     Varnix::Row row;
     std::shared_ptr<Varnix::Watcher> watcher;
@@ -47,7 +46,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   void Add(const std::shared_ptr<LWatcher>& watcher) VARNIX_REQUIRES(table_lock);
   Next TakeNext() VARNIX_REQUIRES(table_lock);
 
-  // Destroyed without the table lock: dropping the members may destroy them, and then their tables.
+  // Destroyed without the table lock, because the last references to watchers and tables may be here.
   Members idle_ VARNIX_GUARDED_BY(table_lock);
   Members ready_ VARNIX_GUARDED_BY(table_lock);
   Condition changed_;  // A member has become ready.

@@ -64,7 +64,7 @@ void LocalTable::Insert(const Varnix::Row& row, std::size_t hash) {
 void LocalTable::Update(Position position, const std::string& value) {
   if (position->content.second == value) return;
   AssignAndTrim(position->content.second, value);
-  // Told before the row moves: a watcher whose cursor stands on it steps to the row after its old place.
+  // Before the row moves: a watcher whose cursor is on it steps to the row behind its old place.
   TellUpdated(position);
   rows_.splice(rows_.end(), rows_, position);
 }
@@ -87,7 +87,7 @@ void LocalTable::TellUpdated(Position position) {
 }
 
 std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
-  // Outlives the lock: if logging throws, the watcher's destructor takes the table lock itself.
+  // Declared before the lock: if logging throws, the watcher's destructor takes the table lock itself.
   std::shared_ptr<KeyWatcher> watcher;
   MutexLock lock(table_lock);
   const Position* const known = index_.Find(key, RowIndex::HashOf(key));
@@ -99,7 +99,7 @@ std::shared_ptr<Varnix::Watcher> LocalTable::Watch(const std::string& key) {
 }
 
 std::shared_ptr<Varnix::Watcher> LocalTable::WatchAll() {
-  std::shared_ptr<AllWatcher> watcher;  // Outlives the lock, as above.
+  std::shared_ptr<AllWatcher> watcher;  // Before the lock, as above.
   MutexLock lock(table_lock);
   watcher = std::make_shared<AllWatcher>(shared_from_this(), rows_.begin());
   Enrol(*watcher);

@@ -15,7 +15,7 @@
 #include "tables/StoredRow.h"
 #include "tables/TableLock.h"
 
-// A table of this process: a map from key to value that remembers in which order its rows last changed.
+// A table of this process: a map from key to value that keeps its rows in the order of their last change.
 //
 // Threads: any; every method takes the table lock.
 // Ownership: watchers own their table, the table never owns its watchers.
@@ -42,7 +42,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   std::shared_ptr<Varnix::Watcher> Watch(const std::string& key) override VARNIX_EXCLUDES(table_lock);
   std::shared_ptr<Varnix::Watcher> WatchAll() override VARNIX_EXCLUDES(table_lock);
 
-  // As Set(), for a caller who has to succeed although the log hook throws.
+  // As Set() without the log line, for a caller that must succeed although the log hook throws.
   void SetUnlogged(const Varnix::Row& row) VARNIX_EXCLUDES(table_lock);
 
  private:
@@ -63,7 +63,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   const std::string name_;
   StoredRows rows_ VARNIX_GUARDED_BY(table_lock);  // Oldest change first.
   RowIndex index_ VARNIX_GUARDED_BY(table_lock);
-  // The live watchers by what they watch: a change is told to none but those that it concerns.
+  // The live watchers, by what they watch: a change is told only to those that it concerns.
   std::unordered_set<AllWatcher*> all_watchers_ VARNIX_GUARDED_BY(table_lock);
   std::unordered_multimap<std::string_view, KeyWatcher*> key_watchers_ VARNIX_GUARDED_BY(table_lock);
 };

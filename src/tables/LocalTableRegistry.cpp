@@ -37,7 +37,7 @@ void LocalTableRegistry::Leave(LocalTable* table) {
 }
 
 std::vector<std::shared_ptr<LocalTable>> LocalTableRegistry::Alive() {
-  // Outlives the lock: the last reference to a table may turn out to be one of these.
+  // Declared before the lock: one of these may be the last reference to a table, whose destructor takes it.
   std::vector<std::shared_ptr<LocalTable>> alive;
   MutexLock lock(registry_lock);
   if (WeakTables* tables = OpenRegistry()) {

@@ -5,11 +5,10 @@
 
 class LocalTable;
 
-// The process-wide list of live local tables. It holds weak references only, so it keeps none alive. It is made on
-// first use and freed at process exit; from then on it stays empty, because tables in the host's static objects live
-// on.
+// The process-wide list of live local tables. It keeps none alive: its references are weak. It is made on first use and
+// freed at process exit. From then on it is empty, though tables of the host's static objects may live on.
 //
-// Threads: any, with or without the table lock. The registry lock comes after the table lock and nothing is called out
+// Threads: any, with or without the table lock. The registry lock comes after the table lock. Nothing else is called
 // while it is held.
 class LocalTableRegistry {
  public:
@@ -18,7 +17,7 @@ class LocalTableRegistry {
   // Strong references to all tables but those that are being destroyed, in no defined order.
   static std::vector<std::shared_ptr<LocalTable>> Alive();
 
-  // For fork(), which must not copy a registry lock that another thread holds.
+  // For fork(): the child must not get a registry lock that another thread holds.
   static void Lock();
   static void Unlock();
 };

@@ -4,7 +4,7 @@
 
 #include "tables/LocalTable.h"
 
-// Told by a watcher, under the table lock, when it passes between "nothing pending" and "a change pending".
+// A watcher tells its listeners when it passes between "nothing pending" and "a change pending".
 class LocalTable::WatcherSetListener {
  public:
   virtual void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) VARNIX_REQUIRES(table_lock) = 0;

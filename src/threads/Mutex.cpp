@@ -14,8 +14,8 @@ void RelaxProcessor() {
 }  // namespace
 
 void LockContended(std::unique_lock<std::mutex>& lock) {
-  // Some microseconds: most holders are through sooner, and to sleep and be woken takes longer. On a single processor the
-  // holder gets on when we sleep; there it happens only to who interrupts him, and costs these microseconds.
+  // The tries take some microseconds. Most holders release the lock sooner, and to sleep and be woken takes longer. On
+  // a single processor the tries are in vain: the holder runs only while this thread sleeps.
   constexpr int kTries = 200;
   for (int tried = 0; tried < kTries; ++tried) {
     RelaxProcessor();

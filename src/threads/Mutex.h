@@ -13,8 +13,8 @@
 #define VARNIX_EXCLUDES(...) VARNIX_THREADS(locks_excluded(__VA_ARGS__))
 #define VARNIX_NO_LOCK_ANALYSIS VARNIX_THREADS(no_thread_safety_analysis)
 
-// A std::mutex that the analysis can follow. std::unique_lock and std::condition_variable take it as one.
-// Constant-initialised and trivially destroyed, so a global one works before and after every static object.
+// A std::mutex that the analysis can follow; std::unique_lock and std::condition_variable accept it. A global one works
+// before and after every static object: it is constant-initialised and trivially destroyed.
 class VARNIX_THREADS(capability("mutex")) Mutex : public std::mutex {
  public:
   void lock() VARNIX_THREADS(acquire_capability()) { std::mutex::lock(); }
@@ -34,7 +34,7 @@ class VARNIX_THREADS(scoped_lockable) MutexLock {
   MutexLock(const MutexLock&) = delete;
   MutexLock& operator=(const MutexLock&) = delete;
 
-  // For std::condition_variable, which gives the mutex back locked.
+  // For a Condition or a std::condition_variable: the mutex is locked again after each wait.
   std::unique_lock<std::mutex>& ForWaiting() { return lock_; }
 
  private:
