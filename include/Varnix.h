@@ -69,6 +69,8 @@
 //   peers            at most 1,024 of each direction in a process, and no more than 3/8 of its limit of
 //                    descriptors; one for each database that both share. Others are met when there is room
 //
+// A row whose combined key or value is longer is set, and is a log line of level Warning ("tblcmbn.set.long").
+//
 // A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
 // then. There is no deletion, no authentication and no encryption: share on a network that you trust.
 
@@ -96,13 +98,13 @@ namespace Varnix {
 using Row = std::pair<std::string, std::string>;
 
 /// How serious a log message is; numbered as the syslog severities, so it can be cast to int and given to vsyslog().
-/// The library itself uses Error, Info and Debug; a hook must take any value.
+/// The library itself uses Error, Warning, Info and Debug; a hook must take any value.
 enum class LogLevel : int {
   Emergency = 0,
   Alert = 1,
   Critical = 2,
   Error = 3,  ///< a system call failed; the message mostly ends in its errno
-  Warning = 4,
+  Warning = 4,  ///< a row was set that is too long for peers
   Notice = 5,
   Info = 6,  ///< trouble with one peer that the library deals with: retrying, giving up
   Debug = 7  ///< life cycle and traffic: every row set, every watch, every connection

@@ -20,6 +20,8 @@ class TableCombiner final : public Varnix::Table {
   std::shared_ptr<Varnix::Watcher> WatchAll() override;
 
  private:
+  void WarnThatItIsTooLong(const Varnix::Row& row, const Varnix::Row& combined_row);
+
   const std::shared_ptr<Varnix::Table> combined_;
   const std::shared_ptr<Varnix::Table> local_;
   const std::string name_;

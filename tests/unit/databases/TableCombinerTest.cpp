@@ -91,6 +91,51 @@ TEST_F(TableCombinerTest, EitherSetsOrThrowsWhereverTheLogHookThrows) {
   }
 }
 
+TEST_F(TableCombinerTest, WarnsOfARowThatIsTooLongForPeersAndSetsIt) {
+  struct TooLong {
+    Varnix::Row row;
+    std::string sizes;
+  };
+  for (const auto& [row, sizes] :
+       std::vector<TooLong>{{{"1" + std::string(4091, '\0'), "v"},
+                             "1 is too long for peers: combined key 4096 of 4095 bytes, value 1 of 1048575"},
+                            {{"2" + std::string(8187, '\0'), ""},
+                             "2 is too long for peers: combined key 8192 of 4095 bytes, value 0 of 1048575"},
+                            {{"3", std::string(1'048'576, 'v')},
+                             "3 is too long for peers: combined key 5 of 4095 bytes, value 1048576 of 1048575"}}) {
+    LogRecorder log;
+
+    combiner_.Set(row);
+
+    EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tblcmbn.set", "tblcmbn.set.long", "tbl.set.ins", "tbl.set.ins"}));
+    EXPECT_EQ(log.Lines()[1], (LogLine{LogLevel::Warning, "tblcmbn.set.long",
+                                       "TableCombiner(" + AddressOf(&combiner_) + ") row cfg:" + sizes, ""}));
+    EXPECT_EQ(combiner_.Watch(row.first)->GetChanges(), Rows{row});
+  }
+}
+
+TEST_F(TableCombinerTest, DoesNotWarnOfTheLongestRowThatPeersGetWhole) {
+  LogRecorder log;
+
+  combiner_.Set({std::string(4091, 'k'), std::string(1'048'575, 'v')});
+
+  EXPECT_EQ(log.Tags(), (std::vector<std::string>{"tblcmbn.set", "tbl.set.ins", "tbl.set.ins"}));
+}
+
+TEST_F(TableCombinerTest, SetsNothingWhenTheLogHookThrowsAtTheWarning) {
+  const Varnix::Row row(std::string(5000, 'k'), "v");
+  {
+    const ThrowingHook hook(2);
+    EXPECT_THROW(combiner_.Set(row), HookError);
+  }
+  EXPECT_EQ(Contents(*combined_), Rows());
+  EXPECT_EQ(Contents(*local_), Rows());
+
+  combiner_.Set(row);
+
+  EXPECT_EQ(Contents(*local_), Rows{row});
+}
+
 TEST_F(TableCombinerTest, CutsItsNameAt255BytesInTheCombinedTableOnly) {
   TableCombiner combiner(combined_, local_, std::string(300, 'n'));
 

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <cstddef>
+
+// The longest fields that a record on the wire has room for. A longer one is cut to its length modulo one byte more.
+constexpr std::size_t kLongestRecordKey = 0xFFF;
+constexpr std::size_t kLongestRecordValue = 0xFFFFF;
