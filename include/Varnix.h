@@ -41,7 +41,7 @@
 //   leave any call, and so can what a log hook throws. Such a call has left nothing locked, and its table, watcher or
 //   set as it was. A call of several steps may have done the first of them: Set of a shared table may have handed the
 //   row to the peers and not to the watchers here, a call that names a new database or table may have made it, and
-//   SetSharingGroup has stored the settings.
+//   SetSharingGroup may have ended the sharing.
 // Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
 //   fail later (poll on valid descriptors, say), are logged and end the process with abort().
 // Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
@@ -217,6 +217,8 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 ///   call NetworkChanged() to bring the group together in seconds.
 /// Give each database a group of its own: at each announcement all databases of its group connect.
 /// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared.
+///   A log hook that throws at the first line ("tblcmbn.sharing") leaves the sharing as it was, at the last
+///   ("tblcmbn.sharing.svr") as it was asked for, and at any other line the database unshared.
 ///   System calls that fail are logged and end the process with abort().
 VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
                                    unsigned broadcast_address);

@@ -24,7 +24,6 @@ void TableDecombiner::Set(const Varnix::Row& row) {
   Log(LogLevel::Debug, "tblcmbn.set", "TableDecombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
       name.c_str(), plain.first.c_str(), row.second.size());
   table->Set(plain);
-  EmptyForReuse(name);
   EmptyForReuse(plain.first);
   EmptyForReuse(plain.second);
   split_row_.GiveBack(std::move(split));

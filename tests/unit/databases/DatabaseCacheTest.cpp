@@ -553,6 +553,35 @@ TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {
   EXPECT_EQ(address, inet_addr("127.0.0.1"));
 }
 
+TEST_F(SetSharingGroup, ChangesNothingWhenTheLogHookThrowsAtItsFirstLine) {
+  Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
+  std::vector<std::string> lines;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    lines.emplace_back(tag);
+    throw HookError();
+  });
+
+  EXPECT_THROW(Varnix::SetSharingGroup(name_, "g2", "dev2", "p2", inet_addr("127.0.0.1")), HookError);
+
+  const LogRecorder log;
+  EXPECT_EQ(lines, (std::vector<std::string>{"tblcmbn.sharing"}));
+  EXPECT_EQ(Reported(), (std::vector<std::string>{"g", "dev", "p"}));
+  EXPECT_EQ(ReportedAddress(), inet_addr("127.255.255.255"));
+  Varnix::NetworkChanged();
+  EXPECT_TRUE(log.Eventually("tblsvr.dscv.chg"));  // The server goes on.
+}
+
+TEST_F(SetSharingGroup, StartsNothingWhenTheLogHookThrowsAtTheFirstLineOfItsFirstCall) {
+  Varnix::GetTableTable(name_);
+  {
+    const ThrowingHook hook(1);
+    EXPECT_THROW(Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255")), HookError);
+  }
+
+  EXPECT_EQ(Reported(), std::vector<std::string>());
+  EXPECT_TRUE(LocalTables("_vrx_.ts_done." + name_).empty());  // Each server has one.
+}
+
 TEST_F(SetSharingGroup, LetsNetworkChangedReachTheServer) {
   Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
   LogRecorder log;

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -99,6 +101,26 @@ TEST(Database, LogsTheSettingsAndThenTheServer) {
   const LogLine last{LogLevel::Debug, "tblcmbn.sharing.svr",
                      "DB(" + AddressOf(&database) + ") SetSharing -> server=" + address, ""};
   EXPECT_EQ(log.Lines("tblcmbn.sharing.svr")[0], last);
+}
+
+TEST(Database, LogsNewSettingsWhileOthersMayAskForTheOldOnes) {
+  Database database("d");
+  database.SetSharing(Settings());
+  SharingSettings reported;
+  std::future<bool> asked;
+  std::future_status status = std::future_status::deferred;
+  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::string(tag) != "tblcmbn.sharing") return;
+    asked = std::async(std::launch::async, [&] { return database.GetSharing(reported); });
+    status = asked.wait_for(std::chrono::seconds(10));
+  });
+
+  database.SetSharing({"new", "dev2", "proc2", Settings().broadcast_address});
+
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(status, std::future_status::ready);
+  EXPECT_TRUE(asked.get());
+  EXPECT_EQ(reported.group, "database test");
 }
 
 TEST(Database, HandsItsFormatsToTheHookUnexpanded) {

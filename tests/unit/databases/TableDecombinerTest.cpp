@@ -266,6 +266,14 @@ TEST_F(TableDecombinerTest, KeepsALongValueOnlyOnce) {
   EXPECT_EQ(LeavesAllocated([&] { decombiner_.Set(row); }), -1);  // What was kept for the next value is given back.
 }
 
+TEST_F(TableDecombinerTest, KeepsALongKeyOnlyOnce) {
+  const Varnix::Row row("\1t" + std::string(10'000, 'k'), "2");
+  decombiner_.Set(row);
+  decombiner_.Set({"\1t" + std::string(100, 'k'), "1"});
+
+  EXPECT_EQ(LeavesAllocated([&] { decombiner_.Set(row); }), -1);
+}
+
 TEST_F(TableDecombinerTest, IsWholeAfterMemoryRanOutAnywhere) {
   const Varnix::Row row(CombinedKey("a name that does not fit into the string itself", "k"), std::string(100, 'v'));
   for (long n = 1;; ++n) {

@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
+#include "support/Tables.h"
 #include "tables/LWatcherSet.h"
 
 namespace {
@@ -186,20 +189,29 @@ TEST_F(LWatcherSetTest, LeavesItsMembersInWorkingOrderWhenItIsDestroyed) {
 }
 
 TEST_F(LWatcherSetTest, LivesOnWhileAThreadWaitsInIt) {
-  const auto watcher = table_->Watch("k");
-  auto set = Varnix::MakeWatcherSet({watcher});
-  const std::weak_ptr<Varnix::WatcherSet> alive = set;
-  Change seen;
-  std::thread waiter([raw = set.get(), &seen] { seen = raw->Wait(); });
-  while (alive.use_count() < 2) std::this_thread::yield();  // The waiter has its own reference.
+  const std::function<Change(Varnix::WatcherSet&)> waits[] = {
+      [](Varnix::WatcherSet& set) { return set.Wait(); },
+      [](Varnix::WatcherSet& set) { return set.WaitUntil(Clock::time_point::max()); }};
+  for (const auto& wait : waits) {
+    const auto watcher = table_->WatchAll();
+    auto set = Varnix::MakeWatcherSet({watcher});
+    const std::weak_ptr<Varnix::WatcherSet> alive = set;
+    const Row row("k", "of wait " + std::to_string(&wait - waits));
+    Change seen;
+    bool lives_on = false;
+    Drain(*watcher);
+    {
+      const SleepingThread waiter([&, raw = set.get()] { seen = wait(*raw); });
+      lives_on = alive.use_count() == 2;  // The waiter has its own reference.
+      if (lives_on) set.reset();
+      table_->Set(row);
+    }
+    set.reset();
 
-  set.reset();
-  EXPECT_FALSE(alive.expired());
-  table_->Set({"k", "v"});
-  waiter.join();
-
-  EXPECT_EQ(seen, (Change{{"k", "v"}, watcher}));
-  EXPECT_TRUE(alive.expired());
+    EXPECT_TRUE(lives_on);
+    EXPECT_EQ(seen, (Change{row, watcher}));
+    EXPECT_TRUE(alive.expired());
+  }
 }
 
 TEST_F(LWatcherSetTest, NeverGivesUpBeforeTheDeadline) {
@@ -345,6 +357,33 @@ TEST_F(LWatcherSetTest, NoWaiterSleepsWhileAChangeIsPending) {
     // Joined at the end of the round: one that is never woken hangs here.
   }
   EXPECT_EQ(set->WaitUntil(kPast), kNothing);
+}
+
+TEST_F(LWatcherSetTest, WakesOneSleeperForEachChange) {
+  // One that is woken and finds no change sees that its deadline has passed, and returns with nothing.
+  constexpr int kRounds = 50;
+  const auto set = Varnix::MakeWatcherSet({table_->WatchAll()});
+  const Clock::time_point deadline = Clock::now() + std::chrono::hours(1);
+  std::atomic<int> with_change{0};
+  std::atomic<int> with_nothing{0};
+  for (int round = 1; round <= kRounds; ++round) {
+    std::atomic<bool> late{false};
+    const Hooked now(Hooks().now, [&] { return late ? deadline : Hooks().now.Real(); });
+    std::optional<SleepingThread> sleepers[4];
+    for (std::optional<SleepingThread>& sleeper : sleepers) {
+      sleeper.emplace([&] { ++(set->WaitUntil(deadline).second ? with_change : with_nothing); });
+    }
+    late = true;
+    for (const int awake : {2, 4}) {  // Two rows in one go: the watcher tells of the first, its taker of the second.
+      const int woken = 4 * (round - 1) + awake;
+      table_->Set({"a", std::to_string(woken)});
+      table_->Set({"b", std::to_string(woken)});
+      while (with_change + with_nothing < woken) std::this_thread::yield();
+    }
+  }
+
+  EXPECT_EQ(with_change, 4 * kRounds);
+  EXPECT_EQ(with_nothing, 0);
 }
 
 TEST_F(LWatcherSetTest, NeedsNoMemoryToLearnOfChanges) {
