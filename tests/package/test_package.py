@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import shlex
 import shutil
 import subprocess
@@ -94,10 +95,57 @@ def test_installing_gives_the_header_the_library_and_the_two_packages_and_nothin
     ])
 
 
-@pytest.mark.parametrize("project", ["subproject", "fetched"])
-def test_as_a_sub_project_it_brings_its_library_alone(project, tmp_path):
-    build_with_cmake(HERE / project, tmp_path / "build", f"-DVARNIX_SOURCE={SOURCE}")
-    run("cmake", "--install", tmp_path / "build", "--prefix", tmp_path / "installed")
+def test_all_packages_have_the_version_of_the_header(prefix):
+    header = (prefix / "include" / "Varnix.h").read_text(encoding="utf-8")
+    version = ".".join(re.search(rf"^#define VARNIX_VERSION_{part} (\d+)$", header, re.MULTILINE)[1]
+                       for part in ("MAJOR", "MINOR", "PATCH"))
+
+    assert run("pkg-config", "--modversion", "varnix", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig") == f"{version}\n"
+    config = prefix / "lib" / "cmake" / "Varnix" / "VarnixConfigVersion.cmake"
+    assert f'set(PACKAGE_VERSION "{version}")\n' in config.read_text(encoding="utf-8")
+
+
+def build_sub_project(project, directory, *definitions):
+    """The files that the parent installs."""
+    build_with_cmake(HERE / project, directory / "build", f"-DVARNIX_SOURCE={SOURCE}", "-DCMAKE_UNITY_BUILD=ON",
+                     *definitions)
+    run("cmake", "--install", directory / "build", "--prefix", directory / "installed")
+    return {path.name for path in directory.glob("installed/**/*")}
+
+
+def test_as_a_sub_project_it_brings_its_library_alone(tmp_path):
+    installed = build_sub_project("subproject", tmp_path)
 
     assert_works(tmp_path / "build" / "stranger")
-    assert not list(tmp_path.glob("installed/**/Varnix.h"))
+    assert not installed & {"Varnix.h", "libvarnix.so", "varnix.pc"}
+
+
+def test_a_parent_project_that_asks_for_it_installs_the_library_too(tmp_path):
+    installed = build_sub_project("fetched", tmp_path, "-DVARNIX_INSTALL=ON")
+
+    assert_works(tmp_path / "build" / "stranger")
+    assert installed >= {"Varnix.h", "libvarnix.so", "varnix.pc", "VarnixConfig.cmake"}
+
+
+# As where no test tool is installed.
+BARE = ["-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON", "-DVARNIX_PYTEST=", "-DVARNIX_VALGRIND="]
+LEFT_OUT = [
+    "Varnix: left out: the comparison of the interface with its description: not found: pytest",
+    "Varnix: left out: the tests of the installed package: not found: pytest",
+    "Varnix: left out: the test that counts instructions: not found: pytest, valgrind",
+    "Varnix: left out: the tests of the scripts: not found: pytest",
+    "Varnix: left out: the system tests: not found: pytest",
+    "Varnix: left out: the unit tests: not found: GoogleTest with its gmock",
+]
+configure_bare = ["cmake", "-S", SOURCE, "-G", os.environ["VARNIX_GENERATOR"], *BARE]
+
+if not TOOLCHAIN:  # Without the tools of another machine, the tests of this one.
+
+    def test_tests_that_lack_a_tool_are_left_out_in_one_line_each(tmp_path):
+        said = run(*configure_bare, "-B", tmp_path, "-DCMAKE_BUILD_TYPE=Release")
+
+        assert set(LEFT_OUT) <= {line[3:] for line in said.splitlines()}
+
+    def test_tests_that_lack_a_tool_are_an_error_where_all_are_required(tmp_path):
+        with pytest.raises(AssertionError, match="Varnix: the unit tests: not found: GoogleTest with its gmock"):
+            run(*configure_bare, "-B", tmp_path, "-DVARNIX_REQUIRE_ALL_TESTS=ON")
