@@ -103,7 +103,7 @@ enum class LogLevel : int {
   Emergency = 0,
   Alert = 1,
   Critical = 2,
-  Error = 3,  ///< a system call failed; the message mostly ends in its errno
+  Error = 3,    ///< a system call failed; the message mostly ends in its errno
   Warning = 4,  ///< a row was set that is too long for peers
   Notice = 5,
   Info = 6,  ///< trouble with one peer that the library deals with: retrying, giving up

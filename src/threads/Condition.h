@@ -14,9 +14,9 @@
 // Threads: any that holds the mutex that is waited with. A fork must not happen while another thread holds it.
 class Condition {
  public:
-  Condition() : current_() {}
+  Condition() : condition() {}
   ~Condition() {
-    if (IsOfThisProcess()) current_.~condition_variable();
+    if (IsOfThisProcess()) condition.~condition_variable();
   }
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
@@ -32,15 +32,15 @@ class Condition {
 
   std::condition_variable& Current() {
     if (!IsOfThisProcess()) {
-      new (&current_)
-          std::condition_variable;  // The old one is not destroyed: that would wait for the parent's threads.
+      // The old one is not destroyed: that would wait for the parent's threads.
+      new (&condition) std::condition_variable;
       generation_ = fork_generation;
     }
-    return current_;
+    return condition;
   }
 
   union {  // Not destroyed by itself.
-    std::condition_variable current_;
+    std::condition_variable condition;
   };
   unsigned generation_ = fork_generation;
 };

@@ -46,9 +46,8 @@ class OnlySecondAnnouncements {
       }};
 };
 
-// A server whose table has one row.
-struct Participant {
-  explicit Participant(const std::string& name)
+struct ServerWithOneRow {
+  explicit ServerWithOneRow(const std::string& name)
       : server((sent->Set({"row", "of " + name}), CombinedKey("dev", name)), "db", received, sent,
                "group of " + std::to_string(getpid()), inet_addr("127.255.255.255")) {}
 
@@ -74,8 +73,8 @@ TEST(LostAnnouncementsTest, MembersMeetByTheSecondAnnouncementWhenTheFirstIsLost
   const OnlySecondAnnouncements lossy;
   const FastTime fast;
 
-  const Participant left("left");
-  const Participant right("right");
+  const ServerWithOneRow left("left");
+  const ServerWithOneRow right("right");
 
   EXPECT_TRUE(left.Gets("of right"));
   EXPECT_TRUE(right.Gets("of left"));
