@@ -172,23 +172,28 @@ void* PeerThreads::Run(void* started) noexcept {
   NameThisThread(Job::kName, threads.database_.c_str());
   job->Run();
   job.reset();
-  --Job::Count();
+  threads.JoinPreviouslyEnded();
+  --Job::Count();  // Now only this thread is left that ends without being counted.
   StartWaiting();
   threads.EndThisThread();
   return nullptr;
 }
 
-// The last that a thread does with this object. Each thread joins the one that has ended before it, so that at most one
-// waits to be joined.
-void PeerThreads::EndThisThread() {
+// Each thread joins the one that has ended before it, so that at most one waits to be joined.
+void PeerThreads::JoinPreviouslyEnded() {
   std::optional<pthread_t> previous;
   {
     MutexLock lock(mutex_);
     previous = std::exchange(last_ended_, pthread_self());
-    --running_;
-    ended_cv_.notify_one();
   }
   if (previous) pthread_join(*previous, nullptr);
+}
+
+// The last that a thread does with this object.
+void PeerThreads::EndThisThread() {
+  MutexLock lock(mutex_);
+  --running_;
+  ended_cv_.notify_one();
 }
 
 void PeerThreads::AwaitAll() {

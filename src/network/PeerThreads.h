@@ -60,6 +60,7 @@ class PeerThreads {
   int Start(std::unique_ptr<Job>& job);
   template <class Job>
   static void* Run(void* started) noexcept;
+  void JoinPreviouslyEnded() VARNIX_EXCLUDES(mutex_);
   void EndThisThread() VARNIX_EXCLUDES(mutex_);
 
   const std::string database_;

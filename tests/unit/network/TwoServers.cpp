@@ -25,11 +25,6 @@
 
 using namespace std::chrono_literals;
 
-#if defined(__SANITIZE_THREAD__)
-// The processes begin as children of one that has threads, and start their own.
-extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
-#endif
-
 namespace {
 
 // Names and rows that no string keeps within itself.

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -51,9 +52,11 @@ class Fork : public testing::Test {
 
 }  // namespace
 
+#if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
 TEST_F(Fork, LeavesTheChildASetThatWakesItsThreadsThoughTheParentWaitsInIt) {
   EXPECT_TRUE(HoldsInForkedChild([this] { return HandsOverRows(100); }));
 }
+#endif
 
 TEST_F(Fork, LeavesTheChildASetThatItCanDropThoughTheParentWaitsInIt) {
   EXPECT_TRUE(HoldsInForkedChild([this] {
@@ -72,10 +75,13 @@ TEST_F(Fork, LeavesTheParentAsItWas) {
   EXPECT_EQ(set_->WaitUntil(Clock::time_point()).second, nullptr);
 }
 
+#if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
 TEST_F(Fork, HappensAnyTimeWhileOtherThreadsSetRowsAndWait) {
   std::atomic<bool> done{false};
+  // Short strings need no memory: the lock of the address sanitizer's allocator would stay locked in the child.
+  const Varnix::Row rows[] = {{"k", "even"}, {"k", "odd"}};
   std::thread setter([&] {
-    for (int i = 0; !done; ++i) table_->Set({"k", "of the setter " + std::to_string(i)});
+    for (std::size_t i = 0; !done; ++i) table_->Set(rows[i % 2]);
   });
   std::thread reader([&] {
     while (!done) set_->WaitUntil(Clock::now() + std::chrono::milliseconds(1));
@@ -92,3 +98,4 @@ TEST_F(Fork, HappensAnyTimeWhileOtherThreadsSetRowsAndWait) {
   setter.join();
   reader.join();
 }
+#endif

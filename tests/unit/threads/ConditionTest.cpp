@@ -70,6 +70,7 @@ class ConditionTest : public testing::Test {
 
 TEST_F(ConditionTest, WakesASleeperAmongThoseThatSleepOn) { EXPECT_TRUE(WakesASleeper()); }
 
+#if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
 TEST_F(ConditionTest, WakesASleeperInAChildThoughThreadsOfTheParentWait) {
   HaveWaitingThreads();
 
@@ -84,6 +85,7 @@ TEST_F(ConditionTest, WakesASleeperInAGrandchildThoughThreadsOfTheChildWait) {
     return woken;
   }));
 }
+#endif
 
 TEST_F(ConditionTest, IsDestroyedInAChildThoughThreadsOfTheParentWait) {
   HaveWaitingThreads();
