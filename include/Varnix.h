@@ -24,9 +24,9 @@
 //
 //   call                                waits for
 //   WatcherSet::Wait, WaitUntil         a change; the second for no longer than to its deadline
-//   SetSharingGroup                     the end of all threads of the sharing that it replaces
-//   GetSharingGroup                     a SetSharingGroup of the same database that is running
-//   NetworkChanged                      every SetSharingGroup that is running
+//   SetSharingGroup, StopSharing        the end of all threads of the sharing that it replaces, or stops
+//   GetSharingGroup                     a SetSharingGroup or StopSharing of the same database that is running
+//   NetworkChanged                      every SetSharingGroup and StopSharing that is running
 //   what names a database               a NetworkChanged that waits so
 //   SetLoggingFunction                  a call of the hook that is running
 //   exit(), the return from main        the end of all threads of the library, and a call of the hook that is running
@@ -48,8 +48,8 @@
 //   dropped until a hook is set anew, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
 // Fork: a child that does not exec has its own copies of tables, watchers and sets, and is a process like any other.
 //   It may share, also the same database in the same group, under an identity of its own. What its parent shares stays
-//   with the parent: the child sends and logs nothing of it and keeps none of its descriptors, and GetSharingGroup says
-//   false. A thread must not hold a lock across fork() that the log hook takes: both would wait for ever.
+//   with the parent: the child sends and logs nothing of it and keeps none of its descriptors (those of GetDescriptor()
+//   included), GetSharingGroup says false, and peer tables show all peers as gone. A thread must not hold a lock across fork() that the log hook takes: both would wait for ever.
 // Exec: every descriptor is closed on exec, from the moment it is made.
 // Signals: no handler and no mask is changed, and SIGPIPE is never raised. The library's threads inherit the signal
 //   mask and the scheduling of the thread that calls SetSharingGroup. A handler of the program may run on them, and
@@ -188,14 +188,28 @@ VARNIX_EXPORT std::vector<std::pair<std::string, std::shared_ptr<Table>>> GetLoc
 /// out; one given twice is one member. A set without members never has a change.
 VARNIX_EXPORT std::shared_ptr<WatcherSet> MakeWatcherSet(std::vector<std::shared_ptr<Watcher>> watchers);
 
+/// For event loops: a descriptor that poll(), select() or epoll find readable, level-triggered, exactly while a change is
+/// pending in the set. When it is, take changes by WaitUntil() with a past deadline until there are no more. Nobody else
+/// reads or writes it, or closes it: it is closed with the set. It is made at the first call, close-on-exec, and a forked
+/// child calls this again for one of its own. Sets without one pay nothing for it.
+/// Errors: -1 with errno when there is none to be had (EMFILE, for instance), and with EINVAL when `set` is null or not
+///   this library's; std::bad_alloc.
+VARNIX_EXPORT int GetDescriptor(const std::shared_ptr<WatcherSet>& set);
+
 /// The table that lists the databases of this process: one row each, with the name as key and an empty value. It is
-/// there to be watched, not to be set. A database is made when GetTableTable, MakeSharedTable or SetSharingGroup first
-/// names it.
+/// there to be watched, not to be set. A database is made when GetTableTable, GetPeerTable, MakeSharedTable or
+/// SetSharingGroup first names it.
 VARNIX_EXPORT std::shared_ptr<Table> GetDatabaseTable();
 
 /// The table that lists the tables of a database: one row each, with the name as key and an empty value, for the tables
 /// made here and for those that peers have sent rows of. It is there to be watched, not to be set.
 VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
+
+/// The table of the members from whom this process receives rows of the database: key "DEVICE::PROCESS", value
+/// "ADDRESS:PORT" while the stream from that member lives, and "" after it has ended: at once when the member ends, within
+/// about 4 seconds when its power or its network is cut. It is there to be watched, not to be set, also before the
+/// database is shared. It is made at the first call; members that have gone before are not in it.
+VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 
 /// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
 /// or by a peer, is seen by the watchers of all. It may be made, set and watched before or after SetSharingGroup();
@@ -203,8 +217,8 @@ VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
 /// different members with different last values: let each key have one writer.
 VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table);
 
-/// Shares the database with the members of `group` on the local network, from now until the process exits or the next
-/// call for this database. Members share when their database and their group have the same name. There may be any
+/// Shares the database with the members of `group` on the local network, from now until the process exits, StopSharing()
+/// or the next call for this database. Members share when their database and their group have the same name. There may be any
 /// number of them on one host or on many.
 ///
 /// device, process: who we are. Together they must be different for each member, and both are only compared and logged.
@@ -222,6 +236,10 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 ///   System calls that fail are logged and end the process with abort().
 VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
                                    unsigned broadcast_address);
+
+/// Ends the sharing of the database, as SetSharingGroup ends the one before, and starts none. Its tables stay. A later
+/// SetSharingGroup shares them again. Does nothing to a database that is not shared or not known, and makes none.
+VARNIX_EXPORT void StopSharing(std::string database);
 
 /// Whether the database is shared and, if it is, its settings; if it is not, the outputs are left as they are. Never
 /// makes a database. `broadcast_address` may be null; it gets 4294967295 for 255.255.255.255, also when that was asked

@@ -44,6 +44,7 @@ void ForgetTheParent() {
     PeerThreads::ForgetAllInChild();
   }
   UnlockAll();
+  if (!IsInLogHook()) DatabaseCache::EndPeersInChild();
 }
 
 [[maybe_unused]] const int registered = pthread_atfork(LockAll, UnlockAll, ForgetTheParent);

@@ -1,5 +1,7 @@
 #include <Varnix.h>
 
+#include <cerrno>
+
 #include "databases/DatabaseCache.h"
 #include "logging/Log.h"
 #include "tables/LWatcherSet.h"
@@ -35,11 +37,20 @@ std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table) 
   return combiner;
 }
 
+std::shared_ptr<Table> GetPeerTable(std::string database) {
+  return DatabaseCache::Instance()->GetDatabase(database)->GetPeerTable();
+}
+
 void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
                      unsigned broadcast_address) {
   const std::shared_ptr<DatabaseCache> cache =
       DatabaseCache::Instance();  // Alive until the new server is in its place.
   cache->GetDatabase(database)->SetSharing({group, device, process, broadcast_address});
+}
+
+void StopSharing(std::string database) {
+  const std::shared_ptr<DatabaseCache> cache = DatabaseCache::Instance();  // Alive until the server has ended.
+  if (const std::shared_ptr<Database> found = cache->FindDatabase(database)) found->StopSharing();
 }
 
 bool GetSharingGroup(std::string database, std::string& group, std::string& device, std::string& process,
@@ -53,6 +64,12 @@ bool GetSharingGroup(std::string database, std::string& group, std::string& devi
   process = std::move(settings.process);
   if (broadcast_address != nullptr) *broadcast_address = settings.broadcast_address;
   return true;
+}
+
+int GetDescriptor(const std::shared_ptr<WatcherSet>& set) {
+  if (const auto local = std::dynamic_pointer_cast<LocalTable::LWatcherSet>(set)) return local->GetDescriptor();
+  errno = EINVAL;
+  return -1;
 }
 
 void NetworkChanged() { DatabaseCache::Instance()->NetworkChanged(); }

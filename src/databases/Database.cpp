@@ -14,6 +14,7 @@ using Varnix::LogLevel;
 Database::Database(std::string name)
     : combined_(LocalTable::Make(InternalTableName("comb", name))),
       decombiner_(std::make_shared<TableDecombiner>(name)),
+      peer_table_(std::make_shared<PeerTable>(name)),
       name_(std::move(name)) {
   Log(LogLevel::Debug, "tblcmbn.ctor", "DB(%p) constructed: %s -> combined: %p decombiner: %p",
       static_cast<void*>(this), name_.c_str(), static_cast<void*>(combined_.get()),
@@ -47,9 +48,14 @@ void Database::SetSharing(const SharingSettings& settings) {
   StopServer();
   if (sharing_ended_) return;
   server_ = std::make_unique<TableServer>(CombinedKey(sharing_.device, sharing_.process), name_, decombiner_, combined_,
-                                          sharing_.group, sharing_.broadcast_address);
+                                          sharing_.group, sharing_.broadcast_address, peer_table_);
   Log(LogLevel::Debug, "tblcmbn.sharing.svr", "DB(%p) SetSharing -> server=%p", static_cast<void*>(this),
       static_cast<void*>(server_.get()));
+}
+
+void Database::StopSharing() {
+  MutexLock lock(lock_);
+  StopServer();
 }
 
 bool Database::GetSharing(SharingSettings& settings) {
@@ -78,9 +84,11 @@ void Database::StopServer() {
 void Database::Lock() VARNIX_NO_LOCK_ANALYSIS {
   lock_.lock();
   decombiner_->Lock();
+  peer_table_->Lock();
 }
 
 void Database::Unlock() VARNIX_NO_LOCK_ANALYSIS {
+  peer_table_->Unlock();
   decombiner_->Unlock();
   lock_.unlock();
 }

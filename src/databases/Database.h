@@ -6,6 +6,7 @@
 #include <string>
 
 #include "databases/TableDecombiner.h"
+#include "network/PeerTable.h"
 #include "network/TableServer.h"
 #include "threads/Mutex.h"
 
@@ -31,28 +32,34 @@ class Database {
 
   std::shared_ptr<Varnix::Table> MakeTable(const std::string& table);
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner_->GetTableTable(); }
+  std::shared_ptr<Varnix::Table> GetPeerTable() { return peer_table_->GetTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
   // Errors: when the first log line throws, nothing has changed; when the last one does, the new server is there. After
   // any other exception there is none.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
+  // Stops the present server, if any. Waits for all its threads. What the log hook throws is thrown at the end.
+  void StopSharing() VARNIX_EXCLUDES(lock_);
   // False, with nothing written, while there is no server.
   bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   void NetworkChanged() VARNIX_EXCLUDES(lock_);
   // Stops the server for good: from now on settings are only stored. For a process that exits.
   void EndSharing() VARNIX_EXCLUDES(lock_);
 
-  // For fork(): this lock and that of the decombiner.
+  // For fork(): this lock and those of the decombiner and the peer table.
   void Lock();
   void Unlock();
   // The server is the parent's. From now on the database is not shared.
   void ForgetServerInChild();
+  // The last step, when the locks are free.
+  void EndPeersInChild() { peer_table_->EndAllInChild(); }
 
  private:
   void StopServer() VARNIX_REQUIRES(lock_);
 
   const std::shared_ptr<Varnix::Table> combined_;
   const std::shared_ptr<TableDecombiner> decombiner_;
+  const std::shared_ptr<PeerTable> peer_table_;
   std::unique_ptr<TableServer> server_ VARNIX_GUARDED_BY(lock_);
   const std::string name_;
   Mutex lock_;

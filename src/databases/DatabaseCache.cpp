@@ -109,3 +109,8 @@ void DatabaseCache::ForgetServersInChild() VARNIX_NO_LOCK_ANALYSIS {
   if (!holder.cache) return;
   for (const auto& [name, database] : holder.cache->databases_) database->ForgetServerInChild();
 }
+
+void DatabaseCache::EndPeersInChild() VARNIX_NO_LOCK_ANALYSIS {
+  if (!holder.cache) return;
+  for (const auto& [name, database] : holder.cache->databases_) database->EndPeersInChild();
+}

@@ -34,6 +34,8 @@ class DatabaseCache {
   static void LockAll();
   static void UnlockAll();
   static void ForgetServersInChild();
+  // The last step, when the locks are free.
+  static void EndPeersInChild();
 
  private:
   std::shared_ptr<Database> MakeDatabase(const std::string& name) VARNIX_REQUIRES(lock_);

@@ -29,6 +29,9 @@ PeerPlace ToPeerPlace(const sockaddr_in& address);
 inline const sockaddr* Generic(const sockaddr_in& address) { return reinterpret_cast<const sockaddr*>(&address); }
 inline sockaddr* Generic(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
 
+// "ADDRESS:PORT", the address in dotted decimals.
+std::string ToText(const PeerPlace& place);
+
 // A port on the wire: two bytes, big-endian.
 constexpr std::size_t kPortSize = 2;
 std::string ToPortBytes(unsigned short port);

@@ -8,6 +8,7 @@
 #include "network/ActiveESNs.h"
 #include "network/Connector.h"
 #include "network/Member.h"
+#include "network/PeerTable.h"
 #include "network/Record.h"
 #include "network/ServerSockets.h"
 #include "network/StopExceptions.h"
@@ -100,7 +101,9 @@ std::optional<PeerPlace> ReceiveTable(const Member& member, const PeerPlace& pla
     if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return elsewhere;
     const EsnRegistration registration(active_esns, uid, place, elsewhere);
     if (!registration.Inserted()) throw AlreadyConnected();
-    if (receiver.SendGroup(uid)) receiver.ReceiveRows();
+    if (!receiver.SendGroup(uid)) return elsewhere;
+    const PeerTableEntry shown(*member.peer_table, uid, place);
+    receiver.ReceiveRows();
   } catch (const std::bad_alloc&) {
     // A peer whose rows do not fit in memory loses its stream; it must not take the process with it.
   }

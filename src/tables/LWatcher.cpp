@@ -19,6 +19,12 @@ void LocalTable::LWatcher::AddListener(WatcherSetListener* listener) { listeners
 
 void LocalTable::LWatcher::RemoveListener(WatcherSetListener* listener) { listeners_.erase(listener); }
 
+void LocalTable::LWatcher::ReplaceListener(WatcherSetListener* listener, WatcherSetListener* successor) {
+  auto node = listeners_.extract(listener);
+  node.value() = successor;
+  listeners_.insert(std::move(node));
+}
+
 void LocalTable::LWatcher::NotifyListeners(bool empty) {
   // This reference is never the last: the sets that listen own this watcher.
   for (WatcherSetListener* listener : listeners_) listener->WatcherChanged(shared_from_this(), empty);

@@ -29,6 +29,8 @@ class LocalTable::LWatcher : public Varnix::Watcher, public std::enable_shared_f
 
   void AddListener(WatcherSetListener* listener) VARNIX_REQUIRES(table_lock);
   void RemoveListener(WatcherSetListener* listener) VARNIX_REQUIRES(table_lock);
+  // Allocates nothing.
+  void ReplaceListener(WatcherSetListener* listener, WatcherSetListener* successor) VARNIX_REQUIRES(table_lock);
   void NotifyListeners(bool empty) VARNIX_REQUIRES(table_lock);
 
  protected:

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tables/ReadyDescriptor.h"
+
 std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
     const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers) {
   // Declared before the lock: if adding a member throws, the set's destructor takes the table lock itself.
@@ -17,10 +19,13 @@ std::shared_ptr<LocalTable::LWatcherSet> LocalTable::LWatcherSet::Make(
   return set;
 }
 
+LocalTable::LWatcherSet::LWatcherSet() = default;
+
 LocalTable::LWatcherSet::~LWatcherSet() {
   MutexLock lock(table_lock);
-  for (const std::shared_ptr<LWatcher>& member : idle_) member->RemoveListener(this);
-  for (const std::shared_ptr<LWatcher>& member : ready_) member->RemoveListener(this);
+  WatcherSetListener* const listener = descriptor_ ? static_cast<WatcherSetListener*>(descriptor_.get()) : this;
+  for (const std::shared_ptr<LWatcher>& member : idle_) member->RemoveListener(listener);
+  for (const std::shared_ptr<LWatcher>& member : ready_) member->RemoveListener(listener);
 }
 
 void LocalTable::LWatcherSet::Add(const std::shared_ptr<LWatcher>& watcher) {
@@ -76,4 +81,16 @@ LocalTable::LWatcherSet::Next LocalTable::LWatcherSet::TakeUntil(
     changed_.WaitUntil(lock.ForWaiting(), std::min(deadline, now + kLongestSleep));
   }
   return TakeNext();
+}
+
+int LocalTable::LWatcherSet::GetDescriptor() {
+  MutexLock lock(table_lock);
+  if (!descriptor_) ListenThroughDescriptor();
+  return descriptor_->Get();
+}
+
+void LocalTable::LWatcherSet::ListenThroughDescriptor() {
+  descriptor_ = std::make_unique<ReadyDescriptor>(*this);
+  for (const std::shared_ptr<LWatcher>& member : idle_) member->ReplaceListener(this, descriptor_.get());
+  for (const std::shared_ptr<LWatcher>& member : ready_) member->ReplaceListener(this, descriptor_.get());
 }

@@ -24,7 +24,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   static std::shared_ptr<LWatcherSet> Make(const std::vector<std::shared_ptr<Varnix::Watcher>>& watchers)
       VARNIX_EXCLUDES(table_lock);
 
-  LWatcherSet() = default;
+  LWatcherSet();
   ~LWatcherSet() override;
 
   void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) override VARNIX_REQUIRES(table_lock);
@@ -40,14 +40,21 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   };
   Next TakeUntil(const std::chrono::steady_clock::time_point& deadline) VARNIX_EXCLUDES(table_lock);
 
+  bool IsReady() const VARNIX_REQUIRES(table_lock) { return !ready_.empty(); }
+  // Readable while the set is ready; -1, with errno, when none is to be had. Also allocates, at the first call.
+  int GetDescriptor() VARNIX_EXCLUDES(table_lock);
+
  private:
   using Members = std::unordered_set<std::shared_ptr<LWatcher>>;
 
   void Add(const std::shared_ptr<LWatcher>& watcher) VARNIX_REQUIRES(table_lock);
   Next TakeNext() VARNIX_REQUIRES(table_lock);
+  void ListenThroughDescriptor() VARNIX_REQUIRES(table_lock);
 
   // Destroyed without the table lock, because the last references to watchers and tables may be here.
   Members idle_ VARNIX_GUARDED_BY(table_lock);
   Members ready_ VARNIX_GUARDED_BY(table_lock);
   Condition changed_;  // A member has become ready.
+  // Null until it is asked for. Then it is what listens to the members.
+  std::unique_ptr<ReadyDescriptor> descriptor_ VARNIX_GUARDED_BY(table_lock);
 };

@@ -27,6 +27,7 @@ class LocalTable final : public Varnix::Table, public std::enable_shared_from_th
   class KeyWatcher;
   class WatcherSetListener;
   class LWatcherSet;
+  class ReadyDescriptor;
 
   using Position = StoredRows::iterator;  // rows_.end() stands for "no row".
 

@@ -14,6 +14,7 @@
 #include "network/ActiveESNs.h"
 #include "network/Member.h"
 #include "network/PeerPlace.h"
+#include "network/PeerTable.h"
 #include "support/Own.h"
 #include "support/SystemCallHooks.h"
 #include "tables/LocalTable.h"
@@ -35,7 +36,8 @@ class ReceivedRows final : public Varnix::Table {
 class QuietMember {
  public:
   QuietMember()
-      : member_{CombinedKey("device", "process"), "db", "group", received_, SendTable(), LocalTable::Make("done")} {
+      : member_{CombinedKey("device", "process"), "db", "group", received_, SendTable(), LocalTable::Make("done"),
+                std::make_shared<PeerTable>("db")} {
     SetLogHook({});
     EXPECT_PROPERTY(pipe(done_) == 0);
     member_.done_descriptor = done_[0];

@@ -116,6 +116,8 @@ class Host {
         {"watch", &Host::Watch},
         {"watch-tables", &Host::WatchTables},
         {"watch-databases", &Host::WatchDatabases},
+        {"watch-peers", &Host::WatchPeers},
+        {"stop-sharing", &Host::StopSharing},
         {"wait-until", &Host::WaitUntil},
         {"uptime", &Host::Uptime},
         {"date", &Host::Date},
@@ -180,6 +182,13 @@ class Host {
     const std::string database = Bytes();
     ReportRows("table " + ToHex(database), Varnix::GetTableTable(database));
   }
+
+  void WatchPeers() {
+    const std::string database = Bytes();
+    ReportRows("peer " + ToHex(database), Varnix::GetPeerTable(database));
+  }
+
+  void StopSharing() { Varnix::StopSharing(Bytes()); }
 
   void WatchDatabases() { ReportRows("database", Varnix::GetDatabaseTable()); }
 

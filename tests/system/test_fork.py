@@ -261,3 +261,20 @@ def test_a_program_that_is_started_without_fork_disturbs_nobody(ether, make_host
     assert host.gets_row(b"plant", b"t", b"far", b"3")
     host.set(b"plant", b"t", b"after", b"2")
     assert receiving.receive_record() == (b"\x01tafter", b"2")
+
+
+@not_emulated
+def test_a_child_is_told_that_the_peers_of_its_parent_are_not_its_own(network, make_host):
+    host, pump = make_host(environment=FORKING), make_host()
+    host.do("watch-peers", "706c616e74")
+    host.share(b"plant", b"line-4", b"press")
+    pump.share(b"plant", b"line-4", b"pump")
+    row = f"peer 706c616e74 {b'pump::p'.hex()} "
+    assert host.eventually(lambda: any(event.startswith(row) for event in host.events))
+
+    host.do("child")
+    host.do("watch-peers", "706c616e74")
+
+    assert host.eventually(lambda: row + "-" in host.events)
+    host.do("return")
+    assert host.eventually(lambda: "child exited 0" in host.events)

@@ -84,6 +84,36 @@ TEST(Database, ReportsTheSettingsItIsSharedWith) {
   EXPECT_EQ(settings.broadcast_address, inet_addr("127.255.255.255"));
 }
 
+TEST(Database, CanStopSharingAndShareAgain) {
+  Database database("d");
+  database.SetSharing(Settings());
+  SharingSettings settings;
+
+  database.StopSharing();
+  EXPECT_FALSE(database.GetSharing(settings));
+  database.StopSharing();
+  database.NetworkChanged();
+  EXPECT_FALSE(database.GetSharing(settings));
+
+  database.SetSharing(Settings());
+  EXPECT_TRUE(database.GetSharing(settings));
+}
+
+TEST(Database, HasStoppedSharingAlsoWhenTheHookThrows) {
+  Database database("d");
+  database.SetSharing(Settings());
+  const std::thread::id here = std::this_thread::get_id();
+  SetLogHook([here](LogLevel, const char*, const char*, va_list) {
+    if (std::this_thread::get_id() == here) throw HookError();
+  });
+
+  EXPECT_THROW(database.StopSharing(), HookError);
+
+  SetLogHook(DefaultLogger);
+  SharingSettings settings;
+  EXPECT_FALSE(database.GetSharing(settings));
+}
+
 TEST(Database, LogsTheSettingsAndThenTheServer) {
   Database database("d");
   LogRecorder log;

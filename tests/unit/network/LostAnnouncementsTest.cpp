@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "names/CombinedKey.h"
+#include "network/PeerTable.h"
 #include "network/TableServer.h"
 #include "support/SystemCallHooks.h"
 
@@ -49,7 +50,8 @@ class OnlySecondAnnouncements {
 struct ServerWithOneRow {
   explicit ServerWithOneRow(const std::string& name)
       : server((sent->Set({"row", "of " + name}), CombinedKey("dev", name)), "db", received, sent,
-               "group of " + std::to_string(getpid()), inet_addr("127.255.255.255")) {}
+               "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"),
+               std::make_shared<PeerTable>("db")) {}
 
   bool Gets(const std::string& value) const {
     const auto watcher = received->Watch("row");

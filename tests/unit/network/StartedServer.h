@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "network/PeerPlace.h"
+#include "network/PeerTable.h"
 #include "network/TableServer.h"
 #include "support/HookedHere.h"
 
@@ -22,7 +23,8 @@ class StartedServer {
       return result;
     });
     server_ = std::make_unique<TableServer>(uid, database, std::move(received), std::move(sent),
-                                            "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"));
+                                            "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"),
+                                            std::make_shared<PeerTable>(database));
   }
 
   TableServer* operator->() const { return server_.get(); }

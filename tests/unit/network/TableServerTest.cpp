@@ -27,6 +27,7 @@
 #include "CallRecorder.h"
 #include "StartedServer.h"
 #include "network/ActiveESNs.h"
+#include "network/PeerTable.h"
 #include "network/TableServer.h"
 #include "support/DescriptorLimit.h"
 #include "support/FailWith.h"
@@ -145,7 +146,8 @@ class TableServerTest : public testing::Test {
   TableServerTest() = default;
 
   void Start(unsigned broadcast_address = inet_addr("127.255.255.255")) {
-    server_ = std::make_unique<TableServer>("\3devproc", "db", receive_table_, send_table_, "group", broadcast_address);
+    server_ = std::make_unique<TableServer>("\3devproc", "db", receive_table_, send_table_, "group", broadcast_address,
+                                            std::make_shared<PeerTable>("db"));
   }
 
   // The wait of the accept loop.
@@ -258,7 +260,8 @@ TEST_F(TableServerTest, SaysForWhomItIsBeforeTheFirstSystemCall) {
 }
 
 TEST_F(TableServerTest, UidThatClaimsALongerNameThanItHoldsIsPrintedToItsEnd) {
-  server_ = std::make_unique<TableServer>("\xFFxy", "db", receive_table_, send_table_, "group", 0);
+  server_ = std::make_unique<TableServer>("\xFFxy", "db", receive_table_, send_table_, "group", 0,
+                                          std::make_shared<PeerTable>("db"));
 
   ASSERT_THAT(log_.Lines("tblsvr.ctor"), SizeIs(1));
   EXPECT_EQ(log_.Lines("tblsvr.ctor")[0].text, "TableServer for xy::::db(" + Address() + ") ctor");
@@ -438,7 +441,8 @@ TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
   int failures = 0;
   for (bool failed = true; failed;) {
     failed = RunsOutOfMemoryAt(failures + 1, [&] {
-      TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"));
+      TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"),
+                  std::make_shared<PeerTable>(long_name));
     });
     failures += failed ? 1 : 0;
 

@@ -10,6 +10,7 @@
 #include "names/CombinedKey.h"
 #include "network/Member.h"
 #include "network/PeerPlace.h"
+#include "network/PeerTable.h"
 #include "support/LogRecorder.h"
 #include "support/SystemCallHooks.h"
 #include "tables/LocalTable.h"
@@ -21,8 +22,13 @@ class TestMember {
   static constexpr unsigned short kListenPort = 0xFEDC;
 
   TestMember()
-      : member_{CombinedKey("dev", "proc"), "db", "group", Varnix::MakeTable("received"), Varnix::MakeTable("sent"),
-                LocalTable::Make("done")} {
+      : member_{CombinedKey("dev", "proc"),
+                "db",
+                "group",
+                Varnix::MakeTable("received"),
+                Varnix::MakeTable("sent"),
+                LocalTable::Make("done"),
+                std::make_shared<PeerTable>("db")} {
     EXPECT_EQ(pipe(done_), 0);
     member_.done_descriptor = done_[0];
     member_.listen_port = kListenPort;

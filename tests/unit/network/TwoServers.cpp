@@ -14,6 +14,7 @@
 
 #include "logging/Log.h"
 #include "names/CombinedKey.h"
+#include "network/PeerTable.h"
 #include "network/TableServer.h"
 #include "support/Entries.h"
 #include "support/FirstThread.h"
@@ -43,7 +44,8 @@ class Participant {
     while (server_ == nullptr) {
       try {
         server_ = std::make_unique<TableServer>(CombinedKey(kDevice, process_), kDatabase, received_, sent_,
-                                                "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"));
+                                                "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"),
+                                                std::make_shared<PeerTable>("db"));
       } catch (const std::system_error&) {
       } catch (const std::bad_alloc&) {
       }
