@@ -92,6 +92,7 @@ def test_installing_gives_the_header_the_library_and_the_two_packages_and_nothin
         "lib/cmake/Varnix/VarnixTargets.cmake",
         f"lib/cmake/Varnix/VarnixTargets-{os.environ['VARNIX_CONFIG'].lower()}.cmake",
         "lib/pkgconfig/varnix.pc",
+        "lib/wireshark/plugins/varnix.lua",
     ])
 
 
