@@ -49,7 +49,7 @@ function(varnix_pytest test path)
   endforeach()
   set_property(TEST ${test} PROPERTY ENVIRONMENT
     PYTHONDONTWRITEBYTECODE=1
-    PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/system
+    PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/system:${PROJECT_SOURCE_DIR}/tests
     TSAN_OPTIONS=atexit_sleep_ms=20  # Not a second at the end of every process.
     VARNIX_SOURCE=${PROJECT_SOURCE_DIR}
     VARNIX_BUILD=${PROJECT_BINARY_DIR}

@@ -60,7 +60,7 @@ def test_the_comparison_notices(what, before, after, built, tmp_path):
 
 def build(source):
     source.mkdir(parents=True)
-    for part in ("CMakeLists.txt", "cmake", "include", "src"):
+    for part in ("CMakeLists.txt", "cmake", "include", "src", "tools"):
         copy = shutil.copytree if (SOURCE / part).is_dir() else shutil.copy
         copy(SOURCE / part, source / part)
     toolchain = os.environ["VARNIX_TOOLCHAIN"]
