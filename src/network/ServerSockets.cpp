@@ -21,11 +21,18 @@ bool SwitchOn(const FileDescriptor& socket, int option) {
   return setsockopt(socket.Get(), SOL_SOCKET, option, &on, sizeof on) == 0;
 }
 
-Pipe OpenPipe(const char* tag, const char* format) {
-  int ends[2];
+// Two closed ends, with errno, on failure.
+Pipe MakePipe() {
+  int ends[] = {-1, -1};
   const NoFork no_fork;
-  if (pipe2(ends, O_CLOEXEC) < 0) LogErrnoAndAbort(tag, format);
+  if (pipe2(ends, O_CLOEXEC) < 0) return {};
   return {FileDescriptor(no_fork, ends[0]), FileDescriptor(no_fork, ends[1])};
+}
+
+Pipe OpenPipe(const char* tag, const char* format) {
+  Pipe pipe = MakePipe();
+  if (!pipe.read_end.IsOpen()) LogErrnoAndAbort(tag, format);  // The log hook may fork.
+  return pipe;
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <string>
 
 #include "CallRecorder.h"
+#include "logging/Log.h"
 #include "network/ServerSockets.h"
 #include "support/FailWith.h"
 #include "support/Says.h"
@@ -282,6 +284,26 @@ TEST(ServerSockets, FailedDonePipeEndsTheProcess) {
 
   EXPECT_EXIT(open(), KilledBySignal(SIGABRT),
               Says("tblsvr.pipe.done: TableServer: done pipe error 24: Too many open files\n"));
+}
+
+TEST(ServerSockets, LogHookMayForkToStartAProgramWhenAPipeFails) {
+  const auto open = [] {
+    SetLogHook([](auto...) {
+      alarm(60);  // Only bounds a failing run.
+      const pid_t child = fork();
+      if (child == 0) {
+        execl("/bin/true", "true", nullptr);
+        _exit(1);
+      }
+      int status = -1;
+      waitpid(child, &status, 0);
+      std::fprintf(stderr, "the program ended: %d\n", status);
+    });
+    Hooked pipe2(Hooks().pipe2, FailWith{EMFILE});
+    OpenDonePipe();
+  };
+
+  EXPECT_EXIT(open(), KilledBySignal(SIGABRT), Says("the program ended: 0\n"));
 }
 
 TEST(ServerSockets, FailedWakePipeEndsTheProcess) {
