@@ -11,8 +11,11 @@ from endings import WITHOUT_LEAK_DETECTION
 # The thread sanitizer takes it for a mistake that the child of a process with threads starts some.
 FORKING = {**WITHOUT_LEAK_DETECTION, "TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + " die_after_fork=0"}
 
-# Under qemu-arm a child that is forked beside threads in system calls may stop in the emulator.
-not_emulated = pytest.mark.skipif(bool(programs.EMULATOR), reason="the emulator does not fork beside busy threads")
+# How a child that starts threads is made. The emulator (qemu-user 7.2) does not forget the numbers of the threads that
+# a child lacks, gives them to threads of the child, and fails an assertion. Only above the number of the thread that
+# forks all are free: so there the newest thread forks.
+CHILDREN = ["child-of-a-thread"] if programs.EMULATOR else ["child", "child-of-a-thread"]
+of_any_thread = pytest.mark.parametrize("child", CHILDREN)
 
 
 @pytest.mark.parametrize("end", ["return", "exit"])
@@ -44,7 +47,6 @@ def test_a_forked_child_ends_and_the_streams_of_its_parent_go_on(ether, make_hos
     assert newcomer.receive_record() == (b"plant", b"\x05pressp")
 
 
-@not_emulated
 @pytest.mark.parametrize("end", ["return", "exit"])
 def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_own(ether, make_host, end):
     host = make_host(environment=FORKING)
@@ -63,7 +65,6 @@ def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_
         assert stream.receive_record() == (b"\x01t%02d" % number, b"%d" % (number % 10) * 1_000_000)
 
 
-@not_emulated
 def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_host):
     host = make_host(environment=FORKING)
     host.set(b"plant", b"t", b"k", b"v")
@@ -71,6 +72,11 @@ def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_hos
     host.do("fork", "return")
 
     assert [event for event in host.events if event.startswith("child")] == ["child exited 7"]
+
+
+def last(host, kind):
+    """The last event of a kind: rows may come at any time."""
+    return [event for event in list(host.events) if event.startswith(kind + " ")][-1]
 
 
 def shares_like_any_process(ether, host, process):
@@ -91,37 +97,37 @@ def shares_like_any_process(ether, host, process):
     sending.send(wire.record(b"\x01tto " + process, b"2"))
     assert host.gets_row(b"plant", b"t", b"to " + process, b"2")
     host.do("group", "706c616e74")
-    assert host.events[-1].startswith("group 6c696e652d34 "), host.events[-1]
+    assert last(host, "group").startswith("group 6c696e652d34 ")
     return port
 
 
-@not_emulated
+@of_any_thread
 @pytest.mark.parametrize("used", [False, True])
-def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used):
+def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used, child):
     host = make_host(environment=FORKING)
     if used:
         host.set(b"other", b"t", b"k", b"v")
         host.watch(b"other", b"t")
 
-    host.do("child")
+    host.do(child)
 
     shares_like_any_process(ether, host, b"child")
     host.do("return")
-    assert host.events[-1] == "child exited 0"
+    assert last(host, "child") == "child exited 0"
 
 
-@not_emulated
-def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host):
+@of_any_thread
+def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host, child):
     host = make_host(environment=FORKING)
     parents_port = shares_like_any_process(ether, host, b"parent")
     servers = {text.split("(0x")[1].split(")")[0] for _, tag, text in host.log if tag == "tblsvr.ctor"}
     assert len(servers) == 1
 
-    host.do("child")
+    host.do(child)
 
     logged = len(host.log)
     host.do("group", "706c616e74")
-    assert host.events[-1] == "group none"
+    assert last(host, "group") == "group none"
     host.do("network-changed")
     # The parent's own threads may tell that their peer has gone.
     told = {tag for _, tag, text in host.log[logged:] if any(server in text for server in servers)}
@@ -136,7 +142,7 @@ def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host):
     assert stream.receive_record() == (b"\x01tof parent", b"2")
     host.do("return")
     assert stream.is_closed()
-    assert host.events[-1] == "child exited 0"
+    assert last(host, "child") == "child exited 0"
     newcomer = wire.connect(parents_port)
     newcomer.receive_record()
     newcomer.send(wire.answer(b"elsewhere", 9))
@@ -160,7 +166,6 @@ def streams_of(ether, host):
     return receiving, sending
 
 
-@not_emulated
 @pytest.mark.parametrize("end", ["shares anew", "exits", "is killed"])
 def test_peers_see_the_end_of_a_parents_streams_although_a_child_sleeps_on(ether, make_host, end):
     host = make_host(environment=FORKING)
@@ -179,7 +184,6 @@ def test_peers_see_the_end_of_a_parents_streams_although_a_child_sleeps_on(ether
         assert stream.is_closed()
 
 
-@not_emulated
 def test_a_successor_is_received_from_although_a_child_of_the_one_before_sleeps_on(network, make_host):
     reader = make_host()
     reader.watch(b"plant", b"t")
@@ -198,13 +202,13 @@ def test_a_successor_is_received_from_although_a_child_of_the_one_before_sleeps_
     assert reader.gets_row(b"plant", b"t", b"k", b"2")
 
 
-@not_emulated
-def test_a_grandchild_is_a_member_of_its_own(ether, make_host):
+@of_any_thread
+def test_a_grandchild_is_a_member_of_its_own(ether, make_host, child):
     host = make_host(environment=FORKING)
     shares_like_any_process(ether, host, b"parent")
-    host.do("child")
+    host.do(child)
     shares_like_any_process(ether, host, b"child")
-    host.do("child")
+    host.do(child)
 
     shares_like_any_process(ether, host, b"grandchild")
 
@@ -213,7 +217,6 @@ def test_a_grandchild_is_a_member_of_its_own(ether, make_host):
     assert [event for event in host.events if event.startswith("child")] == ["child exited 0"] * 2
 
 
-@not_emulated
 def test_a_daemon_shares_also_one_that_becomes_it_twice(ether, make_host):
     host = make_host(environment=FORKING)
     host.set(b"plant", b"t", b"before", b"0")
@@ -228,15 +231,15 @@ def test_a_daemon_shares_also_one_that_becomes_it_twice(ether, make_host):
     assert stream.receive_record() == (b"\x01tbefore", b"0")
 
 
-@not_emulated
-def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_host):
+@of_any_thread
+def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_host, child):
     host = make_host(environment=FORKING)
     receiving, _ = streams_of(ether, host)
     descriptors = host.descriptors()
-    turns = 10 if programs.EMULATOR else 100
+    turns = 20 if programs.EMULATOR else 100
 
     for _ in range(turns):
-        host.do("child")
+        host.do(child)
         host.share(b"plant", b"line-5", b"press", b"child")
         host.do("return")
 
@@ -246,7 +249,6 @@ def test_children_in_turns_share_and_leave_their_parent_as_it_was(ether, make_ho
     assert receiving.receive_record() == (b"\x01tafter", b"2")
 
 
-@not_emulated
 @pytest.mark.parametrize("start", ["posix-spawn", "vfork"])
 def test_a_program_that_is_started_without_fork_disturbs_nobody(ether, make_host, start):
     host = make_host(environment=FORKING)
