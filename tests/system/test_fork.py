@@ -269,8 +269,8 @@ def test_a_program_that_is_started_without_fork_disturbs_nobody(ether, make_host
     assert receiving.receive_record() == (b"\x01tafter", b"2")
 
 
-@not_emulated
-def test_a_child_is_told_that_the_peers_of_its_parent_are_not_its_own(network, make_host):
+@of_any_thread
+def test_a_child_is_told_that_the_peers_of_its_parent_are_not_its_own(network, make_host, child):
     host, pump = make_host(environment=FORKING), make_host()
     host.do("watch-peers", "706c616e74")
     host.share(b"plant", b"line-4", b"press")
@@ -278,7 +278,7 @@ def test_a_child_is_told_that_the_peers_of_its_parent_are_not_its_own(network, m
     row = f"peer 706c616e74 {b'pump::p'.hex()} "
     assert host.eventually(lambda: any(event.startswith(row) for event in host.events))
 
-    host.do("child")
+    host.do(child)
     host.do("watch-peers", "706c616e74")
 
     assert host.eventually(lambda: row + "-" in host.events)
