@@ -88,14 +88,29 @@ void TakeRowsFromASet() {
   };
 }
 
-void WriteRecords() {
-  measured = [connection = std::make_shared<Connection>(), rows = Rows(kPortion, 'a')] {
+// In portions, each of which the peer takes whole.
+template <class WritePortion>
+void WriteRecordsBy(WritePortion write) {
+  measured = [connection = std::make_shared<Connection>(), rows = Rows(kPortion, 'a'), write] {
     std::vector<char> taken(kPortion * 52);
     for (int portion = 0; portion < kRows / kPortion; ++portion) {
-      for (const Varnix::Row& row : rows) WriteRecord(row, *connection->stream);
+      write(rows, *connection->stream);
       if (recv(connection->peer, taken.data(), taken.size(), MSG_WAITALL) < 0) std::abort();
     }
   };
+}
+
+void WriteRecords() {
+  WriteRecordsBy([](const std::vector<Varnix::Row>& rows, SocketStream& stream) {
+    for (const Varnix::Row& row : rows) WriteRecord(row, stream);
+  });
+}
+
+void WriteABurstOfRecords() {
+  WriteRecordsBy([](const std::vector<Varnix::Row>& rows, SocketStream& stream) {
+    for (const Varnix::Row& row : rows) BufferRecord(row, stream);
+    FlushRecords(stream);
+  });
 }
 
 void ReadRecordsIntoTables() {
@@ -129,6 +144,7 @@ int main(int argc, char** argv) {
       {"set known rows with the first logger", SetKnownRowsWithTheFirstLogger},
       {"take rows from a set", TakeRowsFromASet},
       {"write records", WriteRecords},
+      {"write a burst of records", WriteABurstOfRecords},
       {"read records into tables", ReadRecordsIntoTables},
   };
   const auto scenario = scenarios.find(argc == 2 ? argv[1] : "");

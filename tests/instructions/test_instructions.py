@@ -15,7 +15,7 @@ COUNTS = pathlib.Path(__file__).parent / "counts.json"
 TOLERANCE = 1.05
 RENEW = "VARNIX_RENEW" in os.environ
 SCENARIOS = ["set new rows", "set known rows among watchers of others", "set known rows with the first logger",
-             "take rows from a set", "write records", "read records into tables"]
+             "take rows from a set", "write records", "write a burst of records", "read records into tables"]
 
 
 def count(scenario):
