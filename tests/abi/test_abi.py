@@ -63,17 +63,18 @@ def build(source):
     for part in ("CMakeLists.txt", "cmake", "include", "src", "tools"):
         copy = shutil.copytree if (SOURCE / part).is_dir() else shutil.copy
         copy(SOURCE / part, source / part)
-    toolchain = os.environ["VARNIX_TOOLCHAIN"]
-    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", source, "-B", source / "build", f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}",
-        "-DCMAKE_CXX_FLAGS=-g", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF",
-        *([f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"] if toolchain else [f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}"]))
-    run("cmake", "--build", source / "build", "--parallel", len(os.sched_getaffinity(0)))
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", source, "-B", source / "build",
+        f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}", f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}",
+        "-DCMAKE_CXX_FLAGS=-g", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF")
+    run("cmake", "--build", source / "build", "--target", "varnix", "--parallel", len(os.sched_getaffinity(0)))
     return source / "build" / "libvarnix.so"
 
 
-def test_two_builds_in_different_directories_are_identical_debug_information_included(tmp_path):
-    here = build(tmp_path / "here")
-    elsewhere = build(tmp_path / "some" / "where" / "else")
+if not os.environ["VARNIX_TOOLCHAIN"]:  # Where a build is depends on no compiler.
 
-    assert b".debug_info\0" in here.read_bytes()
-    assert here.read_bytes() == elsewhere.read_bytes()
+    def test_two_builds_in_different_directories_are_identical_debug_information_included(tmp_path):
+        here = build(tmp_path / "here")
+        elsewhere = build(tmp_path / "some" / "where" / "else")
+
+        assert b".debug_info\0" in here.read_bytes()
+        assert here.read_bytes() == elsewhere.read_bytes()
