@@ -14,7 +14,7 @@ using Varnix::LogLevel;
 Database::Database(std::string name)
     : combined_(LocalTable::Make(InternalTableName("comb", name))),
       decombiner_(std::make_shared<TableDecombiner>(name)),
-      peer_table_(std::make_shared<PeerTable>(name)),
+      peer_table_(name),
       name_(std::move(name)) {
   Log(LogLevel::Debug, "tblcmbn.ctor", "DB(%p) constructed: %s -> combined: %p decombiner: %p",
       static_cast<void*>(this), name_.c_str(), static_cast<void*>(combined_.get()),
@@ -84,11 +84,11 @@ void Database::StopServer() {
 void Database::Lock() VARNIX_NO_LOCK_ANALYSIS {
   lock_.lock();
   decombiner_->Lock();
-  peer_table_->Lock();
+  peer_table_.Lock();
 }
 
 void Database::Unlock() VARNIX_NO_LOCK_ANALYSIS {
-  peer_table_->Unlock();
+  peer_table_.Unlock();
   decombiner_->Unlock();
   lock_.unlock();
 }

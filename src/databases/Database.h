@@ -32,7 +32,7 @@ class Database {
 
   std::shared_ptr<Varnix::Table> MakeTable(const std::string& table);
   const std::shared_ptr<Varnix::Table>& GetTableTable() const { return decombiner_->GetTableTable(); }
-  std::shared_ptr<Varnix::Table> GetPeerTable() { return peer_table_->GetTable(); }
+  std::shared_ptr<Varnix::Table> GetPeerTable() { return peer_table_.GetTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
   // Errors: when the first log line throws, nothing has changed; when the last one does, the new server is there. After
@@ -52,14 +52,14 @@ class Database {
   // The server is the parent's. From now on the database is not shared.
   void ForgetServerInChild();
   // The last step, when the locks are free.
-  void EndPeersInChild() { peer_table_->EndAllInChild(); }
+  void EndPeersInChild() { peer_table_.EndAllInChild(); }
 
  private:
   void StopServer() VARNIX_REQUIRES(lock_);
 
   const std::shared_ptr<Varnix::Table> combined_;
   const std::shared_ptr<TableDecombiner> decombiner_;
-  const std::shared_ptr<PeerTable> peer_table_;
+  PeerTable peer_table_;
   std::unique_ptr<TableServer> server_ VARNIX_GUARDED_BY(lock_);
   const std::string name_;
   Mutex lock_;

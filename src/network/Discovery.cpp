@@ -30,7 +30,6 @@ Discovery::Discovery(const Member& member, int socket, int wake_descriptor, cons
       active_esns_(std::move(active_esns)),
       announcement_(ToPortBytes(member.listen_port) + member.group),
       next_send_(Clock::now()),
-      intervals_{kSteadyInterval},
       entries_{{member.done_descriptor, POLLIN, 0}, {wake_descriptor, POLLIN, 0}, {socket, POLLIN, 0}} {}
 
 void Discovery::Run() {
@@ -58,8 +57,9 @@ bool Discovery::AnnounceWhenDue(Clock::time_point now) {
 }
 
 void Discovery::AdvanceSchedule() {
-  next_send_ += intervals_.back();  // From when it was due, not from now, so that the schedule does not drift.
-  if (intervals_.size() > 1) intervals_.pop_back();
+  // From when it was due, not from now, so that the schedule does not drift.
+  next_send_ += burst_intervals_left_ > 0 ? kBurstInterval : kSteadyInterval;
+  if (burst_intervals_left_ > 0) --burst_intervals_left_;
 }
 
 // False when it was interrupted. The time-out is not clamped: when the schedule has fallen more than an interval
@@ -78,8 +78,7 @@ void Discovery::StartBurst() {
   }
   LogOf(member_, LogLevel::Debug, "tblsvr.dscv.chg", VARNIX_TABLE_SERVER " notified of network change");
   next_send_ = Clock::now();
-  intervals_.resize(1);
-  intervals_.insert(intervals_.end(), kBurstIntervals, kBurstInterval);
+  burst_intervals_left_ = kBurstIntervals;
 }
 
 void Discovery::ReceiveAnnouncement() {

@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <chrono>
-#include <deque>
 #include <memory>
 #include <string>
 
@@ -44,7 +43,6 @@ class Discovery {
   const std::shared_ptr<ActiveESNs> active_esns_;
   const std::string announcement_;
   Clock::time_point next_send_;
-  // The gap after the next announcement is on top, at the back. The bottom entry stays for ever.
-  std::deque<std::chrono::milliseconds> intervals_;
+  int burst_intervals_left_ = 0;
   pollfd entries_[kEntries];
 };

@@ -19,7 +19,7 @@ struct Member {
   std::shared_ptr<Varnix::Table> receive_table;  // Gets the rows that peers send.
   std::shared_ptr<Varnix::Table> send_table;     // Its rows are sent to every peer that connects.
   std::shared_ptr<LocalTable> done_table;        // Gets a row when the server stops; the threads that send watch it.
-  std::shared_ptr<PeerTable> peer_table;         // Shows from whom rows are received.
+  PeerTable* peer_table;                         // Shows from whom rows are received. The database's.
   int done_descriptor = -1;                      // Readable from the moment the server stops. Polled, never read.
   unsigned short listen_port = 0;                // Host byte order.
   const void* server = nullptr;                  // Only printed: it tells the servers of a log apart.

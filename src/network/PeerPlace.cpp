@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <cstdio>
+
 sockaddr_in ToSocketAddress(const PeerPlace& place) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -13,10 +15,10 @@ sockaddr_in ToSocketAddress(const PeerPlace& place) {
 PeerPlace ToPeerPlace(const sockaddr_in& address) { return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)}; }
 
 std::string ToText(const PeerPlace& place) {
-  char address[INET_ADDRSTRLEN] = "";
-  const in_addr in_network_order = ToSocketAddress(place).sin_addr;
-  inet_ntop(AF_INET, &in_network_order, address, sizeof address);
-  return address + (":" + std::to_string(place.port));
+  char text[sizeof "255.255.255.255:65535"];
+  std::snprintf(text, sizeof text, "%u.%u.%u.%u:%u", place.address >> 24, place.address >> 16 & 0xFF,
+                place.address >> 8 & 0xFF, place.address & 0xFF, place.port);
+  return text;
 }
 
 std::string ToPortBytes(unsigned short port) { return {static_cast<char>(port >> 8), static_cast<char>(port & 0xFF)}; }

@@ -40,10 +40,10 @@ bool TryToSetUnlogged(LocalTable& table, const Varnix::Row& row) try {
 TableServer::TableServer(const std::string& uid, const std::string& database,
                          const std::shared_ptr<Varnix::Table>& receive_table,
                          const std::shared_ptr<Varnix::Table>& send_table, const std::string& group,
-                         unsigned broadcast_address, const std::shared_ptr<PeerTable>& peer_table)
+                         unsigned broadcast_address, PeerTable& peer_table)
     : member_{uid,           database,   group,
               receive_table, send_table, LocalTable::Make(InternalTableName("ts_done", database)),
-              peer_table},
+              &peer_table},
       broadcast_address_(ToSocketAddress({ntohl(broadcast_address), kDiscoveryPort})),
       found_peer_([this](const PeerPlace& place, const std::shared_ptr<ActiveESNs>& active_esns) {
         FoundPeer(place.address, place.port, active_esns);

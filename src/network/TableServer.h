@@ -25,7 +25,7 @@ class TableServer {
   // Throws std::bad_alloc or std::system_error when there is no memory or no thread to be had.
   TableServer(const std::string& uid, const std::string& database, const std::shared_ptr<Varnix::Table>& receive_table,
               const std::shared_ptr<Varnix::Table>& send_table, const std::string& group, unsigned broadcast_address,
-              const std::shared_ptr<PeerTable>& peer_table);
+              PeerTable& peer_table);
   // Stops, if that has not been done.
   ~TableServer();
   TableServer(const TableServer&) = delete;

@@ -36,8 +36,8 @@ class ReceivedRows final : public Varnix::Table {
 class QuietMember {
  public:
   QuietMember()
-      : member_{CombinedKey("device", "process"), "db", "group", received_, SendTable(), LocalTable::Make("done"),
-                std::make_shared<PeerTable>("db")} {
+      : member_{CombinedKey("device", "process"), "db",        "group", received_, SendTable(),
+                LocalTable::Make("done"),         &peer_table_} {
     SetLogHook({});
     EXPECT_PROPERTY(pipe(done_) == 0);
     member_.done_descriptor = done_[0];
@@ -63,6 +63,7 @@ class QuietMember {
   int peers_found_ = 0;
   int done_[2];
   const std::shared_ptr<ReceivedRows> received_ = std::make_shared<ReceivedRows>();
+  PeerTable peer_table_{"db"};
   Member member_;
   const FoundPeerCallback found_peer_ = [this](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) {
     ++peers_found_;

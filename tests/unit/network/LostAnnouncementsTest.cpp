@@ -50,8 +50,7 @@ class OnlySecondAnnouncements {
 struct ServerWithOneRow {
   explicit ServerWithOneRow(const std::string& name)
       : server((sent->Set({"row", "of " + name}), CombinedKey("dev", name)), "db", received, sent,
-               "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"),
-               std::make_shared<PeerTable>("db")) {}
+               "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"), peers) {}
 
   bool Gets(const std::string& value) const {
     const auto watcher = received->Watch("row");
@@ -66,6 +65,7 @@ struct ServerWithOneRow {
 
   const std::shared_ptr<Varnix::Table> received = Varnix::MakeTable("received");
   const std::shared_ptr<Varnix::Table> sent = Varnix::MakeTable("sent");
+  PeerTable peers{"db"};
   TableServer server;
 };
 

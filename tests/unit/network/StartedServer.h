@@ -24,7 +24,7 @@ class StartedServer {
     });
     server_ = std::make_unique<TableServer>(uid, database, std::move(received), std::move(sent),
                                             "group of " + std::to_string(getpid()), inet_addr("127.255.255.255"),
-                                            std::make_shared<PeerTable>(database));
+                                            peer_table_);
   }
 
   TableServer* operator->() const { return server_.get(); }
@@ -34,5 +34,6 @@ class StartedServer {
 
  private:
   unsigned short port_ = 0;
+  PeerTable peer_table_{"db"};
   std::unique_ptr<TableServer> server_;
 };

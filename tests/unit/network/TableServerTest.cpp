@@ -147,7 +147,7 @@ class TableServerTest : public testing::Test {
 
   void Start(unsigned broadcast_address = inet_addr("127.255.255.255")) {
     server_ = std::make_unique<TableServer>("\3devproc", "db", receive_table_, send_table_, "group", broadcast_address,
-                                            std::make_shared<PeerTable>("db"));
+                                            peer_table_);
   }
 
   // The wait of the accept loop.
@@ -181,6 +181,7 @@ class TableServerTest : public testing::Test {
       Hooks().sendto,
       [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
   Hooked<int(int, const sockaddr*, socklen_t)> connect_{Hooks().connect, FailWith{ECONNREFUSED}};
+  PeerTable peer_table_{"db"};
   std::unique_ptr<TableServer> server_;
 };
 
@@ -260,8 +261,7 @@ TEST_F(TableServerTest, SaysForWhomItIsBeforeTheFirstSystemCall) {
 }
 
 TEST_F(TableServerTest, UidThatClaimsALongerNameThanItHoldsIsPrintedToItsEnd) {
-  server_ = std::make_unique<TableServer>("\xFFxy", "db", receive_table_, send_table_, "group", 0,
-                                          std::make_shared<PeerTable>("db"));
+  server_ = std::make_unique<TableServer>("\xFFxy", "db", receive_table_, send_table_, "group", 0, peer_table_);
 
   ASSERT_THAT(log_.Lines("tblsvr.ctor"), SizeIs(1));
   EXPECT_EQ(log_.Lines("tblsvr.ctor")[0].text, "TableServer for xy::::db(" + Address() + ") ctor");
@@ -437,12 +437,12 @@ TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
   SetLogHook({});
   const std::string long_name(100, 'n');  // Does not fit into a string itself.
   const auto table = Varnix::MakeTable("t");
+  PeerTable peer_table(long_name);
   const auto descriptors = open();
   int failures = 0;
   for (bool failed = true; failed;) {
     failed = RunsOutOfMemoryAt(failures + 1, [&] {
-      TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"),
-                  std::make_shared<PeerTable>(long_name));
+      TableServer(long_name, long_name, table, table, long_name, inet_addr("127.255.255.255"), peer_table);
     });
     failures += failed ? 1 : 0;
 

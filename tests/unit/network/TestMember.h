@@ -22,13 +22,9 @@ class TestMember {
   static constexpr unsigned short kListenPort = 0xFEDC;
 
   TestMember()
-      : member_{CombinedKey("dev", "proc"),
-                "db",
-                "group",
-                Varnix::MakeTable("received"),
-                Varnix::MakeTable("sent"),
-                LocalTable::Make("done"),
-                std::make_shared<PeerTable>("db")} {
+      : member_{
+            CombinedKey("dev", "proc"), "db",        "group", Varnix::MakeTable("received"), Varnix::MakeTable("sent"),
+            LocalTable::Make("done"),   &peer_table_} {
     EXPECT_EQ(pipe(done_), 0);
     member_.done_descriptor = done_[0];
     member_.listen_port = kListenPort;
@@ -55,6 +51,7 @@ class TestMember {
   }
 
  private:
+  PeerTable peer_table_{"db"};
   Member member_;
   int done_[2];
   std::vector<std::string> found_peers_;

@@ -45,7 +45,7 @@ class Participant {
       try {
         server_ = std::make_unique<TableServer>(CombinedKey(kDevice, process_), kDatabase, received_, sent_,
                                                 "group of " + std::to_string(getppid()), inet_addr("127.255.255.255"),
-                                                std::make_shared<PeerTable>("db"));
+                                                peer_table_);
       } catch (const std::system_error&) {
       } catch (const std::bad_alloc&) {
       }
@@ -67,6 +67,7 @@ class Participant {
   const std::string process_;
   const std::shared_ptr<Varnix::Table> received_ = Varnix::MakeTable("received");
   const std::shared_ptr<Varnix::Table> sent_ = Varnix::MakeTable("sent");
+  PeerTable peer_table_{"db"};
   std::unique_ptr<TableServer> server_;
 };
 
