@@ -123,6 +123,15 @@ class Host:
     def set(self, database, table, key, value):
         self.do("set", hexed(database), hexed(table), hexed(key), hexed(value))
 
+    def set_all(self, database, table, rows):
+        """The same for many (key, value) pairs, without waiting for each."""
+        lines = [f"set {hexed(database)} {hexed(table)} {hexed(key)} {hexed(value)}\n" for key, value in rows]
+        with self._changed:
+            awaited = self._ready + len(lines)
+        self._process.stdin.write("".join(lines).encode())
+        self._process.stdin.flush()
+        assert self.eventually(lambda: self._ready >= awaited), self.errors
+
     def watch(self, database, table):
         self.do("watch", hexed(database), hexed(table))
 

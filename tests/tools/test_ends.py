@@ -1,0 +1,256 @@
+"""How the command is called and how it ends: options, exit statuses, signals, closed pipes, terminals."""
+
+import os
+import pty
+import re
+import signal
+import subprocess
+
+import pytest
+
+import programs
+from command import TOOL, environment, run
+
+COMMANDS = ("members", "tables", "dump", "get", "watch", "set", "load", "record", "replay")
+ARGUMENTS = {"get": ["status", "speed"], "set": ["status", "speed", "42"], "record": ["-"], "replay": ["-"]}
+
+
+@pytest.fixture
+def press(network, make_host):
+    host = make_host()
+    host.set(b"plant", b"status", b"speed", "42 °C".encode())
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+    return host
+
+
+@pytest.mark.parametrize("arguments, reason", [
+    ([], "no command is given"),
+    (["look"], "look"),
+    (["members", "dump"], "dump"),
+    (["dump", "status", "speed"], "speed"),
+    (["get", "status"], "KEY is required"),
+    (["set", "status", "speed"], "VALUE is required"),
+    (["dump", "--raw"], "--raw"),
+    (["members", "--wait"], "--wait"),
+    (["members", "--wait", "soon"], "--wait"),
+    (["members", "--wait", "-1"], "--wait"),
+    (["members", "--wait", "nan"], "--wait"),
+    (["watch", "-n", "0"], "--count"),
+    (["watch", "-n", "many"], "--count"),
+    (["members", "--limit", "0"], "--limit"),
+    (["members", "--broadcast", "everybody"], "--broadcast: must be an IPv4 address"),
+    (["members", "--group", "g" * 255], "--group: must have 1 to 254 bytes"),
+    (["members", "--device", "d" * 256], "--device: must have 0 to 255 bytes"),
+    (["set", "t" * 256, "k", "v"], "TABLE has more than 255 bytes"),
+    (["set", "t", "k" * 4094, "v"], "TABLE and KEY have more than 4094 bytes"),
+    (["replay", "-", "--speed", "-1"], "--speed"),
+])
+def test_wrong_usage_is_told_in_one_line_with_how_to_get_help(arguments, reason):
+    told = run(*arguments)
+
+    assert (told.status, told.output) == (2, b"")
+    assert re.fullmatch(r"varnix: .*; see 'varnix .*--help'\n", told.errors) and reason in told.errors, told
+
+
+@pytest.mark.parametrize("name", COMMANDS[1:])
+def test_a_group_and_a_database_are_asked_for(name):
+    arguments = [name, *ARGUMENTS.get(name, [])]
+
+    no_group, no_database = run(*arguments, VARNIX_GROUP=""), run(*arguments, VARNIX_DATABASE="")
+
+    assert no_group.status == no_database.status == 2
+    assert "which group? Give --group or set VARNIX_GROUP" in no_group.errors
+    assert "which database? Give --database or set VARNIX_DATABASE" in no_database.errors
+
+
+@pytest.mark.parametrize("name", COMMANDS)
+def test_each_command_has_help_with_an_example_that_is_right(name):
+    shown = run(name, "--help")
+
+    assert (shown.status, shown.errors) == (0, "")
+    text = shown.output.decode()
+    examples = text.partition("Example")[2].splitlines()[1:]
+    assert examples and all(re.match(r"  (date \| )?varnix .*\b" + name + r"\b", example) for example in examples)
+    for example in examples:  # What follows is wrong usage for sure, so nothing is done.
+        words = example.partition("varnix ")[2].partition("#")[0].replace(">", "<").partition("<")[0].split()
+        assert "surplus" in run(*words, *(["x"] * 2 if name in ("dump", "watch") else []), "surplus").errors
+
+
+def test_help_names_every_command():
+    shown = run("--help")
+
+    assert (shown.status, shown.errors) == (0, "")
+    for name in COMMANDS:
+        assert re.search(rf"^  {name} ", shown.output.decode(), re.MULTILINE)
+
+
+def test_version_is_that_of_the_project():
+    shown = run("--version")
+
+    assert (shown.status, shown.errors) == (0, "")
+    assert re.fullmatch(rb"varnix \d+\.\d+\.\d+\n", shown.output)
+
+
+def test_options_stand_before_or_behind_the_command(press):
+    row = "press::ctl  status  speed = 42 °C\n".encode()
+    wanted = ["-g", "line-4", "-d", "plant", "-b", "127.255.255.255"]
+    nothing = {"VARNIX_GROUP": "none", "VARNIX_DATABASE": "none", "VARNIX_BROADCAST": "127.0.0.1"}
+
+    assert run(*wanted, "dump", "status", **nothing).output == row
+    assert run("dump", "status", *wanted, **nothing).output == row
+    assert run(*wanted[:2], "dump", *wanted[2:], "status", **nothing).output == row
+
+
+@pytest.mark.parametrize("name", [name for name in COMMANDS if name not in ("watch", "record")])
+def test_nobody_within_the_time_is_status_3(network, name):
+    told = run(name, *ARGUMENTS.get(name, []), "-w", "0.2")
+
+    assert (told.status, told.output) == (3, b"")
+    assert re.fullmatch(r'varnix: nobody of group "line-4" with database "plant" was met within 0.2 s; '
+                        r"'varnix doctor' says why\n", told.errors)
+
+
+def test_a_limited_watch_ends_with_status_3_after_the_time_that_is_given(press):
+    told = run("watch", "-n", "2", "-w", "0.7")
+
+    assert (told.status, told.output) == (3, "press::ctl  status  speed = 42 °C\n".encode())
+
+
+def test_a_watch_goes_on_when_nobody_is_there_and_says_so(network, start):
+    watch = start("watch", "-w", "0.2")
+
+    assert watch.says("nobody of .* was met within 0.2 s; looking further")
+    assert watch.process.poll() is None
+
+
+def test_no_route_is_told(network):
+    told = run("dump", "-w", "0.2", "-b", "255.255.255.255")
+
+    assert told.status == 3
+    assert "cannot announce to 255.255.255.255: Network is unreachable" in told.errors
+
+
+@pytest.mark.parametrize("name", ["watch", "record"])
+def test_an_interrupt_ends_what_lives_well(press, start, name):
+    living = start(name, *ARGUMENTS.get(name, []))
+    assert living.eventually(lambda: living.lines)
+
+    living.signal(signal.SIGINT)
+
+    assert (living.ends(), living.errors) == (0, "")
+
+
+def test_other_signals_end_the_process_as_they_do(press, start):
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):
+        watch = start("watch")
+        assert watch.eventually(lambda: watch.lines)
+        watch.signal(number)
+        assert watch.ends() == -number
+
+
+def test_an_interrupt_ends_what_is_not_done_as_signals_do(network, start):
+    for arguments in (["dump", "-w", "60"], ["set", "status", "speed", "42", "-w", "60"]):
+        running = start(*arguments)
+        assert programs.eventually(lambda: takes_interrupts(running.pid))
+        running.signal(signal.SIGINT)
+        assert running.ends() == -signal.SIGINT
+
+
+def takes_interrupts(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        caught = int(re.search(r"^SigCgt:\s+([0-9a-f]+)", status.read(), re.MULTILINE)[1], 16)
+    return caught & 1 << (signal.SIGINT - 1)
+
+
+def test_an_ignored_hang_up_stays_ignored(press, start):
+    watch = subprocess.Popen(["nohup", *TOOL, "watch"], env=environment(), stdout=subprocess.PIPE,
+                             stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    assert watch.stdout.readline()
+
+    watch.send_signal(signal.SIGHUP)
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.stdout.readline() == b"press::ctl  status  speed = 43\n"
+    watch.send_signal(signal.SIGINT)
+
+    assert watch.wait(programs.DEADLINE) == 0
+
+
+def test_a_reader_that_has_gone_ends_it_quietly(press, start):
+    reader, writer = os.pipe()
+    watch = start("watch", stdout=writer)
+    os.close(writer)
+    assert os.read(reader, 5) == b"press"
+
+    os.close(reader)  # No row comes that could show it.
+
+    assert (watch.ends(), watch.errors) == (0, "")
+
+
+def test_a_closed_standard_output_ends_it_quietly(press):
+    for name in ("watch", "dump", "members"):
+        done = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", *TOOL, name], env=environment(), capture_output=True,
+                              timeout=programs.DEADLINE)
+        assert (done.returncode, done.stderr) == (0, b"")
+
+
+def test_closed_standard_descriptors_are_not_written_to_as_sockets(press):
+    done = subprocess.run(["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *TOOL, "set", "status", "mode", "auto"],
+                          env=environment(), timeout=programs.DEADLINE)
+
+    assert done.returncode == 0
+    assert press.logs(7, "tblsvr.fnd", ".*found peer.*")
+    assert not press.errors
+
+
+def test_a_full_disk_is_told(press):
+    with open("/dev/full", "wb") as full:
+        done = subprocess.run([*TOOL, "dump"], env=environment(), stdout=full, stderr=subprocess.PIPE,
+                              timeout=programs.DEADLINE)
+
+    assert (done.returncode, done.stderr) == (1, b"varnix: cannot write: No space left on device\n")
+
+
+class Terminal:
+    """The command with a terminal for standard output and standard error, or for the latter alone."""
+
+    def __init__(self, *arguments, errors_alone=False, **variables):
+        self.master, slave = pty.openpty()
+        self.process = subprocess.Popen([*TOOL, *arguments], stdin=slave, stderr=slave,
+                                        stdout=subprocess.PIPE if errors_alone else slave,
+                                        env=environment({"TERM": "xterm", **variables}))
+        os.close(slave)
+
+    def shows(self):
+        """Everything up to the end."""
+        shown = b""
+        while True:
+            try:
+                shown += os.read(self.master, 65536)
+            except OSError:  # Nobody has the other end any more.
+                os.close(self.master)
+                return shown
+
+
+def test_colours_are_for_terminals(press):
+    coloured = "\x1b[36mpress::ctl\x1b[0m  \x1b[33mstatus\x1b[0m  \x1b[1mspeed\x1b[0m = 42 °C\r\n".encode()
+    assert Terminal("dump").shows() == coloured
+    assert Terminal("dump", NO_COLOR="1").shows() == "press::ctl  status  speed = 42 °C\r\n".encode()
+    assert Terminal("dump", TERM="dumb").shows() == "press::ctl  status  speed = 42 °C\r\n".encode()
+
+
+def test_a_terminal_that_knows_no_utf_8_gets_ascii(press):
+    assert Terminal("dump", NO_COLOR="1", LC_ALL="C").shows() == b"press::ctl  status  speed = 42 \\xc2\\xb0C\r\n"
+
+
+def test_what_takes_longer_than_a_second_shows_its_progress_on_a_terminal(network):
+    searching = Terminal("dump", "-w", "1.5", errors_alone=True)
+
+    shown = searching.shows().decode()
+
+    assert searching.process.wait(programs.DEADLINE) == 3
+    assert 'Looking for members of group "line-4" with database "plant": 0 met, 1 s' in shown
+    assert re.search(r"\r\x1b\[Kvarnix: nobody of group [^\r]*\r\n$", shown), shown
+
+
+def test_no_progress_is_shown_to_a_file(network):
+    assert run("dump", "-w", "1.5").errors.count("\n") == 1

@@ -1,0 +1,296 @@
+"""Members of a broken or hostile kind: the command ends in time, stays small, and shows what the others have set."""
+
+import itertools
+import os
+import random
+import socket
+import time
+
+import pytest
+
+import fakes
+import programs
+import wire
+from command import run
+from programs import EMULATOR
+
+MEBIBYTE = 1 << 20
+ROW = b"press::ctl  status  speed = 42"
+# The sanitizers and the emulator need memory of their own.
+BASE = 40 * MEBIBYTE if programs.NATIVE else 400 * MEBIBYTE
+
+
+@pytest.fixture
+def press(ether, make_host):
+    host = make_host()
+    host.set(b"plant", b"status", b"speed", b"42")
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+    ether.receive()
+    return host
+
+
+@pytest.fixture
+def fake(ether):
+    """Starts a fake member, which is announced every now and then."""
+    made = []
+
+    def make(behave):
+        made.append(fakes.FakeMember(behave))
+        return made[-1]
+
+    yield make
+    for member in made:
+        member.close()
+
+
+@pytest.fixture
+def look(start, ether):
+    """Runs a command to its end while fake members announce themselves as soon as it listens."""
+    def run_among(members, *arguments):
+        running = start(*arguments)
+        ether.receive()  # The command has announced itself, so it hears.
+        for member in members:
+            member.announce(ether)
+        status = running.ends()
+        return status, running
+    return run_among
+
+
+def test_one_that_is_silent_costs_the_time_that_is_given_and_is_named(press, fake, look):
+    silent = fake(fakes.wait_for_end)
+
+    status, dump = look([silent], "dump", "-w", "1")
+
+    assert (status, dump.lines) == (1, [ROW])
+    assert dump.errors == f"varnix: 127.0.0.1:{silent.port} has not said who it is after 1 s; --wait gives it more\n"
+
+
+def test_one_that_stays_silent_is_given_up_after_5_seconds(press, fake, look):
+    silent = fake(fakes.wait_for_end)
+
+    status, dump = look([silent], "dump", "-w", "30")
+
+    assert (status, dump.lines) == (1, [ROW])
+    assert dump.errors == f"varnix: 127.0.0.1:{silent.port} accepts connections and does not say who it is\n"
+
+
+def test_one_that_hangs_up_is_named(press, fake, look):
+    rude = fake(lambda connected: connected.shutdown(socket.SHUT_RDWR))
+
+    status, dump = look([rude], "dump")
+
+    assert (status, dump.lines) == (1, [ROW])
+    assert f"127.0.0.1:{rude.port} closes connections before it says who it is\n" in dump.errors
+
+
+def test_a_port_of_nobody_is_named(press, ether, start):
+    nobody = wire.Listener()
+    nobody.close()
+    dump = start("dump")
+    ether.receive()
+    ether.announce(nobody.port, b"line-4")
+
+    assert (dump.ends(), dump.lines) == (1, [ROW])
+    assert f"127.0.0.1:{nobody.port} cannot be reached: Connection refused\n" in dump.errors
+
+
+def test_one_that_sends_a_byte_now_and_then_is_not_waited_for(press, fake, look):
+    def dribble(connected):
+        for byte in fakes.GREETING * 1000:
+            connected.sendall(bytes([byte]))
+            time.sleep(0.1)  # The pace of the attack.
+
+    status, dump = look([fake(dribble)], "dump", "-w", "1.5")
+
+    assert (status, dump.lines) == (1, [ROW])
+
+
+def test_one_that_never_ends_a_row_is_named(press, fake, look):
+    def torn(connected):
+        connected.sendall(fakes.GREETING + wire.record(b"\x06statusspeed", b"1"))
+        connected.sendall(fakes.claim(4095, 1_048_575) + b"x" * 100)
+        fakes.wait_for_end(connected)
+
+    status, dump = look([fake(torn)], "dump", "-w", "1.5")
+
+    assert status == 1
+    assert sorted(line.split() for line in dump.lines) == sorted([ROW.split(), b"fake::ctl status speed = 1".split()])
+    assert "fake::ctl at 127.0.0.1:" in dump.errors and "was still sending after 1.5 s" in dump.errors
+
+
+def endless(connected):
+    connected.sendall(fakes.GREETING)
+    for block in itertools.count():
+        rows = (wire.record(b"\x04many%d" % number, b"x" * 20) for number in range(block * 1000, block * 1000 + 1000))
+        connected.sendall(b"".join(rows))
+
+
+def test_one_that_never_pauses_ends_with_the_time_and_is_named(press, fake, look):
+    status, dump = look([fake(endless)], "dump", "-w", "1.5", "status")
+
+    assert (status, dump.lines) == (1, [ROW])
+    assert "was still sending after 1.5 s; --wait gives it more" in dump.errors
+
+
+def test_one_that_needs_more_memory_than_it_may_is_left_out(press, fake, start, ether):
+    tables = start("tables", "-w", "30", "--limit", "4")
+    ether.receive()
+    fake(endless).announce(ether)
+
+    assert tables.says("fake::ctl at 127.0.0.1:[0-9]+ sends more than --limit allows: left out")
+    assert tables.memory() < BASE + 16 * MEBIBYTE
+    assert tables.ends() == 1
+    assert tables.lines == [b"press::ctl  status  1 row  7 bytes"]
+
+
+def test_many_that_hold_back_the_rest_of_large_rows_stay_below_the_limit(press, fake, start, ether):
+    def hold_back(connected):
+        connected.sendall(wire.hello(b"plant", b"fake", os.urandom(8)))
+        connected.sendall(fakes.claim(4095, 1_048_575) + bytes(1_000_000))
+        fakes.wait_for_end(connected)
+
+    watch = start("watch", "--limit", "8")
+    assert watch.prints(ROW)
+    for _ in range(40):
+        fake(hold_back).announce(ether)
+
+    assert watch.eventually(lambda: watch.errors.count("sends more than --limit allows: left out") >= 20)
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.prints(b"press::ctl  status  speed = 43")
+    assert watch.memory() < BASE + 24 * MEBIBYTE
+
+
+def test_a_reader_that_stops_reading_costs_no_memory_and_can_be_interrupted(fake, start, ether):
+    reader, writer = os.pipe()
+    watch = start("watch", stdout=writer)
+    os.close(writer)
+    ether.receive()
+    member = fake(endless)
+    member.announce(ether)
+
+    assert os.read(reader, 4) == b"fake"
+    assert programs.eventually(lambda: sleeps(watch.pid))
+    assert watch.memory() < BASE
+
+    watch.signal(2)
+    assert watch.ends() == 0
+    os.close(reader)
+
+
+def sleeps(pid):
+    """Whether it uses no processor for a while."""
+    def used():
+        with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
+            return stat.read().rpartition(")")[2].split()[11:13]
+
+    before = used()
+    time.sleep(0.2)  # The while.
+    return used() == before
+
+
+@pytest.mark.parametrize("greeting", [
+    pytest.param(fakes.claim(0, 0), id="no database and no identity"),
+    pytest.param(wire.record(b"plant", b""), id="no identity"),
+    pytest.param(wire.record(b"plant", b"\xff"), id="an identity that claims too much"),
+    pytest.param(wire.record(b"p" * 4095, b"\x00" * 1_048_575), id="the largest"),
+])
+@pytest.mark.parametrize("name", ["members", "dump"])
+def test_odd_greetings_are_no_harm(press, fake, look, greeting, name):
+    def behave(connected):
+        connected.sendall(greeting + wire.record(b"", b"") + wire.record(b"\xff", b"v") + wire.record(b"\x00", b""))
+        fakes.wait_for_end(connected)
+
+    _, running = look([fake(behave)], name)
+
+    assert any(line.startswith(b"press::ctl") for line in running.lines), running.errors
+
+
+def test_malformed_keys_are_shown_as_members_take_them(press, fake, look):
+    def behave(connected):
+        connected.sendall(fakes.GREETING + wire.record(b"", b"1") + wire.record(b"\x05four", b"2"))
+        fakes.wait_for_end(connected)
+
+    status, dump = look([fake(behave)], "dump")
+
+    assert status == 0
+    assert sorted(line.split() for line in dump.lines) == sorted(
+        [ROW.split(), [b"fake::ctl", b"=", b"1"], [b"fake::ctl", b"=", b"2"]])
+
+
+@pytest.mark.parametrize("name", ["members", "tables", "dump", "get status speed", "set status mode auto"])
+def test_random_bytes_are_no_harm(press, fake, look, name):
+    print("seed", programs.SEED)
+    source = random.Random(programs.SEED)
+
+    def babble(connected):
+        own = random.Random(source.random())
+        if own.random() < 0.5:
+            connected.sendall(fakes.GREETING)
+        while own.random() < 0.95:
+            connected.sendall(own.randbytes(own.choice((1, 4, 100, 100_000))))
+
+    status, running = look([fake(babble) for _ in range(30)], *name.split(), "-w", "2" if programs.NATIVE else "5")
+
+    assert status in (0, 1), running.errors
+    shown = b"\n".join(running.lines)
+    assert (b"press::ctl" in shown or b"42" in shown) != name.startswith("set"), shown
+    if name.startswith("set"):
+        press.watch(b"plant", b"status")
+        assert press.gets_row(b"plant", b"status", b"mode", b"auto")
+
+
+def test_random_bytes_of_those_who_connect_are_no_harm(press, ether, start):
+    print("seed", programs.SEED)
+    source = random.Random(programs.SEED)
+    watch = start("watch")
+    port = ether.port_of_next_announcement()
+    assert watch.prints(ROW)
+
+    visitors = []
+    for _ in range(300):
+        visitors.append(wire.connect(port))
+        try:
+            visitors[-1].send(source.choice((
+                b"", fakes.claim(4095, 1_048_575), fakes.claim(6, 2) + b"line-4", wire.answer(b"line-4", port),
+                wire.answer(b"line-4", 0), wire.answer(b"line-4", 1), wire.record(b"line-4", b"xyz"),
+                wire.answer(b"line-4", 1) + b"more", source.randbytes(5000))))
+        except OSError:  # The command has closed the connection already.
+            pass
+        if source.random() < 0.5:
+            visitors.pop().reset()
+
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.prints(b"press::ctl  status  speed = 43")
+    late = wire.connect(port)
+    assert late.receive_record()[0] == b"plant"
+    for visitor in [*visitors, late]:
+        visitor.close()
+
+
+def test_a_flood_of_announcements_does_not_hide_a_member(ether, make_host, start):
+    watch = start("watch")
+    ether.receive()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as speaker:
+        speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        for port in range(1, 20_000 if not EMULATOR else 2_000):
+            speaker.sendto(port.to_bytes(2, "big") + b"line-4", ("127.255.255.255", wire.DISCOVERY_PORT))
+        for size in (0, 1, 257, 1000):
+            speaker.sendto(b"x" * size, ("127.255.255.255", wire.DISCOVERY_PORT))
+
+    host = make_host()
+    host.set(b"plant", b"status", b"speed", b"42")
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+
+    assert watch.prints(ROW)
+    assert watch.memory() < BASE
+
+
+def test_one_that_takes_the_place_of_another_name_is_told_from_it_by_its_address(press, fake, look):
+    def pretend(connected):
+        connected.sendall(wire.hello(b"plant", b"press", b"ctl") + wire.record(b"\x06statusspeed", b"666"))
+        fakes.wait_for_end(connected)
+
+    status, get = look([fake(pretend)], "get", "status", "speed")
+
+    assert status == 0
+    assert get.errors.count("press::ctl at 127.0.0.1:") == 2

@@ -1,0 +1,136 @@
+"""The command among several hosts, many members and many rows."""
+
+import json
+import time
+
+import pytest
+
+import namespaces
+import programs
+from command import run
+from programs import EMULATOR, figure
+
+EVERYBODY = {"VARNIX_BROADCAST": "255.255.255.255"}
+MEMBERS = 64 if not EMULATOR else 16  # Each is a process of its own.
+ROWS = 100_000 if programs.NATIVE else 10_000
+
+
+@pytest.fixture
+def places(make_namespace):
+    """Four namespaces on one bridge: 10.1.1.1 to 10.1.1.4."""
+    bridge, hosts = make_namespace(), [make_namespace() for _ in range(4)]
+    bridge.ip("link add bridge type bridge")
+    bridge.ip("link set bridge up")
+    for number, host in enumerate(hosts, 1):
+        namespaces.connect(bridge, host, left_name=f"port{number}")
+        bridge.ip(f"link set port{number} master bridge")
+        host.ip(f"address add 10.1.1.{number}/24 dev eth0")
+        host.ip("route add 255.255.255.255/32 dev eth0")
+    return hosts
+
+
+def share_in(place, make_host, device, rows):
+    with place:
+        host = make_host()
+    for key, value in rows:
+        host.set(b"plant", b"status", key, value)
+    host.share(b"plant", b"line-4", device, b"ctl", "0.0.0.0")
+    return host
+
+
+def test_members_on_three_hosts_are_shown_with_their_addresses_from_a_fourth(places, make_host, start):
+    for place, device in zip(places, (b"press", b"pump", b"valve")):
+        share_in(place, make_host, device, [(device, b"1")])
+
+    with places[3]:
+        watch = start("watch", "--json", "-n", "3", **EVERYBODY)
+        assert watch.ends() == 0
+        members = run("members", "--json", **EVERYBODY).rows()
+
+    expected = {("press", "10.1.1.1"), ("pump", "10.1.1.2"), ("valve", "10.1.1.3")}
+    assert {(row["device"], row["address"]) for row in map(json.loads, watch.lines)} == expected
+    assert {(member["device"], member["address"]) for member in members} == expected
+
+
+def test_a_row_that_is_set_on_one_host_reaches_members_on_three(places, make_host):
+    hosts = [share_in(place, make_host, device, []) for place, device in zip(places, (b"press", b"pump", b"valve"))]
+    for host in hosts:
+        host.watch(b"plant", b"status")
+
+    with places[3]:
+        done = run("set", "status", "speed", "42", **EVERYBODY)
+
+    assert (done.status, done.errors) == (0, "varnix: 1 row taken by 3 members\n")
+    for host in hosts:
+        assert host.gets_row(b"plant", b"status", b"speed", b"42")
+
+
+def test_a_member_that_loses_its_link_for_long_is_received_again(places, make_host, start):
+    press = share_in(places[0], make_host, b"press", [(b"speed", b"1")])
+    with places[3]:
+        watch = start("watch", "status", **EVERYBODY)
+    assert watch.prints(b"press::ctl  status  speed = 1")
+
+    places[0].ip("link set eth0 down")
+    assert watch.says("press::ctl at 10.1.1.1:[0-9]+ was lost: ")
+    press.set(b"plant", b"status", b"speed", b"2")
+    places[0].ip("link set eth0 up")
+
+    assert watch.prints(b"press::ctl  status  speed = 2")
+
+
+@pytest.fixture
+def crowd(network, make_host):
+    """Members that hear everybody who looks for them, and not each other: they announce themselves to one address."""
+    hosts = []
+    for number in range(MEMBERS):
+        hosts.append(make_host())
+        hosts[-1].set(b"plant", b"status", b"of %d" % number, b"%d" % number)
+        hosts[-1].share(b"plant", b"line-4", b"host %d" % number, b"ctl", "127.0.0.1")
+    return hosts
+
+
+def test_every_member_of_a_crowd_is_met(crowd, start):
+    watch = start("watch", "--json", "-n", str(MEMBERS))
+    assert watch.ends() == 0
+
+    assert {(row["device"], row["key"]) for row in map(json.loads, watch.lines)} == {
+        (f"host {number}", f"of {number}") for number in range(MEMBERS)}
+    assert programs.eventually(lambda: len(run("members").output.splitlines()) == MEMBERS)
+    assert programs.eventually(lambda: len(run("dump").output.splitlines()) == MEMBERS)
+
+
+def test_many_rows_are_dumped_and_taken(network, make_host):
+    press = make_host("--default-log")  # The other log is slower than what is measured.
+    value = b"x" * 32
+    press.set_all(b"plant", b"status", ((b"key %012d" % number, value) for number in range(ROWS)))
+    press.share(b"plant", b"line-4", b"press")
+
+    begun = time.monotonic()
+    dump = run("dump", "--json", "-w", "60")
+    seconds = time.monotonic() - begun
+    rows = dump.output.split(b"\n")[:-1]
+
+    assert dump.status == 0 and dump.errors == "", dump
+    assert len(rows) == ROWS
+    assert {json.loads(row)["key"] for row in rows} == {"key %012d" % number for number in range(ROWS)}
+    figure(f"{ROWS} rows dumped as JSON in {seconds * 1000:.0f} ms")
+    assert seconds < 15 or not programs.NATIVE
+    done = run("load", "--device", "bench", "-w", "60", data=dump.output)
+    assert (done.status, done.errors) == (0, f"varnix: {ROWS} rows taken by 1 member\n")
+
+
+def test_the_first_row_is_there_soon(network, make_host):
+    press = make_host()
+    press.set(b"plant", b"status", b"speed", b"42")
+    press.share(b"plant", b"line-4", b"press")
+
+    def measure():
+        begun = time.monotonic()
+        assert run("watch", "-n", "1").output == b"press::p  status  speed = 42\n"
+        return time.monotonic() - begun
+
+    seconds = min(measure() for _ in range(5))
+
+    figure(f"first row {seconds * 1000:.0f} ms after the start of the command")
+    assert seconds < 1 or not programs.NATIVE

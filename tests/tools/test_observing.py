@@ -1,0 +1,302 @@
+"""What the command shows of members that use the real library: members, tables, dump, get, watch."""
+
+import base64
+import json
+import random
+import re
+import signal
+import socket
+import time
+
+import pytest
+
+import programs
+from command import run
+from wire import DISCOVERY_PORT
+
+EVERY_BYTE = bytes(range(256))
+
+
+@pytest.fixture
+def share(network, make_host):
+    """Starts a member of group line-4 that has set rows."""
+    def start(device, rows=(), process=b"ctl", database=b"plant", group=b"line-4", address="127.255.255.255"):
+        host = make_host()
+        for table, key, value in rows:
+            host.set(database, table, key, value)
+        host.share(database, group, device, process, address)
+        return host
+    return start
+
+
+def parts(row):
+    return row["device"], row["process"], row["table"], row["key"], row["value"]
+
+
+def test_members_shows_name_place_group_and_database(share):
+    share(b"press")
+
+    shown = run("members")
+
+    assert shown.status == 0, shown
+    assert re.fullmatch(rb"press::ctl  127\.0\.0\.1:[0-9]+  line-4  plant\n", shown.output), shown
+
+
+def test_members_as_json_name_the_port_that_is_announced(ether, share):
+    share(b"press")
+    port = ether.port_of_next_announcement()
+
+    shown = run("members", "--json")
+
+    assert shown.rows() == [{"device": "press", "process": "ctl", "address": "127.0.0.1", "port": port,
+                             "group": "line-4", "database": "plant"}]
+
+
+def test_members_without_a_group_are_those_of_every_group_that_is_heard_of(share, start, ether):
+    pump = share(b"pump", database=b"other", group=b"line-5")
+    share(b"press")
+    ether.receive(), ether.receive()
+    listing = start("members", "--json", "-w", "60", VARNIX_GROUP="", VARNIX_DATABASE="")
+
+    # One that announces itself shows its group; others of the same group and database then come by themselves.
+    assert programs.eventually(lambda: pump.do("network-changed") or listing.lines)
+    valve = share(b"valve", database=b"other", group=b"line-5", address="127.0.0.1")
+
+    assert listing.eventually(lambda: len(listing.lines) == 2)
+    assert {(member["device"], member["group"], member["database"]) for member in map(json.loads, listing.lines)} == {
+        ("pump", "line-5", "other"), ("valve", "line-5", "other")}
+    assert valve.logs(7, "tblsndr.getgrp", r".*group=\"\(observer\)\" port=0")
+
+
+def test_tables_counts_rows_and_bytes_for_each_member(share):
+    share(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto"), (b"log", b"", b"1234567")])
+    share(b"pump", [(b"status", b"speed", b"7")])
+
+    shown = run("tables", "--json")
+
+    assert sorted((row["device"], row["table"], row["rows"], row["bytes"]) for row in shown.rows()) == [
+        ("press", "log", 1, 7), ("press", "status", 2, 15), ("pump", "status", 1, 6)]
+    aligned = sorted(run("tables").output.splitlines())
+    assert aligned == [b"press::ctl  log     1 row  7 bytes", b"press::ctl  status  2 rows  15 bytes",
+                       b"pump::ctl   status  1 row  6 bytes"]
+
+
+def test_dump_shows_every_row_with_who_set_it_and_ends(share):
+    share(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto")])
+    share(b"pump", [(b"status", b"speed", b"7")])
+
+    shown = run("dump")
+
+    assert shown.status == 0 and shown.errors == "", shown
+    assert sorted(line.split() for line in shown.output.splitlines()) == sorted(line.split() for line in (
+        b"press::ctl  status  speed = 42", b"press::ctl  status  mode = auto", b"pump::ctl  status  speed = 7"))
+
+
+def test_rows_that_a_member_has_received_are_not_shown_as_its_own(share):
+    left = share(b"left", [(b"status", b"speed", b"42")])
+    right = share(b"right", [(b"status", b"mode", b"auto")])
+    for host, key, value in ((left, b"mode", b"auto"), (right, b"speed", b"42")):
+        host.watch(b"plant", b"status")
+        assert host.gets_row(b"plant", b"status", key, value)
+
+    shown = run("dump", "--json")
+
+    assert sorted(map(parts, shown.rows())) == [("left", "ctl", "status", "speed", "42"),
+                                                ("right", "ctl", "status", "mode", "auto")]
+
+
+def test_a_row_as_json_has_these_members_in_this_order(share):
+    share(b"press", [(b"status", b"speed", b"42")])
+
+    line = run("dump", "--json").output.decode()
+
+    assert re.fullmatch(r'{"time":"20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z","device":"press","process":"ctl",'
+                        r'"address":"127\.0\.0\.1","table":"status","key":"speed","value":"42"}\n', line)
+    age = time.time() - time.mktime(time.strptime(line[9:28], "%Y-%m-%dT%H:%M:%S")) + time.timezone
+    assert -2 <= age <= programs.DEADLINE
+
+
+def test_dump_of_one_table_leaves_out_the_others(share):
+    share(b"press", [(b"status", b"speed", b"42"), (b"log", b"speed", b"1")])
+
+    assert run("dump", "log").output == b"press::ctl  log  speed = 1\n"
+    nothing = run("dump", "nowhere")
+    assert (nothing.status, nothing.output) == (3, b"") and 'no row in table "nowhere"' in nothing.errors
+
+
+def test_bytes_that_are_no_text_are_in_base64_in_json(share):
+    share(b"pr\xff", [(b"st\xfe", EVERY_BYTE, EVERY_BYTE[::-1])], process=b"\x80")
+
+    row, = run("dump", "--json").rows()
+
+    for name, expected in (("device", b"pr\xff"), ("process", b"\x80"), ("table", b"st\xfe"), ("key", EVERY_BYTE),
+                           ("value", EVERY_BYTE[::-1])):
+        assert name not in row
+        assert base64.b64decode(row[name + "64"], validate=True) == expected
+
+
+def test_text_of_every_kind_survives_json(share):
+    value = "42 °C \u0000\u001b[31m \u009b \"quoted\" \\ \u2028 \U0001f600 \ufeff\x7f"
+    share("Größe".encode(), [(b"status", b"", value.encode())])
+
+    shown = run("dump", "--json")
+
+    row, = shown.rows()
+    assert (row["device"], row["key"], row["value"]) == ("Größe", "", value)
+    assert not re.search(rb"[\x00-\x09\x0b-\x1f\x7f]|\xc2[\x80-\x9f]", shown.output)
+
+
+def test_bytes_that_a_terminal_would_obey_are_shown_as_numbers(share):
+    share(b"press", [(b"status", b"a\x1b[2J\nb", "ok é \u202e\\".encode() + b"\xff\x00")])
+
+    assert run("dump").output == "press::ctl  status  a\\x1b[2J\\x0ab = ok é \\xe2\\x80\\xae\\\\\\xff\\x00\n".encode()
+
+
+def test_get_prints_the_value_as_it_is_and_a_newline(share):
+    share(b"press", [(b"status", b"speed", EVERY_BYTE)])
+
+    shown = run("get", "status", "speed")
+
+    assert (shown.status, shown.output, shown.errors) == (0, EVERY_BYTE + b"\n", "")
+    assert run("get", "-r", "status", "speed").output == EVERY_BYTE
+
+
+def test_get_of_a_row_that_several_have_set_names_them(share):
+    share(b"press", [(b"status", b"speed", b"42")])
+    share(b"pump", [(b"status", b"speed", b"42")])
+
+    shown = run("get", "status", "speed")
+
+    assert (shown.status, shown.output) == (0, b"42\n")
+    assert re.search(r"2 members have set this row: .*the last that arrived", shown.errors), shown
+    assert "press::ctl" in shown.errors and "pump::ctl" in shown.errors
+
+
+def test_get_of_a_row_that_nobody_has_set_is_nothing(share):
+    share(b"press", [(b"status", b"speed", b"42")])
+
+    shown = run("get", "status", "mode")
+
+    assert (shown.status, shown.output) == (3, b"")
+    assert "no row \"mode\" in table \"status\", asked of 1 member" in shown.errors
+
+
+def test_watch_shows_what_is_there_and_then_each_change(share, start):
+    press = share(b"press", [(b"status", b"speed", b"42")])
+    watch = start("watch")
+    assert watch.prints(b"press::ctl  status  speed = 42")
+
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.prints(b"press::ctl  status  speed = 43")
+    share(b"pump", [(b"status", b"speed", b"7")])
+
+    assert watch.prints(b"pump::ctl   status  speed = 7")
+    assert len(watch.lines) == 3
+
+
+def test_watch_of_a_key_ends_after_so_many_rows(share, start):
+    press = share(b"press", [(b"status", b"speed", b"1"), (b"status", b"mode", b"auto"), (b"log", b"speed", b"0")])
+    watch = start("watch", "-n", "2", "status", "speed")
+    assert watch.prints(b"press::ctl  status  speed = 1")
+
+    press.set(b"plant", b"status", b"mode", b"off")
+    press.set(b"plant", b"status", b"speed", b"2")
+
+    assert watch.ends() == 0
+    assert watch.lines == [b"press::ctl  status  speed = 1", b"press::ctl  status  speed = 2"]
+
+
+def test_watch_of_new_rows_leaves_out_those_that_are_there(share, start):
+    press = share(b"press", [(b"status", b"key %d" % number, b"there") for number in range(100)])
+    watch = start("watch", "--new")
+    assert press.logs(7, "tblsndr.strm", ".*key 99.*")
+    begun = time.monotonic()
+
+    # A key that comes again is new without doubt.
+    press.set(b"plant", b"status", b"key 0", b"again")
+
+    assert watch.prints(b"press::ctl  status  key 0 = again")
+    assert len(watch.lines) == 1, time.monotonic() - begun
+
+
+def test_rows_of_a_table_that_changes_without_a_pause_are_dumped_whole(share, start):
+    press = share(b"press", [(b"status", b"still %d" % number, b"x") for number in range(50)])
+    loading = start("--device", "busy", "load", "--hold", stdin=-1)
+    feed = loading.process.stdin
+    dump = start("dump", "--json", "-w", "50")
+    number = 0
+    while dump.process.poll() is None:
+        number += 1
+        feed.write(b'{"table":"status","key":"busy %d","value":"%d"}\n' % (number % 7, number))
+        feed.flush()
+        time.sleep(0.002)  # The pace of the changes.
+    assert dump.ends() == 0
+    shown = {row["key"] for row in map(json.loads, dump.lines)}
+    assert {f"still {number}" for number in range(50)} | {f"busy {number}" for number in range(7)} <= shown
+    assert press.ends() == 0
+
+
+def test_names_that_are_equal_are_two_members_at_two_ports(share):
+    share(b"press", [(b"status", b"speed", b"1")], address="127.0.0.1")
+    share(b"press", [(b"status", b"speed", b"2")], address="127.0.0.1")
+
+    assert sorted(row["value"] for row in run("dump", "--json").rows()) == ["1", "2"]
+
+
+def test_members_of_a_passive_look_are_those_that_announce_themselves(share, start, ether):
+    press = share(b"press", [(b"status", b"speed", b"42")])
+    ether.receive()
+    watch = start("watch", "--passive")
+    assert programs.eventually(lambda: press.do("network-changed") or watch.lines)
+
+    assert watch.lines == [b"press::ctl  status  speed = 42"]
+    ports = {ether.receive()[:2] for _ in range(2)}
+    assert len(ports) == 1  # Nobody but the member has announced anything.
+
+
+def test_an_observer_sets_nothing_and_is_not_connected_to(share, start):
+    press = share(b"press", [(b"status", b"speed", b"42")])
+    press.watch(b"plant", b"status")
+    watch = start("watch", "--device", "looker", "--process", "on")
+    assert watch.prints(b"press::ctl  status  speed = 42")
+
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.prints(b"press::ctl  status  speed = 43")
+    watch.signal(signal.SIGINT)
+
+    assert watch.ends() == 0
+    assert press.logs(7, "tblrcvr.gotuid", ".* got uid: looker::on")
+    assert not press.logged(7, "tblrcvr.ctor", r".* for plant:2130706433:0 .*")
+    assert press.rows(b"plant", b"status") == [(b"speed", b"42"), (b"speed", b"43")]
+
+
+def test_random_rows_of_every_size_are_shown_as_they_were_set(share):
+    source = random.Random(programs.SEED)
+    print("seed", programs.SEED)
+    rows = {(source.randbytes(source.randrange(6)), source.randbytes(source.randrange(30))):
+            source.randbytes(source.choice((1, 10, 5000))) for _ in range(200)}
+    rows[b"large", b"largest"] = source.randbytes(1_048_575)
+    rows[b"t" * 255, b"k" * (4095 - 256)] = b"longest"
+    share(b"press", [(table, key, value) for (table, key), value in rows.items()])
+
+    def decoded(row, name):
+        return row[name].encode() if name in row else base64.b64decode(row[name + "64"])
+
+    shown = {(decoded(row, "table"), decoded(row, "key")): decoded(row, "value")
+             for row in run("dump", "--json").rows()}
+
+    assert shown == rows
+
+
+def test_a_port_of_announcements_that_cannot_be_shared_is_told_and_members_still_come(share, start):
+    share(b"press", [(b"status", b"speed", b"42")])
+    # Without SO_REUSEADDR, as a program that does not share it; it cannot be bound where it is in use, so elsewhere.
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as selfish:
+        selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        selfish.bind(("127.0.0.1", DISCOVERY_PORT))
+        selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 0)
+
+        shown = run("dump")
+
+    assert shown.output == b"press::ctl  status  speed = 42\n"
+    assert "cannot share UDP port 1975: Address already in use" in shown.errors

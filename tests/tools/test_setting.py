@@ -1,0 +1,267 @@
+"""What the command sets for members that use the real library: set, load, record, replay."""
+
+import json
+import random
+import signal
+import subprocess
+import time
+
+import pytest
+
+import programs
+import wire
+from command import run
+
+
+@pytest.fixture
+def share(network, make_host):
+    """Starts a member of group line-4 that watches table status, and has set rows."""
+    def start(device, rows=(), process=b"ctl", database=b"plant", group=b"line-4", address="127.255.255.255"):
+        host = make_host()
+        host.watch(database, b"status")
+        for table, key, value in rows:
+            host.set(database, table, key, value)
+        host.share(database, group, device, process, address)
+        return host
+    return start
+
+
+def row_line(key, value, table="status", **more):
+    return (json.dumps({"table": table, "key": key, "value": value, **more}) + "\n").encode()
+
+
+def test_set_reaches_every_member_and_says_how_many(share):
+    hosts = [share(device) for device in (b"press", b"pump", b"valve")]
+
+    done = run("set", "status", "speed", "42")
+
+    assert (done.status, done.output, done.errors) == (0, b"", "varnix: 1 row taken by 3 members\n")
+    for host in hosts:
+        assert host.gets_row(b"plant", b"status", b"speed", b"42")
+
+
+def test_set_says_who_it_is(share):
+    press = share(b"press")
+
+    run("--device", "bench", "set", "--process", "me", "status", "speed", "42")
+
+    assert press.logs(7, "tblrcvr.gotuid", ".* got uid: bench::me")
+
+
+def test_a_value_is_read_from_standard_input_as_it_is(share):
+    press = share(b"press")
+    value = random.Random(1).randbytes(1_048_575)
+
+    assert run("set", "status", "speed", "-", data=value).status == 0
+    assert press.gets_row(b"plant", b"status", b"speed", value)
+    too_long = run("set", "status", "speed", "-", data=value + b"x")
+
+    assert too_long.status == 1 and "more than 1048575 bytes" in too_long.errors
+
+
+def test_an_empty_value_is_set_at_once(share):
+    press = share(b"press", [])
+
+    assert run("set", "status", "speed", "").status == 0
+
+    assert press.gets_row(b"plant", b"status", b"speed", b"")
+
+
+def test_set_with_nobody_there_is_told(share):
+    share(b"press", database=b"store")
+
+    done = run("set", "status", "speed", "42", "-w", "0.7")
+
+    assert done.status == 3
+    assert 'nobody of group "line-4" with database "plant" was met within 0.7 s' in done.errors
+
+
+def test_a_member_that_leaves_before_it_has_read_the_row_has_not_taken_it(ether, start):
+    setting = start("set", "status", "speed", "42")
+    member = wire.connect(ether.port_of_next_announcement())
+    assert member.receive_record()[0] == b"plant"
+    member.send(wire.answer(b"line-4", 9))
+    assert setting.says("") and programs.eventually(lambda: member.unread() > 0)
+
+    member.reset()
+
+    assert setting.ends() == 3 and "nobody" in setting.errors  # Nobody was left when it came to the end.
+
+
+def test_a_member_that_does_not_close_its_end_has_not_taken_the_row(ether, start):
+    setting = start("set", "status", "speed", "42", "-w", "1")
+    member = wire.connect(ether.port_of_next_announcement())
+    member.receive_record()
+    member.send(wire.answer(b"line-4", 9))
+
+    assert member.receive_record() == (b"\x06statusspeed", b"42")
+    assert member.is_closed()
+
+    assert setting.ends() == 1
+    assert "1 row taken by 0 members of 1 that were met" in setting.errors
+
+
+def test_a_member_that_is_heard_and_does_not_hear_is_asked_to_connect(share, ether, start):
+    press = share(b"press")
+    ether.receive()
+
+    setting = start("set", "--passive", "-w", "3", "status", "speed", "42")
+    assert programs.eventually(lambda: press.do("network-changed") or press.table(b"plant", b"status"))
+
+    assert press.table(b"plant", b"status") == {b"speed": b"42"}
+    assert setting.ends() == 0
+
+
+def test_a_held_row_reaches_those_who_join_later_until_an_interrupt(share, start):
+    share(b"press")
+    setting = start("set", "--hold", "status", "speed", "42")
+    assert setting.says("1 row, sent to 1 member and to all that join")
+
+    pump = share(b"pump")
+    assert pump.gets_row(b"plant", b"status", b"speed", b"42")
+    setting.signal(signal.SIGINT)
+
+    assert setting.ends() == 0
+    assert "1 row taken by 2 members" in setting.errors
+
+
+def test_load_sets_the_rows_of_json_lines(share):
+    press = share(b"press")
+
+    done = run("load", data=row_line("speed", "42", device="other", time="2026-11-22T04:17:29Z") +
+               row_line("mode", "ä\0") + b'{"table":"status","key64":"/w==","value64":"AP8="}\n')
+
+    assert (done.status, done.errors) == (0, "varnix: 3 rows taken by 1 member\n")
+    expected = {b"speed": b"42", b"mode": "ä\0".encode(), b"\xff": b"\x00\xff"}
+    assert press.eventually(lambda: press.table(b"plant", b"status") == expected)
+
+
+def test_load_names_the_lines_that_it_leaves_out(share):
+    press = share(b"press")
+    bad = [b"no json\n", b"[]\n", row_line("k" * 4095, "too long"), row_line("k", "v", table="t" * 256),
+           row_line("k", "v" * 1_048_576), b'{"table":"status","key":"k"}\n']
+
+    done = run("load", data=b"".join(bad) + row_line("speed", "42"))
+
+    assert done.status == 1
+    assert [line for line in done.errors.splitlines() if "left out" in line] == [
+        "varnix: line 1: no JSON from byte 2 on: left out",
+        "varnix: line 2: no JSON object: left out",
+        "varnix: line 3: table and key have more than 4094 bytes: left out",
+        "varnix: line 4: a table's name has more than 255 bytes: left out",
+        "varnix: line 5: a value has more than 1048575 bytes: left out",
+        'varnix: line 6: no "value": left out']
+    assert press.gets_row(b"plant", b"status", b"speed", b"42")
+
+
+def test_a_torn_last_line_is_reported_and_left_out(share, tmp_path):
+    press = share(b"press")
+    recording = tmp_path / "recording"
+    recording.write_bytes(row_line("speed", "42") + row_line("mode", "auto")[:-5])
+
+    done = run("replay", "--speed", "0", str(recording))
+
+    assert (done.status, done.errors) == (0, "varnix: line 2 is torn: left out\nvarnix: 1 row taken by 1 member\n")
+    assert press.gets_row(b"plant", b"status", b"speed", b"42")
+
+
+def test_rows_are_set_while_more_of_them_come(share, start):
+    press = share(b"press")
+    loading = start("load", stdin=subprocess.PIPE)
+
+    loading.process.stdin.write(row_line("speed", "42"))
+    loading.process.stdin.flush()
+    assert press.gets_row(b"plant", b"status", b"speed", b"42")
+    loading.process.stdin.write(row_line("speed", "43"))
+    loading.process.stdin.close()
+
+    assert loading.ends() == 0
+    assert press.gets_row(b"plant", b"status", b"speed", b"43")
+
+
+def test_dump_into_load_gives_the_same_dump(share, start):
+    print("seed", programs.SEED)
+    source = random.Random(programs.SEED)
+    rows = [(source.randbytes(source.randrange(5)), source.randbytes(source.randrange(20)),
+             source.randbytes(source.choice((1, 100, 20_000)))) for _ in range(300)]
+    press = share(b"pr\xffess", rows)
+
+    def dump():
+        return [{name: text for name, text in row.items() if name != "time"} for row in run("dump", "--json").rows()]
+
+    before = run("dump", "--json")
+    press.ends()
+    loading = start("load", "--hold", "--device", b"pr\xffess", "--process", "ctl", stdin=subprocess.PIPE)
+    loading.process.stdin.write(before.output)
+    loading.process.stdin.close()
+    share(b"pump")
+    assert loading.says("sent to 1 member")
+
+    assert dump() == [{name: text for name, text in row.items() if name != "time"} for row in before.rows()]
+
+
+def test_what_was_recorded_is_replayed_at_its_pace(share, start, tmp_path):
+    press = share(b"press", [(b"status", b"speed", b"1")])
+    recording = tmp_path / "recording"
+    recording.touch()
+    record = start("record", str(recording))
+    assert programs.eventually(lambda: recording.read_bytes().count(b"\n") == 1)
+    for number in (2, 3):
+        time.sleep(0.4)  # The pace to be recorded.
+        press.set(b"plant", b"status", b"speed", b"%d" % number)
+        assert programs.eventually(lambda: recording.read_bytes().count(b"\n") == number)
+    record.signal(signal.SIGINT)
+    assert record.ends() == 0
+    press.ends()
+
+    pump = share(b"pump")
+    for speed, least in (("1", 0.8), ("4", 0.2)):
+        begun = time.monotonic()
+        assert run("replay", str(recording), "--speed", speed).status == 0
+        assert time.monotonic() - begun >= least
+    assert pump.rows(b"plant", b"status")[:3] == [(b"speed", b"1"), (b"speed", b"2"), (b"speed", b"3")]
+
+
+def test_a_clock_that_was_set_back_does_not_stop_a_replay(share, tmp_path):
+    press = share(b"press")
+    recording = tmp_path / "recording"
+    recording.write_bytes(row_line("a", "1", time="2026-11-22T04:17:29Z") +
+                          row_line("b", "2", time="2020-01-01T00:00:00Z") +
+                          row_line("c", "3", time="2020-01-01T00:00:00.1Z"))
+
+    assert run("replay", str(recording)).status == 0
+
+    assert press.gets_row(b"plant", b"status", b"c", b"3")
+
+
+def test_rows_of_one_group_can_be_piped_into_another(share, start):
+    press = share(b"press", [(b"status", b"speed", b"42")])
+    pump = share(b"pump", group=b"line-5")
+    loading = start("load", stdin=subprocess.PIPE, VARNIX_GROUP="line-5")
+    watching = start("watch", "--json", stdout=loading.process.stdin)
+
+    assert pump.gets_row(b"plant", b"status", b"speed", b"42")
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert pump.gets_row(b"plant", b"status", b"speed", b"43")
+
+    watching.signal(signal.SIGINT)
+    assert watching.ends() == 0
+    loading.process.stdin.close()
+    assert loading.ends() == 0
+
+
+def test_a_file_that_cannot_be_written_or_read_is_told(network):
+    record = run("record", "/nowhere/recording")
+    replay = run("replay", "/nowhere/recording")
+
+    assert (record.status, record.errors) == (1, "varnix: cannot write /nowhere/recording: No such file or directory\n")
+    assert (replay.status, replay.errors) == (1, "varnix: cannot read /nowhere/recording: No such file or directory\n")
+
+
+def test_a_full_disk_ends_a_recording_with_the_reason(share, start):
+    share(b"press", [(b"status", b"speed", b"42")])
+
+    record = start("record", "/dev/full")
+
+    assert record.ends() == 1
+    assert record.errors == "varnix: cannot write: No space left on device\n"

@@ -1,0 +1,89 @@
+#include "commands/LoadCommand.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "text/Printable.h"
+
+namespace {
+
+constexpr int kMostLines = 1000;  // So that the members get theirs while there is more to read.
+
+FileDescriptor OpenForReading(const Options& options) {
+  const bool from_input = options.command == CommandName::kLoad || options.file == "-";
+  if (from_input) return FileDescriptor(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+  FileDescriptor file(open(options.file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (file.Get() < 0) throw std::system_error(errno, std::generic_category(), "cannot read " + Printable(options.file));
+  return file;
+}
+
+}  // namespace
+
+LoadCommand::LoadCommand(const Options& options) : LoadCommand(options, OpenForReading(options)) {}
+
+LoadCommand::LoadCommand(const Options& options, FileDescriptor file)
+    : SettingCommand(options),
+      file_(std::move(file)),
+      lines_(session_.loop, file_.Get()),
+      speed_(options.command == CommandName::kReplay ? options.speed : 0),
+      last_due_(session_.begun) {}
+
+bool LoadCommand::Feed() {
+  more_ = false;
+  for (int i = 0; i < kMostLines; ++i) {
+    if (pending_ && pending_due_ > Clock::now()) return false;
+    if (pending_) SetPending();
+    const auto line = lines_.Next();
+    if (!line) return lines_.IsAtEnd() && End();
+    if (Parse(*line)) pending_due_ = DueTime(*pending_);
+  }
+  more_ = true;
+  return false;
+}
+
+TimePoint LoadCommand::NextRow() const {
+  if (more_) return Clock::now();
+  return pending_ ? pending_due_ : TimePoint::max();
+}
+
+bool LoadCommand::Parse(std::string_view line) {
+  JsonRow row;
+  const std::string error = ParseJsonRow(line, row);
+  if (error.empty()) {
+    pending_ = std::move(row);
+  } else {
+    Fail("line " + std::to_string(lines_.LineNumber()) + ": " + error + ": left out");
+  }
+  return error.empty();
+}
+
+// As long after the row before it as it was recorded; where the clock was set back, at once.
+TimePoint LoadCommand::DueTime(const JsonRow& row) {
+  if (speed_ == 0 || !row.time_us) return last_due_;
+  const double gap_us = static_cast<double>(*row.time_us - last_time_us_.value_or(*row.time_us)) / speed_;
+  last_time_us_ = row.time_us;
+  last_due_ +=
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::micro>(std::max(gap_us, 0.0)));
+  return last_due_;
+}
+
+void LoadCommand::SetPending() {
+  const std::string where = "line " + std::to_string(lines_.LineNumber()) + ": ";
+  Set(pending_->table, pending_->key, std::move(pending_->value), where);
+  pending_.reset();
+}
+
+// Says what was not a whole line; a recording that was cut off ends so.
+bool LoadCommand::End() {
+  if (lines_.Error() != 0) Fail(std::string("cannot read further: ") + std::strerror(lines_.Error()));
+  if (!lines_.Torn().empty()) {
+    session_.progress.Note("line " + std::to_string(lines_.LineNumber() + 1) + " is torn: left out");
+  }
+  return true;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+
+#include "commands/SettingCommand.h"
+#include "io/LineReader.h"
+#include "net/FileDescriptor.h"
+#include "text/JsonRow.h"
+
+// `varnix load` and `varnix replay`: rows from JSON lines, as they come or at the pace at which they were recorded.
+class LoadCommand : public SettingCommand {
+ public:
+  explicit LoadCommand(const Options& options);
+
+ private:
+  LoadCommand(const Options& options, FileDescriptor file);
+
+  bool Feed() override;
+  TimePoint NextRow() const override;
+
+  bool Parse(std::string_view line);
+  TimePoint DueTime(const JsonRow& row);
+  void SetPending();
+  bool End();
+
+  FileDescriptor file_;
+  LineReader lines_;
+  const double speed_;  // 0: at once.
+  std::optional<JsonRow> pending_;
+  TimePoint pending_due_;
+  std::optional<std::int64_t> last_time_us_;  // Of the last row that had one.
+  TimePoint last_due_;
+  bool more_ = false;  // There may be lines that were not looked at, only because there were many.
+};

@@ -1,0 +1,129 @@
+#include "commands/ObserverCommand.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "net/Sockets.h"
+#include "text/Printable.h"
+
+namespace {
+
+constexpr std::size_t kMostTold = 4096;
+
+Observer::Settings ToSettings(const ObserverCommand::Kind& kind, const Session& session) {
+  Observer::Settings settings = ObserverSettings(session);
+  settings.wants_rows = kind.wants_rows;
+  settings.wants_changes = kind.living;
+  return settings;
+}
+
+}  // namespace
+
+ObserverCommand::ObserverCommand(const Options& options, const Kind& kind, int output_descriptor)
+    : session_(options, output_descriptor), kind_(kind), observer_(session_.loop, ToSettings(kind, session_), *this) {
+  RaiseDescriptorLimit();
+  if (observer_.HearingError() != 0) {
+    session_.progress.Note(std::string("announcements are not heard: cannot share UDP port 1975: ") +
+                           std::strerror(observer_.HearingError()));
+  }
+}
+
+int ObserverCommand::Run() {
+  while (!IsOver()) Turn();
+  session_.progress.Clear();
+  return EndStatus();
+}
+
+bool ObserverCommand::IsOver() {
+  if (session_.IsEndedFromOutside() || IsDone()) return true;
+  const bool bounded = !kind_.living || (session_.options.count && session_.options.wait_seconds);
+  if (bounded && Clock::now() >= session_.End()) return true;
+  return !kind_.living && kind_.until_settled && observer_.Met() > 0 && observer_.IsSettled();
+}
+
+void ObserverCommand::Turn() {
+  session_.loop.Turn(NextStep());
+  observer_.Tidy();
+  session_.output.Flush();
+  NoteTrouble();
+  ShowProgress();
+}
+
+TimePoint ObserverCommand::NextStep() const {
+  const TimePoint now = Clock::now(), end = session_.End();
+  TimePoint next = observer_.Deadline();
+  if (end > now) next = std::min(next, end);
+  if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
+  return next;
+}
+
+void ObserverCommand::ShowProgress() {
+  const bool rows_on_terminal = kind_.living && session_.output.IsTerminal();
+  if (Clock::now() - session_.begun < Progress::kSilence || (rows_on_terminal && observer_.Met() > 0)) return;
+  session_.progress.Show(ProgressText());
+}
+
+std::string ObserverCommand::ProgressText() const {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - session_.begun).count();
+  return "Looking for members of " + WhomText() + ": " + std::to_string(observer_.Met()) + " met, " +
+         std::to_string(seconds) + " s";
+}
+
+std::string ObserverCommand::WhomText() const {
+  const Options& options = session_.options;
+  std::string text = options.group ? "group \"" + Printable(*options.group) + "\"" : "any group";
+  if (options.database) text += " with database \"" + Printable(*options.database) + "\"";
+  return text;
+}
+
+// Once each.
+void ObserverCommand::NoteTrouble() {
+  if (observer_.AnnouncingError() != 0 && !announcing_told_) {
+    announcing_told_ = true;
+    session_.progress.Note("cannot announce to " + AddressText(session_.options.broadcast) + ": " +
+                           std::strerror(observer_.AnnouncingError()) + "; members may be heard within a minute");
+  }
+  if (kind_.living && observer_.Met() == 0 && !nobody_told_ && Clock::now() >= session_.End()) {
+    nobody_told_ = true;
+    session_.progress.Note("nobody of " + WhomText() + " was met within " + SecondsText(session_.WaitSeconds()) +
+                           "; looking further ('varnix doctor' says why)");
+  }
+}
+
+void ObserverCommand::OnEnd(const Member& member, const End& end) {
+  if (told_.size() >= kMostTold) told_.clear();
+  const bool first = told_.insert(member.place).second;
+  if (end.kind == End::Kind::kClosed && kind_.living) return;
+  if (first || end.kind == End::Kind::kOverLimit) session_.progress.Note(NameAndPlaceText(member) + " " + EndText(end));
+  failed_ = true;
+}
+
+void ObserverCommand::NoteUnfinished() {
+  for (const Member& member : observer_.Unfinished()) {
+    const std::string what = member.identity.empty() ? " has not said who it is" : " was still sending";
+    session_.progress.Note(NameAndPlaceText(member) + what + " after " + SecondsText(session_.WaitSeconds()) +
+                           "; --wait gives it more");
+    failed_ = true;
+  }
+}
+
+void ObserverCommand::NoteNothing(const std::string& what) {
+  if (observer_.Met() == 0) return;
+  session_.progress.Note(what + ", asked of " + CountText(static_cast<std::size_t>(observer_.Met()), "member"));
+}
+
+int ObserverCommand::EndStatus() {
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kind_.living ? kDone : kFailed);
+  if (!kind_.living) NoteUnfinished();
+  const bool anything = Finish();
+  session_.output.Flush();
+  if (session_.output.IsClosed()) return kDone;
+  if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
+  if (failed_ && !kind_.living) return kFailed;
+  if (anything) return kDone;
+  if (observer_.Met() == 0 && !kind_.living) {
+    session_.progress.Note("nobody of " + WhomText() + " was met within " + SecondsText(session_.WaitSeconds()) +
+                           "; 'varnix doctor' says why");
+  }
+  return kNothing;
+}

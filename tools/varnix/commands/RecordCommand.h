@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+
+#include "commands/WatchCommand.h"
+#include "net/FileDescriptor.h"
+
+// `varnix record`: rows as they come, into a file.
+class RecordCommand : public WatchCommand {
+ public:
+  explicit RecordCommand(const Options& options);
+
+ private:
+  RecordCommand(const Options& options, FileDescriptor file);
+
+  FileDescriptor file_;
+};

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Options.h"
+#include "io/Output.h"
+#include "io/Progress.h"
+#include "io/Signals.h"
+#include "net/Loop.h"
+#include "net/Member.h"
+#include "net/Observer.h"
+
+// What every command has while it runs.
+struct Session {
+  Session(const Options& command_options, int output_descriptor);
+
+  // How long members are looked for.
+  TimePoint End() const;
+  double WaitSeconds() const;
+
+  // Our own identity, as it is on the wire.
+  std::string Identity() const;
+
+  // How the command ends, if something from outside has ended it: by a signal, or because nobody reads its output.
+  // After an interrupt by the terminal this is `interrupted`; other signals end the process.
+  bool IsEndedFromOutside() const { return signals.First() != 0 || output.IsClosed() || output.Error() != 0; }
+  int StatusFromOutside(Status interrupted);
+
+  const Options options;
+  const TimePoint begun = Clock::now();
+  Loop loop;
+  Signals signals{loop};
+  Progress progress;
+  Output output;
+};
+
+// An observer of what the command line names, which wants every row and change.
+Observer::Settings ObserverSettings(const Session& session);
+
+// "press::ctl".
+std::string NameText(const Member& member);
+
+// "press::ctl at 10.0.0.1:40213", or its address alone as long as it has said nothing.
+std::string NameAndPlaceText(const Member& member);
+
+// "1 member", "2 members".
+std::string CountText(std::uint64_t count, const std::string& noun);
+
+// "5 s", "0.5 s".
+std::string SecondsText(double seconds);

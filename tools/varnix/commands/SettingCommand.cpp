@@ -1,0 +1,131 @@
+#include "commands/SettingCommand.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "net/Snapshot.h"
+#include "net/Sockets.h"
+#include "text/Printable.h"
+#include "wire/CombinedKey.h"
+#include "wire/Record.h"
+
+namespace {
+
+constexpr std::chrono::seconds kLeastForTaking{1};
+constexpr int kNoOutput = -1;
+
+Setter::Settings ToSettings(const Options& options, const Session& session) {
+  return {*options.group, *options.database, options.broadcast, session.Identity(), !options.passive};
+}
+
+}  // namespace
+
+SettingCommand::SettingCommand(const Options& options)
+    : session_(options, kNoOutput), setter_(session_.loop, ToSettings(options, session_), rows_) {
+  RaiseDescriptorLimit();
+}
+
+void SettingCommand::Set(const std::string& table, const std::string& key, std::string value,
+                         const std::string& where) {
+  const std::string combined = CombinedKey(table, key);
+  if (table.size() > kMostBytesOfName) return Fail(where + "a table's name has more than 255 bytes: left out");
+  if (combined.size() > kMostBytesOfA) return Fail(where + "table and key have more than 4094 bytes: left out");
+  if (value.size() > kMostBytesOfB) return Fail(where + "a value has more than 1048575 bytes: left out");
+  rows_.Set(combined, std::move(value));
+}
+
+void SettingCommand::Fail(const std::string& note) {
+  session_.progress.Note(note);
+  failed_ = true;
+}
+
+int SettingCommand::Run() {
+  Step();
+  while (phase_ != Phase::kDone) Turn();
+  session_.progress.Clear();
+  return EndStatus();
+}
+
+void SettingCommand::Turn() {
+  session_.loop.Turn(NextStep());
+  setter_.Tidy();
+  NoteTrouble();
+  if (Clock::now() - session_.begun >= Progress::kSilence) session_.progress.Show(ProgressText());
+  if (session_.signals.First() == 0 || phase_ == Phase::kFinishing) return Step();
+  // Who holds its rows for others ends well; everything else is cut off.
+  if (session_.options.hold && session_.signals.First() == SIGINT) return Finish();
+  session_.progress.Clear();
+  session_.signals.EndByFirst();
+}
+
+void SettingCommand::Step() {
+  if (phase_ == Phase::kFeeding && Feed()) EndFeeding();
+  if (phase_ == Phase::kMeeting && (IsSettled() || Clock::now() >= due_)) EndMeeting();
+  if (phase_ == Phase::kFinishing && (setter_.Connected() == 0 || Clock::now() >= due_)) phase_ = Phase::kDone;
+  if (phase_ == Phase::kFinishing && session_.signals.Again()) phase_ = Phase::kDone;
+}
+
+void SettingCommand::EndFeeding() {
+  phase_ = Phase::kMeeting;
+  due_ = Clock::now() + (session_.End() - session_.begun);
+}
+
+// Somebody is there, and it has been a while since anybody came.
+bool SettingCommand::IsSettled() const {
+  return !session_.options.passive && setter_.Connected() > 0 && Clock::now() - setter_.LastEvent() >= Snapshot::kWhile;
+}
+
+void SettingCommand::EndMeeting() {
+  if (!session_.options.hold) return Finish();
+  phase_ = Phase::kHolding;
+  due_ = TimePoint::max();
+  session_.progress.Note(CountText(rows_.Size(), "row") + ", sent to " + CountText(setter_.Connected(), "member") +
+                         " and to all that join; interrupt ends it");
+}
+
+// Those who have come need time to take the rows, also if all time for meeting them is over.
+void SettingCommand::Finish() {
+  phase_ = Phase::kFinishing;
+  due_ = Clock::now() + std::max<Clock::duration>(session_.End() - session_.begun, kLeastForTaking);
+  expected_ = setter_.Connected();
+  session_.signals.Forgive();
+  setter_.Finish();
+}
+
+TimePoint SettingCommand::NextStep() const {
+  const TimePoint now = Clock::now();
+  TimePoint next = std::min(due_, phase_ == Phase::kFeeding ? NextRow() : TimePoint::max());
+  if (phase_ == Phase::kMeeting && setter_.Connected() > 0) {
+    next = std::min(next, setter_.LastEvent() + Snapshot::kWhile);
+  }
+  if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
+  return next;
+}
+
+void SettingCommand::NoteTrouble() {
+  if (setter_.AnnouncingError() == 0 || announcing_told_) return;
+  announcing_told_ = true;
+  session_.progress.Note("cannot announce to " + AddressText(session_.options.broadcast) + ": " +
+                         std::strerror(setter_.AnnouncingError()) + "; members may be heard within a minute");
+}
+
+std::string SettingCommand::ProgressText() const {
+  const std::string done = phase_ == Phase::kFinishing ? ", taken by " + std::to_string(setter_.Taken()) : "";
+  return CountText(rows_.Size(), "row") + ", " + CountText(setter_.Connected(), "member") + " connected" + done;
+}
+
+int SettingCommand::EndStatus() {
+  const std::size_t taken = setter_.Taken();
+  const bool held = session_.options.hold && session_.signals.First() != 0;
+  if (expected_ == 0 && !held) {
+    session_.progress.Note("nobody of group \"" + Printable(*session_.options.group) + "\" with database \"" +
+                           Printable(*session_.options.database) + "\" was met within " +
+                           SecondsText(session_.WaitSeconds()) + "; 'varnix doctor' says why");
+    return kNothing;
+  }
+  const std::string of_all = taken < expected_ ? " of " + std::to_string(expected_) + " that were met" : "";
+  session_.progress.Note(CountText(rows_.Size(), "row") + " taken by " + CountText(taken, "member") + of_all);
+  return held ? kDone : taken < expected_ || failed_ ? kFailed : kDone;
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+
+#include "commands/Session.h"
+#include "net/OwnTable.h"
+#include "net/Setter.h"
+
+// A command that sets rows as a member of its own, and what all of those have in common: they meet the members, see
+// that each has taken every row, and leave.
+class SettingCommand {
+ public:
+  explicit SettingCommand(const Options& options);
+  virtual ~SettingCommand() = default;
+
+  // The exit status.
+  int Run();
+
+ protected:
+  // Sets the rows that are there by now. Returns whether they were the last.
+  virtual bool Feed() = 0;
+
+  // When the next row is due.
+  virtual TimePoint NextRow() const { return TimePoint::max(); }
+
+  // Adds a row; what cannot be sent is told, with `where` it comes from, and left out.
+  void Set(const std::string& table, const std::string& key, std::string value, const std::string& where = "");
+
+  // Something was left out.
+  void Fail(const std::string& note);
+
+  Session session_;
+
+ private:
+  enum class Phase { kFeeding, kMeeting, kHolding, kFinishing, kDone };
+
+  void Turn();
+  void Step();
+  void EndFeeding();
+  void EndMeeting();
+  void Finish();
+  bool IsSettled() const;
+  TimePoint NextStep() const;
+  void NoteTrouble();
+  std::string ProgressText() const;
+  int EndStatus();
+
+  OwnTable rows_;
+  Setter setter_;
+  Phase phase_ = Phase::kFeeding;
+  TimePoint due_ = TimePoint::max();  // When the phase has to be over.
+  std::size_t expected_ = 0;          // So many members had to take the rows when the end began.
+  bool failed_ = false, announcing_told_ = false;
+};

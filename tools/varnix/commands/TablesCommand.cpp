@@ -1,0 +1,64 @@
+#include "commands/TablesCommand.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "text/JsonObject.h"
+#include "text/Printable.h"
+
+namespace {
+
+constexpr std::size_t kBesidesKey = 96;    // What an entry takes in memory besides its key,
+constexpr std::size_t kBesidesName = 256;  // and a table besides its name and its entries.
+
+std::string Padded(const std::string& text, std::size_t width) {
+  return text + std::string(width - std::min(width, Columns(text)), ' ');
+}
+
+}  // namespace
+
+TablesCommand::TablesCommand(const Options& options) : ObserverCommand(options, {}, STDOUT_FILENO) {}
+
+std::size_t TablesCommand::OnRow(const Member& member, const Row& row) {
+  Tables& tables = tables_[member.place];
+  tables.member = member;
+  const auto [table, is_new_table] = tables.sizes.try_emplace(std::string(row.table));
+  const auto [entry, is_new] = table->second.insert_or_assign(std::string(row.key), row.value.size());
+  return (is_new ? row.key.size() + kBesidesKey : 0) + (is_new_table ? row.table.size() + kBesidesName : 0);
+}
+
+void TablesCommand::OnEnd(const Member& member, const End& end) {
+  tables_.erase(member.place);
+  ObserverCommand::OnEnd(member, end);
+}
+
+bool TablesCommand::Finish() {
+  for (const auto& [place, tables] : tables_) {
+    member_width_ = std::max(member_width_, Columns(NameText(tables.member)));
+    for (const auto& entry : tables.sizes) table_width_ = std::max(table_width_, Columns(Printable(entry.first)));
+  }
+  for (const auto& [place, tables] : tables_) {
+    for (const auto& [table, sizes] : tables.sizes) Print(tables.member, table, sizes);
+  }
+  return !tables_.empty();
+}
+
+void TablesCommand::Print(const Member& member, const std::string& table, const Sizes& sizes) {
+  std::size_t bytes = 0;
+  for (const auto& [key, value_size] : sizes) bytes += key.size() + value_size;
+  std::string& out = session_.output.Text();
+  if (session_.options.json) {
+    JsonObject(out)
+        .Text("device", member.device)
+        .Text("process", member.process)
+        .Text("address", AddressText(member.place.address))
+        .Text("table", table)
+        .Number("rows", sizes.size())
+        .Number("bytes", bytes)
+        .End();
+  } else {
+    out += Padded(NameText(member), member_width_) + "  " + Padded(Printable(table), table_width_) + "  " +
+           CountText(sizes.size(), "row") + "  " + CountText(bytes, "byte") + "\n";
+  }
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "commands/ObserverCommand.h"
+
+// `varnix tables`: each table of each member, with the number of its rows and the bytes of their keys and values.
+class TablesCommand : public ObserverCommand {
+ public:
+  explicit TablesCommand(const Options& options);
+
+ private:
+  using Sizes = std::unordered_map<std::string, std::size_t>;  // Of the value of each key.
+  struct Tables {
+    Member member;
+    std::map<std::string, Sizes> sizes;
+  };
+
+  std::size_t OnRow(const Member& member, const Row& row) override;
+  void OnEnd(const Member& member, const End& end) override;
+  bool Finish() override;
+  void Print(const Member& member, const std::string& table, const Sizes& sizes);
+
+  std::map<Place, Tables> tables_;
+  std::size_t member_width_ = 0, table_width_ = 0;
+};

@@ -1,0 +1,40 @@
+#include "io/Progress.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+bool IsSmart() {
+  const char* const kind = std::getenv("TERM");
+  return kind != nullptr && std::string_view(kind) != "dumb";
+}
+
+// Past stdio: nothing is left to write when the process ends in another way.
+void Write(const std::string& text) {
+  if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;  // Nobody to tell.
+}
+
+}  // namespace
+
+Progress::Progress() : terminal_(isatty(STDERR_FILENO) != 0 && IsSmart()) {}
+
+void Progress::Show(const std::string& text) {
+  const TimePoint now = Clock::now();
+  if (!terminal_ || (dirty_ && now < shown_ + kPace / 2)) return;  // However much happens meanwhile.
+  shown_ = now;
+  dirty_ = true;
+  Write("\r\x1b[K" + text);
+}
+
+void Progress::Clear() {
+  if (dirty_) Write("\r\x1b[K");
+  dirty_ = false;
+}
+
+void Progress::Note(const std::string& text) {
+  Clear();
+  Write("varnix: " + text + "\n");
+}

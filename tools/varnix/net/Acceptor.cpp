@@ -1,0 +1,35 @@
+#include "net/Acceptor.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "net/Place.h"
+#include "net/Sockets.h"
+
+namespace {
+
+// Without a free descriptor a connection stays where it is, and would be reported again and again.
+constexpr std::chrono::milliseconds kPauseWithoutDescriptors{100};
+constexpr int kMostConnections = 64;
+
+}  // namespace
+
+Acceptor::Acceptor(Loop& loop, Owner& owner) : Waiter(loop), owner_(owner), socket_(Listen(port_)) {}
+
+pollfd Acceptor::Awaited() const { return {IsPaused() ? -1 : socket_.Get(), POLLIN, 0}; }
+
+void Acceptor::OnReady(short) {
+  for (int i = 0; i < kMostConnections; ++i) {
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    FileDescriptor connected(
+        accept4(socket_.Get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (connected.Get() < 0) {
+      if (errno == EMFILE || errno == ENFILE) paused_until_ = Clock::now() + kPauseWithoutDescriptors;
+      return;
+    }
+    owner_.OnAccepted(std::move(connected), ToPlace(peer).address);
+  }
+}

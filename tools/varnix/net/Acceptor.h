@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstdint>
+
+#include "net/FileDescriptor.h"
+#include "net/Loop.h"
+
+// A TCP port on which everybody is accepted, until it is closed.
+class Acceptor : public Waiter {
+ public:
+  class Owner {
+   public:
+    virtual ~Owner() = default;
+    // The address is in host byte order.
+    virtual void OnAccepted(FileDescriptor socket, std::uint32_t address) = 0;
+  };
+
+  Acceptor(Loop& loop, Owner& owner);
+
+  std::uint16_t Port() const { return port_; }
+  void Close() { socket_ = FileDescriptor(); }
+
+  pollfd Awaited() const override;
+  void OnReady(short events) override;
+  TimePoint Deadline() const override { return paused_until_; }
+  void OnDeadline() override { paused_until_ = TimePoint::max(); }
+
+ private:
+  bool IsPaused() const { return paused_until_ != TimePoint::max(); }
+
+  Owner& owner_;
+  std::uint16_t port_ = 0;
+  FileDescriptor socket_;
+  TimePoint paused_until_ = TimePoint::max();
+};

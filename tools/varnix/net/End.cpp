@@ -1,0 +1,27 @@
+#include "net/End.h"
+
+#include <cstring>
+
+std::string EndText(const End& end) {
+  switch (end.kind) {
+    case End::Kind::kUnreachable:
+      return std::string("cannot be reached: ") + std::strerror(end.error);
+    case End::Kind::kSilent:
+      return "accepts connections and does not say who it is";
+    case End::Kind::kLeftAtOnce:
+      return "closes connections before it says who it is";
+    case End::Kind::kClosed:
+      return "has left";
+    case End::Kind::kBroken:
+      return std::string("was lost: ") + std::strerror(end.error);
+    case End::Kind::kNotLookedFor:
+      return "is not looked for";
+    case End::Kind::kDuplicate:
+      return "is received by way of another address";
+    case End::Kind::kOverLimit:
+      return "sends more than --limit allows: left out";
+    case End::Kind::kEnough:
+      return "is complete";
+  }
+  return "";
+}

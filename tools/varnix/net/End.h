@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+
+// Why nothing comes from a member any more.
+struct End {
+  enum class Kind {
+    kUnreachable,   // No connection, for the reason that `error` gives.
+    kSilent,        // Connected, but it did not say in time who it is.
+    kLeftAtOnce,    // It closed the connection before it said who it is.
+    kClosed,        // It closed the connection later.
+    kBroken,        // The connection failed, for the reason that `error` gives.
+    kNotLookedFor,  // It is of another group, or serves another database.
+    kDuplicate,     // It is received already, by way of another address.
+    kOverLimit,     // It needed more memory than it may.
+    kEnough,        // All that was wanted has come.
+  };
+  Kind kind = Kind::kClosed;
+  int error = 0;
+};
+
+// As in "press::ctl at 10.0.0.1:40213 ...".
+std::string EndText(const End& end);

@@ -1,0 +1,35 @@
+#include "net/Loop.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+Waiter::Waiter(Loop& loop) : loop_(loop) { loop.waiters_.push_back(this); }
+
+Waiter::~Waiter() { std::replace(loop_.waiters_.begin(), loop_.waiters_.end(), this, static_cast<Waiter*>(nullptr)); }
+
+void Loop::Turn(TimePoint until) {
+  waiters_.erase(std::remove(waiters_.begin(), waiters_.end(), nullptr), waiters_.end());
+  polled_.clear();
+  for (const Waiter* waiter : waiters_) {
+    polled_.push_back(waiter->Awaited());
+    until = std::min(until, waiter->Deadline());
+  }
+  if (poll(polled_.data(), polled_.size(), WaitingTime(until)) < 0) {
+    if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+    return;  // A signal: whoever waits for one looks before the next turn.
+  }
+  for (std::size_t i = 0; i < polled_.size(); ++i) Dispatch(i, polled_[i].revents);
+}
+
+// In milliseconds, rounded up, so that it never spins before a deadline.
+int Loop::WaitingTime(TimePoint until) const {
+  if (until == TimePoint::max()) return -1;
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+  return static_cast<int>(std::clamp<decltype(rest)>(rest, 0, 60'000));
+}
+
+void Loop::Dispatch(std::size_t index, short events) {
+  if (events != 0 && waiters_[index] != nullptr) waiters_[index]->OnReady(events);
+  if (waiters_[index] != nullptr && waiters_[index]->Deadline() <= Clock::now()) waiters_[index]->OnDeadline();
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+#include <vector>
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+
+class Loop;
+
+// Something that waits for a descriptor, for a point in time, or for both. It is waited for as long as it lives.
+class Waiter {
+ public:
+  explicit Waiter(Loop& loop);
+  virtual ~Waiter();
+  Waiter(const Waiter&) = delete;
+  Waiter& operator=(const Waiter&) = delete;
+
+  // The descriptor, -1 for none, and the events that are waited for. Errors and ends are always reported.
+  virtual pollfd Awaited() const = 0;
+  virtual void OnReady(short events) = 0;
+
+  virtual TimePoint Deadline() const { return TimePoint::max(); }
+  virtual void OnDeadline() {}
+
+ private:
+  Loop& loop_;
+};
+
+// Runs everything on one thread. Waiters may come and go while one of them is called.
+class Loop {
+ public:
+  // Waits until something is ready or a deadline has passed, `until` at the latest, and calls those whom it concerns.
+  void Turn(TimePoint until);
+
+ private:
+  friend Waiter;
+
+  int WaitingTime(TimePoint until) const;
+  void Dispatch(std::size_t index, short events);
+
+  std::vector<Waiter*> waiters_;  // Null in place of those that are gone, until the next turn.
+  std::vector<pollfd> polled_;    // In the order of waiters_.
+};

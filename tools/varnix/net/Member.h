@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+#include "net/Place.h"
+
+// A member, as far as it is known. Its group is known from an announcement or from its own words, all else from the
+// first record that it sends.
+struct Member {
+  Place place;
+  std::string group;
+  std::string database;
+  std::string identity;  // As it is on the wire.
+  std::string device, process;
+};
+
+// Fills in what the first record says.
+void Name(Member& member, std::string_view database, std::string_view identity);

@@ -1,0 +1,14 @@
+#include "net/OwnTable.h"
+
+#include <utility>
+
+void OwnTable::Set(const std::string& key, std::string value) {
+  std::uint64_t& change = changes_[key];
+  const auto known = rows_.find(change);
+  if (known != rows_.end()) {
+    if (known->second.value == value) return;
+    rows_.erase(known);
+  }
+  change = ++last_change_;
+  rows_.emplace_hint(rows_.end(), change, Row{key, std::move(value)});
+}

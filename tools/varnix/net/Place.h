@@ -1,0 +1,26 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string>
+#include <tuple>
+
+// Where a member accepts connections. All numbers are in host byte order.
+struct Place {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+};
+
+inline bool operator<(const Place& left, const Place& right) {
+  return std::tie(left.address, left.port) < std::tie(right.address, right.port);
+}
+inline bool operator==(const Place& left, const Place& right) {
+  return left.address == right.address && left.port == right.port;
+}
+
+sockaddr_in ToSocketAddress(const Place& place);
+Place ToPlace(const sockaddr_in& address);
+
+std::string AddressText(std::uint32_t address);  // "10.0.0.1"
+std::string PlaceText(const Place& place);       // "10.0.0.1:40213"

@@ -1,0 +1,84 @@
+#include "net/Presence.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "wire/Announcement.h"
+#include "wire/Record.h"
+
+namespace {
+
+constexpr std::size_t kMostGuests = 1024;
+
+// As members do when their network has changed: one that is lost is made good for soon.
+constexpr int kBurst = 4;
+constexpr std::chrono::seconds kWithinBurst{2}, kAfterBurst{60};
+
+}  // namespace
+
+Presence::Presence(Loop& loop, Discovery& discovery, const Settings& settings, const OwnTable& rows, Owner& owner)
+    : Waiter(loop),
+      loop_(loop),
+      discovery_(discovery),
+      settings_(settings),
+      rows_(rows),
+      owner_(owner),
+      acceptor_(loop, *this),
+      last_event_(Clock::now()) {
+  if (settings_.announced) Announce();
+}
+
+void Presence::Announce() {
+  announcing_error_ = discovery_.Send(Encode({Port(), settings_.group}));
+  strangers_.BeginRound(GreetedByAddress());
+  next_announcement_ = Clock::now() + (++announcements_ < kBurst ? kWithinBurst : kAfterBurst);
+}
+
+Strangers::Counts Presence::GreetedByAddress() const {
+  Strangers::Counts counts;
+  for (const Guest& guest : guests_) counts[guest.stream->Address()] += guest.greeted ? 1 : 0;
+  return counts;
+}
+
+void Presence::OnAccepted(FileDescriptor socket, std::uint32_t address) {
+  if (guests_.size() >= kMostGuests) return;
+  std::string greeting;
+  AppendRecord(greeting, {settings_.database, settings_.identity});
+  guests_.push_back({std::make_unique<SendingStream>(loop_, std::move(socket), address, greeting, rows_)});
+  last_event_ = Clock::now();
+}
+
+std::size_t Presence::Connected() const {
+  return static_cast<std::size_t>(std::count_if(guests_.begin(), guests_.end(), [this](const Guest& guest) {
+    return guest.greeted && guest.stream->Group() == settings_.group;
+  }));
+}
+
+bool Presence::IsConnected(const Place& place) const {
+  return std::any_of(guests_.begin(), guests_.end(),
+                     [&place](const Guest& guest) { return guest.greeted && guest.stream->Peer() == place; });
+}
+
+void Presence::Finish() {
+  acceptor_.Close();
+  next_announcement_ = TimePoint::max();
+  for (Guest& guest : guests_) guest.stream->Finish();
+}
+
+void Presence::Tidy() {
+  for (Guest& guest : guests_) Look(guest);
+  guests_.erase(
+      std::remove_if(guests_.begin(), guests_.end(), [](const Guest& guest) { return guest.stream->IsEnded(); }),
+      guests_.end());
+}
+
+void Presence::Look(Guest& guest) {
+  const SendingStream& stream = *guest.stream;
+  if (stream.GetState() == SendingStream::State::kGreeting) return;
+  if (stream.GetState() == SendingStream::State::kLeft) return strangers_.OnLeft(stream.Address());
+  if (stream.GetState() == SendingStream::State::kTaken) owner_.OnTaken(stream.Peer(), stream.Group());
+  if (guest.greeted || stream.Peer().port == 0) return;
+  guest.greeted = true;
+  last_event_ = Clock::now();
+  owner_.OnGuest(stream.Peer(), stream.Group());
+}

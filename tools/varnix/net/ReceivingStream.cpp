@@ -1,0 +1,104 @@
+#include "net/ReceivingStream.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "net/Sockets.h"
+
+namespace {
+
+constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5};
+constexpr std::size_t kPiece = 1 << 16;
+constexpr int kMostPieces = 4;  // A member that never pauses lets the others have their turn.
+
+}  // namespace
+
+ReceivingStream::ReceivingStream(Loop& loop, const Place& place, Answer answer, Owner& owner)
+    : Waiter(loop), place_(place), answer_(std::move(answer)), owner_(owner), begun_(Clock::now()) {
+  int error = 0;
+  socket_ = BeginConnecting(place, error);
+  due_ = begun_ + kMostForConnecting;
+  if (error != 0) EndAs({End::Kind::kUnreachable, error});
+}
+
+pollfd ReceivingStream::Awaited() const {
+  if (state_ == State::kConnecting) return {socket_.Get(), POLLOUT, 0};
+  return {socket_.Get(), static_cast<short>(WantsBytes() ? POLLIN : POLLRDHUP), 0};
+}
+
+TimePoint ReceivingStream::Deadline() const {
+  return state_ == State::kConnecting || state_ == State::kGreeting ? due_ : TimePoint::max();
+}
+
+void ReceivingStream::OnDeadline() {
+  if (state_ == State::kConnecting) return EndAs({End::Kind::kUnreachable, ETIMEDOUT});
+  EndAs({End::Kind::kSilent});
+}
+
+void ReceivingStream::OnReady(short) {
+  if (state_ == State::kConnecting) return OnConnected();
+  if (!WantsBytes()) return EndAs({End::Kind::kClosed});
+  Read();
+  if (!IsEnded()) owner_.OnBytes(*this);
+}
+
+void ReceivingStream::OnConnected() {
+  const int error = FinishConnecting(socket_);
+  if (error != 0) return EndAs({End::Kind::kUnreachable, error});
+  KeepAlive(socket_);
+  state_ = State::kGreeting;
+  due_ = Clock::now() + kMostForGreeting;
+}
+
+void ReceivingStream::Read() {
+  char piece[kPiece];
+  for (int i = 0; i < kMostPieces && !IsEnded(); ++i) {
+    const ssize_t size = recv(socket_.Get(), piece, sizeof piece, 0);
+    if (size <= 0) return OnNothingRead(size);
+    reader_.Append({piece, static_cast<std::size_t>(size)});
+    TakeRecords();
+    if (static_cast<std::size_t>(size) < sizeof piece) break;
+  }
+  if (!IsAmidRow()) reader_.GiveBackMemory();
+}
+
+void ReceivingStream::OnNothingRead(ssize_t size) {
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (size < 0) return EndAs({End::Kind::kBroken, errno});
+  EndAs({state_ == State::kGreeting ? End::Kind::kLeftAtOnce : End::Kind::kClosed});
+}
+
+void ReceivingStream::TakeRecords() {
+  Record record;
+  while (!IsEnded() && reader_.Next(record)) {
+    if (state_ == State::kGreeting) {
+      OnGreeting(record);
+    } else {
+      owner_.OnRow(*this, record.a, record.b);
+    }
+  }
+}
+
+void ReceivingStream::OnGreeting(const Record& record) {
+  owner_.OnGreeting(*this, record.a, record.b);
+  if (IsEnded()) return;
+  state_ = State::kReceiving;
+  SendAnswer();
+}
+
+// In one piece: the buffer of a new connection takes it.
+void ReceivingStream::SendAnswer() {
+  const char port[] = {static_cast<char>(answer_.port >> 8), static_cast<char>(answer_.port & 0xFF)};
+  std::string record;
+  AppendRecord(record, {answer_.group, {port, sizeof port}});
+  const ssize_t sent = send(socket_.Get(), record.data(), record.size(), MSG_NOSIGNAL);
+  if (sent != static_cast<ssize_t>(record.size())) EndAs({End::Kind::kBroken, sent < 0 ? errno : ECONNRESET});
+}
+
+void ReceivingStream::EndAs(const End& end) {
+  state_ = State::kEnded;
+  end_ = end;
+  socket_ = FileDescriptor();
+}

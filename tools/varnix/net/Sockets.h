@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+
+#include "net/FileDescriptor.h"
+#include "net/Place.h"
+
+// All sockets are non-blocking and closed on exec. What fails, fails with a std::system_error, except where an error
+// number is the result.
+
+constexpr std::uint16_t kDiscoveryPort = 1975;
+
+// A socket to send broadcasts from; bound to nothing.
+FileDescriptor OpenBroadcastSocket();
+
+// Shares the port of announcements with the members of this host: 0 or an error number.
+int BindToDiscoveryPort(const FileDescriptor& socket);
+
+// A listening socket on a port of the system's choice, which `port` gets.
+FileDescriptor Listen(std::uint16_t& port);
+
+// Begins to connect. FinishConnecting() tells, once the socket is writable, what has come of it: 0 or an error number.
+FileDescriptor BeginConnecting(const Place& place, int& error);
+int FinishConnecting(const FileDescriptor& socket);
+
+// Has the kernel notice within some 4 seconds that the peer is gone without a word.
+void KeepAlive(const FileDescriptor& socket);
+
+// Has the kernel send small segments without waiting for acknowledgements of earlier ones.
+void SendAtOnce(const FileDescriptor& socket);
+
+// Whether the address is one of this host's own.
+bool IsOwnAddress(std::uint32_t address);
+
+// Lets this process have as many descriptors as it may, because every member takes two.
+void RaiseDescriptorLimit();

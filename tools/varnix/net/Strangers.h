@@ -1,0 +1,25 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+// Counts those who hear our announcement, connect, and leave at the name of our database, because they share another
+// one.
+//
+// Every announcement has everybody connect once more. Those who are connected already leave at once, too, just as
+// strangers do: so both are counted from one announcement to the next.
+class Strangers {
+ public:
+  using Counts = std::map<std::uint32_t, int>;  // By address.
+
+  // We have announced ourselves while so many were connected.
+  void BeginRound(Counts connected);
+
+  void OnLeft(std::uint32_t address);
+
+  // The most that any round has shown.
+  const Counts& Most() const { return most_; }
+
+ private:
+  Counts connected_, left_, most_;
+};

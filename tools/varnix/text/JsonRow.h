@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// A row as a line of JSON has it; see RowPrinter. Who has set it is of no interest here.
+struct JsonRow {
+  std::string table, key, value;
+  std::optional<std::int64_t> time_us;
+};
+
+// What is wrong with the line, or nothing.
+std::string ParseJsonRow(std::string_view line, JsonRow& row);
