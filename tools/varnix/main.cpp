@@ -16,6 +16,7 @@
 #include "commands/SetCommand.h"
 #include "commands/TablesCommand.h"
 #include "commands/WatchCommand.h"
+#include "doctor/DoctorCommand.h"
 #include "text/Printable.h"
 
 namespace {
@@ -53,6 +54,8 @@ int Run(const Options& options) {
     case CommandName::kLoad:
     case CommandName::kReplay:
       return LoadCommand(options).Run();
+    case CommandName::kDoctor:
+      return DoctorCommand(options).Run();
   }
   return kFailed;
 }

@@ -1,0 +1,362 @@
+"""Every fault that the doctor names is brought about and found; and nothing is found where all is well."""
+
+import json
+import re
+import socket
+import subprocess
+
+import pytest
+
+import fakes
+import namespaces
+import programs
+import wire
+from command import run
+
+EVERYBODY = {"VARNIX_BROADCAST": "255.255.255.255"}
+ALL_WELL = ["route", "port", "own", "group", "reach", "database", "back", "hears", "identity", "rows"]
+
+
+def findings(output):
+    """By check; of several, the first fault."""
+    found = {}
+    for finding in map(json.loads, output):
+        if found.get(finding["check"], {"result": "OK"})["result"] == "OK":
+            found[finding["check"]] = finding
+    return found
+
+
+def failed(found):
+    return sorted(check for check, finding in found.items() if finding["result"] == "FAILED")
+
+
+class Hosts:
+    """`here`, 10.1.1.1, where the doctor looks, and `there`, 10.1.1.2, at the other end of a cable."""
+
+    def __init__(self, here, there):
+        self.here, self.there = here, there
+
+    def doctor(self, start, faults, *arguments, member=None, sees="", **variables):
+        """What it finds, by check, when it finds these faults, and has seen `sees` of the first, a regular expression;
+        it has more time where the machine is busy. `member` announces itself again and again meanwhile."""
+        for seconds in ("0.8", "2", "6", "20"):
+            found = self.look(start, *arguments, "-w", seconds, member=member, **variables)
+            found_all = failed(found) == faults and (not faults or re.search(sees, found[faults[0]]["seen"]))
+            if found_all:
+                break
+        assert found_all, found
+        return found
+
+    def look(self, start, *arguments, member=None, **variables):
+        with self.here:
+            running = start("doctor", "--json", *arguments, **{**EVERYBODY, **variables})
+        if member:
+            assert programs.eventually(lambda: member.do("network-changed") or running.process.poll() is not None)
+        status = running.ends()
+        assert running.errors == ""
+        found = findings(running.lines)
+        assert status == (1 if failed(found) else 0)
+        return found
+
+
+@pytest.fixture
+def hosts(make_namespace):
+    here, there = make_namespace(), make_namespace()
+    namespaces.connect(here, there)
+    for number, place in enumerate((here, there), 1):
+        place.ip(f"address add 10.1.1.{number}/24 dev eth0")
+        place.ip("route add 255.255.255.255/32 dev eth0")
+    with there:  # What a test does without saying where stays on the cable, too.
+        yield Hosts(here, there)
+
+
+def drop(place, direction, packets):
+    """A firewall in that place drops them."""
+    with place:
+        for command in ("table inet wall", f"chain inet wall {direction} {{ type filter hook {direction} priority 0 ; }}",
+                        f"rule inet wall {direction} {packets} drop"):
+            subprocess.run(["nft", f"add {command}"], check=True)
+
+
+@pytest.fixture
+def share(hosts, make_host):
+    """Starts a member there."""
+    def start_one(group=b"line-4", database=b"plant", device=b"press", rows=((b"speed", b"42"),)):
+        with hosts.there:
+            host = make_host()
+        for key, value in rows:
+            host.set(database, b"status", key, value)
+        host.share(database, group, device, b"ctl", "0.0.0.0")
+        assert host.logs(7, "tblrcvr.ctor", ".*")  # Its first announcement is out, and nobody hears it any more.
+        return host
+    return start_one
+
+
+def test_nothing_is_found_where_all_is_well(hosts, share, start):
+    share()
+
+    found = hosts.doctor(start, [])
+
+    assert list(found) == ALL_WELL
+    assert found["route"]["seen"] == "255.255.255.255 is reached by eth0 from 10.1.1.1"
+    assert found["rows"]["seen"] == "1 row came from 1 member"
+
+
+def test_nothing_is_found_among_members_that_announce_themselves_and_have_set_nothing(hosts, share, start):
+    share(device=b"pump", rows=())
+    press = share()
+
+    found = hosts.doctor(start, [], member=press)
+
+    assert found["rows"]["seen"].startswith("1 row came from 2 members; nothing is set by pump::ctl at 10.1.1.2:")
+
+
+def test_a_person_gets_a_line_for_each_check_and_two_for_a_fault(hosts, share):
+    share(group=b"Line-4")
+
+    with hosts.here:
+        shown = run("doctor", "-w", "0.5", **EVERYBODY)
+
+    lines = shown.output.decode().splitlines()
+    assert shown.status == 1
+    assert lines[0] == "OK      route     255.255.255.255 is reached by eth0 from 10.1.1.1"
+    assert lines[3].startswith('FAILED  group     nobody of "line-4" was heard or came within 0.5 s')
+    assert lines[4].startswith("                  do:  see that one runs")
+    assert lines[5] == "                  log: no tblrcvr.ctor"
+
+
+def test_no_route_is_found(hosts, start):
+    hosts.here.ip("route del 255.255.255.255/32 dev eth0")
+
+    found = hosts.doctor(start, ["group", "own", "route"])
+
+    assert found["route"]["seen"] == "no way to 255.255.255.255: Network is unreachable"
+    assert found["route"]["log"] == "tblsvr.dscv.sendto with error 101"
+    assert "ip route add 255.255.255.255/32" in found["route"]["do"]
+
+
+def test_an_address_that_is_no_broadcast_address_is_found(hosts, share, start):
+    share()
+
+    found = hosts.doctor(start, ["own", "route"], VARNIX_BROADCAST="10.1.1.2")
+
+    assert found["route"]["seen"] == "10.1.1.2 is the address of one host, not a broadcast address"
+
+
+def test_a_port_of_announcements_that_is_not_shared_is_found(hosts, share, start):
+    share()
+    with hosts.here:
+        selfish = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        selfish.bind(("", wire.DISCOVERY_PORT))
+
+    found = hosts.doctor(start, ["port"])
+    selfish.close()
+
+    assert found["port"]["seen"] == "UDP port 1975 cannot be shared: Address already in use"
+    assert found["port"]["log"].startswith("tblsvr.dscv.bind")
+
+
+def test_a_firewall_that_keeps_announcements_in_is_found(hosts, start):
+    drop(hosts.here, "output", "udp dport 1975")
+
+    found = hosts.doctor(start, ["group", "own"])
+
+    assert found["own"]["seen"] == "announcements cannot be sent: Operation not permitted"
+
+
+def test_a_firewall_that_keeps_announcements_out_is_found(hosts, share, start):
+    share()
+    drop(hosts.here, "input", "udp dport 1975")
+
+    found = hosts.doctor(start, ["own"])
+
+    assert found["own"]["seen"] == "our own announcement does not come back"
+
+
+def test_announcements_that_are_lost_on_the_way_are_found(hosts, share, start):
+    press = share()
+    drop(hosts.there, "output", "udp dport 1975")
+    drop(hosts.there, "input", "udp dport 1975")
+
+    found = hosts.doctor(start, ["group"], member=press, sees=r'^nobody of "line-4" was heard or came within \d.* s$')
+
+    assert found["group"]["log"] == "no tblrcvr.ctor"
+
+
+def test_a_member_that_does_not_hear_us_is_found(hosts, share, start):
+    press = share()
+    drop(hosts.there, "input", "udp dport 1975")
+
+    found = hosts.doctor(start, ["hears"], member=press)
+
+    assert found["hears"]["seen"].startswith("press::ctl at 10.1.1.2:")
+    assert found["hears"]["seen"].endswith("did not hear our announcement, and came only when asked to")
+
+
+def test_a_port_that_is_filtered_is_found(hosts, share, start):
+    share()
+    drop(hosts.there, "input", "tcp flags syn / syn,ack")
+
+    found = hosts.doctor(start, ["reach"])
+
+    assert found["reach"]["seen"].startswith("10.1.1.2:") and found["reach"]["seen"].endswith(" does not answer")
+    assert "tblrcvr.sock.conn.succ" in found["reach"]["log"]
+
+
+def test_a_member_that_cannot_connect_to_us_is_found(hosts, share, start):
+    press = share()
+    drop(hosts.here, "input", "tcp flags syn / syn,ack")
+
+    found = hosts.doctor(start, ["back"], member=press)
+
+    assert found["back"]["seen"].endswith("did not connect to us, also when asked to")
+
+
+def test_another_group_is_found_once_it_is_heard(hosts, share, start):
+    press = share(group=b"line-5")
+
+    hosts.doctor(start, ["group"], member=press, sees=r'^nobody of "line-4" was heard or came within \d.* s; '
+                                                      r'other groups: "line-5" of press::ctl at 10\.1\.1\.2:')
+
+
+@pytest.mark.parametrize("group, difference", [
+    (b"Line-4", "upper and lower case"), (b"line-4 ", "blanks"), (b"line-4\0", "zero bytes"),
+    (b" LINE-4\n", "upper and lower case and blanks")])
+def test_a_group_that_looks_the_same_is_found_beside_a_good_one(hosts, share, start, group, difference):
+    share()
+    pump = share(group=group, device=b"pump")
+
+    bad = hosts.doctor(start, ["group"], member=pump)["group"]
+
+    assert bad["do"] == "give both the same group"
+    assert bad["seen"].startswith("pump::ctl at 10.1.1.2:")
+    assert bad["seen"].endswith(f'which differs from "line-4" in {difference}')
+
+
+def test_another_database_is_found_and_named_once_it_is_heard(hosts, share, start):
+    press = share(database=b"store")
+
+    unheard = hosts.doctor(start, ["database"], sees="not known")
+    heard = hosts.doctor(start, ["database"], member=press, sees='^nobody of the group has "plant"; other databases: '
+                                                                 r'"store" of press::ctl at 10\.1\.1\.2:')
+
+    assert unheard["database"]["seen"] == ('nobody of the group has "plant"; of another database, not known until it '
+                                           "announces itself: 1 member at 10.1.1.2")
+    assert unheard["database"]["do"] == "--wait 61 hears what they have"
+    assert heard["database"]["log"] == "tblsvr.fnd.rcv.abort.svr"
+    assert press.logged(7, "tblsvr.fnd.rcv.abort.svr", ".*")
+
+
+def test_other_databases_beside_ours_are_no_fault(hosts, share, start):
+    share()
+    share(database=b"store", device=b"pump")
+
+    found = hosts.doctor(start, [])
+
+    assert found["database"]["seen"] == ('1 member with "plant"; of another database, not known until it announces '
+                                         "itself: 1 member at 10.1.1.2")
+
+
+def test_a_database_that_looks_the_same_is_found(hosts, share, start):
+    press = share(database=b"Plant")
+
+    hosts.doctor(start, ["database"], member=press,
+                 sees='has the database "Plant", which differs from "plant" in upper and lower case$')
+
+
+def test_one_identity_twice_is_found(hosts, share, start):
+    share()
+    share()
+
+    found = hosts.doctor(start, ["identity"])
+
+    assert found["identity"]["seen"].count("press::ctl at 10.1.1.2:") == 2
+    assert found["identity"]["log"] == "tblrcvr.gotuid with that name, without tblsvr.fnd"
+
+
+def test_a_member_with_two_addresses_is_one(hosts, share, start):
+    hosts.there.ip("address add 10.1.1.3/24 dev eth0")
+    press = share()
+    with hosts.here:
+        ether = wire.Ether()
+        doctor = start("doctor", "--json", "-w", "2", **EVERYBODY)
+        ether.receive()
+    with hosts.there:
+        press.do("network-changed")
+        port = press.logs(7, "tblsvr.dscv.chg", ".*") and own_port(press)
+        speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        speaker.bind(("10.1.1.3", 0))
+        speaker.sendto(port.to_bytes(2, "big") + b"line-4", ("255.255.255.255", wire.DISCOVERY_PORT))
+        speaker.close()
+
+    assert doctor.ends() == 0
+    assert findings(doctor.lines)["group"]["seen"] == '1 member of "line-4"'
+    ether.socket.close()
+
+
+def own_port(host):
+    """The host has connected to itself."""
+    assert host.logs(7, "tblrcvr.ctor", r".* for plant:167837954:(\d+) starting")
+    return int(re.search(r"167837954:(\d+) starting", host.logged(7, "tblrcvr.ctor", ".*")[0])[1])
+
+
+class Announced:
+    """A fake member there, which announces itself as members do that are told to."""
+
+    def __init__(self, hosts, behave):
+        with hosts.there:
+            self._fake = fakes.FakeMember(behave)
+            self._speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+
+    def do(self, _):
+        self._speaker.sendto(self._fake.port.to_bytes(2, "big") + b"line-4", ("255.255.255.255", wire.DISCOVERY_PORT))
+
+    def close(self):
+        self._fake.close()
+        self._speaker.close()
+
+
+@pytest.fixture
+def fake(hosts):
+    made = []
+
+    def make(behave):
+        made.append(Announced(hosts, behave))
+        return made[-1]
+
+    yield make
+    for member in made:
+        member.close()
+
+
+def test_rows_that_break_off_are_found(hosts, start, fake):
+    def break_off(connected):
+        connected.sendall(fakes.GREETING)
+        connected.recv(100)
+        connected.sendall(wire.record(b"\x06statusspeed", b"42"))
+        connected.shutdown(socket.SHUT_RDWR)
+
+    found = hosts.doctor(start, ["back", "rows"], member=fake(break_off))
+
+    assert re.match(r"\d+ rows? came before fake::ctl at 10\.1\.1\.2:\d+ has left", found["rows"]["seen"])
+
+
+def test_one_that_accepts_and_says_nothing_is_found(hosts, start, fake):
+    found = hosts.doctor(start, ["reach"], member=fake(lambda connected: connected.shutdown(socket.SHUT_RDWR)))
+
+    assert found["reach"]["seen"].endswith("closes connections before it says who it is")
+
+
+def test_a_passive_doctor_announces_nothing(hosts, share, start):
+    press = share()
+    with hosts.there:
+        ether = wire.Ether()
+
+    found = hosts.doctor(start, [], "--passive", member=press)
+
+    assert list(found) == ["route", "port", "group", "reach", "database", "identity", "rows"]
+    ports = {ether.receive()[:2] for _ in range(2)}
+    assert len(ports) == 1
+    ether.socket.close()

@@ -1,0 +1,33 @@
+"""What needs the announcement that each member makes once a minute: it takes one."""
+
+import json
+
+import pytest
+
+
+@pytest.fixture
+def share(ether, make_host):
+    """Starts a member, and waits until nobody hears its first announcement any more."""
+    def start_one(device, database):
+        host = make_host()
+        host.set(database, b"status", b"speed", b"42")
+        host.share(database, b"line-4", device, b"ctl")
+        ether.receive()
+        return host
+    return start_one
+
+
+def test_a_minute_hears_everybody(share, start):
+    share(b"press", b"plant")
+    share(b"pump", b"store")
+
+    doctor = start("doctor", "--json", "-w", "61")
+    members = start("members", "--json", "--passive", VARNIX_DATABASE="")  # It takes 61 seconds by itself.
+
+    assert (doctor.ends(120), doctor.errors) == (0, "")
+    found = {finding["check"]: finding["seen"] for finding in map(json.loads, doctor.lines)}
+    assert found["database"].startswith('1 member with "plant"; other databases: "store" of pump::ctl at 127.0.0.1:')
+    assert found["heard"] == "1 member announced themselves"
+    assert (members.ends(), members.errors) == (0, "")
+    heard = {(member["device"], member["database"]) for member in map(json.loads, members.lines)}
+    assert {("press", "plant"), ("pump", "store")} <= heard  # And the doctor.

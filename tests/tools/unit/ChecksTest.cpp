@@ -1,0 +1,116 @@
+// What a doctor makes of what it has seen.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "doctor/Checks.h"
+#include "doctor/NearMiss.h"
+#include "wire/CombinedKey.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(NearMiss, NamesInWhatTwoNamesDiffer) {
+  EXPECT_EQ(NearMiss("line-4", "Line-4"), "upper and lower case");
+  EXPECT_EQ(NearMiss("line-4", " line -4\n"), "blanks");
+  EXPECT_EQ(NearMiss("line-4", "line-4\0"s), "zero bytes");
+  EXPECT_EQ(NearMiss("line-4", "LINE-4 \0"s), "upper and lower case and blanks and zero bytes");
+}
+
+TEST(NearMiss, IsNothingWhereNamesAreEqualOrDifferInMore) {
+  EXPECT_EQ(NearMiss("line-4", "line-4"), "");
+  EXPECT_EQ(NearMiss("line-4", "line-5"), "");
+  EXPECT_EQ(NearMiss("line-4", "Line-44"), "");
+  EXPECT_EQ(NearMiss("line-4", ""), "");
+}
+
+// All well: one member, which has done everything that members do.
+class Checks : public testing::Test {
+ protected:
+  Checks() {
+    evidence.group = "line-4";
+    evidence.database = "plant";
+    evidence.broadcast = 0xFFFFFFFF;
+    evidence.seconds = 61;
+    evidence.route = {0, true, 0x0A000001, "eth0"};
+    evidence.own_announcement = true;
+    Add({0x0A000002, 1000}, "press");
+  }
+
+  SeenPlace& Add(const Place& place, const std::string& device) {
+    SeenPlace& seen = evidence.places[place];
+    seen.member.place = place;
+    seen.member.group = "line-4";
+    Name(seen.member, "plant", CombinedKey(device, "ctl"));
+    seen.heard = seen.came = seen.named = true;
+    seen.rows = 3;
+    return seen;
+  }
+
+  SeenPlace& Press() { return evidence.places.begin()->second; }
+
+  // "check: seen" of each fault.
+  std::string Faults() const {
+    std::string text;
+    for (const Finding& finding : CheckMembers(evidence)) {
+      if (!finding.good) text += finding.check + ": " + finding.seen + "\n";
+      EXPECT_EQ(finding.good, finding.todo.empty());
+      EXPECT_EQ(finding.good, finding.log.empty());
+    }
+    return text;
+  }
+
+  std::string Seen(const std::string& check) const {
+    for (const Finding& finding : CheckMembers(evidence)) {
+      if (finding.check == check) return finding.seen;
+    }
+    return "(none)";
+  }
+
+  Evidence evidence;
+};
+
+TEST_F(Checks, FindNothingWhereAllIsWell) {
+  EXPECT_EQ(Faults(), "");
+  EXPECT_EQ(Seen("heard"), "1 member announced themselves");
+}
+
+TEST_F(Checks, AfterAMinuteFindThoseWhoWereNotHeard) {
+  Press().heard = false;
+  EXPECT_EQ(Faults(), "heard: press::ctl at 10.0.0.2:1000 did not announce themselves to us within a minute\n");
+
+  evidence.seconds = 5;
+  EXPECT_EQ(Faults(), "");
+}
+
+TEST_F(Checks, TellWhoHasLeftAndIsNotKnownFromWhoIsKnown) {
+  evidence.strangers = {{0x0A000002, 1}, {0x0A000003, 2}};
+  SeenPlace& store = Add({0x0A000003, 1000}, "store");
+  store.member.database = "store";
+
+  EXPECT_EQ(Faults(), "");
+  EXPECT_EQ(Seen("database"),
+            "1 member with \"plant\"; other databases: \"store\" of store::ctl at 10.0.0.3:1000; of another database, "
+            "not known until it announces itself: 1 member at 10.0.0.2, 1 member at 10.0.0.3");
+}
+
+TEST_F(Checks, TakeOneNameAtTwoPortsForTwoMembersAndAtTwoAddressesForOne) {
+  Add({0x0A000003, 1000}, "press");
+  EXPECT_EQ(Faults(), "");
+
+  Add({0x0A000002, 1001}, "press");
+  EXPECT_EQ(Faults(),
+            "identity: press::ctl at 10.0.0.2:1000, press::ctl at 10.0.0.2:1001, press::ctl at 10.0.0.3:1000 have one "
+            "name: these do not meet, and others hear one of them\n");
+}
+
+TEST_F(Checks, ShowNamesOfOthersSoThatATerminalDoesNotObeyThem) {
+  Press().member.group = "line\x1b[2J";
+  evidence.places.begin()->second.member.device = "pre\nss";
+  EXPECT_EQ(Seen("group"),
+            "nobody of \"line-4\" was heard or came within 61 s; other groups: \"line\\x1b[2J\" of pre\\x0ass::ctl at "
+            "10.0.0.2:1000");
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+#include "doctor/DoctorCommand.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "commands/RowPrinter.h"
+#include "doctor/Checks.h"
+#include "net/Sockets.h"
+#include "text/JsonObject.h"
+#include "text/Printable.h"
+
+namespace {
+
+constexpr std::chrono::seconds kMostBeforeAsking{1};
+constexpr std::size_t kMostPlaces = 4096;
+constexpr char kGood[] = "\x1b[32m", kBad[] = "\x1b[31m";
+
+Observer::Settings ToSettings(const Session& session) {
+  Observer::Settings settings = ObserverSettings(session);
+  settings.visits_other_groups = true;
+  return settings;
+}
+
+}  // namespace
+
+DoctorCommand::DoctorCommand(const Options& options)
+    : session_(options, STDOUT_FILENO),
+      observer_(session_.loop, ToSettings(session_), *this),
+      ask_at_(session_.begun + std::min<Clock::duration>((session_.End() - session_.begun) / 2, kMostBeforeAsking)) {
+  RaiseDescriptorLimit();
+  evidence_.group = *options.group;
+  evidence_.database = *options.database;
+  evidence_.broadcast = options.broadcast;
+  evidence_.announced = !options.passive;
+  evidence_.seconds = session_.WaitSeconds();
+  evidence_.route = FindRoute(options.broadcast);
+  evidence_.hearing_error = observer_.HearingError();
+}
+
+int DoctorCommand::Run() {
+  Print(CheckHost(evidence_));
+  while (Clock::now() < session_.End() && !session_.IsEndedFromOutside()) Turn();
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kFailed);
+  evidence_.announcing_error = observer_.AnnouncingError();
+  evidence_.strangers = observer_.Strange();
+  session_.progress.Clear();
+  Print(CheckMembers(evidence_));
+  if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
+  return failed_ ? kFailed : kDone;
+}
+
+void DoctorCommand::Turn() {
+  const TimePoint now = Clock::now();
+  TimePoint next = std::min(observer_.Deadline(), session_.End());
+  if (ask_at_ > now) next = std::min(next, ask_at_);
+  if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
+  session_.loop.Turn(next);
+  observer_.Tidy();
+  if (now >= ask_at_) AskToConnectBack();
+  if (now - session_.begun < Progress::kSilence) return;
+  session_.progress.Show(
+      "Looking for members: " + CountText(evidence_.places.size(), "place") + " known, " +
+      std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now - session_.begun).count()) + " of " +
+      SecondsText(session_.WaitSeconds()));
+}
+
+// Those of whom we know only because we have heard them: they may not hear us, or may not get through.
+void DoctorCommand::AskToConnectBack() {
+  for (auto& [place, seen] : evidence_.places) {
+    const bool ours = seen.member.group == evidence_.group && seen.member.database == evidence_.database;
+    if (!ours || !seen.named || seen.came || seen.asked) continue;
+    seen.asked = true;
+    observer_.AskToConnectBack(place);
+  }
+}
+
+// Beyond their limit places are not remembered: the last one serves for all of them.
+SeenPlace& DoctorCommand::Seen(const Place& place) {
+  static SeenPlace surplus;
+  if (evidence_.places.size() >= kMostPlaces && evidence_.places.count(place) == 0) return surplus;
+  SeenPlace& seen = evidence_.places[place];
+  seen.member.place = place;
+  return seen;
+}
+
+void DoctorCommand::OnHeard(const Place& place, const std::string& group) {
+  SeenPlace& seen = Seen(place);
+  seen.heard = true;
+  seen.member.group = group;
+}
+
+void DoctorCommand::OnCame(const Place& place) {
+  SeenPlace& seen = Seen(place);
+  seen.came = true;
+  seen.member.group = evidence_.group;
+}
+
+void DoctorCommand::Named(const Member& member) {
+  SeenPlace& seen = Seen(member.place);
+  seen.member = member;
+  seen.named = true;
+  seen.end.reset();
+}
+
+// What it did at one address counts for the other.
+void DoctorCommand::OnDuplicate(const Member& member) {
+  const SeenPlace duplicate = Seen(member.place);
+  evidence_.places.erase(member.place);
+  for (auto& [place, seen] : evidence_.places) {
+    if (place.port != member.place.port || seen.member.identity != member.identity) continue;
+    seen.heard |= duplicate.heard;
+    seen.came |= duplicate.came;
+  }
+}
+
+std::size_t DoctorCommand::OnRow(const Member& member, const Row&) {
+  ++Seen(member.place).rows;
+  return 0;
+}
+
+void DoctorCommand::OnEnd(const Member& member, const End& end) {
+  SeenPlace& seen = Seen(member.place);
+  seen.member.group = member.group;
+  seen.end = end;
+}
+
+void DoctorCommand::Print(const std::vector<Finding>& findings) {
+  for (const Finding& finding : findings) {
+    failed_ |= !finding.good;
+    Print(finding);
+  }
+  session_.output.Flush();
+}
+
+void DoctorCommand::Print(const Finding& finding) {
+  std::string& out = session_.output.Text();
+  const std::string result = finding.good ? "OK" : "FAILED";
+  if (session_.options.json) {
+    JsonObject object(out);
+    object.Text("check", finding.check).Text("result", result).Text("seen", finding.seen);
+    if (!finding.good) object.Text("do", finding.todo).Text("log", finding.log);
+    return object.End();
+  }
+  const bool coloured = IsColourWanted(session_.output.IsTerminal());
+  const std::string gap(8 - result.size(), ' '), name_gap(10 - finding.check.size(), ' '), indent(18, ' ');
+  out += (coloured ? (finding.good ? kGood : kBad) + result + kNoColour : result) + gap + finding.check + name_gap +
+         finding.seen + "\n";
+  if (finding.good) return;
+  out += indent + "do:  " + finding.todo + "\n" + indent + "log: " + finding.log + "\n";
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <vector>
+
+#include "commands/Session.h"
+#include "doctor/Evidence.h"
+#include "doctor/Finding.h"
+#include "net/Audience.h"
+#include "net/Observer.h"
+
+// `varnix doctor`: why do they not meet? Looks for as long as it may, and then checks what it has seen.
+class DoctorCommand : public Audience {
+ public:
+  explicit DoctorCommand(const Options& options);
+
+  // The exit status.
+  int Run();
+
+ private:
+  void OnHeard(const Place& place, const std::string& group) override;
+  void OnOwnAnnouncement() override { evidence_.own_announcement = true; }
+  void OnCame(const Place& place) override;
+  void OnMet(const Member& member) override { Named(member); }
+  void OnOther(const Member& member) override { Named(member); }
+  void OnDuplicate(const Member& member) override;
+  std::size_t OnRow(const Member& member, const Row& row) override;
+  void OnEnd(const Member& member, const End& end) override;
+
+  SeenPlace& Seen(const Place& place);
+  void Named(const Member& member);
+  void Turn();
+  void AskToConnectBack();
+  void Print(const std::vector<Finding>& findings);
+  void Print(const Finding& finding);
+
+  Session session_;
+  Evidence evidence_;
+  Observer observer_;
+  TimePoint ask_at_;  // When those who have not come by themselves are asked to.
+  bool failed_ = false;
+};
