@@ -11,7 +11,7 @@ import pytest
 import programs
 from command import TOOL, environment, run
 
-COMMANDS = ("members", "tables", "dump", "get", "watch", "set", "load", "record", "replay", "doctor")
+COMMANDS = ("members", "tables", "dump", "get", "watch", "set", "load", "record", "replay", "top", "doctor")
 ARGUMENTS = {"get": ["status", "speed"], "set": ["status", "speed", "42"], "record": ["-"], "replay": ["-"]}
 
 
@@ -101,7 +101,7 @@ def test_options_stand_before_or_behind_the_command(press):
     assert run(*wanted[:2], "dump", *wanted[2:], "status", **nothing).output == row
 
 
-@pytest.mark.parametrize("name", [name for name in COMMANDS if name not in ("watch", "record", "doctor")])
+@pytest.mark.parametrize("name", [name for name in COMMANDS if name not in ("watch", "record", "top", "doctor")])
 def test_nobody_within_the_time_is_status_3(network, name):
     told = run(name, *ARGUMENTS.get(name, []), "-w", "0.2")
 

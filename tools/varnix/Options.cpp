@@ -188,6 +188,8 @@ void CommandLine::AddLivingCommands() {
   CLI::App* const record = Add(CommandName::kRecord, "record", "Writes rows to a file as they come, as JSON lines",
                                "varnix -g line-4 -d plant record monday.json");
   AddArgument(record, "FILE", options_.file, "The file, which is overwritten; - is standard output")->required();
+  Add(CommandName::kTop, "top", "A screen that shows members, tables, and rows as they change",
+      "varnix -g line-4 -d plant top");
   Add(CommandName::kDoctor, "doctor", "Why do they not meet? Checks, with what to do",
       "varnix -g line-4 -d plant doctor\n  varnix -g line-4 -d plant doctor --wait 61    # hears every member once");
 }

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-enum class CommandName { kMembers, kTables, kDump, kGet, kWatch, kSet, kLoad, kRecord, kReplay, kDoctor };
+enum class CommandName { kMembers, kTables, kDump, kGet, kWatch, kSet, kLoad, kRecord, kReplay, kTop, kDoctor };
 
 // Exit statuses.
 enum Status : int { kDone = 0, kFailed = 1, kUsage = 2, kNothing = 3 };

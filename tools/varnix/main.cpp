@@ -18,6 +18,7 @@
 #include "commands/WatchCommand.h"
 #include "doctor/DoctorCommand.h"
 #include "text/Printable.h"
+#include "top/TopCommand.h"
 
 namespace {
 
@@ -56,6 +57,8 @@ int Run(const Options& options) {
       return LoadCommand(options).Run();
     case CommandName::kDoctor:
       return DoctorCommand(options).Run();
+    case CommandName::kTop:
+      return TopCommand(options).Run();
   }
   return kFailed;
 }

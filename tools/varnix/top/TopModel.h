@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+
+#include "net/Audience.h"
+#include "top/Rate.h"
+
+// What `varnix top` shows: the members, their tables, and the last value of each row.
+class TopModel {
+ public:
+  struct RowEntry {
+    std::string value;  // Its beginning, no more than a line shows.
+    std::size_t bytes = 0;
+    TimePoint changed;
+    std::uint64_t number = 0;  // In the order of all changes.
+    Rate rate;
+  };
+  struct TableEntry {
+    std::unordered_map<std::string, RowEntry> rows;  // By key.
+    std::size_t bytes = 0;                           // Of all keys and values.
+    Rate rate;
+  };
+  struct MemberEntry {
+    Member member;
+    std::map<std::string, TableEntry> tables;
+    Rate rate;
+  };
+
+  void AddMember(const Member& member);
+  void RemoveMember(const Place& place) { members_.erase(place); }
+
+  // How many bytes more are kept from now on.
+  std::size_t SetRow(const Member& member, const Row& row, TimePoint now);
+
+  const std::map<Place, MemberEntry>& Members() const { return members_; }
+  double RowsPerSecond(TimePoint now) const { return rate_.PerSecond(now); }
+
+ private:
+  std::map<Place, MemberEntry> members_;
+  std::uint64_t changes_ = 0;
+  Rate rate_;
+};
