@@ -82,7 +82,7 @@ def test_plain_linking_finds_it(prefix, tmp_path):
 def test_installing_gives_the_header_the_library_the_two_packages_and_the_tools_alone(prefix):
     installed = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir())
 
-    command = ["bin/varnix"]
+    command = ["bin/varnix", "share/bash-completion/completions/varnix", "share/man/man1/varnix.1"]
     assert installed == sorted([
         "include/Varnix.h",
         "lib/libvarnix.so",
