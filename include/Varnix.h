@@ -37,11 +37,11 @@
 // Strings: names, keys and values are byte strings; zero bytes and the empty string are ordinary. (Log messages show
 //   them up to the first zero byte.)
 // Memory: a table keeps each key with its last value; a shared table keeps what is set here twice. Watchers keep none.
-// Errors: only GetSharingGroup reports through its result. std::bad_alloc and, when a lock fails, std::system_error can
-//   leave any call, and so can what a log hook throws. Such a call has left nothing locked, and its table, watcher or
-//   set as it was. A call of several steps may have done the first of them: Set of a shared table may have handed the
-//   row to the peers and not to the watchers here, a call that names a new database or table may have made it, and
-//   SetSharingGroup may have ended the sharing.
+// Errors: only GetSharingGroup and GetDescriptor report through their results. std::bad_alloc and, when a lock fails,
+//   std::system_error can leave any call, and so can what a log hook throws. Such a call has left nothing locked, and
+//   its table, watcher or set as it was. A call of several steps may have done the first of them: Set of a shared table
+//   may have handed the row to the peers and not to the watchers here, a call that names a new database or table may
+//   have made it, and SetSharingGroup or StopSharing may have ended the sharing.
 // Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
 //   fail later (poll on valid descriptors, say), are logged and end the process with abort().
 // Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
@@ -49,10 +49,12 @@
 // Fork: a child that does not exec has its own copies of tables, watchers and sets, and is a process like any other.
 //   It may share, also the same database in the same group, under an identity of its own. What its parent shares stays
 //   with the parent: the child sends and logs nothing of it and keeps none of its descriptors (those of GetDescriptor()
-//   included), GetSharingGroup says false, and peer tables show all peers as gone. A thread must not hold a lock across fork() that the log hook takes: both would wait for ever.
+//   included), GetSharingGroup says false, and peer tables show all peers as gone. A thread must not hold a lock across
+//   fork() that the log hook takes: both would wait for ever.
 // Exec: every descriptor is closed on exec, from the moment it is made.
 // Signals: no handler and no mask is changed, and SIGPIPE is never raised. The library's threads inherit the signal
-//   mask and the scheduling of the thread that calls SetSharingGroup. A handler of the program may run on them, and
+//   mask and the scheduling of the thread that calls SetSharingGroup (the thread of a peer that had to wait for room:
+//   those of such a call for any database). A handler of the program may run on them, and
 //   those that serve peers have 256 KiB of stack: if this is too little, block its signal during that call.
 //
 // Limits of what is shared (rows that never leave the process have none)
@@ -67,7 +69,8 @@
 //   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
 //                    between any two members of a group, or those two never meet
 //   peers            at most 1,024 of each direction in a process, and no more than 3/8 of its limit of
-//                    descriptors; one for each database that both share. Others are met when there is room
+//                    descriptors; one for each database that both share. Others are met when there is room,
+//                    at the latest after their next announcement
 //
 // A row whose combined key or value is longer is set, and is a log line of level Warning ("tblcmbn.set.long").
 //
@@ -188,10 +191,10 @@ VARNIX_EXPORT std::vector<std::pair<std::string, std::shared_ptr<Table>>> GetLoc
 /// out; one given twice is one member. A set without members never has a change.
 VARNIX_EXPORT std::shared_ptr<WatcherSet> MakeWatcherSet(std::vector<std::shared_ptr<Watcher>> watchers);
 
-/// For event loops: a descriptor that poll(), select() or epoll find readable, level-triggered, exactly while a change is
-/// pending in the set. When it is, take changes by WaitUntil() with a past deadline until there are no more. Nobody else
-/// reads or writes it, or closes it: it is closed with the set. It is made at the first call, close-on-exec, and a forked
-/// child calls this again for one of its own. Sets without one pay nothing for it.
+/// For event loops: a descriptor that poll(), select() or epoll find readable, level-triggered, exactly while a change
+/// is pending in the set. When it is, take changes by WaitUntil() with a past deadline until there are no more. Nobody
+/// else reads or writes it, or closes it: it is closed with the set. It is made at the first call, close-on-exec, and a
+/// forked child calls this again for one of its own. Sets without one pay nothing for it.
 /// Errors: -1 with errno when there is none to be had (EMFILE, for instance), and with EINVAL when `set` is null or not
 ///   this library's; std::bad_alloc.
 VARNIX_EXPORT int GetDescriptor(const std::shared_ptr<WatcherSet>& set);
@@ -206,9 +209,9 @@ VARNIX_EXPORT std::shared_ptr<Table> GetDatabaseTable();
 VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
 
 /// The table of the members from whom this process receives rows of the database: key "DEVICE::PROCESS", value
-/// "ADDRESS:PORT" while the stream from that member lives, and "" after it has ended: at once when the member ends, within
-/// about 4 seconds when its power or its network is cut. It is there to be watched, not to be set, also before the
-/// database is shared. It is made at the first call; members that have gone before are not in it.
+/// "ADDRESS:PORT" while the stream from that member lives, and "" after it has ended: at once when the member ends,
+/// within about 4 seconds when its power or its network is cut. It is there to be watched, not to be set, also before
+/// the database is shared. It is made at the first call; members that have gone before are not in it.
 VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 
 /// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
@@ -217,9 +220,9 @@ VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 /// different members with different last values: let each key have one writer.
 VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table);
 
-/// Shares the database with the members of `group` on the local network, from now until the process exits, StopSharing()
-/// or the next call for this database. Members share when their database and their group have the same name. There may be any
-/// number of them on one host or on many.
+/// Shares the database with the members of `group` on the local network, from now until the process exits,
+/// StopSharing() or the next call for this database. Members share when their database and their group have the same
+/// name. There may be any number of them on one host or on many.
 ///
 /// device, process: who we are. Together they must be different for each member, and both are only compared and logged.
 /// broadcast_address: where announcements are sent: an IPv4 address in network byte order, such as the s_addr of

@@ -8,9 +8,9 @@
 #include "threads/FileDescriptor.h"
 #include "threads/Fork.h"
 
-// A forked child has one thread, and copies of everything. It uses its copies of the tables like any process. The servers
-// and their streams belong to the parent: the child closes its copies of their descriptors and forgets them. No lock may
-// be held by another thread of the parent at that moment: the child would wait for it for ever.
+// A forked child has one thread, and copies of everything. It uses its copies of the tables like any process. The
+// servers and their streams belong to the parent: the child closes its copies of their descriptors and forgets them. No
+// lock may be held by another thread of the parent at that moment: the child would wait for it for ever.
 
 namespace {
 

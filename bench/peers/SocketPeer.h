@@ -6,8 +6,8 @@
 #include "Peer.h"
 
 // The sockets of the limits: records of the layout that the library's have, each with the system calls that the library
-// makes for it. One record a send: poll for room, send, poll for the end of the connection; the receiver polls and takes
-// 8,192 bytes at a time.
+// makes for it. One record a send: poll for room, send, poll for the end of the connection; the receiver polls and
+// takes 8,192 bytes at a time.
 class SocketPeer : public Peer {
  protected:
   // The way to one peer that watches the written table.

@@ -3,9 +3,9 @@
 // nanoseconds of the monotonic clock, which all processes of a host share:
 //
 //   fill FIRST COUNT      sets COUNT new rows, keys of 16 bytes, values of 32              -> "filled BEGIN END"
-//   refill FIRST COUNT    sets these rows to other values, and then the row that `last` waits for -> "refilled BEGIN END"
-//   overwrite COUNT       sets one key COUNT times; the last value is the one to be seen   -> "overwritten BEGIN END"
-//   every MICROSECONDS COUNT   sets COUNT new rows to the time, one per interval           -> "done"
+//   refill FIRST COUNT    sets these rows to other values, and then the row that `last` waits for -> "refilled BEGIN
+//   END" overwrite COUNT       sets one key COUNT times; the last value is the one to be seen   -> "overwritten BEGIN
+//   END" every MICROSECONDS COUNT   sets COUNT new rows to the time, one per interval           -> "done"
 //   seen COUNT            waits until COUNT different rows were seen                       -> "seen TIME"
 //   last                  waits until the last value of `overwrite` or `refill` was seen   -> "last TIME"
 //   latencies COUNT       waits for COUNT rows of `every`        -> "latencies NANOSECONDS..." in order of arrival

@@ -54,6 +54,7 @@ void Database::SetSharing(const SharingSettings& settings) {
 }
 
 void Database::StopSharing() {
+  Log(LogLevel::Debug, "tblcmbn.stop", "DB(%p) StopSharing", static_cast<void*>(this));
   MutexLock lock(lock_);
   StopServer();
 }

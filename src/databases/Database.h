@@ -38,7 +38,8 @@ class Database {
   // Errors: when the first log line throws, nothing has changed; when the last one does, the new server is there. After
   // any other exception there is none.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
-  // Stops the present server, if any. Waits for all its threads. What the log hook throws is thrown at the end.
+  // Stops the present server, if any. Waits for all its threads. When the first log line throws, nothing has changed;
+  // what the hook throws later is thrown at the end.
   void StopSharing() VARNIX_EXCLUDES(lock_);
   // False, with nothing written, while there is no server.
   bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock_);

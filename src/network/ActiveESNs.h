@@ -9,9 +9,9 @@
 #include "network/PeerPlace.h"
 #include "threads/Mutex.h"
 
-// The peers from which one table server is receiving. An ESN, an electronic serial number, is here the identity (uid) of a
-// peer. The server, every peer thread and every registration hold this object; its destruction tells the stopping server
-// that the last of them is gone.
+// The peers from which one table server is receiving. An ESN, an electronic serial number, is here the identity (uid)
+// of a peer. The server, every peer thread and every registration hold this object; its destruction tells the stopping
+// server that the last of them is gone.
 //
 // Threads: any. Its mutex is held only while one uid goes in or out.
 class ActiveESNs {
@@ -39,7 +39,8 @@ class ActiveESNs {
 // place, and nothing else changes.
 class EsnRegistration {
  public:
-  // When this is destroyed, `refused` gets the last other place at which the peer was refused meanwhile, if there is one.
+  // When this is destroyed, `refused` gets the last other place at which the peer was refused meanwhile, if there is
+  // one.
   EsnRegistration(std::shared_ptr<ActiveESNs> active_esns, std::string uid, PeerPlace place,
                   std::optional<PeerPlace>& refused);
   ~EsnRegistration();

@@ -104,8 +104,8 @@ bool Cookie::WaitFor(short events, const char* tag, const char* format) {
 }
 
 // Lends the stream's lock out while it waits, if our thread holds it. That is safe: while a read waits, nothing is
-// buffered for writing; and a flush that finds what a write is sending marks the bytes as written, which our thread does
-// next anyway.
+// buffered for writing; and a flush that finds what a write is sending marks the bytes as written, which our thread
+// does next anyway.
 int Cookie::Poll(pollfd* entries) {
   FILE* const lent = locked_stream_;
   if (lent != nullptr) {

@@ -14,9 +14,9 @@
 // the server, so that one byte there ends all reads and writes of all its streams, now and later.
 //
 // Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) visits every stream of the
-// process and waits for the lock of each. So our thread holds the lock for each record (see StreamLock) and lends it out
-// while it waits for the peer (see Poll). Between two records, rows may stand in the buffer. A flush of the host's sends
-// of them what the peer takes at once, and our thread sends the rest.
+// process and waits for the lock of each. So our thread holds the lock for each record (see StreamLock) and lends it
+// out while it waits for the peer (see Poll). Between two records, rows may stand in the buffer. A flush of the host's
+// sends of them what the peer takes at once, and our thread sends the rest.
 // Ownership: owns neither the socket nor the stream.
 struct Cookie {
   Cookie(const FileDescriptor& connected_socket, int done_pipe)

@@ -11,9 +11,9 @@
 
 struct Member;
 
-// Makes a member known to its group and finds the others. It broadcasts the member's TCP port and group name at once and
-// then every 60 seconds, after a network change at 0, 2, 4 and 6 seconds. It reports the sender of each announcement of
-// the same group, also of our own: the handshake of the streams tells who that is.
+// Makes a member known to its group and finds the others. It broadcasts the member's TCP port and group name at once
+// and then every 60 seconds, after a network change at 0, 2, 4 and 6 seconds. It reports the sender of each
+// announcement of the same group, also of our own: the handshake of the streams tells who that is.
 //
 // Threads: one, the server's discovery thread. Made by the caller that starts it, which can be told of want of memory.
 // Errors: a poll that fails, or a wake pipe that cannot be read, is logged and ends the process.

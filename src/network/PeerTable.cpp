@@ -56,10 +56,14 @@ PeerTableEntry::PeerTableEntry(PeerTable& peers, const std::string& uid, const P
   peers_.streams_.splice(peers_.streams_.end(), stream);
 }
 
-// Needs no memory: the table has the row, and gets a shorter value.
+// Needs no memory: the table has the row already, with room for a place.
 PeerTableEntry::~PeerTableEntry() {
   MutexLock lock(peers_.lock_);
   row_->second.clear();
   peers_.Show(*row_);
+  // Two identities may look alike: "a::b" and "c", "a" and "b::c".
+  for (const Varnix::Row& stream : peers_.streams_) {
+    if (stream.first == row_->first && !stream.second.empty()) peers_.Show(stream);
+  }
   peers_.streams_.erase(row_);
 }

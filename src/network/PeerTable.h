@@ -9,8 +9,8 @@
 #include "threads/Mutex.h"
 
 // The members from which one database receives, as a table for the users: "DEVICE::PROCESS" is "ADDRESS:PORT" while the
-// stream lives, and "" after its end. The table is made when somebody first asks for it; until then only the streams that
-// live are kept.
+// stream lives, and "" after its end. The table is made when somebody first asks for it; until then only the streams
+// that live are kept.
 //
 // Threads: any. Its lock comes before the table lock.
 class PeerTable {

@@ -12,10 +12,10 @@
 #include "threads/FileDescriptor.h"
 #include "threads/Mutex.h"
 
-// Starts the threads of one server's peers, one for each peer that is received from and one for each that is served, and
-// awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three eighths
-// of the limit of descriptors: a flood of announcements or connections must not take them all. A place for which there is
-// no thread waits until a thread of any server has ended.
+// Starts the threads of one server's peers, one for each peer that is received from and one for each that is served,
+// and awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three
+// eighths of the limit of descriptors: a flood of announcements or connections must not take them all. A place for
+// which there is no thread waits until a thread of any server has ended.
 //
 // Threads: any. The lock of the places that wait, one for the process, comes before the mutex of each object, and that
 // before the one of ActiveESNs.

@@ -55,7 +55,7 @@ bool BufferRecord(const Varnix::Row& record, SocketStream& stream) {
   return WriteFields(record, stream);
 }
 
-bool IsWrittenWhole(const Varnix::Row& record) { return LengthOfA(record) > 0 && LengthOfB(record) > 0; }
+bool HasEmptyField(const Varnix::Row& record) { return LengthOfA(record) == 0 || LengthOfB(record) == 0; }
 
 bool FlushRecords(SocketStream& stream) {
   const StreamLock lock(stream);

@@ -9,12 +9,13 @@
 // value.
 
 // Writes one record into the stream's buffer; longer fields are cut to their length modulo 4,096 and 1,048,576.
-// False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written. What
-// is in the buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
+// False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written.
+// What is in the buffer by then goes out with the next flush. Throws AbortRequested when the server stops.
 bool BufferRecord(const Varnix::Row& record, SocketStream& stream);
 
-// Whether BufferRecord() writes all fields of the record, and not only those before one without bytes.
-bool IsWrittenWhole(const Varnix::Row& record);
+// Whether a field is empty on the wire: then BufferRecord() writes only what stands before it, and WriteRecord() does
+// not flush.
+bool HasEmptyField(const Varnix::Row& record);
 
 // Sends what is in the buffer. False when the stream has failed.
 bool FlushRecords(SocketStream& stream);

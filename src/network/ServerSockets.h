@@ -2,9 +2,9 @@
 
 #include "threads/FileDescriptor.h"
 
-// The descriptors of the network. Each is closed on exec from its birth: in a program that the host starts it would hold
-// a connection open whose owner is gone. When a system call fails while those of a table server are made, that is logged
-// with errno and ends the process.
+// The descriptors of the network. Each is closed on exec from its birth: in a program that the host starts it would
+// hold a connection open whose owner is gone. When a system call fails while those of a table server are made, that is
+// logged with errno and ends the process.
 
 constexpr unsigned short kDiscoveryPort = 1975;
 
@@ -19,7 +19,8 @@ FileDescriptor OpenListeningSocket(unsigned short& port);
 // A UDP socket that may broadcast and shares the discovery port with every other server on this host.
 FileDescriptor OpenDiscoverySocket();
 
-// What all threads of a server watch: once something is written to it, it stays readable.
+// What every wait of a server watches, but that of a sender for rows: once something is written to it, it stays
+// readable.
 Pipe OpenDonePipe();
 
 // What tells the discovery thread that the network has changed.

@@ -65,19 +65,20 @@ void TableSender::StreamRows() {
   const std::shared_ptr<Varnix::Watcher> done_watcher = member_.done_table->WatchAll();
   const std::shared_ptr<Varnix::Watcher> row_watcher = member_.send_table->WatchAll();
   const std::shared_ptr<LocalTable::LWatcherSet> set = LocalTable::LWatcherSet::Make({row_watcher, done_watcher});
-  for (;;) {
-    const Clock::time_point now = Clock::now();
+  for (Clock::time_point now = Clock::now();;) {
     const auto [row, watcher, more] = set->TakeUntil(now + std::chrono::seconds(1));
-    const bool looks = buffered_ == 0;
-    if (looks && PeerIsGone()) return;
-    // The set may choose a row that is set again and again for ever. A write that met the stop counts as well.
-    const bool stops = watcher == done_watcher || (looks && !done_watcher->GetChanges().empty());
+    now = Clock::now();
+    const bool nothing_buffered = buffered_ == 0;
+    if (nothing_buffered && PeerIsGone()) return;
+    // The set gives no order: a row that is set without a pause would hide the done row, so this looks for it, too.
+    // `aborted`: a write has met the stop.
+    const bool stops = watcher == done_watcher || (nothing_buffered && !done_watcher->GetChanges().empty());
     if (stops || stream_->GetCookie().aborted) throw AbortRequested();
     if (watcher == row_watcher) SendRow(row, more, now);
   }
 }
 
-// The peer never sends after its one record: what can be read by then is the end of the connection.
+// After its one record the peer sends nothing. If the socket is readable now, the connection has ended.
 bool TableSender::PeerIsGone() const {
   pollfd entry = {stream_->Socket(), POLLIN, 0};
   return poll(&entry, 1, 0) == 1;
@@ -88,8 +89,9 @@ void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point n
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
   // A failure needs no answer here: the connection is over then, and the next look at the peer sees it.
-  if (!IsWrittenWhole(row)) {
+  if (HasEmptyField(row)) {
     SendBuffered();  // Such a row stays in the buffer, and must not keep others there.
+    if (!more) SetDelay(false);
     BufferRecord(row, *stream_);
     return;
   }

@@ -48,7 +48,7 @@ class TableSender {
 
   const Member& member_;
   const std::unique_ptr<SocketStream> stream_;
-  std::size_t buffered_ = 0;  // Bytes of rows that have been written since the last flush.
+  std::size_t buffered_ = 0;  // Bytes of keys and values in the buffer; 0 when nothing waits for a flush.
   Clock::time_point buffered_since_;
   bool delayed_ = true;  // Whether the kernel holds small segments back, as it does on a new socket.
 };

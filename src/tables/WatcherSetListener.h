@@ -4,7 +4,7 @@
 
 #include "tables/LocalTable.h"
 
-// A watcher tells its listeners when it passes between "nothing pending" and "a change pending".
+// A watcher tells its listeners when it comes to have a change pending, perhaps again, and when it has none any more.
 class LocalTable::WatcherSetListener {
  public:
   virtual void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) VARNIX_REQUIRES(table_lock) = 0;

@@ -11,8 +11,8 @@ class NoFork {
   NoFork& operator=(const NoFork&) = delete;
 };
 
-// Owns one file descriptor, or none, and closes it once. In a forked child it is closed at the fork: there it would keep
-// a connection of the parent's open after the parent has gone.
+// Owns one file descriptor, or none, and closes it once. In a forked child it is closed at the fork:
+// otherwise the child would keep the parent's connections open.
 //
 // Threads: one object belongs to one thread at a time; the list of all objects has a lock of its own, a leaf.
 class FileDescriptor {

@@ -2,6 +2,6 @@
 
 #include <atomic>
 
-// How many forks lie between this process and the one that loaded the library. What refers to threads belongs to the
-// process in which it was made: a forked child has only one of them.
+// How many forks lie between this process and the one that loaded the library. What refers to threads is valid only in
+// the process that made it: a forked child has one thread.
 inline std::atomic<unsigned> fork_generation{0};

@@ -1,5 +1,5 @@
-// Whatever the bytes are, and however the network splits them, the reader yields the whole records that they begin with;
-// and a record that is written is read back as it was.
+// Whatever the bytes are, and however the network splits them, the reader yields the whole records that they begin
+// with; and a record that is written is read back as it was.
 
 #include <poll.h>
 #include <unistd.h>

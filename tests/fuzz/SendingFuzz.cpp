@@ -1,5 +1,5 @@
-// A peer that answers anything at all is told who we are. If it answers properly, it gets every row of the table too, and
-// is connected back to when its group is ours; otherwise it gets nothing more.
+// A peer that answers anything at all is told who we are. If it answers properly, it gets every row of the table too,
+// and is connected back to when its group is ours; otherwise it gets nothing more.
 
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // A program without exceptions and RTTI, in the oldest C++ that the header allows: without_exceptions NAME
 //
-// Shares a row under its name, with SIGTERM blocked meanwhile, and prints each row of the group that is not its own. Ends
-// with its input.
+// Shares a row under its name, with SIGTERM blocked meanwhile, and prints each row of the group that is not its own.
+// Ends with its input.
 #include <Varnix.h>
 #include <arpa/inet.h>
 #include <pthread.h>

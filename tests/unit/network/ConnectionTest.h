@@ -19,8 +19,8 @@
 #include "support/Own.h"
 #include "support/SystemCallHooks.h"
 
-// For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer; what the
-// peer does passes by the hooks.
+// For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer; what
+// the peer does passes by the hooks.
 class ConnectionTest : public testing::Test {
  protected:
   static constexpr std::chrono::seconds kDeadline{10};  // Bounds a failing run only.
@@ -31,8 +31,8 @@ class ConnectionTest : public testing::Test {
     for (const int descriptor : done_) close(descriptor);
   }
 
-  // A connection in place of the one there is. A death test begins with it: under an emulator it runs in a forked child,
-  // where the descriptors of the library are closed.
+  // A connection in place of the one there is. A death test begins with it: under an emulator it runs in a forked
+  // child, where the descriptors of the library are closed.
   void Connect() {
     PeerCloses();
     int pair[2];

@@ -26,8 +26,8 @@ inline std::string ReceiveUntilEnd(int descriptor) {
   }
 }
 
-// A peer that accepts a connection on loopback, sends `says` at once and `answers` when it is told to, and then ends its
-// half of the stream, if it `ends`. All on the thread that connects to it.
+// A peer that accepts a connection on loopback, sends `says` at once and `answers` when it is told to, and then ends
+// its half of the stream, if it `ends`. All on the thread that connects to it.
 class PeerSocket {
  public:
   PeerSocket() : listener_(socket(AF_INET, SOCK_STREAM, 0)) {

@@ -67,6 +67,14 @@ TEST_F(PeerTableTest, ShowsIdentitiesOfAnyBytes) {
   EXPECT_EQ(rows[2].first, "xy::");
 }
 
+TEST_F(PeerTableTest, ShowsTheOtherOfTwoThatLookAlikeWhenOneHasEnded) {
+  const auto table = peers_.GetTable();
+  const PeerTableEntry first(peers_, CombinedKey("a::b", "c"), kPlace);
+  { const PeerTableEntry second(peers_, CombinedKey("a", "b::c"), {0x0A000002, 1}); }
+
+  EXPECT_EQ(Contents(*table), (Rows{{"a::b::c", "10.0.0.1:4711"}}));
+}
+
 TEST_F(PeerTableTest, ShowsNothingOfAStreamForWhichThereIsNoMemory) {
   const auto table = peers_.GetTable();
 

@@ -29,8 +29,8 @@ using testing::IsEmpty;
 using testing::KilledBySignal;
 using Varnix::LogLevel;
 
-// Runs the loop towards 224.1.2.3:4660, a number above 2^31 that no connection ever leaves for, on the thread and on the
-// clock of the test.
+// Runs the loop towards 224.1.2.3:4660, a number above 2^31 that no connection ever leaves for, on the thread and on
+// the clock of the test.
 class ReceiveLoopTest : public testing::Test {
  protected:
   using Pause = std::function<int(pollfd& done)>;

@@ -12,7 +12,8 @@
 #include "network/TableServer.h"
 #include "support/HookedHere.h"
 
-// A server that announces itself on this host, in a group that no other process is in, and the port on which it listens.
+// A server that announces itself on this host, in a group that no other process is in, and the port on which it
+// listens.
 class StartedServer {
  public:
   StartedServer(const std::string& uid, const std::string& database, std::shared_ptr<Varnix::Table> received,

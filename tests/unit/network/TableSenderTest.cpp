@@ -73,8 +73,8 @@ class ThrowingHook {
   std::string last_tag_;
 };
 
-// Serves a connection from 127.1.2.3 on the thread of the test. The steady clock runs a second at each look at it, so that
-// a sender with nothing to do does not sleep.
+// Serves a connection from 127.1.2.3 on the thread of the test. The steady clock runs a second at each look at it, so
+// that a sender with nothing to do does not sleep.
 class TableSenderTest : public testing::Test {
  protected:
   TableSenderTest() : TableSenderTest(MakePair()) {}

@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-// With the first thread the thread sanitizer starts one of its own, which stays. Who counts threads lets it do so first;
-// and waits, because one that has been joined is listed a moment longer.
+// With the first thread the thread sanitizer starts one of its own, which stays. Who counts threads lets it do so
+// first; and waits, because one that has been joined is listed a moment longer.
 inline void StartAndEndAThread() {
   pid_t thread = 0;
   std::thread([&] { thread = gettid(); }).join();

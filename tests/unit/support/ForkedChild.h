@@ -6,7 +6,8 @@
 
 #include <cstddef>
 
-// The thread sanitizer takes a child's thread for that of the parent whose stack it gets. None is large enough for this.
+// The thread sanitizer takes a child's thread for that of the parent whose stack it gets. None is large enough for
+// this.
 inline void TakeNewStacksForThreads() {
 #if defined(__SANITIZE_THREAD__)
   pthread_attr_t attributes;
@@ -19,7 +20,8 @@ inline void TakeNewStacksForThreads() {
 #endif
 }
 
-// Whether `body` returns true in a forked child. One that hangs is ended after a minute, which only bounds a failing run.
+// Whether `body` returns true in a forked child. One that hangs is ended after a minute, which only bounds a failing
+// run.
 template <class Body>
 bool HoldsInForkedChild(Body body) {
   const pid_t child = fork();

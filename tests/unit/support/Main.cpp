@@ -39,8 +39,8 @@ extern "C" const char* __tsan_default_options() { return "die_after_fork=0"; }
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
 #if !defined(VARNIX_EMULATED)
-  // Death tests start a new process: forking one with threads would copy locks that nobody releases. Under an emulator a
-  // program cannot start itself.
+  // Death tests start a new process: forking one with threads would copy locks that nobody releases. Under an emulator
+  // a program cannot start itself.
   testing::GTEST_FLAG(death_test_style) = "threadsafe";
 #endif
   StartAndEndAThread();
