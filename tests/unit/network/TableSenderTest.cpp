@@ -281,6 +281,18 @@ TEST_F(TableSenderTest, RowsOfABurstMayShareSegmentsAndTheLastIsNotHeldBack) {
   EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "send 14", "send 14", "option TCP_NODELAY 1"));
 }
 
+TEST_F(TableSenderTest, RowsBeforeAnEmptyValueThatEndsABurstAreNotHeldBack) {
+  SetRow("\x03tbla", "value");
+  SetRow("\x03tblb", "");
+  PeerSays(kOurGroup);
+  RecordOptions();
+  passes_.assign(2, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "option TCP_NODELAY 1", "send 9"));
+}
+
 TEST_F(TableSenderTest, SingleRowsAreNotHeldBackAndTakeNoFurtherCall) {
   PeerSays(kOurGroup);
   RecordOptions();
