@@ -1,5 +1,6 @@
 # What cross-building by Debian's compilers has in common; the files beside this one name the triplet.
 set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator} -L /usr/${triplet})
 

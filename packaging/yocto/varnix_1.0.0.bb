@@ -10,7 +10,7 @@ SRC_URI = "file://varnix-${PV}.tar.gz"
 
 inherit cmake
 
-EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DBUILD_TESTING=OFF -DVARNIX_EXAMPLES=OFF -DVARNIX_TOOLS=OFF -DVARNIX_WIRESHARK=OFF"
+EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DBUILD_TESTING=OFF -DVARNIX_EXAMPLES=OFF -DVARNIX_C=OFF -DVARNIX_TOOLS=OFF -DVARNIX_WIRESHARK=OFF"
 
 # The file finds its prefix from its own place, and pkg-config would put the sysroot before that once more.
 do_install:append() {

@@ -3,33 +3,19 @@
 import os
 import pathlib
 import re
-import shlex
 import shutil
-import subprocess
 
 import pytest
+
+from descriptions import compare, describe, run
 
 SOURCE = pathlib.Path(os.environ["VARNIX_SOURCE"])
 DESCRIPTION = pathlib.Path(os.environ["VARNIX_DESCRIPTION"])
 
 
-def run(*command):
-    done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    assert done.returncode == 0, done.stdout
-    return done.stdout
-
-
 @pytest.fixture(scope="module")
 def built(tmp_path_factory):
-    description = tmp_path_factory.mktemp("built") / "built.abi"
-    run(*shlex.split(os.environ["VARNIX_DESCRIBE"]), "--out-file", description)
-    return description
-
-
-def compare(expected, built):
-    done = subprocess.run(["abidiff", expected, built], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    assert done.returncode & 3 == 0, done.stdout  # Those bits are for an error of the comparison itself.
-    return done.returncode, done.stdout
+    return describe(tmp_path_factory.mktemp("built") / "built.abi")
 
 
 def test_the_library_is_as_its_description(built):
@@ -65,7 +51,8 @@ def build(source):
         copy(SOURCE / part, source / part)
     run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", source, "-B", source / "build",
         f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}", f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}",
-        "-DCMAKE_CXX_FLAGS=-g", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF")
+        "-DCMAKE_CXX_FLAGS=-g", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF",
+        "-DVARNIX_C=OFF")
     run("cmake", "--build", source / "build", "--target", "varnix", "--parallel", len(os.sched_getaffinity(0)))
     return source / "build" / "libvarnix.so"
 

@@ -93,7 +93,7 @@ apt_in builder build-dep --host-architecture=armhf --build-profiles=cross,nochec
 quietly in_root builder sh -c 'cd /build && dpkg-source -x varnix_*.dsc crossed && cd crossed &&
   DEB_BUILD_OPTIONS=nocheck DEB_BUILD_PROFILES="cross nocheck" dpkg-buildpackage -us -uc -b -a armhf'
 shown "dpkg-buildpackage makes armhf packages from that source package, cross-compiled"
-shown "both libraries export the symbols in debian/libvarnix1.symbols, none less and none more"
+shown "all libraries export the symbols in debian/*.symbols, none less and none more"
 
 for changes in "$built"/varnix_*.changes; do
   quietly lintian --allow-root --fail-on error,warning "$changes"
@@ -102,7 +102,7 @@ done
 
 # Multi-Arch: same asks for this.
 for architecture in amd64 armhf; do
-  for package in libvarnix1 libvarnix-dev; do
+  for package in libvarnix1 libvarnix-dev libvarnix-c1 libvarnix-c-dev; do
     dpkg-deb -x "$built/${package}"_*_$architecture.deb "$work/unpacked-$architecture"
   done
 done

@@ -79,20 +79,42 @@ def test_plain_linking_finds_it(prefix, tmp_path):
     assert_works(tmp_path / "stranger", prefix)
 
 
-def test_installing_gives_the_header_the_library_the_two_packages_and_the_tools_alone(prefix):
+def test_find_package_finds_the_library_for_c_in_a_project_of_c_alone(prefix, tmp_path):
+    build_with_cmake(HERE / "installed-c", tmp_path / "build", f"-DCMAKE_PREFIX_PATH={prefix}")
+
+    assert_works(tmp_path / "build" / "stranger", prefix)
+
+
+def test_pkg_config_finds_the_library_for_c(prefix, tmp_path):
+    flags = run("pkg-config", "--cflags", "--libs", "varnix_c", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig").split()
+
+    run(*COMPILER, "-x", "c", "-std=c99", HERE / "installed-c" / "main.c", *flags, "-o",
+        tmp_path / "stranger")
+
+    assert_works(tmp_path / "stranger", prefix)
+
+
+def test_installing_gives_the_headers_the_libraries_their_packages_and_the_tools_alone(prefix):
     installed = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir())
 
     command = ["bin/varnix", "share/bash-completion/completions/varnix", "share/man/man1/varnix.1"]
     assert installed == sorted([
         "include/Varnix.h",
+        "include/varnix_c.h",
         "lib/libvarnix.so",
         "lib/libvarnix.so.1",
         "lib/libvarnix.so.1.0.0",
+        "lib/libvarnix_c.so",
+        "lib/libvarnix_c.so.1",
+        "lib/libvarnix_c.so.1.0.0",
+        "lib/cmake/Varnix/VarnixCTargets.cmake",
+        f"lib/cmake/Varnix/VarnixCTargets-{os.environ['VARNIX_CONFIG'].lower()}.cmake",
         "lib/cmake/Varnix/VarnixConfig.cmake",
         "lib/cmake/Varnix/VarnixConfigVersion.cmake",
         "lib/cmake/Varnix/VarnixTargets.cmake",
         f"lib/cmake/Varnix/VarnixTargets-{os.environ['VARNIX_CONFIG'].lower()}.cmake",
         "lib/pkgconfig/varnix.pc",
+        "lib/pkgconfig/varnix_c.pc",
         "lib/wireshark/plugins/varnix.lua",
     ] + (command if (BUILD / "tools" / "varnix" / "varnix").exists() else []))
 
@@ -102,7 +124,8 @@ def test_all_packages_have_the_version_of_the_header(prefix):
     version = ".".join(re.search(rf"^#define VARNIX_VERSION_{part} (\d+)$", header, re.MULTILINE)[1]
                        for part in ("MAJOR", "MINOR", "PATCH"))
 
-    assert run("pkg-config", "--modversion", "varnix", PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig") == f"{version}\n"
+    for package in ("varnix", "varnix_c"):
+        assert run("pkg-config", "--modversion", package, PKG_CONFIG_PATH=f"{prefix}/lib/pkgconfig") == f"{version}\n"
     config = prefix / "lib" / "cmake" / "Varnix" / "VarnixConfigVersion.cmake"
     assert f'set(PACKAGE_VERSION "{version}")\n' in config.read_text(encoding="utf-8")
 
@@ -135,6 +158,7 @@ LEFT_OUT = [
     "Varnix: left out: the comparison of the interface with its description: not found: pytest",
     "Varnix: left out: the tests of the installed package: not found: pytest",
     "Varnix: left out: the test that counts instructions: not found: pytest, valgrind",
+    "Varnix: left out: the tests of the file of the library for C: not found: pytest",
     "Varnix: left out: the tests of the scripts: not found: pytest",
     "Varnix: left out: the system tests: not found: pytest",
     "Varnix: left out: the unit tests: not found: GoogleTest with its gmock",

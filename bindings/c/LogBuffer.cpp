@@ -1,0 +1,39 @@
+#include "LogBuffer.h"
+
+#include <cstdio>
+
+LogBuffer::LogBuffer(std::size_t capacity) : slots_count_(capacity + 1), slots_(new Slot[capacity + 1]) {
+  sem_init(&news_, 0, 0);
+}
+
+void LogBuffer::Write(int level, const char* tag, const char* format, va_list arguments) {
+  const std::size_t end = end_;
+  if (After(end) == begin_) {
+    ++dropped_;
+    return;
+  }
+  Slot& slot = slots_[end];
+  slot.level = level;
+  std::snprintf(slot.tag, sizeof slot.tag, "%s", tag);
+  std::vsnprintf(slot.text, sizeof slot.text, format, arguments);
+  end_ = After(end);
+  Wake();
+}
+
+bool LogBuffer::Take(varnix_log_message* message) {
+  if (lent_) begin_ = After(begin_);
+  lent_ = begin_ != end_;
+  if (!lent_) return false;
+  const Slot& slot = slots_[begin_];
+  *message = {slot.level, slot.tag, slot.text, dropped_.exchange(0)};
+  return true;
+}
+
+void LogBuffer::Wait() {
+  sem_wait(&news_);
+  woken_ = false;  // What is written from now on wakes again; what was written before is taken after this.
+}
+
+void LogBuffer::Wake() {
+  if (!woken_.exchange(true)) sem_post(&news_);
+}

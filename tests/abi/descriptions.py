@@ -1,0 +1,22 @@
+"""Descriptions of libraries as abidw makes them, and their comparison."""
+
+import os
+import shlex
+import subprocess
+
+
+def run(*command):
+    done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def describe(description):
+    run(*shlex.split(os.environ["VARNIX_DESCRIBE"]), "--out-file", description)
+    return description
+
+
+def compare(expected, built):
+    done = subprocess.run(["abidiff", expected, built], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode & 3 == 0, done.stdout  # Those bits are for an error of the comparison itself.
+    return done.returncode, done.stdout

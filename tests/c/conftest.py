@@ -1,0 +1,1 @@
+from system.conftest import make_namespace, network
