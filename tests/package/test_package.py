@@ -159,6 +159,7 @@ LEFT_OUT = [
     "Varnix: left out: the tests of the installed package: not found: pytest",
     "Varnix: left out: the test that counts instructions: not found: pytest, valgrind",
     "Varnix: left out: the tests of the file of the library for C: not found: pytest",
+    "Varnix: left out: the tests of the package for Python: not found: pytest",
     "Varnix: left out: the tests of the scripts: not found: pytest",
     "Varnix: left out: the system tests: not found: pytest",
     "Varnix: left out: the unit tests: not found: GoogleTest with its gmock",

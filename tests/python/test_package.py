@@ -1,0 +1,71 @@
+"""The package as it is installed, typed and measured."""
+
+import ctypes
+import itertools
+import os
+import pathlib
+import subprocess
+import sys
+import timeit
+
+import programs
+import varnix
+
+SOURCE = pathlib.Path(os.environ["VARNIX_SOURCE"]) / "bindings" / "python"
+
+
+def run(*command, **keywords):
+    done = subprocess.run([str(word) for word in command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          **keywords)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def test_pip_installs_it_without_a_compiler_and_without_a_network(tmp_path):
+    copy = tmp_path / "copy"
+    run("cp", "-r", SOURCE, copy)  # It builds inside.
+    run(sys.executable, "-m", "pip", "install", "--no-build-isolation", "--no-index", "--no-deps", "--target",
+        tmp_path / "installed", copy, env={**os.environ, "CC": "/bin/false", "HOME": str(tmp_path)})
+
+    output = run(sys.executable, "-c", "import varnix; print(varnix.__file__)", cwd=tmp_path,
+                 env={**os.environ, "PYTHONPATH": str(tmp_path / "installed")})
+    assert output == f"{tmp_path}/installed/varnix/__init__.py\n"
+    assert (tmp_path / "installed" / "varnix" / "py.typed").exists()
+
+
+def test_the_types_hold_for_the_package_its_examples_and_all_supported_versions(tmp_path):
+    for version in ("3.9", "3.11"):
+        run("mypy", "--strict", "--python-version", version, "--cache-dir", tmp_path, SOURCE / "varnix",
+            SOURCE / "examples", env={**os.environ, "MYPYPATH": str(SOURCE)})
+
+
+def test_a_user_of_wrong_types_is_told(tmp_path):
+    (tmp_path / "wrong.py").write_text("import varnix\nvarnix.table('t').set('k', 5)\n", encoding="ascii")
+
+    done = subprocess.run(["mypy", "--strict", "--cache-dir", tmp_path / "cache", tmp_path / "wrong.py"],
+                          env={**os.environ, "MYPYPATH": str(SOURCE)}, stdout=subprocess.PIPE, text=True)
+
+    assert 'Argument 2 to "set" of "Table" has incompatible type "int"' in done.stdout
+
+
+def test_setting_and_waiting_cost_little_more_than_an_empty_call(table):
+    changes = varnix.WatcherSet([table.watch_all()])
+    values = itertools.cycle([b"41.5", b"42.0"])
+    empty = ctypes.CDLL("libvarnix_c.so.1").varnix_version
+
+    def microseconds(call):
+        return min(timeit.repeat(call, number=2000, repeat=15)) / 2000 * 1e6
+
+    def set_and_wait():
+        table.set(b"speed", next(values))
+        changes.wait()
+
+    nothing = microseconds(lambda: empty(next(values)) and None)
+    setting = microseconds(lambda: table.set(b"speed", next(values)))
+    waiting = microseconds(set_and_wait) - setting
+    changes.fileno()  # From now on each set and each wait is a call of the kernel, too.
+    with_descriptor = microseconds(set_and_wait)
+    programs.figure(f"us in Python: an empty call {nothing:.2f}, a set {setting:.2f}, a wait {waiting:.2f}, "
+                    f"both with a descriptor {with_descriptor:.2f}")
+
+    assert setting < nothing + 20 and waiting < nothing + 20
