@@ -158,6 +158,7 @@ LEFT_OUT = [
     "Varnix: left out: the comparison of the interface with its description: not found: pytest",
     "Varnix: left out: the tests of the installed package: not found: pytest",
     "Varnix: left out: the test that counts instructions: not found: pytest, valgrind",
+    "Varnix: left out: the tests of the code for event loops: not found: pytest",
     "Varnix: left out: the tests of the file of the library for C: not found: pytest",
     "Varnix: left out: the tests of the package for Python: not found: pytest",
     "Varnix: left out: the tests of the scripts: not found: pytest",

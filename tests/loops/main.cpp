@@ -1,0 +1,20 @@
+// Runs the code that docs/event-loops.md shows: its Run() sees the rows that another thread sets.
+#include SNIPPET
+
+#include <string>
+#include <thread>
+
+int main(int argc, char** argv) {
+#ifdef QT_CORE_LIB
+  QCoreApplication application(argc, argv);
+#endif
+  static_cast<void>(argc), static_cast<void>(argv);
+  const auto table = Varnix::MakeTable("table");
+  table->Set({"before", "1"});
+  std::thread writer([&] {
+    for (int i = 1; i <= 100; ++i) table->Set({"speed", std::to_string(i)});
+    table->Set({"end", "of rows"});
+  });
+  Run(table);
+  writer.join();
+}
