@@ -99,7 +99,7 @@ class WatcherSet(Handle):
         just when a change has been taken, that change is lost, as with any queue.)
         """
         change = self._take()
-        if change is not None or timeout == 0:
+        if change is not None or (timeout is not None and timeout <= 0):
             return change
         deadline = None if timeout is None else time.monotonic() + timeout
         poll = select.poll()  # Which lets handlers run, as a sleep inside the library cannot.
