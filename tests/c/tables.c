@@ -116,6 +116,20 @@ static void handles_may_be_freed_in_any_order(void) {
   varnix_change_free(change);
 }
 
+static void a_handle_that_a_set_reports_is_no_other_watcher_s_handle(void) {
+  varnix_table* table = new_table();
+  varnix_watcher* freed = watch_all(table);
+  varnix_watcher_set* set = set_of(freed);
+  varnix_watcher_free(freed);
+
+  varnix_watcher* others[100];
+  for (int i = 0; i < 100; ++i) CHECK((others[i] = watch_all(table)) != freed);
+
+  for (int i = 0; i < 100; ++i) varnix_watcher_free(others[i]);
+  varnix_watcher_set_free(set);
+  varnix_table_free(table);
+}
+
 static void null_may_be_freed(void) {
   varnix_change_free(NULL);
   varnix_table_free(NULL);
@@ -256,6 +270,7 @@ int main(void) {
   RUN(what_cannot_be_a_string_is_an_invalid_argument);
   RUN(a_set_tells_which_watcher_had_the_change);
   RUN(handles_may_be_freed_in_any_order);
+  RUN(a_handle_that_a_set_reports_is_no_other_watcher_s_handle);
   RUN(null_may_be_freed);
   RUN(a_descriptor_is_readable_while_a_change_is_pending);
   RUN(a_thread_that_waits_sees_the_last_value_of_another);

@@ -129,3 +129,17 @@ def test_a_cancelled_task_leaves_no_descriptor_behind(changes):
         return counts
 
     assert len(set(run(main()))) == 1
+
+
+def test_a_cancelled_task_leaves_the_loop_as_it_was(changes, monkeypatch):
+    async def main():
+        loop, watched = asyncio.get_running_loop(), []
+        add_reader = loop.add_reader
+        monkeypatch.setattr(loop, "add_reader", lambda fd, *rest: (watched.append(fd), add_reader(fd, *rest)))
+        task = asyncio.ensure_future(take(changes, 1))
+        await asyncio.sleep(0)
+        task.cancel()
+        await asyncio.gather(task, return_exceptions=True)
+        return [loop.remove_reader(fd) for fd in watched]
+
+    assert run(main()) == [False]
