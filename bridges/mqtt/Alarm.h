@@ -1,0 +1,56 @@
+#pragma once
+
+#include <Varnix.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <utility>
+
+// Turns a change of a watcher into a descriptor that poll() can wait for. A thread of its own sleeps in the watcher set,
+// takes the first change, and then rests until it is set again: so under load it does nothing.
+//
+// Threads: that of the owner alone, beside its own.
+class Alarm {
+ public:
+  using Change = std::pair<Varnix::Row, std::shared_ptr<Varnix::Watcher>>;
+
+  Alarm();
+  ~Alarm();
+  Alarm(const Alarm&) = delete;
+  Alarm& operator=(const Alarm&) = delete;
+
+  // A watcher that the sets to come must have among their members.
+  std::shared_ptr<Varnix::Watcher> MakeRecallWatcher() const;
+
+  // Sleeps for the next change of the set. From here on nobody else may take one, or rows would go back: what the alarm
+  // has taken is older than what comes next.
+  void Set(std::shared_ptr<Varnix::WatcherSet> changes);
+  // Whether the alarm is set and no change has come.
+  bool IsSet() const;
+  // Readable from when a change has come until it is taken.
+  int Descriptor() const { return event_; }
+  // The change that has come, once.
+  std::optional<Change> Take();
+  // Ends the sleep. Nothing is left to take.
+  void Recall();
+
+ private:
+  void Run();
+  std::shared_ptr<Varnix::WatcherSet> NextSet();
+  void Ring(Change change);
+
+  const int event_;
+  const std::shared_ptr<Varnix::Table> recall_;  // A row that is set here ends the sleep.
+  unsigned long recalls_ = 0;
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::shared_ptr<Varnix::WatcherSet> set_;  // Not null: the alarm is set. Guarded by the mutex, as all below.
+  std::optional<Change> come_;
+  bool stopping_ = false;
+
+  std::thread thread_;
+};

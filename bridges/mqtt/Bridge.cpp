@@ -1,0 +1,169 @@
+#include "Bridge.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "BrokerWords.h"
+#include "Signals.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kBetweenChores(1);
+constexpr seconds kBetweenBeats(60);
+constexpr seconds kLongEnough(10);  // A connection that lasted as long was a good one.
+constexpr seconds kLongestLeave(3);
+
+std::string InSeconds(milliseconds time) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", static_cast<double>(time.count()) / 1000);
+  return text;
+}
+
+Broker::Will WillOf(const Options& options, const Topics& topics) {
+  return options.read_only ? Broker::Will{} : Broker::Will{topics.State(options.site), Publisher::kGone};
+}
+
+std::string NameOf(const Options& options) { return options.host + " port " + std::to_string(options.port); }
+
+}  // namespace
+
+Bridge::Bridge(const Options& options, const Log& log)
+    : options_(options),
+      log_(log),
+      topics_(options.prefix),
+      client_name_(topics_.ClientOf(options.site)),
+      group_(options, log),
+      inbox_(options, topics_, group_, log),
+      broker_(options, client_name_, WillOf(options, topics_), *this, log),
+      next_beat_(Clock::now() + kBetweenBeats) {
+  if (!options.read_only) publisher_.emplace(options, topics_, broker_, log);
+}
+
+Bridge::ExitStatus Bridge::Run() {
+  JoinGroup();
+  while (!Signals::EndIsAskedFor()) {
+    if (broker_.Connect()) ServeConnection();
+    if (Signals::EndIsAskedFor()) break;
+    if (broker_.End().cause == BrokerEnd::Cause::TakenOver) {
+      log_.Error("Another client has connected to the broker as '" + client_name_ +
+                 "', which is our name. Is there a second bridge for this site? This one ends, because the broker "
+                 "would throw out both in turns.");
+      return kSecondBridge;
+    }
+    CleanUpAfterConnection();
+    const milliseconds pause = backoff_.Next();
+    TellOfEnd(pause);
+    PauseFor(pause);
+  }
+  TakeLeave();
+  log_.Notice("Ended, as asked for.");
+  return kEnded;
+}
+
+void Bridge::JoinGroup() {
+  if (options_.password && !options_.UsesTls()) {
+    log_.Warning("The password goes to the broker in the clear: there is no --ca.");
+  }
+  if (publisher_) {
+    for (const std::string& database : options_.databases) group_.Join(database);
+  }
+  inbox_.JoinDatabases();
+  group_.Tick();
+}
+
+void Bridge::ServeConnection() {
+  accepted_at_.reset();
+  greeted_ = false;
+  while (broker_.HasConnection() && !Signals::EndIsAskedFor()) {
+    if (accepted_at_ && !greeted_) Greet();
+    if (publisher_) {
+      const Broker::Gathering gathering(broker_);
+      publisher_->SendWhatIsDue();
+    }
+    if (broker_.HasConnection()) WaitForTheBroker();
+    inbox_.LetEmptyValuesLeave();
+    DoChores();
+  }
+}
+
+void Bridge::Greet() {
+  greeted_ = true;
+  log_.Notice("Connected to the broker at " + NameOf(options_) + " as '" + client_name_ + "'.");
+  if (options_.Imports()) broker_.Subscribe(inbox_.Filters());
+  if (publisher_) publisher_->Begin();
+}
+
+void Bridge::WaitForTheBroker() {
+  std::vector<pollfd> awaited = {{broker_.Descriptor(), POLLIN, 0}};
+  if (broker_.WantsToWrite()) awaited.front().events |= POLLOUT;
+  // While there is no room for rows, the changes stay where they are, and their descriptor readable.
+  if (publisher_ && publisher_->AwaitsChanges()) awaited.push_back({publisher_->Descriptor(), POLLIN, 0});
+  Signals::Poll(awaited, publisher_ && publisher_->HasWork() ? milliseconds(0) : kBetweenChores);
+  broker_.Serve(awaited.front().revents != 0);
+}
+
+void Bridge::Acknowledged(int message, int reason) {
+  if (publisher_) publisher_->Acknowledged(message, reason);
+}
+
+void Bridge::Subscribed(const std::vector<int>& reasons) {
+  const std::vector<std::string> filters = inbox_.Filters();
+  for (std::size_t i = 0; i < std::min(filters.size(), reasons.size()); ++i) {
+    if (IsRefusal(reasons[i])) {
+      log_.Error("The broker refuses to send us '" + filters[i] + "': " + WordsForReason(reasons[i]) + ".");
+    } else {
+      log_.Info("The broker sends us '" + filters[i] + "'.");
+    }
+  }
+}
+
+void Bridge::CleanUpAfterConnection() {
+  const bool hopeful = publisher_ && publisher_->ConnectionHasEnded(broker_.End());
+  const bool was_good = accepted_at_ && Clock::now() - *accepted_at_ >= kLongEnough;
+  if (hopeful || was_good) backoff_.Reset();
+}
+
+void Bridge::TellOfEnd(milliseconds next_attempt) const {
+  const std::string head =
+      accepted_at_ ? "The connection has ended to the broker at " : "There is no connection to the broker at ";
+  log_.Warning(head + NameOf(options_) + ": " + broker_.End().words + ". Next attempt in " + InSeconds(next_attempt) +
+               ".");
+}
+
+void Bridge::PauseFor(milliseconds time) {
+  accepted_at_.reset();
+  const Clock::time_point end = Clock::now() + time;
+  std::vector<pollfd> nothing;
+  while (!Signals::EndIsAskedFor() && Clock::now() < end) {
+    const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now()) + milliseconds(1);
+    Signals::Poll(nothing, std::min<milliseconds>(left, kBetweenChores));
+    DoChores();
+  }
+}
+
+void Bridge::DoChores() {
+  const Clock::time_point now = Clock::now();
+  if (now < next_chores_) return;
+  next_chores_ = now + kBetweenChores;
+  const bool beat = now >= next_beat_;
+  if (beat) next_beat_ = now + kBetweenBeats;
+  group_.Tick();
+  inbox_.Tick();
+  if (beat) inbox_.Beat();
+  if (!publisher_) return;
+  publisher_->Tick();
+  if (beat) publisher_->Beat();
+}
+
+void Bridge::TakeLeave() {
+  if (!broker_.HasConnection() || !greeted_) return;
+  if (publisher_) publisher_->TakeLeave();
+  const Clock::time_point end = Clock::now() + kLongestLeave;
+  while (broker_.HasConnection() && publisher_ && !publisher_->HasTakenLeave() && Clock::now() < end) {
+    WaitForTheBroker();
+  }
+  broker_.Disconnect();
+}

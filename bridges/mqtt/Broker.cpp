@@ -1,0 +1,253 @@
+#include "Broker.h"
+
+#include <mqtt_protocol.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "BrokerWords.h"
+#include "InFlight.h"
+#include "Signals.h"
+
+namespace {
+
+constexpr int kKeepAliveSeconds = 20;
+constexpr std::chrono::seconds kLongestConnect(10);
+constexpr std::chrono::seconds kLongestSilence(10);  // Until the broker answers to a connection.
+constexpr std::uint32_t kLargestPacket = 16 << 20;   // Well above the largest row, so that we see what is too large.
+constexpr int kQos = 1;
+
+struct PropertiesFree {
+  void operator()(mosquitto_property* properties) const { mosquitto_property_free_all(&properties); }
+};
+using Properties = std::unique_ptr<mosquitto_property, PropertiesFree>;
+
+bool IsFolder(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Nobody is there to type a passphrase.
+int NoPassphrase(char*, int, int, void*) { return 0; }
+
+bool IsMissing(const mosquitto_property* properties, int feature) {
+  std::uint8_t available = 1;
+  return mosquitto_property_read_byte(properties, feature, &available, false) != nullptr && available == 0;
+}
+
+// What the sender of a row can do nothing about: the row itself cannot be sent.
+bool IsForTheMessage(int result) {
+  return result == MOSQ_ERR_INVAL || result == MOSQ_ERR_PAYLOAD_SIZE || result == MOSQ_ERR_MALFORMED_UTF8 ||
+         result == MOSQ_ERR_OVERSIZE_PACKET;
+}
+
+bool IsByTheOtherSide(int result, int error) {
+  return result == MOSQ_ERR_CONN_LOST || (result == MOSQ_ERR_ERRNO && (error == EPIPE || error == ECONNRESET));
+}
+
+}  // namespace
+
+Broker::Broker(const Options& options, std::string client_name, Will will, BrokerListener& listener, const Log& log)
+    : options_(options), client_name_(std::move(client_name)), will_(std::move(will)), listener_(listener), log_(log) {
+  mosquitto_lib_init();
+}
+
+Broker::~Broker() {
+  mosquitto_destroy(client_);
+  mosquitto_lib_cleanup();
+}
+
+bool Broker::Connect() {
+  MakeClient();
+  const int result = ConnectClient();
+  const int error = errno;
+  if (result != MOSQ_ERR_SUCCESS) {
+    EndWith(BrokerEnd::Cause::Network, WordsForCall(result, error, detail_));
+    return false;
+  }
+  const int patience_ms = 1000 * kKeepAliveSeconds;  // For data that is not acknowledged.
+  setsockopt(Descriptor(), IPPROTO_TCP, TCP_USER_TIMEOUT, &patience_ms, sizeof patience_ms);
+  answer_is_due_ = Clock::now() + kLongestSilence;
+  next_chores_ = {};
+  return true;
+}
+
+void Broker::MakeClient() {
+  mosquitto_destroy(std::exchange(client_, nullptr));
+  accepted_ = ended_ = false;
+  end_ = {};
+  detail_.clear();
+  client_ = mosquitto_new(client_name_.c_str(), true, this);
+  if (client_ == nullptr) throw std::bad_alloc();
+  mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+  mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, InFlight::kMostMessages);
+  mosquitto_int_option(client_, MOSQ_OPT_RECEIVE_MAXIMUM, InFlight::kMostMessages);
+  mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
+  SetCallbacks();
+  if (!options_.user.empty()) {
+    mosquitto_username_pw_set(client_, options_.user.c_str(), options_.password ? options_.password->c_str() : nullptr);
+  }
+  if (!will_.topic.empty()) {
+    mosquitto_will_set(client_, will_.topic.c_str(), static_cast<int>(will_.payload.size()), will_.payload.data(), kQos,
+                       true);
+  }
+  if (options_.UsesTls()) SetTls();
+}
+
+void Broker::SetCallbacks() {
+  mosquitto_connect_v5_callback_set(client_,
+                                    [](mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+                                      static_cast<Broker*>(self)->OnConnect(reason, properties);
+                                    });
+  mosquitto_disconnect_v5_callback_set(client_, [](mosquitto*, void* self, int reason, const mosquitto_property*) {
+    static_cast<Broker*>(self)->OnDisconnect(reason);
+  });
+  mosquitto_log_callback_set(client_, [](mosquitto*, void* self, int level, const char* text) {
+    static_cast<Broker*>(self)->OnLog(level, text);
+  });
+  mosquitto_publish_v5_callback_set(
+      client_, [](mosquitto*, void* self, int message, int reason, const mosquitto_property*) {
+        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) { listener.Acknowledged(message, reason); });
+      });
+  mosquitto_subscribe_v5_callback_set(
+      client_, [](mosquitto*, void* self, int, int count, const int* reasons, const mosquitto_property*) {
+        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) {
+          listener.Subscribed({reasons, reasons + count});
+        });
+      });
+  mosquitto_message_v5_callback_set(
+      client_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
+        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) {
+          listener.Arrived(message->topic,
+                           {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)});
+        });
+      });
+}
+
+void Broker::SetTls() {
+  const auto or_null = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+  const bool folder = IsFolder(options_.ca);
+  const int result =
+      mosquitto_tls_set(client_, folder ? nullptr : options_.ca.c_str(), folder ? options_.ca.c_str() : nullptr,
+                        or_null(options_.cert), or_null(options_.key), NoPassphrase);
+  if (result == MOSQ_ERR_NOMEM) throw std::bad_alloc();
+  if (result != MOSQ_ERR_SUCCESS) throw std::runtime_error("the files for TLS cannot be used");
+}
+
+int Broker::ConnectClient() {
+  mosquitto_property* list = nullptr;
+  if (mosquitto_property_add_int32(&list, MQTT_PROP_MAXIMUM_PACKET_SIZE, kLargestPacket) != MOSQ_ERR_SUCCESS) {
+    throw std::bad_alloc();
+  }
+  const Properties properties(list);
+  const Signals::LetIn let_in(kLongestConnect);
+  return mosquitto_connect_bind_v5(client_, options_.host.c_str(), options_.port, kKeepAliveSeconds, nullptr,
+                                   properties.get());
+}
+
+void Broker::Serve(bool readable) {
+  {
+    const Gathering gathering(*this);
+    if (readable) Check(mosquitto_loop_read(client_, 1), errno);
+    if (HasConnection() && WantsToWrite()) Check(mosquitto_loop_write(client_, 1), errno);
+  }
+  const Clock::time_point now = Clock::now();
+  if (HasConnection() && now >= next_chores_) {
+    next_chores_ = now + std::chrono::seconds(1);
+    Check(mosquitto_loop_misc(client_), errno);
+  }
+  if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::CutOff, "it has ended the connection");
+  if (HasConnection() && !accepted_ && now >= answer_is_due_) EndWith(BrokerEnd::Cause::Network, "it does not answer");
+  RethrowWhatTheListenerThrew();
+}
+
+Broker::Outcome Broker::Publish(const std::string& topic, std::string_view payload, int& message, std::string& why) {
+  const int result = mosquitto_publish_v5(client_, &message, topic.c_str(), static_cast<int>(payload.size()),
+                                          payload.data(), kQos, true, nullptr);
+  const int error = errno;
+  if (result == MOSQ_ERR_SUCCESS) return Outcome::Sent;
+  if (IsForTheMessage(result)) {
+    why = WordsForCall(result, error, "");
+    return Outcome::Refused;
+  }
+  Check(result, error);
+  return Outcome::ConnectionEnded;
+}
+
+void Broker::Subscribe(const std::vector<std::string>& filters) {
+  std::vector<char*> pointers;
+  for (const std::string& filter : filters) pointers.push_back(const_cast<char*>(filter.c_str()));
+  Check(mosquitto_subscribe_multiple(client_, nullptr, static_cast<int>(pointers.size()), pointers.data(), kQos,
+                                     MQTT_SUB_OPT_NO_LOCAL, nullptr),
+        errno);
+}
+
+void Broker::Disconnect() {
+  if (HasConnection()) mosquitto_disconnect_v5(client_, MQTT_RC_NORMAL_DISCONNECTION, nullptr);
+}
+
+void Broker::OnConnect(int reason, const mosquitto_property* properties) {
+  if (IsRefusal(reason)) return EndWith(BrokerEnd::Cause::Network, WordsForReason(reason));
+  if (IsMissing(properties, MQTT_PROP_RETAIN_AVAILABLE)) {
+    return EndWith(BrokerEnd::Cause::Network, "it keeps no retained messages");
+  }
+  if (IsMissing(properties, MQTT_PROP_MAXIMUM_QOS)) return EndWith(BrokerEnd::Cause::Network, "it has no QoS 1");
+  accepted_ = true;
+  Tell([](BrokerListener& listener) { listener.BrokerIsThere(); });
+}
+
+void Broker::OnDisconnect(int reason) {
+  // Below are results of libmosquitto, which the call that has failed returns, too.
+  if (reason == MQTT_RC_SESSION_TAKEN_OVER) EndWith(BrokerEnd::Cause::TakenOver, WordsForReason(reason));
+  if (!IsRefusal(reason)) return;
+  EndWith(MayBeForAMessage(reason) ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network, WordsForReason(reason));
+}
+
+void Broker::OnLog(int level, const char* text) {
+  if (level == MOSQ_LOG_ERR) detail_ = Printable(text);
+  log_.Write(Log::Level::Debug, "libmosquitto: " + Printable(text));
+}
+
+template <class Call>
+void Broker::Tell(Call call) {
+  if (thrown_ != nullptr) return;
+  try {
+    call(listener_);
+  } catch (...) {
+    thrown_ = std::current_exception();
+  }
+}
+
+void Broker::RethrowWhatTheListenerThrew() {
+  if (thrown_ != nullptr) std::rethrow_exception(std::exchange(thrown_, nullptr));
+}
+
+void Broker::EndWith(BrokerEnd::Cause cause, const std::string& words) {
+  if (ended_) return;  // The first cause is the true one.
+  ended_ = true;
+  end_ = {cause, words};
+}
+
+void Broker::Check(int result, int error) {
+  if (result == MOSQ_ERR_SUCCESS || ended_) return;
+  if (result == MOSQ_ERR_NOMEM) throw std::bad_alloc();
+  EndWith(IsByTheOtherSide(result, error) ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network,
+          WordsForCall(result, error, detail_));
+}
+
+Broker::Gathering::Gathering(const Broker& broker) : descriptor_(broker.Descriptor()) {
+  const int on = 1;
+  setsockopt(descriptor_, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}
+
+Broker::Gathering::~Gathering() {
+  const int off = 0;
+  setsockopt(descriptor_, IPPROTO_TCP, TCP_CORK, &off, sizeof off);  // The connection may be gone by now: no matter.
+}

@@ -1,0 +1,115 @@
+#pragma once
+
+#include <mosquitto.h>
+
+#include <chrono>
+#include <exception>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Log.h"
+#include "Options.h"
+
+// Is told what comes from the broker, in Connect() and Serve(). What it throws leaves those.
+class BrokerListener {
+ public:
+  virtual void BrokerIsThere() = 0;
+  // `reason` is one of MQTT 5: from 128 on the broker has refused what was published.
+  virtual void Acknowledged(int message, int reason) = 0;
+  // One reason for each filter of Subscribe(), in their order.
+  virtual void Subscribed(const std::vector<int>& reasons) = 0;
+  virtual void Arrived(std::string_view topic, std::string_view payload) = 0;
+
+ protected:
+  ~BrokerListener() = default;
+};
+
+// How a connection has ended.
+struct BrokerEnd {
+  enum class Cause {
+    Network,    // Not made, or lost: nothing that we have sent is the cause.
+    CutOff,     // Ended by the other side, perhaps for something that we have sent.
+    TakenOver,  // Ended by the broker because another client has our name.
+  };
+  Cause cause = Cause::Network;
+  std::string words;
+};
+
+// One connection to the broker at a time. Each is a new client of libmosquitto: nothing is kept from one to the next.
+//
+// Threads: that of the owner alone. Signals come in while Connect() blocks.
+class Broker {
+ public:
+  struct Will {
+    std::string topic;  // None if it is empty.
+    std::string payload;
+  };
+
+  Broker(const Options& options, std::string client_name, Will will, BrokerListener& listener, const Log& log);
+  ~Broker();
+  Broker(const Broker&) = delete;
+  Broker& operator=(const Broker&) = delete;
+
+  // Blocks for ten seconds at most, and for the lookup of the name. Whether a connection has begun: it has not been
+  // accepted by the broker before BrokerIsThere().
+  bool Connect();
+  // Whether there is a connection. If there is none, End() tells why.
+  bool HasConnection() const { return client_ != nullptr && !ended_; }
+  const BrokerEnd& End() const { return end_; }
+
+  int Descriptor() const { return mosquitto_socket(client_); }
+  bool WantsToWrite() const { return mosquitto_want_write(client_); }
+  // Reads and writes what can be, and does what is due; at least once a second.
+  void Serve(bool readable);
+
+  enum class Outcome { Sent, Refused, ConnectionEnded };
+  // A retained message of QoS 1. `message` gets its number, or `why` the reason why it cannot be sent.
+  Outcome Publish(const std::string& topic, std::string_view payload, int& message, std::string& why);
+  void Subscribe(const std::vector<std::string>& filters);
+  // Takes leave: no will.
+  void Disconnect();
+
+  // While it lives, what is sent gathers in large segments.
+  class Gathering {
+   public:
+    explicit Gathering(const Broker& broker);
+    ~Gathering();
+    Gathering(const Gathering&) = delete;
+    Gathering& operator=(const Gathering&) = delete;
+
+   private:
+    const int descriptor_;
+  };
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void MakeClient();
+  void SetCallbacks();
+  void SetTls();
+  int ConnectClient();
+  void OnConnect(int reason, const mosquitto_property* properties);
+  void OnDisconnect(int reason);
+  void OnLog(int level, const char* text);
+  template <class Call>
+  void Tell(Call call);
+  void EndWith(BrokerEnd::Cause cause, const std::string& words);
+  // Notes the end of the connection, if `result` tells of one.
+  void Check(int result, int error);
+  void RethrowWhatTheListenerThrew();
+
+  const Options& options_;
+  const std::string client_name_;
+  const Will will_;
+  BrokerListener& listener_;
+  const Log& log_;
+  mosquitto* client_ = nullptr;
+  bool accepted_ = false;
+  bool ended_ = false;
+  BrokerEnd end_;
+  std::string detail_;  // The last error that libmosquitto has logged.
+  Clock::time_point answer_is_due_;
+  Clock::time_point next_chores_;
+  std::exception_ptr thrown_;  // Must not pass through libmosquitto.
+};

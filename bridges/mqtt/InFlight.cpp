@@ -1,0 +1,25 @@
+#include "InFlight.h"
+
+#include <utility>
+
+void InFlight::Add(int message, std::string topic, std::size_t size) {
+  bytes_ += size;
+  messages_[message] = {std::move(topic), size};
+}
+
+std::optional<std::string> InFlight::Remove(int message) {
+  const auto found = messages_.find(message);
+  if (found == messages_.end()) return std::nullopt;
+  bytes_ -= found->second.size;
+  std::string topic = std::move(found->second.topic);
+  messages_.erase(found);
+  return topic;
+}
+
+std::vector<std::string> InFlight::Clear() {
+  std::vector<std::string> topics;
+  for (auto& [message, content] : messages_) topics.push_back(std::move(content.topic));
+  messages_.clear();
+  bytes_ = 0;
+  return topics;
+}

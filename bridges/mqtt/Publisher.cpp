@@ -1,0 +1,143 @@
+#include "Publisher.h"
+
+#include <utility>
+#include <vector>
+
+#include "BrokerWords.h"
+
+namespace {
+
+constexpr const char* kAlive = "1";
+constexpr std::chrono::minutes kBeforeARestart(1);
+
+// As the log names a row: DATABASE/TABLE/KEY, encoded as in the topic.
+std::string NameOf(const std::string& topic) { return '\'' + Printable(Topics::WithinSite(topic)) + '\''; }
+
+}  // namespace
+
+Publisher::Publisher(const Options& options, const Topics& topics, Broker& broker, const Log& log)
+    : options_(options),
+      topics_(topics),
+      broker_(broker),
+      log_(log),
+      outbox_(options, topics, log),
+      refused_rows_(log, "rows were refused") {}
+
+void Publisher::Begin() {
+  stage_ = Stage::Greeting;
+  published_ = 0;
+  all_is_published_ = false;
+  PublishState(kAlive);
+}
+
+void Publisher::SendWhatIsDue() {
+  if (stage_ == Stage::Probing) ProbeNext();
+  if (stage_ != Stage::Flowing) return;
+  PublishChanges();
+  PublishEmptyValues();
+  TellWhenAllIsPublished();
+}
+
+void Publisher::Acknowledged(int message, int reason) {
+  if (state_message_ == message) {
+    state_message_.reset();
+    if (stage_ == Stage::Greeting) stage_ = Stage::Probing;
+    if (IsRefusal(reason)) log_.Error("The broker refuses the state of the site: " + WordsForReason(reason) + ".");
+    return;
+  }
+  const std::optional<std::string> topic = in_flight_.Remove(message);
+  if (!topic) return;
+  if (stage_ == Stage::Probing) suspects_.Clear();
+  if (!IsRefusal(reason)) return;
+  RefusedRow(*topic, WordsForReason(reason));
+  if (MayPass(reason) && !restart_) restart_ = Clock::now() + kBeforeARestart;
+}
+
+bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
+  stage_ = Stage::Resting;
+  outbox_.Rest();
+  state_message_.reset();
+  const std::vector<std::string> unacknowledged = in_flight_.Clear();
+  if (end.cause != BrokerEnd::Cause::CutOff) return false;
+  const std::optional<std::string> convict = suspects_.ConnectionWasCutOff(unacknowledged);
+  if (!convict) return false;
+  log_.Error("The broker ends the connection when it gets the row " + NameOf(*convict) + " (" + end.words +
+             "). The row is left out until this program starts again.");
+  return true;
+}
+
+void Publisher::TakeLeave() {
+  const bool was_there = stage_ != Stage::Resting;
+  stage_ = Stage::Resting;
+  outbox_.Rest();
+  if (was_there) PublishState(kGone);
+}
+
+void Publisher::Tick() {
+  refused_rows_.Tick();
+  if (restart_ && Clock::now() >= *restart_ && stage_ == Stage::Flowing) {
+    restart_.reset();
+    outbox_.Restart();
+  }
+}
+
+void Publisher::Beat() {
+  if (stage_ == Stage::Flowing && all_is_published_) outbox_.StartWalk();
+}
+
+void Publisher::PublishState(const char* state) {
+  int message = 0;
+  std::string why;
+  const Broker::Outcome outcome = broker_.Publish(topics_.State(options_.site), state, message, why);
+  if (outcome == Broker::Outcome::Sent) state_message_ = message;
+}
+
+void Publisher::ProbeNext() {
+  while (broker_.HasConnection() && in_flight_.IsEmpty()) {
+    const std::optional<std::string> suspect = suspects_.Next();
+    if (!suspect) {
+      stage_ = Stage::Flowing;
+      return outbox_.Restart();
+    }
+    const std::optional<std::string> value = outbox_.ValueOf(*suspect);
+    if (!value || !Publish(*suspect, *value)) suspects_.Clear();
+  }
+}
+
+void Publisher::PublishChanges() {
+  OutRow row;
+  while (broker_.HasConnection() && in_flight_.HasRoom() && outbox_.Take(row)) Publish(row.topic, row.value);
+}
+
+void Publisher::PublishEmptyValues() {
+  OutRow row;
+  while (broker_.HasConnection() && in_flight_.HasRoom() && outbox_.TakeEmpty(row)) Publish(row.topic, row.value);
+}
+
+bool Publisher::Publish(const std::string& topic, std::string_view value) {
+  if (suspects_.LeavesOut(topic)) return false;
+  int message = 0;
+  std::string why;
+  switch (broker_.Publish(topic, value, message, why)) {
+    case Broker::Outcome::Sent:
+      in_flight_.Add(message, topic, value.size());
+      ++published_;
+      return true;
+    case Broker::Outcome::Refused:
+      RefusedRow(topic, why);
+      return false;
+    case Broker::Outcome::ConnectionEnded:
+      break;
+  }
+  return false;
+}
+
+void Publisher::RefusedRow(const std::string& topic, const std::string& why) {
+  refused_rows_.Write("The broker does not get the row " + NameOf(topic) + ": " + why + ".");
+}
+
+void Publisher::TellWhenAllIsPublished() {
+  if (all_is_published_ || !in_flight_.IsEmpty() || !outbox_.IsDrained()) return;
+  all_is_published_ = true;
+  log_.Info("All rows are published: " + std::to_string(published_) + ".");
+}

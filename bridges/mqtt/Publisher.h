@@ -1,0 +1,82 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Broker.h"
+#include "InFlight.h"
+#include "Log.h"
+#include "Options.h"
+#include "Outbox.h"
+#include "Suspects.h"
+#include "Topic.h"
+
+// Publishes the rows of the group, and that the bridge is there.
+//
+// Threads: that of the owner alone.
+class Publisher {
+ public:
+  static constexpr const char* kGone = "0";  // The state of a site whose bridge is not there.
+
+  Publisher(const Options& options, const Topics& topics, Broker& broker, const Log& log);
+
+  // The broker has accepted a connection: everything is published anew.
+  void Begin();
+  // Publishes what there is and has room.
+  void SendWhatIsDue();
+  void Acknowledged(int message, int reason);
+  // Whether it has been found out why, so that there is hope for the next connection.
+  bool ConnectionHasEnded(const BrokerEnd& end);
+
+  // No more rows; the state tells that we are gone.
+  void TakeLeave();
+  bool HasTakenLeave() const { return !state_message_ && in_flight_.IsEmpty(); }
+
+  // Whether SendWhatIsDue() has more to do as soon as the descriptor of the outbox is readable.
+  bool AwaitsChanges() const { return stage_ == Stage::Flowing && in_flight_.HasRoom(); }
+  int Descriptor() const { return outbox_.Descriptor(); }
+  // Whether it has more to do at once.
+  bool HasWork() const { return AwaitsChanges() && outbox_.IsWalking(); }
+
+  // Once a second.
+  void Tick();
+  // Once a minute.
+  void Beat();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  // How far a connection has come.
+  enum class Stage {
+    Resting,   // There is none, or we take leave.
+    Greeting,  // Our state is on its way.
+    Probing,   // One row at a time, because the broker has cut off the last connection.
+    Flowing,   // All rows, and then what changes.
+  };
+
+  void PublishState(const char* state);
+  void ProbeNext();
+  void PublishChanges();
+  void PublishEmptyValues();
+  // Whether an acknowledgement will come.
+  bool Publish(const std::string& topic, std::string_view value);
+  void TellWhenAllIsPublished();
+  void RefusedRow(const std::string& topic, const std::string& why);
+
+  const Options& options_;
+  const Topics& topics_;
+  Broker& broker_;
+  const Log& log_;
+  Outbox outbox_;
+  InFlight in_flight_;
+  Suspects suspects_;
+  PacedWarnings refused_rows_;
+
+  Stage stage_ = Stage::Resting;
+  std::optional<int> state_message_;          // In flight, too.
+  std::optional<Clock::time_point> restart_;  // When everything is published anew, because the broker had no room.
+  unsigned long published_ = 0;               // In this connection.
+  bool all_is_published_ = false;
+};
