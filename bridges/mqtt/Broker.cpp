@@ -3,6 +3,7 @@
 #include <mqtt_protocol.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
@@ -23,11 +24,17 @@ constexpr std::chrono::seconds kLongestConnect(10);
 constexpr std::chrono::seconds kLongestSilence(10);  // Until the broker answers to a connection.
 constexpr std::uint32_t kLargestPacket = 16 << 20;   // Well above the largest row, so that we see what is too large.
 constexpr int kQos = 1;
+constexpr int kMostReads = 100;  // At a time, so that what arrives does not keep us from sending.
 
 struct PropertiesFree {
   void operator()(mosquitto_property* properties) const { mosquitto_property_free_all(&properties); }
 };
 using Properties = std::unique_ptr<mosquitto_property, PropertiesFree>;
+
+bool HasInput(int descriptor) {
+  int bytes = 0;
+  return ioctl(descriptor, FIONREAD, &bytes) == 0 && bytes > 0;
+}
 
 bool IsFolder(const std::string& path) {
   struct stat status {};
@@ -91,6 +98,7 @@ void Broker::MakeClient() {
   mosquitto_int_option(client_, MOSQ_OPT_RECEIVE_MAXIMUM, InFlight::kMostMessages);
   mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
   SetCallbacks();
+  ListenToTheLibrary(true);
   if (!options_.user.empty()) {
     mosquitto_username_pw_set(client_, options_.user.c_str(), options_.password ? options_.password->c_str() : nullptr);
   }
@@ -109,9 +117,6 @@ void Broker::SetCallbacks() {
   mosquitto_disconnect_v5_callback_set(client_, [](mosquitto*, void* self, int reason, const mosquitto_property*) {
     static_cast<Broker*>(self)->OnDisconnect(reason);
   });
-  mosquitto_log_callback_set(client_, [](mosquitto*, void* self, int level, const char* text) {
-    static_cast<Broker*>(self)->OnLog(level, text);
-  });
   mosquitto_publish_v5_callback_set(
       client_, [](mosquitto*, void* self, int message, int reason, const mosquitto_property*) {
         static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) { listener.Acknowledged(message, reason); });
@@ -129,6 +134,14 @@ void Broker::SetCallbacks() {
                            {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)});
         });
       });
+}
+
+// libmosquitto tells something about each packet, so it is asked only for as long as the connection is being made.
+void Broker::ListenToTheLibrary(bool listen) {
+  const auto on_log = [](mosquitto*, void* self, int level, const char* text) {
+    static_cast<Broker*>(self)->OnLog(level, text);
+  };
+  mosquitto_log_callback_set(client_, listen || log_.Writes(Log::Level::Debug) ? +on_log : nullptr);
 }
 
 void Broker::SetTls() {
@@ -155,7 +168,10 @@ int Broker::ConnectClient() {
 void Broker::Serve(bool readable) {
   {
     const Gathering gathering(*this);
-    if (readable) Check(mosquitto_loop_read(client_, 1), errno);
+    for (int reads = 0; readable && reads < kMostReads; ++reads) {
+      Check(mosquitto_loop_read(client_, 1), errno);  // One packet, mostly.
+      readable = HasConnection() && HasInput(Descriptor());
+    }
     if (HasConnection() && WantsToWrite()) Check(mosquitto_loop_write(client_, 1), errno);
   }
   const Clock::time_point now = Clock::now();
@@ -200,6 +216,7 @@ void Broker::OnConnect(int reason, const mosquitto_property* properties) {
   }
   if (IsMissing(properties, MQTT_PROP_MAXIMUM_QOS)) return EndWith(BrokerEnd::Cause::Network, "it has no QoS 1");
   accepted_ = true;
+  ListenToTheLibrary(false);
   Tell([](BrokerListener& listener) { listener.BrokerIsThere(); });
 }
 

@@ -87,6 +87,7 @@ class Broker {
 
   void MakeClient();
   void SetCallbacks();
+  void ListenToTheLibrary(bool listen);
   void SetTls();
   int ConnectClient();
   void OnConnect(int reason, const mosquitto_property* properties);
@@ -108,7 +109,7 @@ class Broker {
   bool accepted_ = false;
   bool ended_ = false;
   BrokerEnd end_;
-  std::string detail_;  // The last error that libmosquitto has logged.
+  std::string detail_;  // The last error of which libmosquitto has told.
   Clock::time_point answer_is_due_;
   Clock::time_point next_chores_;
   std::exception_ptr thrown_;  // Must not pass through libmosquitto.

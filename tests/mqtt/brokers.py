@@ -1,39 +1,37 @@
-"""Brokers: Debian's mosquitto, in a network namespace, and a client that looks at what it has."""
+"""Brokers: Debian's mosquitto in a network namespace, clients that look at what it has, and what stands between."""
 
 import os
-import queue
 import re
 import socket
+import struct
 import subprocess
 import threading
-import time
 
 import paho.mqtt.client
-import paho.mqtt.packettypes
 import paho.mqtt.properties
 from programs import DEADLINE, eventually
 
-SETTINGS = ["user root", "max_queued_messages 0", "max_inflight_messages 100", "set_tcp_nodelay true"]
+# What a broker for bridges needs: see docs/beyond-one-network.md. "user root" stands for "stay who you are".
+SETTINGS = ["user root", "max_queued_messages 0", "max_inflight_messages 64", "set_tcp_nodelay true"]
 OPEN = ["listener 1883 0.0.0.0", "allow_anonymous true"]
-PORT = 1883
+LOCALHOST = "127.0.0.1"
 
 
 class Broker:
     """mosquitto with these settings, from start() on."""
 
-    def __init__(self, namespace, folder, *settings, address="127.0.0.1", port=PORT):
-        self.namespace, self.address, self.port = namespace, address, port
-        self._folder = folder
-        self._process = None
-        self.pid = None
+    def __init__(self, namespace, folder, *settings, port=1883):
+        self.namespace, self.port = namespace, port
         self.lines = []
+        self.pid = None
+        self._folder = folder
         self._changed = threading.Condition()
-        self._reader = None
+        self._process = self._reader = None
         (folder / "mosquitto.conf").write_text("\n".join([*SETTINGS, *(settings or OPEN)]) + "\n")
 
     def start(self):
         with self.namespace:
-            self._process = subprocess.Popen(["mosquitto", "-c", self._folder / "mosquitto.conf", "-v"],
+            self._process = subprocess.Popen(["mosquitto", "-v", "-c", self._folder / "mosquitto.conf"],
                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
             self.pid = self._process.pid
             self._reader = threading.Thread(target=self._read, args=(self._process.stderr,))
@@ -49,12 +47,12 @@ class Broker:
 
     def _answers(self):
         with socket.socket() as probe:
-            return probe.connect_ex((self.address, self.port)) == 0
+            return probe.connect_ex((LOCALHOST, self.port)) == 0
 
-    def says(self, pattern, seconds=DEADLINE):
+    def says(self, pattern):
         """Waits for a line in which the pattern is found."""
         with self._changed:
-            return self._changed.wait_for(lambda: any(re.search(pattern, line) for line in self.lines), seconds)
+            return self._changed.wait_for(lambda: any(re.search(pattern, line) for line in self.lines), DEADLINE)
 
     def send(self, number):
         os.kill(self.pid, number)
@@ -79,53 +77,167 @@ class Broker:
         if self._process is not None:
             self.kill()
 
-    def memory(self):
-        """Bytes."""
-        with open(f"/proc/{self.pid}/statm", encoding="ascii") as file:
-            return int(file.read().split()[1]) * os.sysconf("SC_PAGESIZE")
-
 
 class Client:
-    """Any other client of the broker. What has arrived is in `messages`, the newest payload of each topic."""
+    """Any other client of the broker, which subscribes to these filters."""
 
-    def __init__(self, broker, *filters, **options):
-        self.messages = {}
-        self.history = []  # (topic, payload, retained)
+    def __init__(self, broker, *filters, user=None, password=None):
+        self.messages = {}  # The newest payload of each topic.
+        self.history = []  # (topic, payload)
         self._changed = threading.Condition()
-        self._subscribed = queue.Queue()
+        self._subscribed = 0
         self._client = paho.mqtt.client.Client(protocol=paho.mqtt.client.MQTTv5)
-        if "user" in options:
-            self._client.username_pw_set(options["user"], options["password"])
-        self._client.max_inflight_messages_set(100)
+        if user is not None:
+            self._client.username_pw_set(user, password)
+        self._client.max_inflight_messages_set(64)
         self._client.on_message = self._on_message
-        self._client.on_subscribe = lambda *arguments: self._subscribed.put(arguments)
+        self._client.on_subscribe = self._on_subscribe
         with broker.namespace:
-            self._client.connect(broker.address, broker.port)
+            self._client.connect(LOCALHOST, broker.port)
         self._client.loop_start()
         for pattern in filters:
             self._client.subscribe(pattern, 1)
-            self._subscribed.get(timeout=DEADLINE)
+        assert self.eventually(lambda: self._subscribed == len(filters))
+
+    def _on_subscribe(self, *_):
+        with self._changed:
+            self._subscribed += 1
+            self._changed.notify_all()
 
     def _on_message(self, _client, _self, message):
         with self._changed:
             self.messages[message.topic] = message.payload
-            self.history.append((message.topic, message.payload, bool(message.retain)))
+            self.history.append((message.topic, message.payload))
             self._changed.notify_all()
 
     def publish(self, topic, payload, retain=True):
-        sent = self._client.publish(topic, payload, 1, retain)
-        return sent
+        return self._client.publish(topic, payload, 1, retain)
 
     def publish_and_wait(self, topic, payload, retain=True):
         self.publish(topic, payload, retain).wait_for_publish(DEADLINE)
 
     def eventually(self, condition, seconds=DEADLINE):
         with self._changed:
-            return self._changed.wait_for(lambda: condition(self.messages), seconds)
+            return self._changed.wait_for(condition, seconds)
 
     def gets(self, topic, payload):
-        return self.eventually(lambda messages: messages.get(topic) == payload)
+        return self.eventually(lambda: self.messages.get(topic) == payload)
 
     def clean_up(self):
         self._client.disconnect()
         self._client.loop_stop()
+
+
+PUBLISH, PUBACK = 3, 4
+
+
+class Packet:
+    """One of MQTT, as it stands on the wire."""
+
+    def __init__(self, stream):
+        """From a binary file; EOFError at its end."""
+        head = self._exactly(stream, 1)
+        size, shift = 0, 0
+        while True:
+            byte = self._exactly(stream, 1)
+            head += byte
+            size |= (byte[0] & 0x7F) << shift
+            shift += 7
+            if byte[0] < 0x80:
+                break
+        self.kind = head[0] >> 4
+        self.body = self._exactly(stream, size)
+        self.bytes = head + self.body
+
+    @staticmethod
+    def _exactly(stream, size):
+        data = stream.read(size)
+        if len(data) < size:
+            raise EOFError
+        return data
+
+    def topic(self):
+        size, = struct.unpack(">H", self.body[:2])
+        return self.body[2:2 + size].decode("latin-1")
+
+
+class Proxy:
+    """Stands between clients and a broker, in the broker's namespace.
+
+    `passes(packet)` is asked about each packet that comes from a client: where it is false, both connections end.
+    While `holds_acknowledgements` is set, those of the broker are kept back.
+    """
+
+    def __init__(self, broker, port=1884, passes=lambda packet: True):
+        self._broker, self.port, self.passes = broker, port, passes
+        self.holds_acknowledgements = threading.Event()
+        self.unacknowledged = self.most_unacknowledged = self.connections = 0
+        self._changed = threading.Condition()
+        self._threads = []
+        with broker.namespace:
+            self._listener = socket.create_server(("", port))
+        self._start(self._accept)
+
+    def _start(self, function, *arguments):
+        self._threads.append(threading.Thread(target=function, args=arguments, daemon=True))
+        self._threads[-1].start()
+
+    def _accept(self):
+        with self._broker.namespace:
+            while True:
+                try:
+                    client, _ = self._listener.accept()
+                    broker = socket.create_connection((LOCALHOST, self._broker.port))
+                except OSError:
+                    return
+                self.connections += 1
+                self._start(self._forward, client, broker, self._from_client)
+                self._start(self._forward, broker, client, self._from_broker)
+
+    def _forward(self, source, target, look_at):
+        try:
+            stream = source.makefile("rb")
+            while True:
+                packet = Packet(stream)
+                if not look_at(packet):
+                    break
+                target.sendall(packet.bytes)
+        except (EOFError, OSError):
+            pass
+        for end in (source, target):
+            try:
+                end.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+    def _from_client(self, packet):
+        if packet.kind == PUBLISH:
+            with self._changed:
+                self.unacknowledged += 1
+                self.most_unacknowledged = max(self.most_unacknowledged, self.unacknowledged)
+                self._changed.notify_all()
+        return self.passes(packet)
+
+    def _from_broker(self, packet):
+        if packet.kind == PUBACK:
+            with self._changed:
+                self._changed.wait_for(lambda: not self.holds_acknowledgements.is_set())
+                self.unacknowledged -= 1
+        return True
+
+    def hold_acknowledgements(self):
+        self.holds_acknowledgements.set()
+
+    def let_acknowledgements_go(self):
+        self.holds_acknowledgements.clear()
+        with self._changed:
+            self._changed.notify_all()
+
+    def eventually(self, condition, seconds=DEADLINE):
+        with self._changed:
+            return self._changed.wait_for(condition, seconds)
+
+    def clean_up(self):
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+        self.let_acknowledgements_go()

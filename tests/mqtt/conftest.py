@@ -1,39 +1,49 @@
-import importlib.util
 import pathlib
 import sys
 
 import pytest
 
-SYSTEM_TESTS = pathlib.Path(__file__).resolve().parent.parent / "system"
-sys.path.insert(0, str(SYSTEM_TESTS))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "system"))
 pytest.register_assert_rewrite("programs", "brokers", "sites")
 
 import brokers
+import namespaces
 import sites
 
-# The fixtures of the system tests; their file has the same name as this one.
-specification = importlib.util.spec_from_file_location("system_fixtures", SYSTEM_TESTS / "conftest.py")
-system_fixtures = importlib.util.module_from_spec(specification)
-specification.loader.exec_module(system_fixtures)
-make_namespace, make_host = system_fixtures.make_namespace, system_fixtures.make_host
+UNAVAILABLE = namespaces.why_unavailable()
+
+
+def making(make, clean_up):
+    """A function that makes things, and all things that it has made when the test is over."""
+    made = []
+
+    def make_one(*arguments, **keywords):
+        made.append(make(*arguments, **keywords))
+        return made[-1]
+
+    yield make_one
+    for thing in reversed(made):
+        clean_up(thing)
 
 
 @pytest.fixture
-def make_broker(make_namespace, tmp_path):
-    """Brokers, in one namespace that the sites are joined to."""
-    made = []
-    namespace = make_namespace()
+def make_namespace():
+    if UNAVAILABLE:
+        pytest.skip(UNAVAILABLE)
+    yield from making(namespaces.Namespace, namespaces.Namespace.close)
 
-    def make(*settings, **options):
-        folder = tmp_path / f"broker{len(made)}"
-        folder.mkdir()
-        made.append(brokers.Broker(namespace, folder, *settings, **options))
-        return made[-1]
 
-    make.namespace = namespace
-    yield make
-    for broker in made:
-        broker.clean_up()
+@pytest.fixture
+def middle(make_namespace):
+    """The namespace of the brokers."""
+    return make_namespace()
+
+
+@pytest.fixture
+def make_broker(middle, tmp_path_factory):
+    yield from making(lambda *settings, **options: brokers.Broker(middle, tmp_path_factory.mktemp("broker"), *settings,
+                                                                  **options),
+                      brokers.Broker.clean_up)
 
 
 @pytest.fixture
@@ -43,37 +53,59 @@ def broker(make_broker):
 
 @pytest.fixture
 def make_client():
-    made = []
-
-    def make(*arguments, **options):
-        made.append(brokers.Client(*arguments, **options))
-        return made[-1]
-
-    yield make
-    for client in made:
-        client.clean_up()
+    yield from making(brokers.Client, brokers.Client.clean_up)
 
 
 @pytest.fixture
-def make_site(make_namespace, make_broker, make_host):
-    made = []
+def make_proxy():
+    yield from making(brokers.Proxy, brokers.Proxy.clean_up)
 
-    def make(name):
-        made.append(sites.Site(name, len(made) + 1, make_namespace(), make_broker.namespace, make_host))
-        return made[-1]
 
-    return make
+@pytest.fixture
+def make_site(make_namespace, middle):
+    count = iter(range(1, 255))
+    return lambda name: sites.Site(name, next(count), make_namespace(), middle)
+
+
+@pytest.fixture
+def make_member():
+    """A member of the group of a site, which shares these databases. It must end well when the test is over."""
+
+    def make(site, *databases):
+        with site.namespace:
+            member = sites.Member()
+            number = site._members = site._members + 1
+            for database in databases or [sites.DATABASE]:
+                member.share(database, sites.GROUP, b"member %d" % number)
+            member.do("network-changed")
+        return member
+
+    def clean_up(member):
+        assert member.clean_up() == 0, member.errors
+
+    yield from making(make, clean_up)
 
 
 @pytest.fixture
 def start_bridge():
-    """Starts the bridge of a site; all bridges must end well when the test is over."""
-    made = []
+    """The bridge of a site. It must end well when the test is over, if the test has not seen its end."""
 
-    def start(site, *arguments, **options):
-        made.append(site.start_bridge(*arguments, **options))
-        return made[-1]
+    def make(site, *arguments, environment=None, limit=None, **options):
+        with site.namespace:
+            return sites.Bridge(*site.bridge_arguments(*arguments, **options), environment=environment, limit=limit)
 
-    yield start
-    ends = [(bridge.clean_up(), bridge.lines[-20:]) for bridge in made]
-    assert [status for status, _ in ends] == [0] * len(made), ends
+    def clean_up(bridge):
+        assert bridge.clean_up(), bridge.lines[-20:]
+
+    yield from making(make, clean_up)
+
+
+@pytest.fixture
+def make_writer():
+    """A member of the group of a site that sets rows by itself; see bench/peers/main.cpp."""
+
+    def make(site, database_and_table):
+        with site.namespace:
+            return sites.Writer(database_and_table)
+
+    yield from making(make, sites.Writer.clean_up)

@@ -3,18 +3,20 @@
 import os
 import pathlib
 import re
-import shlex
+import select
 import signal
 import subprocess
 import threading
 import urllib.parse
 
 import namespaces
-from programs import DEADLINE, EMULATOR
+import programs
+from programs import DEADLINE, EMULATOR, hexed
 
 PROGRAM = os.environ["VARNIX_MQTT"]
-GROUP = b"line-4"
+GROUP = b"bench"  # That of the writers, too.
 DATABASE = b"plant"
+TABLE = b"status"
 
 
 def encoded(part):
@@ -22,23 +24,69 @@ def encoded(part):
     return urllib.parse.quote(part, safe="")
 
 
-def topic(site, table, key, database=DATABASE, prefix="varnix"):
-    return "/".join([prefix, *map(encoded, (site, database, table, key))])
+def topic(site, key, table=TABLE, database=DATABASE):
+    return "/".join(["varnix", *map(encoded, (site, database, table, key))])
+
+
+class Member(programs.Host):
+    """A host that is a member of the group of a site."""
+
+    def set_all(self, table, rows, database=DATABASE):
+        """All at once, and many times faster than each by itself."""
+        lines = [f"set {hexed(database)} {hexed(table)} {hexed(key)} {hexed(value)}\n" for key, value in rows.items()]
+        with self._changed:
+            awaited = self._ready + len(lines)
+        self._process.stdin.write("".join(lines).encode())
+        self._process.stdin.flush()
+        assert self.eventually(lambda: self._ready >= awaited), self.errors
+
+    def shows(self, table, rows, database=DATABASE, seconds=DEADLINE):
+        """Waits until the table, which must be watched, has these rows and no other."""
+        return self.eventually(lambda: self._tables.get((database, table), {}) == rows, seconds)
+
+    def gets(self, key, value, table=TABLE, database=DATABASE):
+        return self.eventually(lambda: self._tables.get((database, table), {}).get(key) == value)
+
+
+class Writer:
+    """A program that sets rows by itself; its commands are in bench/peers/main.cpp."""
+
+    def __init__(self, database_and_table):
+        self._process = subprocess.Popen([*EMULATOR, os.environ["VARNIX_MQTT_MEMBER"], database_and_table, "-",
+                                          "127.255.255.255", "writer"],
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+
+    def tell(self, command):
+        self._process.stdin.write(command + "\n")
+        self._process.stdin.flush()
+
+    def ask(self, command):
+        """Waits for the answer."""
+        self.tell(command)
+        assert select.select([self._process.stdout], [], [], DEADLINE)[0]
+        return self._process.stdout.readline().split()
+
+    def clean_up(self):
+        self._process.kill()
+        self._process.communicate()
 
 
 class Bridge:
     """varnix-mqtt. Its log is in `lines`."""
 
-    def __init__(self, *arguments, environment=None, wrapper=()):
+    def __init__(self, *arguments, environment=None, limit=None):
         self.lines = []
         self._changed = threading.Condition()
-        self._process = subprocess.Popen([*wrapper, *EMULATOR, PROGRAM, *arguments], stdin=subprocess.DEVNULL,
-                                         stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, start_new_session=True,
+        self._status = None
+        command = [*EMULATOR, PROGRAM, *arguments]
+        if limit is not None:
+            command = ["prlimit", f"--nofile={limit}", *command]
+        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                         stderr=subprocess.PIPE, start_new_session=True,
                                          env={**os.environ, **(environment or {})})
         self.pid = self._process.pid
         self._reader = threading.Thread(target=self._read)
         self._reader.start()
-        self._expected_end = False
 
     def _read(self):
         for line in self._process.stderr:
@@ -46,26 +94,24 @@ class Bridge:
                 self.lines.append(line.decode("latin-1").rstrip("\n"))
                 self._changed.notify_all()
 
-    def eventually(self, condition, seconds=DEADLINE):
-        with self._changed:
-            return self._changed.wait_for(condition, seconds)
-
     def count(self, pattern):
-        return sum(bool(re.search(pattern, line)) for line in self.lines)
+        return sum(bool(re.search(pattern, line)) for line in list(self.lines))
 
     def says(self, pattern, times=1, seconds=DEADLINE):
         """Waits for so many lines in which the pattern is found."""
-        return self.eventually(lambda: self.count(pattern) >= times, seconds)
+        with self._changed:
+            return self._changed.wait_for(lambda: self.count(pattern) >= times, seconds)
 
     def send(self, number):
         os.kill(self.pid, number)
 
     def ends(self):
         """Waits for the end; the exit status."""
-        status = self._process.wait(DEADLINE)
-        self._reader.join()
-        self._expected_end = True
-        return status
+        if self._status is None:
+            self._status = self._process.wait(DEADLINE)
+            self._reader.join()
+            self._process.stderr.close()
+        return self._status
 
     def stop(self, number=signal.SIGTERM):
         self.send(number)
@@ -76,50 +122,43 @@ class Bridge:
         self.ends()
 
     def clean_up(self):
-        """The exit status, 0 if the test has seen the end itself."""
-        if self._expected_end:
-            return 0
-        return self.stop()
+        """Whether it has ended well, or the test has seen its end."""
+        if self._status is not None:
+            return True
+        try:
+            return self.stop() == 0
+        except subprocess.TimeoutExpired:
+            self.kill()
+            return False
 
 
 class Site:
-    """One group, in a namespace that a cable joins with that of the broker: 10.0.NUMBER.2 here, .1 there."""
+    """A group in a namespace that a cable joins with that of the broker: 10.0.NUMBER.2 here, 10.0.NUMBER.1 there."""
 
-    def __init__(self, name, number, namespace, broker_namespace, make_host):
+    def __init__(self, name, number, namespace, broker_namespace):
         self.name, self.number, self.namespace = name, number, namespace
-        self._broker_namespace, self._make_host = broker_namespace, make_host
-        self._members = 0
+        self._broker_namespace = broker_namespace
         self._cable = f"site{number}"
+        self._members = 0
         namespaces.connect(broker_namespace, namespace, self._cable)
         broker_namespace.ip(f"address add 10.0.{number}.1/24 dev {self._cable}")
         namespace.ip(f"address add 10.0.{number}.2/24 dev eth0")
         self.broker_address = f"10.0.{number}.1"
 
     def cut(self):
-        """Silently: nobody is told that a cable is gone."""
+        """Nobody is told: what is sent from now on is lost."""
         self._broker_namespace.ip(f"link set {self._cable} down")
 
     def mend(self):
         self._broker_namespace.ip(f"link set {self._cable} up")
 
-    def member(self, *databases, arguments=()):
-        """A host that shares these databases with the group."""
-        with self.namespace:
-            host = self._make_host(*arguments)
-            self._members += 1
-            for database in databases or [DATABASE]:
-                host.share(database, GROUP, b"member%d" % self._members)
-                host.do("network-changed")
-        return host
+    def bridge_arguments(self, *more, port=1883, databases=(DATABASE,)):
+        return ["--site", self.name, "--group", GROUP, "--broker", f"{self.broker_address}:{port}",
+                "--broadcast", "127.255.255.255", "--log-level", "info",
+                *(word for database in databases for word in ("--database", database)), *more]
 
-    def imported(self, other, database=DATABASE):
-        return database + b"@" + other.name
 
-    def arguments(self, *more, port=1883, database=DATABASE):
-        return ["--site", self.name.decode(), "--group", GROUP.decode(), "--database", database.decode(),
-                "--broker", f"{self.broker_address}:{port}", "--broadcast", "127.255.255.255",
-                "--log-level", "info", *more]
-
-    def start_bridge(self, *more, port=1883, database=DATABASE, **options):
-        with self.namespace:
-            return Bridge(*self.arguments(*more, port=port, database=database), **options)
+def private_memory(pid):
+    """Bytes that no other process has, in memory at this moment."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024
