@@ -7,19 +7,18 @@
 
 namespace {
 
-// A quarter of the descriptors is for what is not a stream to a peer: for each database, and some for ourselves.
-std::size_t DatabasesForTheDescriptors() {
-  constexpr rlim_t kForEach = 6, kForOurselves = 16, kMost = 10'000;
+// A hundred, or what the limit of descriptors allows: a quarter of it is for what is not a stream to a peer.
+std::size_t MostDatabases() {
+  constexpr rlim_t kMost = 100, kDescriptorsForEach = 6, kDescriptorsForOurselves = 16;
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
-  const rlim_t quarter = std::min<rlim_t>(limit.rlim_cur / 4, kMost * kForEach + kForOurselves);
-  return quarter <= kForOurselves ? 1 : static_cast<std::size_t>((quarter - kForOurselves) / kForEach);
+  const rlim_t quarter = std::max(limit.rlim_cur / 4, kDescriptorsForOurselves);
+  return static_cast<std::size_t>(std::min(kMost, (quarter - kDescriptorsForOurselves) / kDescriptorsForEach));
 }
 
 }  // namespace
 
-Group::Group(const Options& options, const Log& log)
-    : options_(options), log_(log), most_(DatabasesForTheDescriptors()) {}
+Group::Group(const Options& options, const Log& log) : options_(options), log_(log), most_(::MostDatabases()) {}
 
 bool Group::Join(const std::string& database) {
   if (joined_ == most_) return false;

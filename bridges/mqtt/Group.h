@@ -12,8 +12,8 @@ class Group {
  public:
   Group(const Options& options, const Log& log);
 
-  // Whether the database is shared from now on. It is not when there are too many: the library needs descriptors for
-  // each, and ends a process that has none left.
+  // Whether the database is shared from now on. It is not when there are too many: each is a member of the group by
+  // itself, all members call each other, and the library ends a process that has no descriptors left.
   bool Join(const std::string& database);
   std::size_t MostDatabases() const { return most_; }
   // Now and then: calls for the other members, if a database has been joined.

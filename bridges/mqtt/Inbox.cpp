@@ -32,11 +32,10 @@ std::vector<std::string> Inbox::Filters() const {
 }
 
 void Inbox::Take(std::string_view topic, std::string_view payload) {
-  const Target* const target = FindTarget(topic);
-  if (target == nullptr) return;
   std::optional<std::string> key = DecodePart(topic.substr(topic.rfind('/') + 1));
   if (!key) return Refuse(topic, "it names no row");
-  Set(*target, topic, std::move(*key), payload);
+  const Target* const target = FindTarget(topic);
+  if (target != nullptr) Set(*target, topic, std::move(*key), payload);
 }
 
 const Inbox::Target* Inbox::FindTarget(std::string_view topic) {
@@ -60,8 +59,7 @@ const Inbox::Target* Inbox::MakeTarget(std::string_view topic) {
   const std::string name = ImportedDatabase(*database, *site);
   Database* const imported = DatabaseOf(name);
   if (imported == nullptr) {
-    return refuse("there are " + std::to_string(group_.MostDatabases()) +
-                  " databases, as many as the limit of descriptors allows");
+    return refuse("there are " + std::to_string(group_.MostDatabases()) + " databases, and more are not imported");
   }
   Target target{Varnix::MakeSharedTable(name, *table), imported, table->size()};
   return &targets_.emplace(topic.substr(0, topic.rfind('/') + 1), std::move(target)).first->second;

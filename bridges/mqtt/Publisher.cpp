@@ -47,8 +47,7 @@ void Publisher::Acknowledged(int message, int reason) {
   }
   const std::optional<std::string> topic = in_flight_.Remove(message);
   if (!topic) return;
-  if (stage_ == Stage::Probing) suspects_.Clear();
-  if (!IsRefusal(reason)) return;
+  if (!IsRefusal(reason)) return suspects_.GotThrough(*topic);
   RefusedRow(*topic, WordsForReason(reason));
   if (MayPass(reason) && !restart_) restart_ = Clock::now() + kBeforeARestart;
 }
@@ -59,11 +58,15 @@ bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
   state_message_.reset();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
   if (end.cause != BrokerEnd::Cause::CutOff) return false;
-  const std::optional<std::string> convict = suspects_.ConnectionWasCutOff(unacknowledged);
-  if (!convict) return false;
-  log_.Error("The broker ends the connection when it gets the row " + NameOf(*convict) + " (" + end.words +
-             "). The row is left out until this program starts again.");
-  return true;
+  TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
+  return std::exchange(has_convicted_, false);
+}
+
+void Publisher::TellOfConvict(const std::optional<std::string>& convict) {
+  if (!convict) return;
+  has_convicted_ = true;
+  log_.Error("The broker ends the connection when it gets the row " + NameOf(*convict) +
+             ". The row is left out until this program starts again.");
 }
 
 void Publisher::TakeLeave() {
@@ -100,7 +103,7 @@ void Publisher::ProbeNext() {
       return outbox_.Restart();
     }
     const std::optional<std::string> value = outbox_.ValueOf(*suspect);
-    if (!value || !Publish(*suspect, *value)) suspects_.Clear();
+    if (!value || !Publish(*suspect, *value)) suspects_.GotThrough(*suspect);
   }
 }
 
@@ -134,6 +137,7 @@ bool Publisher::Publish(const std::string& topic, std::string_view value) {
 
 void Publisher::RefusedRow(const std::string& topic, const std::string& why) {
   refused_rows_.Write("The broker does not get the row " + NameOf(topic) + ": " + why + ".");
+  TellOfConvict(suspects_.WasRefused(topic));
 }
 
 void Publisher::TellWhenAllIsPublished() {

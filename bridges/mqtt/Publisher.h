@@ -63,6 +63,7 @@ class Publisher {
   // Whether an acknowledgement will come.
   bool Publish(const std::string& topic, std::string_view value);
   void TellWhenAllIsPublished();
+  void TellOfConvict(const std::optional<std::string>& convict);
   void RefusedRow(const std::string& topic, const std::string& why);
 
   const Options& options_;
@@ -72,6 +73,7 @@ class Publisher {
   Outbox outbox_;
   InFlight in_flight_;
   Suspects suspects_;
+  bool has_convicted_ = false;  // In this connection.
   PacedWarnings refused_rows_;
 
   Stage stage_ = Stage::Resting;

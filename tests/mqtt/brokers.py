@@ -161,38 +161,15 @@ class Packet:
         return self.body[2:2 + size].decode("latin-1")
 
 
-class Proxy:
-    """Stands between clients and a broker, in the broker's namespace.
+class Relay:
+    """One connection of a client through a proxy."""
 
-    `passes(packet)` is asked about each packet that comes from a client: where it is false, both connections end.
-    While `holds_acknowledgements` is set, those of the broker are kept back.
-    """
-
-    def __init__(self, broker, port=1884, passes=lambda packet: True):
-        self._broker, self.port, self.passes = broker, port, passes
-        self.holds_acknowledgements = threading.Event()
-        self.unacknowledged = self.most_unacknowledged = self.connections = 0
-        self._changed = threading.Condition()
-        self._threads = []
-        with broker.namespace:
-            self._listener = socket.create_server(("", port))
-        self._start(self._accept)
-
-    def _start(self, function, *arguments):
-        self._threads.append(threading.Thread(target=function, args=arguments, daemon=True))
-        self._threads[-1].start()
-
-    def _accept(self):
-        with self._broker.namespace:
-            while True:
-                try:
-                    client, _ = self._listener.accept()
-                    broker = socket.create_connection((LOCALHOST, self._broker.port))
-                except OSError:
-                    return
-                self.connections += 1
-                self._start(self._forward, client, broker, self._from_client)
-                self._start(self._forward, broker, client, self._from_broker)
+    def __init__(self, proxy, client, broker):
+        self._proxy, self._ends = proxy, (client, broker)
+        self.unacknowledged = 0
+        self.is_cut = False
+        proxy.start_thread(self._forward, client, broker, self._from_client)
+        proxy.start_thread(self._forward, broker, client, self._from_broker)
 
     def _forward(self, source, target, look_at):
         try:
@@ -204,7 +181,13 @@ class Proxy:
                 target.sendall(packet.bytes)
         except (EOFError, OSError):
             pass
-        for end in (source, target):
+        self.cut()
+
+    def cut(self):
+        with self._proxy.changed:
+            self.is_cut = True
+            self._proxy.changed.notify_all()
+        for end in self._ends:
             try:
                 end.shutdown(socket.SHUT_RDWR)
             except OSError:
@@ -212,32 +195,70 @@ class Proxy:
 
     def _from_client(self, packet):
         if packet.kind == PUBLISH:
-            with self._changed:
-                self.unacknowledged += 1
-                self.most_unacknowledged = max(self.most_unacknowledged, self.unacknowledged)
-                self._changed.notify_all()
-        return self.passes(packet)
+            self._count(1)
+        return self._proxy.passes(packet)
 
     def _from_broker(self, packet):
         if packet.kind == PUBACK:
-            with self._changed:
-                self._changed.wait_for(lambda: not self.holds_acknowledgements.is_set())
-                self.unacknowledged -= 1
-        return True
+            self._proxy.eventually(lambda: self.is_cut or not self._proxy.holds_acknowledgements)
+            self._count(-1)
+        return not self.is_cut
 
-    def hold_acknowledgements(self):
-        self.holds_acknowledgements.set()
+    def _count(self, difference):
+        with self._proxy.changed:
+            self.unacknowledged += difference
+            self._proxy.most_unacknowledged = max(self._proxy.most_unacknowledged, self.unacknowledged)
+            self._proxy.changed.notify_all()
 
-    def let_acknowledgements_go(self):
-        self.holds_acknowledgements.clear()
-        with self._changed:
-            self._changed.notify_all()
+
+class Proxy:
+    """Stands between clients and a broker, in the broker's namespace.
+
+    `passes(packet)` is asked about each packet that comes from a client: where it is false, the connection ends.
+    """
+
+    def __init__(self, broker, port=1884, passes=lambda packet: True):
+        self._broker, self.port, self.passes = broker, port, passes
+        self.changed = threading.Condition()
+        self.holds_acknowledgements = False
+        self.most_unacknowledged = 0
+        self.relays = []
+        with broker.namespace:
+            self._listener = socket.create_server(("", port))
+        self.start_thread(self._accept)
+
+    @staticmethod
+    def start_thread(function, *arguments):
+        threading.Thread(target=function, args=arguments, daemon=True).start()
+
+    def _accept(self):
+        with self._broker.namespace:
+            while True:
+                try:
+                    client, _ = self._listener.accept()
+                except OSError:
+                    return  # The test is over.
+                try:
+                    broker = socket.create_connection((LOCALHOST, self._broker.port))
+                except OSError:
+                    client.close()
+                    continue
+                self.relays.append(Relay(self, client, broker))
+
+    def hold_acknowledgements(self, hold=True):
+        with self.changed:
+            self.holds_acknowledgements = hold
+            self.changed.notify_all()
 
     def eventually(self, condition, seconds=DEADLINE):
-        with self._changed:
-            return self._changed.wait_for(condition, seconds)
+        with self.changed:
+            return self.changed.wait_for(condition, seconds)
+
+    def has_unacknowledged(self, count):
+        """Waits until the newest connection has so many messages without an acknowledgement."""
+        return self.eventually(lambda: self.relays and self.relays[-1].unacknowledged == count)
 
     def clean_up(self):
         self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
-        self.let_acknowledgements_go()
+        self.hold_acknowledgements(False)
