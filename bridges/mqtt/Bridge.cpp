@@ -22,8 +22,14 @@ std::string InSeconds(milliseconds time) {
   return text;
 }
 
-Broker::Will WillOf(const Options& options, const Topics& topics) {
-  return options.read_only ? Broker::Will{} : Broker::Will{topics.State(options.site), Publisher::kGone};
+std::optional<Presence> MakePresence(const Options& options, const Topics& topics) {
+  if (options.read_only) return std::nullopt;
+  return std::make_optional<Presence>(topics, options.site);
+}
+
+std::optional<Broker::State> WillOf(const std::optional<Presence>& presence) {
+  if (!presence) return std::nullopt;
+  return presence->WhenGone();
 }
 
 std::string NameOf(const Options& options) { return options.host + " port " + std::to_string(options.port); }
@@ -34,33 +40,39 @@ Bridge::Bridge(const Options& options, const Log& log)
     : options_(options),
       log_(log),
       topics_(options.prefix),
-      client_name_(topics_.ClientOf(options.site)),
+      client_name_(topics_.ClientOf(options.site) + (options.read_only ? "-reader-" + RandomName() : "")),
+      presence_(MakePresence(options, topics_)),
       group_(options, log),
       inbox_(options, topics_, group_, log),
-      broker_(options, client_name_, WillOf(options, topics_), *this, log),
+      broker_(options, client_name_, WillOf(presence_), *this, log),
       next_beat_(Clock::now() + kBetweenBeats) {
   if (!options.read_only) publisher_.emplace(options, topics_, broker_, log);
 }
 
 Bridge::ExitStatus Bridge::Run() {
   JoinGroup();
-  while (!Signals::EndIsAskedFor()) {
+  while (!MustEnd()) {
     if (broker_.Connect()) ServeConnection();
-    if (Signals::EndIsAskedFor()) break;
-    if (broker_.End().cause == BrokerEnd::Cause::TakenOver) {
-      log_.Error("Another client has connected to the broker as '" + client_name_ +
-                 "', which is our name. Is there a second bridge for this site? This one ends, because the broker "
-                 "would throw out both in turns.");
-      return kSecondBridge;
-    }
+    if (MustEnd()) break;
     CleanUpAfterConnection();
     const milliseconds pause = backoff_.Next();
     TellOfEnd(pause);
     PauseFor(pause);
   }
   TakeLeave();
-  log_.Notice("Ended, as asked for.");
-  return kEnded;
+  if (Signals::EndIsAskedFor()) {
+    log_.Notice("Ended, as asked for.");
+    return kEnded;
+  }
+  log_.Error("Another client connects to the broker as '" + client_name_ +
+             "', which is our name. Is there a second bridge for this site? This one ends, because the broker would "
+             "throw out both in turns.");
+  return kSecondBridge;
+}
+
+bool Bridge::MustEnd() const {
+  const bool is_taken_over = !broker_.HasConnection() && broker_.End().cause == BrokerEnd::Cause::TakenOver;
+  return Signals::EndIsAskedFor() || is_taken_over || (presence_ && presence_->HasSeenAnother());
 }
 
 void Bridge::JoinGroup() {
@@ -77,7 +89,7 @@ void Bridge::JoinGroup() {
 void Bridge::ServeConnection() {
   accepted_at_.reset();
   greeted_ = false;
-  while (broker_.HasConnection() && !Signals::EndIsAskedFor()) {
+  while (broker_.HasConnection() && !MustEnd()) {
     if (accepted_at_ && !greeted_) Greet();
     if (publisher_) {
       const Broker::Gathering gathering(broker_);
@@ -92,8 +104,10 @@ void Bridge::ServeConnection() {
 void Bridge::Greet() {
   greeted_ = true;
   log_.Notice("Connected to the broker at " + NameOf(options_) + " as '" + client_name_ + "'.");
-  if (options_.Imports()) broker_.Subscribe(inbox_.Filters());
-  if (publisher_) publisher_->Begin();
+  filters_ = inbox_.Filters();
+  if (presence_) filters_.push_back(presence_->Topic());  // Before we change it.
+  broker_.Subscribe(filters_);
+  if (presence_ && broker_.HasConnection()) presence_->Announce(broker_);
 }
 
 void Bridge::WaitForTheBroker() {
@@ -106,16 +120,25 @@ void Bridge::WaitForTheBroker() {
 }
 
 void Bridge::Acknowledged(int message, int reason) {
-  if (publisher_) publisher_->Acknowledged(message, reason);
+  if (!publisher_) return;
+  if (!presence_->Acknowledged(message, reason, log_)) return publisher_->Acknowledged(message, reason);
+  if (!MustEnd()) publisher_->Begin();  // The broker has shown that it works.
+}
+
+void Bridge::Arrived(std::string_view topic, std::string_view payload, std::string_view instance) {
+  if (presence_ && topic == presence_->Topic()) {
+    presence_->Saw(instance);
+  } else {
+    inbox_.Take(topic, payload);
+  }
 }
 
 void Bridge::Subscribed(const std::vector<int>& reasons) {
-  const std::vector<std::string> filters = inbox_.Filters();
-  for (std::size_t i = 0; i < std::min(filters.size(), reasons.size()); ++i) {
+  for (std::size_t i = 0; i < std::min(filters_.size(), reasons.size()); ++i) {
     if (IsRefusal(reasons[i])) {
-      log_.Error("The broker refuses to send us '" + filters[i] + "': " + WordsForReason(reasons[i]) + ".");
+      log_.Error("The broker refuses to send us '" + filters_[i] + "': " + WordsForReason(reasons[i]) + ".");
     } else {
-      log_.Info("The broker sends us '" + filters[i] + "'.");
+      log_.Info("The broker sends us '" + filters_[i] + "'.");
     }
   }
 }
@@ -160,10 +183,10 @@ void Bridge::DoChores() {
 
 void Bridge::TakeLeave() {
   if (!broker_.HasConnection() || !greeted_) return;
-  if (publisher_) publisher_->TakeLeave();
+  if (publisher_) publisher_->Stop();
+  if (presence_) presence_->TakeLeave(broker_);
   const Clock::time_point end = Clock::now() + kLongestLeave;
-  while (broker_.HasConnection() && publisher_ && !publisher_->HasTakenLeave() && Clock::now() < end) {
-    WaitForTheBroker();
-  }
+  const auto is_underway = [this] { return presence_ && !(presence_->IsKnown() && publisher_->IsIdle()); };
+  while (broker_.HasConnection() && is_underway() && Clock::now() < end) WaitForTheBroker();
   broker_.Disconnect();
 }

@@ -12,6 +12,7 @@
 #include "Inbox.h"
 #include "Log.h"
 #include "Options.h"
+#include "Presence.h"
 #include "Publisher.h"
 #include "Topic.h"
 
@@ -32,10 +33,11 @@ class Bridge final : private BrokerListener {
   void BrokerIsThere() override { accepted_at_ = Clock::now(); }
   void Acknowledged(int message, int reason) override;
   void Subscribed(const std::vector<int>& reasons) override;
-  void Arrived(std::string_view topic, std::string_view payload) override { inbox_.Take(topic, payload); }
+  void Arrived(std::string_view topic, std::string_view payload, std::string_view instance) override;
 
   void JoinGroup();
-  // Until it ends, or the end of the program is asked for.
+  bool MustEnd() const;
+  // Until it ends, or the program must.
   void ServeConnection();
   void Greet();
   void WaitForTheBroker();
@@ -49,13 +51,15 @@ class Bridge final : private BrokerListener {
   const Log& log_;
   const Topics topics_;
   const std::string client_name_;
+  std::optional<Presence> presence_;  // None if we only read, and so below.
   Group group_;
   Inbox inbox_;
   Broker broker_;
-  std::optional<Publisher> publisher_;  // None if we only read.
+  std::optional<Publisher> publisher_;
   Backoff backoff_;
   std::optional<Clock::time_point> accepted_at_;  // This connection by the broker; none before it is.
   bool greeted_ = false;
+  std::vector<std::string> filters_;  // Of the subscription.
   Clock::time_point next_chores_;
   Clock::time_point next_beat_;
 };

@@ -9,8 +9,11 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "BrokerWords.h"
@@ -30,6 +33,31 @@ struct PropertiesFree {
   void operator()(mosquitto_property* properties) const { mosquitto_property_free_all(&properties); }
 };
 using Properties = std::unique_ptr<mosquitto_property, PropertiesFree>;
+
+constexpr const char* kInstance = "instance";
+
+Properties PropertiesOf(const Broker::State& state) {
+  mosquitto_property* list = nullptr;
+  if (!state.instance.empty() && mosquitto_property_add_string_pair(&list, MQTT_PROP_USER_PROPERTY, kInstance,
+                                                                    state.instance.c_str()) != MOSQ_ERR_SUCCESS) {
+    throw std::bad_alloc();
+  }
+  return Properties(list);
+}
+
+// Empty if the message does not tell.
+std::string InstanceOf(const mosquitto_property* properties) {
+  if (properties == nullptr) return "";
+  char *name = nullptr, *value = nullptr;
+  std::string instance;
+  if (mosquitto_property_read_string_pair(properties, MQTT_PROP_USER_PROPERTY, &name, &value, false) != nullptr &&
+      name != nullptr && value != nullptr && std::strcmp(name, kInstance) == 0) {
+    instance = value;
+  }
+  std::free(name);
+  std::free(value);
+  return instance;
+}
 
 bool HasInput(int descriptor) {
   int bytes = 0;
@@ -61,7 +89,8 @@ bool IsByTheOtherSide(int result, int error) {
 
 }  // namespace
 
-Broker::Broker(const Options& options, std::string client_name, Will will, BrokerListener& listener, const Log& log)
+Broker::Broker(const Options& options, std::string client_name, std::optional<State> will, BrokerListener& listener,
+               const Log& log)
     : options_(options), client_name_(std::move(client_name)), will_(std::move(will)), listener_(listener), log_(log) {
   mosquitto_lib_init();
 }
@@ -102,10 +131,7 @@ void Broker::MakeClient() {
   if (!options_.user.empty()) {
     mosquitto_username_pw_set(client_, options_.user.c_str(), options_.password ? options_.password->c_str() : nullptr);
   }
-  if (!will_.topic.empty()) {
-    mosquitto_will_set(client_, will_.topic.c_str(), static_cast<int>(will_.payload.size()), will_.payload.data(), kQos,
-                       true);
-  }
+  if (will_) SetWill();
   if (options_.UsesTls()) SetTls();
 }
 
@@ -128,10 +154,11 @@ void Broker::SetCallbacks() {
         });
       });
   mosquitto_message_v5_callback_set(
-      client_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property*) {
+      client_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties) {
         static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) {
           listener.Arrived(message->topic,
-                           {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)});
+                           {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)},
+                           InstanceOf(properties));
         });
       });
 }
@@ -142,6 +169,14 @@ void Broker::ListenToTheLibrary(bool listen) {
     static_cast<Broker*>(self)->OnLog(level, text);
   };
   mosquitto_log_callback_set(client_, listen || log_.Writes(Log::Level::Debug) ? +on_log : nullptr);
+}
+
+void Broker::SetWill() {
+  Properties properties = PropertiesOf(*will_);
+  const int result = mosquitto_will_set_v5(client_, will_->topic.c_str(), static_cast<int>(will_->payload.size()),
+                                           will_->payload.data(), kQos, true, properties.get());
+  if (result != MOSQ_ERR_SUCCESS) throw std::runtime_error("the will cannot be set");
+  static_cast<void>(properties.release());  // The client has it.
 }
 
 void Broker::SetTls() {
@@ -197,6 +232,17 @@ Broker::Outcome Broker::Publish(const std::string& topic, std::string_view paylo
   return Outcome::ConnectionEnded;
 }
 
+std::optional<int> Broker::PublishState(const State& state) {
+  const Properties properties = PropertiesOf(state);
+  int message = 0;
+  const int result =
+      mosquitto_publish_v5(client_, &message, state.topic.c_str(), static_cast<int>(state.payload.size()),
+                           state.payload.data(), kQos, true, properties.get());
+  Check(result, errno);
+  if (result != MOSQ_ERR_SUCCESS) return std::nullopt;
+  return message;
+}
+
 void Broker::Subscribe(const std::vector<std::string>& filters) {
   std::vector<char*> pointers;
   for (const std::string& filter : filters) pointers.push_back(const_cast<char*>(filter.c_str()));
@@ -210,7 +256,7 @@ void Broker::Disconnect() {
 }
 
 void Broker::OnConnect(int reason, const mosquitto_property* properties) {
-  if (IsRefusal(reason)) return EndWith(BrokerEnd::Cause::Network, WordsForReason(reason));
+  if (IsRefusal(reason)) return EndWith(BrokerEnd::Cause::Network, WordsForRefusedConnection(reason));
   if (IsMissing(properties, MQTT_PROP_RETAIN_AVAILABLE)) {
     return EndWith(BrokerEnd::Cause::Network, "it keeps no retained messages");
   }
@@ -254,9 +300,16 @@ void Broker::EndWith(BrokerEnd::Cause cause, const std::string& words) {
 
 void Broker::Check(int result, int error) {
   if (result == MOSQ_ERR_SUCCESS || ended_) return;
-  if (result == MOSQ_ERR_NOMEM) throw std::bad_alloc();
-  EndWith(IsByTheOtherSide(result, error) ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network,
-          WordsForCall(result, error, detail_));
+  const bool cut_off = IsByTheOtherSide(result, error);
+  EndWith(cut_off ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network,
+          WordsForCall(result, error, detail_) + (cut_off && !accepted_ ? WhatItMayWant() : ""));
+}
+
+// Of us, when it ends a connection instead of accepting it.
+const char* Broker::WhatItMayWant() const {
+  if (!options_.UsesTls()) return "; it may want TLS (--ca)";
+  if (options_.cert.empty()) return "; it may want a certificate of ours (--cert)";
+  return "";
 }
 
 Broker::Gathering::Gathering(const Broker& broker) : descriptor_(broker.Descriptor()) {

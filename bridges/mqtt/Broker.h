@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +20,8 @@ class BrokerListener {
   virtual void Acknowledged(int message, int reason) = 0;
   // One reason for each filter of Subscribe(), in their order.
   virtual void Subscribed(const std::vector<int>& reasons) = 0;
-  virtual void Arrived(std::string_view topic, std::string_view payload) = 0;
+  // `instance` is that of a State.
+  virtual void Arrived(std::string_view topic, std::string_view payload, std::string_view instance) = 0;
 
  protected:
   ~BrokerListener() = default;
@@ -41,12 +43,15 @@ struct BrokerEnd {
 // Threads: that of the owner alone. Signals come in while Connect() blocks.
 class Broker {
  public:
-  struct Will {
-    std::string topic;  // None if it is empty.
+  // A message with a property that says who has sent it; none if that is empty.
+  struct State {
+    std::string topic;
     std::string payload;
+    std::string instance;
   };
 
-  Broker(const Options& options, std::string client_name, Will will, BrokerListener& listener, const Log& log);
+  Broker(const Options& options, std::string client_name, std::optional<State> will, BrokerListener& listener,
+         const Log& log);
   ~Broker();
   Broker(const Broker&) = delete;
   Broker& operator=(const Broker&) = delete;
@@ -66,6 +71,8 @@ class Broker {
   enum class Outcome { Sent, Refused, ConnectionEnded };
   // A retained message of QoS 1. `message` gets its number, or `why` the reason why it cannot be sent.
   Outcome Publish(const std::string& topic, std::string_view payload, int& message, std::string& why);
+  // The number of the message; none if the connection has ended.
+  std::optional<int> PublishState(const State& state);
   void Subscribe(const std::vector<std::string>& filters);
   // Takes leave: no will.
   void Disconnect();
@@ -88,6 +95,7 @@ class Broker {
   void MakeClient();
   void SetCallbacks();
   void ListenToTheLibrary(bool listen);
+  void SetWill();
   void SetTls();
   int ConnectClient();
   void OnConnect(int reason, const mosquitto_property* properties);
@@ -98,11 +106,12 @@ class Broker {
   void EndWith(BrokerEnd::Cause cause, const std::string& words);
   // Notes the end of the connection, if `result` tells of one.
   void Check(int result, int error);
+  const char* WhatItMayWant() const;
   void RethrowWhatTheListenerThrew();
 
   const Options& options_;
   const std::string client_name_;
-  const Will will_;
+  const std::optional<State> will_;
   BrokerListener& listener_;
   const Log& log_;
   mosquitto* client_ = nullptr;

@@ -13,6 +13,11 @@ std::string WithDetail(const std::string& words, const std::string& detail) {
   return detail.empty() ? words : words + " (" + detail + ")";
 }
 
+std::string WithoutFullStop(std::string words) {
+  if (!words.empty() && words.back() == '.') words.pop_back();
+  return words;
+}
+
 std::string WordsForSystemCall(int error) {
   if (error == EINTR) return "it did not answer in time";
   return std::strerror(error);
@@ -39,11 +44,16 @@ std::string WordsForCall(int result, int error, const std::string& detail) {
     case MOSQ_ERR_OVERSIZE_PACKET:
       return "it is larger than the broker takes";
     default:
-      return WithDetail(mosquitto_strerror(result), detail);
+      return WithDetail(WithoutFullStop(mosquitto_strerror(result)), detail);
   }
 }
 
 bool IsRefusal(int reason) { return reason >= MQTT_RC_UNSPECIFIED; }
+
+std::string WordsForRefusedConnection(int reason) {
+  const bool who = reason == MQTT_RC_BAD_USERNAME_OR_PASSWORD || reason == MQTT_RC_NOT_AUTHORIZED;
+  return who ? "it does not let us in: the user or the password is wrong" : WordsForReason(reason);
+}
 
 std::string WordsForReason(int reason) {
   switch (reason) {
@@ -52,13 +62,17 @@ std::string WordsForReason(int reason) {
     case MQTT_RC_BAD_USERNAME_OR_PASSWORD:
       return "the user or the password is wrong";
     case MQTT_RC_NOT_AUTHORIZED:
-      return "this user, or one without a name, is not allowed to";
+      return "we are not allowed to";
     case MQTT_RC_SERVER_SHUTTING_DOWN:
       return "it is shutting down";
     case MQTT_RC_SESSION_TAKEN_OVER:
       return "another client has connected under our name";
     case MQTT_RC_PACKET_TOO_LARGE:
       return "it is larger than the broker takes";
+    case MQTT_RC_RETAIN_NOT_SUPPORTED:
+      return "it keeps no retained messages";
+    case MQTT_RC_QOS_NOT_SUPPORTED:
+      return "it has no QoS 1";
     case MQTT_RC_QUOTA_EXCEEDED:
       return "a quota is exceeded";
     default:

@@ -8,7 +8,9 @@
 std::string WordsForCall(int result, int error, const std::string& detail);
 // Whether the reason is one of those for which a broker refuses.
 bool IsRefusal(int reason);
-// Why a broker has refused a connection, a subscription or a row, or has ended a connection.
+// Why a broker does not accept a connection.
+std::string WordsForRefusedConnection(int reason);
+// Why a broker has refused a subscription or a row, or has ended a connection.
 std::string WordsForReason(int reason);
 
 // Whether a broker that ends a connection for this reason may do so because of a message that it got.

@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr const char* kAlive = "1";
 constexpr std::chrono::minutes kBeforeARestart(1);
 
 // As the log names a row: DATABASE/TABLE/KEY, encoded as in the topic.
@@ -16,18 +15,12 @@ std::string NameOf(const std::string& topic) { return '\'' + Printable(Topics::W
 }  // namespace
 
 Publisher::Publisher(const Options& options, const Topics& topics, Broker& broker, const Log& log)
-    : options_(options),
-      topics_(topics),
-      broker_(broker),
-      log_(log),
-      outbox_(options, topics, log),
-      refused_rows_(log, "rows were refused") {}
+    : broker_(broker), log_(log), outbox_(options, topics, log), refused_rows_(log, "rows were refused") {}
 
 void Publisher::Begin() {
-  stage_ = Stage::Greeting;
+  stage_ = Stage::Probing;
   published_ = 0;
   all_is_published_ = false;
-  PublishState(kAlive);
 }
 
 void Publisher::SendWhatIsDue() {
@@ -39,12 +32,6 @@ void Publisher::SendWhatIsDue() {
 }
 
 void Publisher::Acknowledged(int message, int reason) {
-  if (state_message_ == message) {
-    state_message_.reset();
-    if (stage_ == Stage::Greeting) stage_ = Stage::Probing;
-    if (IsRefusal(reason)) log_.Error("The broker refuses the state of the site: " + WordsForReason(reason) + ".");
-    return;
-  }
   const std::optional<std::string> topic = in_flight_.Remove(message);
   if (!topic) return;
   if (!IsRefusal(reason)) return suspects_.GotThrough(*topic);
@@ -55,7 +42,6 @@ void Publisher::Acknowledged(int message, int reason) {
 bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
   stage_ = Stage::Resting;
   outbox_.Rest();
-  state_message_.reset();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
   if (end.cause != BrokerEnd::Cause::CutOff) return false;
   TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
@@ -69,11 +55,9 @@ void Publisher::TellOfConvict(const std::optional<std::string>& convict) {
              ". The row is left out until this program starts again.");
 }
 
-void Publisher::TakeLeave() {
-  const bool was_there = stage_ != Stage::Resting;
+void Publisher::Stop() {
   stage_ = Stage::Resting;
   outbox_.Rest();
-  if (was_there) PublishState(kGone);
 }
 
 void Publisher::Tick() {
@@ -86,13 +70,6 @@ void Publisher::Tick() {
 
 void Publisher::Beat() {
   if (stage_ == Stage::Flowing && all_is_published_) outbox_.StartWalk();
-}
-
-void Publisher::PublishState(const char* state) {
-  int message = 0;
-  std::string why;
-  const Broker::Outcome outcome = broker_.Publish(topics_.State(options_.site), state, message, why);
-  if (outcome == Broker::Outcome::Sent) state_message_ = message;
 }
 
 void Publisher::ProbeNext() {

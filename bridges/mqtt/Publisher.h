@@ -13,13 +13,11 @@
 #include "Suspects.h"
 #include "Topic.h"
 
-// Publishes the rows of the group, and that the bridge is there.
+// Publishes the rows of the group.
 //
 // Threads: that of the owner alone.
 class Publisher {
  public:
-  static constexpr const char* kGone = "0";  // The state of a site whose bridge is not there.
-
   Publisher(const Options& options, const Topics& topics, Broker& broker, const Log& log);
 
   // The broker has accepted a connection: everything is published anew.
@@ -30,9 +28,9 @@ class Publisher {
   // Whether it has been found out why, so that there is hope for the next connection.
   bool ConnectionHasEnded(const BrokerEnd& end);
 
-  // No more rows; the state tells that we are gone.
-  void TakeLeave();
-  bool HasTakenLeave() const { return !state_message_ && in_flight_.IsEmpty(); }
+  // No more rows.
+  void Stop();
+  bool IsIdle() const { return in_flight_.IsEmpty(); }
 
   // Whether SendWhatIsDue() has more to do as soon as the descriptor of the outbox is readable.
   bool AwaitsChanges() const { return stage_ == Stage::Flowing && in_flight_.HasRoom(); }
@@ -50,13 +48,11 @@ class Publisher {
 
   // How far a connection has come.
   enum class Stage {
-    Resting,   // There is none, or we take leave.
-    Greeting,  // Our state is on its way.
-    Probing,   // One row at a time, because the broker has cut off the last connection.
-    Flowing,   // All rows, and then what changes.
+    Resting,  // There is none, or it is about to end.
+    Probing,  // One row at a time, because the broker has cut off the last connection.
+    Flowing,  // All rows, and then what changes.
   };
 
-  void PublishState(const char* state);
   void ProbeNext();
   void PublishChanges();
   void PublishEmptyValues();
@@ -66,8 +62,6 @@ class Publisher {
   void TellOfConvict(const std::optional<std::string>& convict);
   void RefusedRow(const std::string& topic, const std::string& why);
 
-  const Options& options_;
-  const Topics& topics_;
   Broker& broker_;
   const Log& log_;
   Outbox outbox_;
@@ -77,7 +71,6 @@ class Publisher {
   PacedWarnings refused_rows_;
 
   Stage stage_ = Stage::Resting;
-  std::optional<int> state_message_;          // In flight, too.
   std::optional<Clock::time_point> restart_;  // When everything is published anew, because the broker had no room.
   unsigned long published_ = 0;               // In this connection.
   bool all_is_published_ = false;

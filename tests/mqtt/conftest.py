@@ -1,3 +1,4 @@
+import contextlib
 import pathlib
 import sys
 
@@ -14,16 +15,15 @@ UNAVAILABLE = namespaces.why_unavailable()
 
 
 def making(make, clean_up):
-    """A function that makes things, and all things that it has made when the test is over."""
-    made = []
+    """Yields a function that makes things. All of them are cleaned up when the test is over, the last one first."""
+    with contextlib.ExitStack() as made:
 
-    def make_one(*arguments, **keywords):
-        made.append(make(*arguments, **keywords))
-        return made[-1]
+        def make_one(*arguments, **keywords):
+            thing = make(*arguments, **keywords)
+            made.callback(clean_up, thing)
+            return thing
 
-    yield make_one
-    for thing in reversed(made):
-        clean_up(thing)
+        yield make_one
 
 
 @pytest.fixture

@@ -152,8 +152,8 @@ class Site:
     def mend(self):
         self._broker_namespace.ip(f"link set {self._cable} up")
 
-    def bridge_arguments(self, *more, port=1883, databases=(DATABASE,)):
-        return ["--site", self.name, "--group", GROUP, "--broker", f"{self.broker_address}:{port}",
+    def bridge_arguments(self, *more, broker=None, port=1883, databases=(DATABASE,)):
+        return ["--site", self.name, "--group", GROUP, "--broker", f"{broker or self.broker_address}:{port}",
                 "--broadcast", "127.255.255.255", "--log-level", "info",
                 *(word for database in databases for word in ("--database", database)), *more]
 

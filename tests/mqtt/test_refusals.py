@@ -109,8 +109,7 @@ def test_a_user_who_may_not_write_and_read_everything_is_told_what(make_broker, 
     broker = make_broker("listener 1883 0.0.0.0", "allow_anonymous true", f"acl_file {tmp_path}/acl").start()
     bridge, writer = make_writer_site("--import", "hall2")
     writer.set(DATABASE, b"secret", b"row", b"1")
-    assert bridge.says("The broker does not get the row 'plant/secret/row': this user, or one without a name, "
-                       "is not allowed to")
+    assert bridge.says("The broker does not get the row 'plant/secret/row': we are not allowed to")
     writer.set(DATABASE, TABLE, b"row", b"1")
     assert bridge.says("All rows are published: ")
     broker.stop()
