@@ -172,5 +172,6 @@ std::vector<GivenOption> ReadFile(const std::string& path) {
       throw UsageError(where + error.what());
     }
   }
+  if (file.bad()) throw UsageError("cannot read '" + path + "': " + std::strerror(errno));
   return given;
 }

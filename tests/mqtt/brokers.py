@@ -160,6 +160,11 @@ class Packet:
         size, = struct.unpack(">H", self.body[:2])
         return self.body[2:2 + size].decode("latin-1")
 
+    def number(self):
+        """The two bytes behind the topic of a message of QoS 1."""
+        size, = struct.unpack(">H", self.body[:2])
+        return self.body[2 + size:4 + size]
+
 
 class Relay:
     """One connection of a client through a proxy."""
@@ -178,7 +183,11 @@ class Relay:
                 packet = Packet(stream)
                 if not look_at(packet):
                     break
-                target.sendall(packet.bytes)
+                reason = self._proxy.refusal(packet) if packet.kind == PUBLISH and source is self._ends[0] else None
+                if reason is None:
+                    target.sendall(packet.bytes)
+                else:
+                    source.sendall(bytes([PUBACK << 4, 3]) + packet.number() + bytes([reason]))
         except (EOFError, OSError):
             pass
         self.cut()
@@ -215,10 +224,11 @@ class Proxy:
     """Stands between clients and a broker, in the broker's namespace.
 
     `passes(packet)` is asked about each packet that comes from a client: where it is false, the connection ends.
+    `refusal(packet)` is asked about each message: where it gives a reason, the client gets that, and the broker nothing.
     """
 
-    def __init__(self, broker, port=1884, passes=lambda packet: True):
-        self._broker, self.port, self.passes = broker, port, passes
+    def __init__(self, broker, port=1884, passes=lambda packet: True, refusal=lambda packet: None):
+        self._broker, self.port, self.passes, self.refusal = broker, port, passes, refusal
         self.changed = threading.Condition()
         self.holds_acknowledgements = False
         self.most_unacknowledged = 0

@@ -1,0 +1,51 @@
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "Log.h"
+
+namespace {
+
+using std::chrono::seconds;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using namespace std::string_literals;
+
+TEST(Printable, LeavesNothingThatCouldMoveACursor) {
+  EXPECT_EQ(Printable("a b~\n\x1b[31m\\\xff\0"s), "a b~\\x0a\\x1b[31m\\x5c\\xff\\x00");
+  EXPECT_EQ(Printable(std::string(1000, 'x')), std::string(200, 'x') + "...");
+}
+
+TEST(Log, WritesLinesUpToItsLevel) {
+  CaptureStderr();
+  const Log log(Log::Level::Warning);
+  log.Notice("not this");
+  log.Warning("this");
+  const std::string lines = GetCapturedStderr();
+  EXPECT_THAT(lines, EndsWith(" warning: this\n"));
+  EXPECT_THAT(lines, Not(HasSubstr("not this")));
+}
+
+TEST(PacedWarnings, WritesFiveInTenSecondsAndThenTheirNumber) {
+  CaptureStderr();
+  const Log log(Log::Level::Warning);
+  PacedWarnings warnings(log, "were like this");
+  const PacedWarnings::Time start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 100; ++i) warnings.Write("number " + std::to_string(i), start + seconds(i / 20));
+  warnings.Tick(start + seconds(9));
+  EXPECT_THAT(GetCapturedStderr(), EndsWith(" warning: number 4\n"));
+
+  CaptureStderr();
+  warnings.Tick(start + seconds(10));
+  EXPECT_THAT(GetCapturedStderr(), EndsWith(" warning: 95 more were like this\n"));
+
+  CaptureStderr();
+  warnings.Tick(start + seconds(20));
+  warnings.Write("and again", start + seconds(21));
+  EXPECT_THAT(GetCapturedStderr(), EndsWith(" warning: and again\n"));
+}
+
+}  // namespace

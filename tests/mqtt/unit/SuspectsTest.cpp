@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+#include "Suspects.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// A connection in which the first suspect is published alone, and that is cut off then.
+std::optional<std::string> CutOffAtTheFirst(Suspects& suspects) {
+  return suspects.ConnectionWasCutOff({*suspects.Next()});
+}
+
+TEST(Suspects, AreAllMessagesWithoutAnAcknowledgement) {
+  Suspects suspects;
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+  EXPECT_EQ(suspects.ConnectionWasCutOff({"a", "b"}), std::nullopt);
+  EXPECT_EQ(suspects.Next(), "a");
+  suspects.GotThrough("a");
+  EXPECT_EQ(suspects.Next(), "b");
+  suspects.GotThrough("b");
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+}
+
+TEST(Suspects, AreConvictedWhenTheyAreAloneTwice) {
+  Suspects suspects;
+  suspects.ConnectionWasCutOff({"a", "b"});
+  suspects.GotThrough("a");
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  EXPECT_FALSE(suspects.LeavesOut("b"));
+  EXPECT_EQ(CutOffAtTheFirst(suspects), "b");
+  EXPECT_TRUE(suspects.LeavesOut("b"));
+  EXPECT_FALSE(suspects.LeavesOut("a"));
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+}
+
+TEST(Suspects, AreClearedWhenTheyGetThroughInBetween) {
+  Suspects suspects;
+  suspects.ConnectionWasCutOff({"a"});
+  suspects.ConnectionWasCutOff({"b"});  // Not alone as a suspect: it is one from here on.
+  EXPECT_EQ(suspects.Next(), "b");
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  suspects.GotThrough("b");
+  suspects.ConnectionWasCutOff({"b"});
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  EXPECT_FALSE(suspects.LeavesOut("b"));
+}
+
+TEST(Suspects, StayWhenAConnectionEndsWithNothingUnderway) {
+  Suspects suspects;
+  suspects.ConnectionWasCutOff({"a"});
+  EXPECT_EQ(suspects.ConnectionWasCutOff({}), std::nullopt);
+  EXPECT_EQ(suspects.Next(), "a");
+}
+
+TEST(Suspects, AreAlsoThoseRefusedJustBefore) {
+  Suspects suspects;
+  const Suspects::Time now = std::chrono::steady_clock::now();
+  EXPECT_EQ(suspects.WasRefused("long ago", now - milliseconds(1500)), std::nullopt);
+  EXPECT_EQ(suspects.WasRefused("a", now - milliseconds(500)), std::nullopt);
+  suspects.ConnectionWasCutOff({}, now);
+  EXPECT_EQ(suspects.Next(), "a");
+  EXPECT_EQ(suspects.WasRefused("a"), "a");
+  EXPECT_TRUE(suspects.LeavesOut("a"));
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+}
+
+TEST(Suspects, LeaveOutAThousandAndForgetTheFirst) {
+  Suspects suspects;
+  for (std::size_t i = 0; i <= Suspects::kMostLeftOut; ++i) {
+    suspects.ConnectionWasCutOff({std::to_string(i)});
+    CutOffAtTheFirst(suspects);
+    CutOffAtTheFirst(suspects);
+  }
+  EXPECT_FALSE(suspects.LeavesOut("0"));
+  EXPECT_TRUE(suspects.LeavesOut("1"));
+  EXPECT_TRUE(suspects.LeavesOut("1000"));
+}
+
+}  // namespace
