@@ -42,7 +42,7 @@ long long Now() {
 
 // 16 bytes: the prefix and 15 digits.
 std::string Key(char prefix, long long number) {
-  char key[17];
+  char key[24];  // For any number, which compilers ask for.
   std::snprintf(key, sizeof key, "%c%015lld", prefix, number);
   return key;
 }

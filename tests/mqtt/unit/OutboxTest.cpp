@@ -12,8 +12,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
-constexpr int kDeadline = 60'000;
-
 // The outbox of one database, which no other test has. Nothing is shared: what "the group" sets is set here.
 class OutboxTest : public ::testing::Test {
  protected:
