@@ -94,10 +94,12 @@ def test_pkg_config_finds_the_library_for_c(prefix, tmp_path):
     assert_works(tmp_path / "stranger", prefix)
 
 
-def test_installing_gives_the_headers_the_libraries_their_packages_and_the_tools_alone(prefix):
+def test_installing_gives_the_libraries_and_the_programs_around_them_and_nothing_else(prefix):
     installed = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir())
 
     command = ["bin/varnix", "share/bash-completion/completions/varnix", "share/man/man1/varnix.1"]
+    bridge = ["bin/varnix-mqtt", "lib/systemd/system/varnix-mqtt@.service", "share/man/man1/varnix-mqtt.1",
+              "share/doc/varnix-mqtt/examples/example.conf"]
     assert installed == sorted([
         "include/Varnix.h",
         "include/varnix_c.h",
@@ -116,7 +118,8 @@ def test_installing_gives_the_headers_the_libraries_their_packages_and_the_tools
         "lib/pkgconfig/varnix.pc",
         "lib/pkgconfig/varnix_c.pc",
         "lib/wireshark/plugins/varnix.lua",
-    ] + (command if (BUILD / "tools" / "varnix" / "varnix").exists() else []))
+    ] + (command if (BUILD / "tools" / "varnix" / "varnix").exists() else [])
+      + (bridge if (BUILD / "bridges" / "mqtt" / "varnix-mqtt").exists() else []))
 
 
 def test_all_packages_have_the_version_of_the_header(prefix):

@@ -3,13 +3,17 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "OptionTable.h"
 #include "Options.h"
 
 namespace {
 
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using Arguments = std::vector<std::string>;
@@ -179,6 +183,20 @@ TEST(Help, NamesEveryOption) {
        {"--site", "--group", "--database", "--broker", "--broadcast", "--device", "--process", "--import", "--prefix",
         "--user", "--password-file", "--ca", "--cert", "--key", "--read-only", "--log-level", "--config"}) {
     EXPECT_THAT(HelpText(), HasSubstr(std::string(name) + " "));
+  }
+}
+
+std::string ContentOf(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(ManualAndExample, NameEveryOption) {
+  const std::string manual = std::regex_replace(ContentOf(VARNIX_BRIDGE "/varnix-mqtt.1"), std::regex(R"(\\-)"), "-");
+  const std::string example = ContentOf(VARNIX_BRIDGE "/service/example.conf");
+  for (const OptionEntry& entry : OptionTable()) {
+    EXPECT_THAT(manual, HasSubstr("--" + std::string(entry.name)));
+    EXPECT_THAT(example, ContainsRegex("\n#?" + std::string(entry.name) + " = "));
   }
 }
 
