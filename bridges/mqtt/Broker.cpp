@@ -245,6 +245,7 @@ std::optional<int> Broker::PublishState(const State& state) {
 
 void Broker::Subscribe(const std::vector<std::string>& filters) {
   std::vector<char*> pointers;
+  pointers.reserve(filters.size());
   for (const std::string& filter : filters) pointers.push_back(const_cast<char*>(filter.c_str()));
   Check(mosquitto_subscribe_multiple(client_, nullptr, static_cast<int>(pointers.size()), pointers.data(), kQos,
                                      MQTT_SUB_OPT_NO_LOCAL, nullptr),

@@ -5,7 +5,7 @@
 #include <netdb.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 namespace {
 
@@ -20,7 +20,7 @@ std::string WithoutFullStop(std::string words) {
 
 std::string WordsForSystemCall(int error) {
   if (error == EINTR) return "it did not answer in time";
-  return std::strerror(error);
+  return std::generic_category().message(error);
 }
 
 }  // namespace

@@ -26,6 +26,7 @@ const char* NameOf(Log::Level level) {
 
 // systemd reads the level from the line, and adds the time.
 std::string Head(Log::Level level) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this process sets variables.
   static const bool to_journal = std::getenv("JOURNAL_STREAM") != nullptr;
   if (to_journal) return '<' + std::to_string(static_cast<int>(level)) + '>';
   const std::time_t now = std::time(nullptr);

@@ -5,14 +5,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 namespace {
 
 using Value = const std::string&;
+
+std::string WordsForErrno() { return std::generic_category().message(errno); }
 
 std::string Trimmed(std::string_view text) {
   constexpr const char* kBlanks = " \t\r";
@@ -67,8 +69,7 @@ void ReadPassword(Options& options, Value path) {
   std::ifstream file(path);
   std::string password;
   if (!std::getline(file, password)) {
-    throw UsageError("cannot read a password from '" + path +
-                     "': " + (file.is_open() ? "empty" : std::strerror(errno)));
+    throw UsageError("cannot read a password from '" + path + "': " + (file.is_open() ? "empty" : WordsForErrno()));
   }
   if (!password.empty() && password.back() == '\r') password.pop_back();
   options.password = password;
@@ -156,7 +157,7 @@ std::vector<GivenOption> ReadArguments(const std::vector<std::string>& arguments
 
 std::vector<GivenOption> ReadFile(const std::string& path) {
   std::ifstream file(path);
-  if (!file) throw UsageError("cannot read '" + path + "': " + std::strerror(errno));
+  if (!file) throw UsageError("cannot read '" + path + "': " + WordsForErrno());
   std::vector<GivenOption> given;
   int number = 0;
   for (std::string line; std::getline(file, line);) {
@@ -172,6 +173,6 @@ std::vector<GivenOption> ReadFile(const std::string& path) {
       throw UsageError(where + error.what());
     }
   }
-  if (file.bad()) throw UsageError("cannot read '" + path + "': " + std::strerror(errno));
+  if (file.bad()) throw UsageError("cannot read '" + path + "': " + WordsForErrno());
   return given;
 }

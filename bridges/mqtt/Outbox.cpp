@@ -29,7 +29,7 @@ void Outbox::Rest() {
 
 bool Outbox::Take(OutRow& row) {
   while (std::optional<Alarm::Change> change = NextChange()) {
-    const auto& [content, watcher] = *change;
+    const std::shared_ptr<Varnix::Watcher>& watcher = change->second;
     const auto table = table_of_.find(watcher.get());
     if (table != table_of_.end()) {
       SetRow(row, tables_[table->second], std::move(change->first));
@@ -37,7 +37,7 @@ bool Outbox::Take(OutRow& row) {
     }
     const auto database = std::find_if(databases_.begin(), databases_.end(),
                                        [&](const Database& one) { return one.new_tables == watcher; });
-    if (database != databases_.end()) LearnTables(*database, content.first);
+    if (database != databases_.end()) LearnTables(*database, change->first.first);
   }
   return false;
 }

@@ -29,6 +29,11 @@ ROWS = 100_000
 LOOPBACK = "127.255.255.255"
 
 
+def private_mib(program):
+    lines = pathlib.Path(f"/proc/{program.pid}/smaps_rollup").read_text().splitlines()
+    return int(next(line for line in lines if line.startswith("Private_Dirty")).split()[1]) / 1024
+
+
 class Peer:
     """A program of bench/peers/main.cpp."""
 
@@ -71,10 +76,6 @@ class Program:
     def cpu_seconds(self):
         times = pathlib.Path(f"/proc/{self.pid}/stat").read_text().rsplit(")", 1)[1].split()[11:13]
         return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
-
-    def private_mib(self):
-        lines = pathlib.Path(f"/proc/{self.pid}/smaps_rollup").read_text().splitlines()
-        return int(next(line for line in lines if line.startswith("Private_Dirty")).split()[1]) / 1024
 
     def close(self):
         self._process.kill()
@@ -151,8 +152,7 @@ def rows_a_second(system):
         after = pair.cpu_seconds()
         return {"rows_a_second": ROWS / ((seen - begin) / 1e9),
                 **{f"{name}_cpu_us": (after[name] - before[name]) * 1e6 / ROWS for name in before},
-                **{f"{name}_mib": program.private_mib() for name, program in pair.between.items()
-                   if isinstance(program, Program)}}
+                **{f"{name}_mib": private_mib(program) for name, program in pair.between.items()}}
 
 
 def latency(system):
