@@ -1,5 +1,9 @@
 """How a connection begins and ends: certificates, passwords, brokers that do not suit, other bridges, and signals."""
 
+import os
+import pathlib
+import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -245,3 +249,43 @@ def test_a_connection_that_is_never_made_is_given_up(make_site, start_bridge):
     hall.namespace.ip("neigh add 10.0.1.77 lladdr 02:00:00:00:00:01 dev eth0")
     bridge = start_bridge(hall, broker="10.0.1.77")
     assert bridge.says("There is no connection to the broker at .*: it did not answer in time. Next attempt in")
+
+
+def blocks_of_the_page():
+    """Of settings: what docs/beyond-one-network.md says that the files of a broker have, by path."""
+    page = (pathlib.Path(os.environ["VARNIX_SOURCE"]) / "docs" / "beyond-one-network.md").read_text(encoding="utf-8")
+    return {found[1]: found[0] for found in re.finditer(r"# (/etc/mosquitto/[\w./]+).*?(?=```)", page, re.DOTALL)}
+
+
+def test_a_broker_as_the_page_has_it_lets_each_site_write_under_its_own_name(middle, make_broker, make_client,
+                                                                             make_authority, make_site, make_member,
+                                                                             start_bridge, tmp_path):
+    settings, access = blocks_of_the_page().values()
+    (tmp_path / "certs").mkdir()
+    authority = make_authority()
+    certificate, key = authority.issue("broker", "10.0.1.1", "10.0.2.1")
+    for source, name in ((authority.certificate, "ca.pem"), (certificate, "broker.pem"), (key, "broker.key")):
+        shutil.copy(source, tmp_path / "certs" / name)
+    (tmp_path / "acl").write_text(access)
+    for number, user in enumerate(("hall1", "hall2", "hall3")):
+        options = ["-b", "-c"] if number == 0 else ["-b"]
+        subprocess.run(["mosquitto_passwd", *options, tmp_path / "passwords", user, "secret"], check=True)
+    (tmp_path / "password").write_text("secret\n")
+    lines = [line for line in settings.replace("/etc/mosquitto", str(tmp_path)).splitlines()
+             if line.split()[0] not in ("#", "max_queued_messages", "max_inflight_messages", "set_tcp_nodelay")]
+    plain = ["listener 1883 127.0.0.1"]  # For the client that tries to write under another name.
+    broker = make_broker(*lines, *plain).start()
+    one, two = make_site(b"hall1"), make_site(b"hall2")
+    for site, imports in ((one, []), (two, ["--import", "hall1"])):
+        start_bridge(site, "--ca", authority.certificate, "--user", site.name, "--password-file", tmp_path / "password",
+                     *imports, port=8883)
+    stranger = make_client(broker, "varnix/#", user="hall3", password="secret")
+    writer, reader = make_member(one), make_member(two, IMPORTED)
+    reader.watch(IMPORTED, TABLE)
+    writer.set(DATABASE, TABLE, b"row", b"of the site")
+    assert reader.gets(b"row", b"of the site", database=IMPORTED)
+    assert stranger.gets(topic(b"hall1", b"row"), b"of the site")
+    stranger.publish_and_wait(topic(b"hall1", b"row"), b"of a stranger")
+    writer.set(DATABASE, TABLE, b"last", b"1")
+    assert reader.gets(b"last", b"1", database=IMPORTED)
+    assert reader.table(IMPORTED, TABLE) == {b"row": b"of the site", b"last": b"1"}
