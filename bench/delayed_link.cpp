@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A link between two network namespaces that takes its time: delayed_link NAMESPACE NAMESPACE MICROSECONDS
 // Makes an interface "eth0" in each (paths as /proc/PID/ns/net), prints "ready", and hands every frame from one to the
 // other after the delay, until standard input ends. Then prints, for each direction, the frames and the TCP segments

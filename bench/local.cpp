@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Tables within one process, beside the limits: the same map under one mutex and nothing else, and a bare futex.
 
 #include <Varnix.h>

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Measures every system at every job: measure.py RESULTS.json
 
 Runs take turns among the systems, so that what the machine does meanwhile meets all of them, and a ratio of two systems

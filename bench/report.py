@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Makes a page and plots of what was measured: report.py FOLDER
 
 Reads local.json and results.json in the folder, writes bench.md, growth.svg, peers.svg and systems.svg there.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """The systems that are compared: how each is started, in one network namespace or in two that a link connects."""
 
 import json

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # `cmake --install` gives the header, the library, the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # Only examples and tests are written in C; the library for C is not. Where no C compiler is found, they are left out.
 if(VARNIX_EXAMPLES OR (varnix_is_top_level AND BUILD_TESTING))
   include(CheckLanguage)

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # What the tests of every room are made with.
 set(VARNIX_TESTING_DIR ${CMAKE_CURRENT_LIST_DIR})
 

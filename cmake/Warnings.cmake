@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # The warnings of our own code; they reach nobody who links the library.
 add_library(varnix_warnings INTERFACE)
 target_compile_options(varnix_warnings INTERFACE

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // One of the two processes of scripts/demo: demo_peer GROUP NAME
 //
 // Reads commands from standard input, one a line, and ends with it:

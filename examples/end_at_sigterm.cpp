@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Ends well at SIGTERM or SIGINT: the thread that waits for rows is woken by a row of a table of this process's own.
 //
 //   $ end_at_sigterm &

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Hands what the library logs to syslog, with the tag in front: journalctl -t press-2 then shows, for instance,
 //
 //   tblcmbn.sharing.svr: DB(0x55d0c8a02f10) SetSharing -> server=0x55d0c8a036c0

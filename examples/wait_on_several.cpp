@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // One thread waits on a key of one table and on every row of another, and gives up at a deadline.
 //
 //   $ wait_on_several

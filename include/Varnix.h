@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Varnix: key/value tables that the processes of a device, and the devices of one local network, share.
 //
 // Set rows in named tables, watch single keys or whole tables, and let one thread wait on many watchers. The tables of

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # For scripts that do one thing after the other, go on when one fails, and tell at the end how long each took.
 phases=() failed_phases=()
 phase_times=$(mktemp)

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The limit of what sockets allow: records of the same layout, sent and received with the system calls that the library
 // makes for each (SocketPeer.h), and nothing around them.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Cyclone DDS: a keyed topic with the name of the table; reliable, transient-local and keep-last 1, so the writer holds
 // every row for those who come late. Writes are batched until a packet is full or Flush() is called (dds.h,
 // dds_write_flush; configuration reference, Internal/WriteBatch). A waitset wakes the watcher, which takes many rows

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // One peer of a benchmark, for every system the same: PEER WRITTEN WATCHED ADDRESS NAME
 // "-" as WRITTEN or WATCHED: none. Takes commands on standard input and answers each with one line, times being
 // nanoseconds of the monotonic clock, which all processes of a host share:

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Mosquitto: a retained message for each row, QoS 1, on the topic TABLE/KEY; the library's own thread sends. For
 // throughput a thousand messages in flight instead of 20 (mosquitto.h, mosquitto_max_inflight_messages_set;
 // mosquitto.conf(5), max_inflight_messages), behind them queues without limit, and no Nagle delay (set_tcp_nodelay).

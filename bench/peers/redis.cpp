@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Redis: a hash holds the table, and a channel of the same name tells of its changes. Pipelines of 10,000 commands,
 // each read to its end before the next (Redis manual, "Redis pipelining"; hiredis README, "Pipelining"). A watcher
 // subscribes first and then reads the hash in steps that do not hold up the others (Redis manual, SCAN), so it misses

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The limit of what sockets and tables allow: the sockets and system calls of bare.cpp, and the tables that the library
 // keeps by its design. The writer has each row twice, under its combined key for the senders and under its own key as
 // the local copy; a sender takes rows in the order of their last changes, so that one which changes again before it is

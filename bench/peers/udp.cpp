@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The limit of what a network gives a single row: one datagram, nothing promised.
 
 #include <arpa/inet.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Varnix itself: a shared table in a database with a sharing group.
 
 #include <Varnix.h>

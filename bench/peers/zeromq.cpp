@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // ZeroMQ: the writing peer is the server of the guide's "Clone" pattern (ZeroMQ guide, chapter 5): updates with
 // sequence numbers over PUB/SUB, snapshots over ROUTER/DEALER, and rows from Set() over an inproc PAIR to the one
 // thread that owns both. No high-water marks, so nothing is dropped (zmq_setsockopt(3), ZMQ_SNDHWM, ZMQ_RCVHWM). XPUB

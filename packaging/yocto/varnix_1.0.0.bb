@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 SUMMARY = "Shared key/value tables for the processes and devices of a local network"
 DESCRIPTION = "A process makes tables, sets rows in them, and watches single keys or whole tables. The tables of a \
 database are shared with the other members of its group, which find each other by UDP broadcast and need no server."

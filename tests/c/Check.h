@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // What the tests of the library for C are made with. A program is a list of tests, RUN(name) each; a check that fails
 // ends it.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // What the library throws becomes a result: no exception leaves a function.
 #include <cerrno>
 #include <stdexcept>

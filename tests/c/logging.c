@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The log function, and the ring that takes its place.
 #include <errno.h>
 #include <pthread.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // What the library for C costs beside that of C++, and the descriptor of a set beside a bare eventfd. Both sides of a
 // comparison take turns, and of many rounds the best counts.
 #include <Varnix.h>

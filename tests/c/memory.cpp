@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Without memory every function fails by its result, has changed no output, and works when there is memory again.
 #include <cerrno>
 #include <cstdio>

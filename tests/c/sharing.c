@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Databases: two of one process cannot meet, so the other member is a child.
 #include <arpa/inet.h>
 #include <errno.h>

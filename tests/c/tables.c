@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Tables, watchers and sets of one process.
 #include <errno.h>
 #include <poll.h>

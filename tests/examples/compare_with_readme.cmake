@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # Fails unless a ```cpp block of README is EXAMPLE, byte for byte but for the lines that name its licence.
 file(READ ${README} readme)
 file(READ ${EXAMPLE} example)

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What the library costs a device, as Markdown: measure.py NATIVE_BUILD ARMHF_BUILD. scripts/footprint runs it."""
 
 import os

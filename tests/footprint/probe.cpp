@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A program that grows as it is told to by lines on standard input, for measure.py to see what that costs. Each line is
 // answered by one: the bytes of heap in use, and the bytes of address space that are reserved.
 #include <Varnix.h>

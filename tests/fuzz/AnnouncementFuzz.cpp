@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A datagram of any size and content finds a peer exactly when its size is 2 to 256 bytes and its group is ours.
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Splitting any combined key, and printing it, stays within the key; splitting what was combined gives both halves
 // back.
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A peer that sends anything at all ends the stream that receives from it, in one of the ways that a stream can end.
 
 #include <unistd.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Whatever the bytes are, and however the network splits them, the reader yields the whole records that they begin
 // with; and a record that is written is read back as it was.
 

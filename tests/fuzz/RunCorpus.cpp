@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Runs a fuzz target once over each file of a corpus directory.
 
 #include <cstdint>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A peer that answers anything at all is told who we are. If it answers properly, it gets every row of the table too,
 // and is connected back to when its group is ours; otherwise it gets nothing more.
 

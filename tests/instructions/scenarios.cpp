@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Fixed amounts of work, whose instructions are counted: instructions SCENARIO
 // Only what Measured() does counts. One thread does it all, so that the count is the same each time.
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What fixed amounts of work cost in instructions: times depend on the machine and its mood, these hardly do.
 
 The counts are those of one compiler and its standard library; with another, renew them first (see CMakeLists.txt).

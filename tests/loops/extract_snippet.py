@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Writes the code of one section of a document into a file: extract_snippet.py DOCUMENT SECTION FILE"""
 
 import pathlib

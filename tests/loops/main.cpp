@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Runs the code that docs/event-loops.md shows: its Run() sees the rows that another thread sets.
 #include SNIPPET
 

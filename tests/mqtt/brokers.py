@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Brokers: Debian's mosquitto in a network namespace, clients that look at what it has, and what stands between."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Sites: network namespaces, each with a group of its own and a bridge, and a cable to the broker's namespace."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What could not arrive at its time, and is made good within a minute."""
 
 from sites import DATABASE, TABLE

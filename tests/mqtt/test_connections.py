@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """How a connection begins and ends: certificates, passwords, brokers that do not suit, other bridges, and signals."""
 
 import os

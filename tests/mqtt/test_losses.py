@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Brokers, networks and sites that go away and come back: in the end the last value of each row is everywhere."""
 
 import signal

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What a broker refuses, and what a bridge refuses: named in the log, left out, and everything else goes on."""
 
 import random

@@ -1,4 +1,7 @@
 #!/usr/bin/env bash
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 # Builds the Debian packages natively and for armhf, and installs and uses them, each time in a fresh Debian 12:
 # tests/package/debian.sh. Installs what it needs, works in a temporary directory, and leaves nothing else behind.
 # Needs root (it calls sudo) and Debian's mirror: DEBIAN_MIRROR names another one.

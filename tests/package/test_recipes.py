@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """The recipes in packaging/: their steps by hand, with their own settings and what the tools around them add."""
 
 import hashlib

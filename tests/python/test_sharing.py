@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Databases that Python shares with members that are written in C++, and with forked and spawned children."""
 
 import multiprocessing

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """scripts/check-includes finds the includes that run up between the rooms, in the source as it is and in made-up ones."""
 
 import subprocess

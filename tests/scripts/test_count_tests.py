@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """scripts/count-tests tells how many single tests passed, failed and were skipped in a run of ctest."""
 
 import subprocess

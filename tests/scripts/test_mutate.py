@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """scripts/mutate finds the places that it breaks, also after the source has changed around them."""
 
 import pytest

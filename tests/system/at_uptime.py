@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Becomes a program that finds the system up for so long: at_uptime.py MILLISECONDS PROGRAM [ARGUMENT...]
 
 The process stays the same, so that whoever started it has the program's own id. Needs Linux 5.6, and root or root of a

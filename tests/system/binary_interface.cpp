@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Calls the library as a program does that was compiled long ago: by the place of a virtual function in its table, and
 // with the numbers that it took for names.
 #include <Varnix.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Waits with a deadline near and far, and tells how wide a time is for this program.
 #include <Varnix.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A program that uses the library as its tests tell it to, by lines on standard input. Byte strings are in hexadecimal,
 // "-" is the empty one. What happens is reported by lines on standard output, and every command ends in the line "ok".
 // Log lines go to standard error, as level, tag and text.

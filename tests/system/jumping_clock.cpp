@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Stands before the C library's clocks, for the whole process: at each reading the date is ten years ahead or ten years
 // behind, in turn. All other clocks are as they are.
 #include <sys/syscall.h>

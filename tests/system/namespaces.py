@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Network namespaces: each test has one or several of its own, so that tests neither hear each other nor anybody else.
 
 A namespace has no name: it lives as long as its descriptor or a process in it, and so it is never left behind.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Which members meet with which broadcast addresses, on hosts with one network and with two."""
 
 import socket

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Hosts that have been up for so long that the milliseconds of their monotonic clocks outgrow 31 and 32 bits."""
 
 import pathlib

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """The conversations in conversations/ (see the README.md there), replayed against a process with the real library."""
 
 import ast

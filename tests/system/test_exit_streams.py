@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Processes that end while they stream to and from a peer, at every stage of a stream."""
 
 import pathlib

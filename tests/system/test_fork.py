@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """A host that forks without exec: the child ends well, and nobody else notices that it has been there."""
 
 import os

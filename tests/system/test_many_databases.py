@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Members with many databases in one group: each announcement makes each of them connect to each."""
 
 import resource

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Native and 32-bit ARM processes in one group, and programs and libraries that disagree on how wide a time is."""
 
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """The reader in Python that docs/protocol.md shows, as it stands there, against the library."""
 
 import pathlib

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Every byte of a table stream, seen by a peer that shares no code with the library."""
 
 import concurrent.futures

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """A wall clock that is set by years while a host shares: nothing but the monotonic clock counts."""
 
 import pytest

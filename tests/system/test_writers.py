@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Two writers of one key, and what a connection anew brings: each case of the tables in docs/writers.md."""
 
 import itertools

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Uses the whole interface from many threads at once. Its arguments:
 //   calls SEED SECONDS   everything at random, while the log hook is replaced and sharing is switched
 //   hand-over COUNT WAITERS   every change that one thread sets is taken by one of the waiters; prints the longest wait

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """A small peer of its own: speaks the protocol from its description and shares no code with the library."""
 
 import fcntl

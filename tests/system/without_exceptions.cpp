@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A program without exceptions and RTTI, in the oldest C++ that the header allows: without_exceptions NAME
 //
 // Shares a row under its name, with SIGTERM blocked meanwhile, and prints each row of the group that is not its own.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Every fault that the doctor names is brought about and found; and nothing is found where all is well."""
 
 import json

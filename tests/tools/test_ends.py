@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """How the command is called and how it ends: options, exit statuses, signals, closed pipes, terminals."""
 
 import os

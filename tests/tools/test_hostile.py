@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Members of a broken or hostile kind: the command ends in time, stays small, and shows what the others have set."""
 
 import itertools

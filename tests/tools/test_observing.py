@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What the command shows of members that use the real library: members, tables, dump, get, watch."""
 
 import base64

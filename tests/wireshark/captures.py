@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """The kept captures: what is in those that are made byte by byte, and with which options each is decoded.
 
     captures.py             makes them, and writes down what tshark shows of every kept one

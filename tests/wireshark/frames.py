@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Captures that are made byte by byte: IPv4 packets with nothing around them, one each millisecond."""
 
 import struct

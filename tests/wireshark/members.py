@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Processes that use the library, recorded on the loopback interface of a namespace."""
 
 import pathlib

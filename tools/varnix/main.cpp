@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The command `varnix`: looks at the tables that the processes of a local network share, by the protocol alone.
 #include <fcntl.h>
 #include <langinfo.h>

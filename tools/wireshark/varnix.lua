@@ -1,3 +1,6 @@
+-- SPDX-FileCopyrightText: 2026 the Varnix authors
+-- SPDX-License-Identifier: BSD-3-Clause
+
 -- Shows in Wireshark and tshark what the members of Varnix say to each other. What the bytes mean: docs/protocol.md.
 --
 -- Announcements are UDP datagrams to port 1975. The TCP ports are any: each is learnt from an announcement, or from

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // One thread waits by epoll for changes of a table and for lines on standard input, NAME VALUE, which it sets as rows.
 // Ends with the input.
 //

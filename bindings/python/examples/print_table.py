@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Sets one row, and prints what every member of the group has set or sets: print_table.py NAME VALUE
 
 Run it in two terminals, with different names; Ctrl-C ends it.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Prints a table as it changes, and who comes and goes, while other tasks of the same loop do their work."""
 
 import asyncio

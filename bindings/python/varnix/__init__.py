@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Key/value tables that the processes of a device, and the devices of one local network, share.
 
     table = varnix.shared_table("plant", "status")

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """What the library logs, handed on to Python's logging.
 
 The library logs inside most calls, under its locks, and on threads of its own. No Python code can run there: it would

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
 """Measures varnix-mqtt beside what its broker carries from one client to another: measure.py RESULTS.json [TURNS]
 
 Three network namespaces: a site, the broker, another site. Runs of the two systems take turns, so that what the machine

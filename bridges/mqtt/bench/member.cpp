@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A member of a sharing group, as a peer of a benchmark. What it writes and watches are given as DATABASE/TABLE.
 
 #include <Varnix.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // The program of somebody who uses the library: it knows nothing but the installed header.
 #include <Varnix.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // A second shared library that uses ours, with static objects of its own.
 #include "Statics.h"
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Loads a library that uses ours, and unloads it while the threads of ours go on, again and again.
 #include <dlfcn.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Leaves tables, watchers, sets and shared databases to the destructors of static objects: made before the first call
 // of the library, with it and after it, in the program and in a second shared library.
 #include "Statics.h"

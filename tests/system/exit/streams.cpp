@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Ends while streams to and from peers are alive. Its arguments: the way to end, the group, its name, and when to end:
 //   streaming   when rows go both ways between it and the partner
 //   told        at the end of its standard input

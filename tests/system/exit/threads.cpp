@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Ends while other threads call every exported function and method, again and again, or sit in a wait.
 #include <atomic>
 #include <thread>

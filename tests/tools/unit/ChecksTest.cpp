@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // What a doctor makes of what it has seen.
 #include <gtest/gtest.h>
 

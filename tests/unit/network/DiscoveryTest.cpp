@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
 

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Two servers meet, hand rows over, restart and stop, while the n-th allocation of their own threads fails, or all from
 // the n-th on, for every n. Each time is a process of its own.
 #include <gmock/gmock.h>

@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 // Two servers meet, hand rows over, restart and stop, while the n-th of the calls of one kind fails, or all from the
 // n-th on: for every n, every call and every error that it can give. Each time is a process of its own. A failure that
 // is to end the process must do so, with its line as the last; after all others everything works once the fault is

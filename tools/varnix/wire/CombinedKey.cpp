@@ -1,3 +1,6 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
 #include "wire/CombinedKey.h"
 
 std::string CombinedKey(std::string_view name, std::string_view key) {
