@@ -12,8 +12,8 @@
 #include <thread>
 #include <utility>
 
-// Turns a change of a watcher into a descriptor that poll() can wait for. A thread of its own sleeps in the watcher set,
-// takes the first change, and then rests until it is set again: so under load it does nothing.
+// Turns a change of a watcher into a descriptor that poll() can wait for. A thread of its own sleeps in the watcher
+// set, takes the first change, and then rests until it is set again: so under load it does nothing.
 //
 // Threads: that of the owner alone, beside its own.
 class Alarm {

@@ -6,8 +6,8 @@
 #include <chrono>
 #include <random>
 
-// How long to wait before the next attempt: each wait is chosen by chance from a range that doubles, from 1 to 2 seconds
-// up to 30 to 60, so that thousands of bridges do not come back to a broker at one moment.
+// How long to wait before the next attempt: each wait is chosen by chance from a range that doubles, from 1 to 2
+// seconds up to 30 to 60, so that thousands of bridges do not come back to a broker at one moment.
 class Backoff {
  public:
   Backoff() : chance_(std::random_device()()) {}

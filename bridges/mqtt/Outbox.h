@@ -36,8 +36,8 @@ class Outbox {
   // Nothing is to be published until Restart().
   void Rest();
 
-  // The next row, the one that changed first in its table; no table waits for ever. False if there is none: from then on
-  // Descriptor() becomes readable when there may be one.
+  // The next row, the one that changed first in its table; no table waits for ever. False if there is none: from then
+  // on Descriptor() becomes readable when there may be one.
   bool Take(OutRow& row);
   int Descriptor() const { return alarm_.Descriptor(); }
   // Whether Take() has nothing until Descriptor() is readable.

@@ -14,10 +14,10 @@
 // A name that nobody else has: 16 digits by chance.
 std::string RandomName();
 
-// Tells the other sites whether the bridge of this one is there: PREFIX/SITE/$state is "1", or "0" by the will or when we
-// take leave. Finds out, too, whether there is a second bridge for the site, to which the broker gives our connection.
-// Some brokers say so as they end ours. The others show it: the state carries who has set it, as a property, and when we
-// are back it is that of somebody else.
+// Tells the other sites whether the bridge of this one is there: PREFIX/SITE/$state is "1", or "0" by the will or when
+// we take leave. Finds out, too, whether there is a second bridge for the site, to which the broker gives our
+// connection. Some brokers say so as they end ours. The others show it: the state carries who has set it, as a
+// property, and when we are back it is that of somebody else.
 //
 // Threads: that of the owner alone.
 class Presence {

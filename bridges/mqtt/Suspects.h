@@ -13,10 +13,10 @@
 
 // Finds the rows for which a broker ends the connection, so that they can be left out and the others go on.
 //
-// When the broker cuts a connection off, each message that is without an acknowledgement may be the cause, and each that
-// it has refused just before. In the next connection these are published one at a time. A row that is then alone in
-// flight when the connection is cut off, and that twice running, is left out; so is one that is refused. A network that
-// fails convicts nobody.
+// When the broker cuts a connection off, each message that is without an acknowledgement may be the cause, and each
+// that it has refused just before. In the next connection these are published one at a time. A row that is then alone
+// in flight when the connection is cut off, and that twice running, is left out; so is one that is refused. A network
+// that fails convicts nobody.
 class Suspects {
  public:
   using Time = std::chrono::steady_clock::time_point;
