@@ -6,5 +6,5 @@ add_library(varnix_warnings INTERFACE)
 target_compile_options(varnix_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast>
-  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
   $<$<BOOL:${VARNIX_WERROR}>:-Werror>)
