@@ -65,8 +65,10 @@ void CallEverything(const std::string& database) {
   const std::shared_ptr<Varnix::Table> shared = Varnix::MakeSharedTable(database, "table");
   const std::shared_ptr<Varnix::Table> local = Varnix::MakeTable("local");
   const std::shared_ptr<Varnix::Watcher> own = local->Watch("key");
-  const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet(
-      {shared->WatchAll(), own, Varnix::GetDatabaseTable()->WatchAll(), Varnix::GetTableTable(database)->WatchAll()});
+  const std::shared_ptr<Varnix::WatcherSet> set =
+      Varnix::MakeWatcherSet({shared->WatchAll(), own, Varnix::GetDatabaseTable()->WatchAll(),
+                              Varnix::GetTableTable(database)->WatchAll(), Varnix::GetPeerTable(database)->WatchAll()});
+  if (Varnix::GetDescriptor(set) < 0) std::abort();
   shared->Set({"key", "value"});
   local->Set({"key", "1"});
   if (own->GetChanges().size() != 1) std::abort();
@@ -78,5 +80,6 @@ void CallEverything(const std::string& database) {
   std::string group, device, process;
   unsigned address = 0;
   Varnix::GetSharingGroup(database, group, device, process, &address);
+  Varnix::StopSharing(database);
   Varnix::GetLocalTables();
 }
