@@ -24,9 +24,12 @@ void LogBuffer::Write(int level, const char* tag, const char* format, va_list ar
 }
 
 bool LogBuffer::Take(varnix_log_message* message) {
-  if (lent_) begin_ = After(begin_);
-  lent_ = begin_ != end_;
-  if (!lent_) return false;
+  if (lent_) {
+    lent_ = false;  // First: a child that is forked in between takes the message once more, and none too many.
+    begin_ = After(begin_);
+  }
+  if (begin_ == end_) return false;
+  lent_ = true;
   const Slot& slot = slots_[begin_];
   *message = {slot.level, slot.tag, slot.text, dropped_.exchange(0)};
   return true;

@@ -27,10 +27,10 @@
 //   What is passed in is copied. What is handed out ends in a zero that its length does not count.
 // Results: 0, or a negative errno. A handle or a struct that is an output is then left as it was.
 //   -ENOMEM   there is no memory
-//   -EAGAIN   there is nothing to take, or nothing came in time
+//   -EAGAIN   there is nothing to take, or nothing came in time; varnix_share: there is no thread to be had
 //   -ENOENT   varnix_get_sharing: the database is not shared
 //   -EINVAL   NULL with a length other than 0, or a length that no string can have
-//   -EIO      anything else that Varnix.h would throw; a failing lock gives its own errno
+//   -EIO      anything else that Varnix.h would throw; a std::system_error, of a failing lock for one, gives its own
 //   So no exception leaves a function. Functions without a result cannot fail.
 // Cancelling: a thread must not be cancelled by pthread_cancel() while it is in a function of this library.
 
@@ -177,7 +177,8 @@ VARNIX_C_EXPORT int varnix_set_log_function(varnix_log_function function, int ma
 // A ring of messages, for programs whose code cannot run inside a call of the library: interpreters, for instance. The
 // library writes messages into it and never waits for room: when it is full, a new message is dropped, and counted.
 //
-// Threads: one at a time takes messages, or waits for them. Fork: the child has a copy, with what is in it.
+// Threads: one at a time takes messages, or waits for them. Fork: the child has a copy, with what is in it; a thread
+//   of the parent may be just using it, so the child makes and installs one of its own, and waits on no other.
 
 // A message as it is taken. It is there until the next one is taken.
 typedef struct varnix_log_message {

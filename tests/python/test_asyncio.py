@@ -6,6 +6,7 @@
 import asyncio
 import os
 import threading
+import time
 
 import pytest
 
@@ -41,6 +42,31 @@ def test_changes_come_in_their_order_and_other_tasks_run_meanwhile(table, change
         return taken
 
     assert run(both()) == [(str(i).encode(), b"v") for i in range(1000)]
+
+
+def test_a_writer_without_a_pause_lets_other_tasks_run_and_cancel(table, changes):
+    ended = threading.Event()
+
+    def write():
+        while not ended.is_set():
+            for i in range(100):
+                table.set(str(i), str(time.monotonic()))
+
+    async def main():
+        task = asyncio.ensure_future(take(changes, -1))
+        for _ in range(10):
+            await asyncio.sleep(0.001)
+        task.cancel()
+        with pytest.raises(asyncio.CancelledError):
+            await task
+
+    writer = threading.Thread(target=write)
+    writer.start()
+    try:
+        run(asyncio.wait_for(main(), 60))
+    finally:
+        ended.set()
+        writer.join()
 
 
 def test_a_row_of_another_thread_wakes_the_loop_and_no_thread_is_started(table, changes):

@@ -11,6 +11,7 @@ and never waits, and a thread of the interpreter empties it.
 import atexit
 import logging
 import os
+import sys
 import threading
 from typing import Optional
 
@@ -32,10 +33,14 @@ class _Ring(Handle):
         self.capacity = capacity
         self.max_level = max_level
         self._handle = make(_library.log_buffer_new, capacity)
-        check(_library.log_buffer_install(self._handle, max_level))
         self._ended = False
         self._thread = threading.Thread(target=self._run, name="varnix-log", daemon=True)
         self._thread.start()
+        try:
+            check(_library.log_buffer_install(self._handle, max_level))
+        except BaseException:
+            self.end()
+            raise
 
     def end(self) -> None:
         """Hands on what is left. Another log function must be in its place already."""
@@ -48,14 +53,22 @@ class _Ring(Handle):
         while not self._ended:
             _library.log_buffer_wait(self._handle)
             self._empty()
+        self._empty()  # What came between the last look and the end.
 
     def _empty(self) -> None:
         message = LogMessageStruct()
         while _library.log_buffer_take(self._handle, ctypes.byref(message)) == 0:
-            if message.dropped:
-                logging.getLogger("varnix").warning("%d messages were dropped, for want of room", message.dropped)
-            logger = logging.getLogger("varnix." + message.tag.decode("latin-1"))
-            logger.log(_LEVELS[message.level], "%s", message.text.decode("utf-8", "replace"))
+            try:
+                _hand_on(message)
+            except Exception:  # Of a filter or a handler of the user's: the next message is handed on all the same.
+                sys.excepthook(*sys.exc_info())
+
+
+def _hand_on(message: LogMessageStruct) -> None:
+    if message.dropped:
+        logging.getLogger("varnix").warning("%d messages were dropped, for want of room", message.dropped)
+    logger = logging.getLogger("varnix." + message.tag.decode("latin-1"))
+    logger.log(_LEVELS[message.level], "%s", message.text.decode("utf-8", "replace"))
 
 
 _lock = threading.Lock()
@@ -82,8 +95,8 @@ def start_logging(level: int = logging.INFO, capacity: int = 256) -> None:
 def stop_logging() -> None:
     """Silences the library, errors included, and hands on what it has logged before."""
     global _ring
-    check(_library.set_log_function(None, 0, None))
     with _lock:
+        check(_library.set_log_function(None, 0, None))
         old, _ring = _ring, None
     if old is not None:
         old.end()

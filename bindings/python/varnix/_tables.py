@@ -31,10 +31,12 @@ class Watcher(Handle):
 
     def changes(self) -> List[Tuple[bytes, bytes]]:
         """Takes the next change: a list of one pair of key and value, or an empty list when nothing is pending."""
-        change = _changes.pop() if _changes else _new_change()
-        result = _library.watcher_take(self._handle, change[0])
-        rows = [_row(change)] if result == 0 else []
-        _changes.append(change)
+        change = _borrow()
+        try:
+            result = _library.watcher_take(self._handle, change[0])
+            rows = [_row(change)] if result == 0 else []
+        finally:
+            _changes.append(change)
         if result != 0 and result != -errno.EAGAIN:
             check(result)
         return rows
@@ -83,7 +85,7 @@ class WatcherSet(Handle):
     Iterating over it, by `for` or `async for`, waits for one change after the other, without end.
     """
 
-    __slots__ = ("_watchers", )
+    __slots__ = ("_watchers", "_without_pause")
     _free = _library.watcher_set_free
 
     def __init__(self, watchers: Iterable[Watcher]) -> None:
@@ -93,6 +95,7 @@ class WatcherSet(Handle):
                 raise TypeError(f"Watcher expected, not {type(member).__name__}")
         handles = [member._handle for member in members]
         self._watchers: Dict[int, Watcher] = dict(zip(handles, members))
+        self._without_pause = 0  # Changes that `async for` has taken since other tasks had their turn.
         self._handle = make(_library.watcher_set_new, (ctypes.c_void_p * len(handles))(*handles), len(handles))
 
     def wait(self, timeout: Optional[float] = None) -> Optional[Change]:
@@ -140,10 +143,15 @@ class WatcherSet(Handle):
 
     async def __anext__(self) -> Change:
         # Nothing is awaited between taking a change and returning it: so cancelling loses none.
+        self._without_pause += 1
+        if self._without_pause > _MOST_WITHOUT_PAUSE:
+            self._without_pause = 0
+            await asyncio.sleep(0)  # A writer without a pause would keep other tasks waiting.
         while True:
             change = self._take()
             if change is not None:
                 return change
+            self._without_pause = 0
             await self._readable()
 
     async def _readable(self) -> None:
@@ -161,18 +169,21 @@ class WatcherSet(Handle):
             os.close(descriptor)
 
     def _take(self) -> Optional[Change]:
-        change = _changes.pop() if _changes else _new_change()
-        result = _wait(self._handle, 0, change[0])
+        change = _borrow()
         taken = None
-        if result == 0:
-            key, value = _row(change)
-            taken = Change(key, value, self._watchers[change[1].watcher])
-        _changes.append(change)
+        try:
+            result = _wait(self._handle, 0, change[0])
+            if result == 0:
+                key, value = _row(change)
+                taken = Change(key, value, self._watchers[change[1].watcher])
+        finally:
+            _changes.append(change)
         if result != 0 and result != -errno.EAGAIN:
             check(result)
         return taken
 
 
+_MOST_WITHOUT_PAUSE = 100
 _LONGEST_POLL = 24 * 60 * 60  # Seconds. Milliseconds of poll() are an int.
 
 
@@ -231,6 +242,13 @@ def _table_in(tables: int, index: int) -> Tuple[str, Table]:
 # change that is not its own. As many are kept as have been in use at the same time.
 _Borrowed = Tuple[int, ChangeStruct, ChangeAddresses]
 _changes: List[_Borrowed] = []
+
+
+def _borrow() -> _Borrowed:
+    try:
+        return _changes.pop()
+    except IndexError:
+        return _new_change()
 
 
 def _new_change() -> _Borrowed:
