@@ -208,6 +208,17 @@ def test_odd_greetings_are_no_harm(press, fake, look, greeting, name):
     assert any(line.startswith(b"press::ctl") for line in running.lines), running.errors
 
 
+def test_an_identity_that_no_device_has_is_left_out_and_takes_no_memory(press, fake, look):
+    def behave(connected):
+        connected.sendall(wire.record(b"plant", b"\x04fake" + b"x" * 1_000_000))
+        fakes.wait_for_end(connected)
+
+    _, running = look([fake(behave)], "members")
+
+    assert [line for line in running.lines if b"fake" in line] == []
+    assert any(line.startswith(b"press::ctl") for line in running.lines), running.errors
+
+
 def test_malformed_keys_are_shown_as_members_take_them(press, fake, look):
     def behave(connected):
         connected.sendall(fakes.GREETING + wire.record(b"", b"1") + wire.record(b"\x05four", b"2"))

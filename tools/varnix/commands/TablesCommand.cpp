@@ -25,7 +25,7 @@ TablesCommand::TablesCommand(const Options& options) : ObserverCommand(options, 
 
 std::size_t TablesCommand::OnRow(const Member& member, const Row& row) {
   Tables& tables = tables_[member.place];
-  tables.member = member;
+  if (tables.sizes.empty()) tables.member = member;
   const auto [table, is_new_table] = tables.sizes.try_emplace(std::string(row.table));
   const auto [entry, is_new] = table->second.insert_or_assign(std::string(row.key), row.value.size());
   return (is_new ? row.key.size() + kBesidesKey : 0) + (is_new_table ? row.table.size() + kBesidesName : 0);

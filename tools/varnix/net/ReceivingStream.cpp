@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5};
 constexpr std::size_t kPiece = 1 << 16;
+// Of a device and a process with names that nobody has; a longer one would take memory that nothing counts.
+constexpr std::size_t kLongestIdentity = 1 + 255 + 4096;
 constexpr int kMostPieces = 4;  // A member that never pauses lets the others have their turn.
 
 }  // namespace
@@ -85,6 +87,7 @@ void ReceivingStream::TakeRecords() {
 }
 
 void ReceivingStream::OnGreeting(const Record& record) {
+  if (record.b.size() > kLongestIdentity) return EndAs({End::Kind::kOverLimit});
   owner_.OnGreeting(*this, record.a, record.b);
   if (IsEnded()) return;
   state_ = State::kReceiving;

@@ -15,7 +15,7 @@ void TopModel::AddMember(const Member& member) { members_[member.place].member =
 
 std::size_t TopModel::SetRow(const Member& member, const Row& row, TimePoint now) {
   MemberEntry& owner = members_[member.place];
-  owner.member = member;
+  if (owner.tables.empty()) owner.member = member;
   const auto [found_table, is_new_table] = owner.tables.try_emplace(std::string(row.table));
   TableEntry& table = found_table->second;
   const auto [found, is_new] = table.rows.try_emplace(std::string(row.key));
