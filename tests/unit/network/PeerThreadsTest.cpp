@@ -55,7 +55,7 @@ class Receivers {
   // Waits until so many have begun.
   bool Begin(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return begun_.size() >= count; });
+    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return begun_.size() >= count; });
   }
   std::vector<unsigned short> Begun() const {
     const std::lock_guard<std::mutex> lock(mutex_);
