@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
@@ -190,15 +191,15 @@ TEST_F(ReadyDescriptorTest, AgreesWithItsSetWhileThreadsSetAndTake) {
 }
 
 TEST_F(ReadyDescriptorTest, IsThereForTenThousandSets) {
-  constexpr int kSets = 10'000;
+  constexpr std::size_t kSets = 10'000;
   const DescriptorLimit enough(kSets + 100);
   std::vector<std::shared_ptr<Varnix::WatcherSet>> sets;
-  for (int i = 0; i < kSets; ++i) {
+  for (std::size_t i = 0; i < kSets; ++i) {
     sets.push_back(Varnix::MakeWatcherSet({table_->Watch(std::to_string(i))}));
     ASSERT_GE(GetDescriptor(sets.back()), 0) << i;
   }
 
   table_->Set({"77", "1"});
 
-  for (int i = 0; i < kSets; ++i) EXPECT_EQ(IsReadable(GetDescriptor(sets[i])), i == 77) << i;
+  for (std::size_t i = 0; i < kSets; ++i) EXPECT_EQ(IsReadable(GetDescriptor(sets[i])), i == 77) << i;
 }
