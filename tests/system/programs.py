@@ -27,6 +27,11 @@ SEED = int(os.environ.get("VARNIX_SEED") or random.SystemRandom().randrange(1 <<
 NATIVE = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"])
 
 
+def only_natively(test):
+    """Leaves a test out where a sanitizer or an emulator makes it meaningless. Nothing could be installed to have it."""
+    return test if NATIVE else None
+
+
 def figure(*words):
     """Prints what was measured; scripts/figures shows all such lines."""
     print("figure:", *words)

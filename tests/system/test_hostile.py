@@ -138,7 +138,7 @@ def refused_for_want_of_threads(plant):
         closing.close()
 
 
-@pytest.mark.skipif(not programs.NATIVE, reason="the address space is that of a sanitizer or an emulator")
+@programs.only_natively  # The address space of others is that of the sanitizer or the emulator.
 def test_connections_while_no_address_space_is_left_for_a_thread(plant):
     settled(plant)
     used = programs.address_space(plant.host.pid)

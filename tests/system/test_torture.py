@@ -34,8 +34,8 @@ def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sh
     assert unexpected(run("calls", SEED, seconds)) == set()
 
 
+@programs.only_natively
 @pytest.mark.skipif(not shutil.which("valgrind"), reason="there is no valgrind")
-@pytest.mark.skipif(not programs.NATIVE, reason="a sanitizer or an emulator is there already")
 def test_all_those_calls_use_memory_as_they_may(network):
     suppressions = pathlib.Path(__file__).with_name("threads_at_exit.supp")
     valgrind = ["valgrind", "-q", "--leak-check=full", "--error-exitcode=1", f"--suppressions={suppressions}"]
