@@ -125,20 +125,25 @@ TEST(FileDescriptor, ChildOpensAndForksAnew) {
 TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
   std::promise<void> making;
   std::promise<void> forking;
+  std::promise<void> forked;
   std::optional<FileDescriptor> owner;
   int number = -1;
   std::thread maker([&] {
-    const NoFork no_fork;
-    number = dup(STDERR_FILENO);
-    making.set_value();
-    forking.get_future().wait_for(std::chrono::milliseconds(200));  // The longer, the surer that fork() waits.
-    owner.emplace(no_fork, number);
+    {
+      const NoFork no_fork;
+      number = dup(STDERR_FILENO);
+      making.set_value();
+      forking.get_future().wait_for(std::chrono::milliseconds(200));  // The longer, the surer that fork() waits.
+      owner.emplace(no_fork, number);
+    }
+    forked.get_future().wait();  // The thread sanitizer wants a child to join the threads that had ended.
   });
   making.get_future().wait();
 
   const bool closed = HoldsInChild([&] { return !IsOpen(number); });
 
   forking.set_value();
+  forked.set_value();
   maker.join();
   EXPECT_TRUE(closed);
 }
