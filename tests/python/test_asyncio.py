@@ -6,7 +6,6 @@
 import asyncio
 import os
 import threading
-import time
 
 import pytest
 
@@ -44,29 +43,46 @@ def test_changes_come_in_their_order_and_other_tasks_run_meanwhile(table, change
     assert run(both()) == [(str(i).encode(), b"v") for i in range(1000)]
 
 
-def test_a_writer_without_a_pause_lets_other_tasks_run_and_cancel(table, changes):
-    ended = threading.Event()
-
-    def write():
-        while not ended.is_set():
-            for i in range(100):
-                table.set(str(i), str(time.monotonic()))
+def test_other_tasks_have_their_turn_while_more_changes_are_pending(table, changes):
+    for i in range(1000):
+        table.set(str(i), "v")
 
     async def main():
-        task = asyncio.ensure_future(take(changes, -1))
-        for _ in range(10):
-            await asyncio.sleep(0.001)
+        task = asyncio.ensure_future(take(changes, 1000))
+        turns = 0
+        while not task.done():
+            turns += 1
+            await asyncio.sleep(0)  # The turn of the other task.
+        return turns, await task
+
+    turns, taken = run(main())
+
+    assert turns >= 10
+    assert len(taken) == 1000
+
+
+def test_a_task_can_be_cancelled_while_more_changes_are_pending_and_loses_none(table, changes):
+    for i in range(1000):
+        table.set(str(i), "v")
+    taken = []
+
+    async def take_all():
+        async for change in changes:
+            taken.append(change)
+
+    async def main():
+        task = asyncio.ensure_future(take_all())
+        await asyncio.sleep(0)  # The turn of the other task.
         task.cancel()
         with pytest.raises(asyncio.CancelledError):
             await task
 
-    writer = threading.Thread(target=write)
-    writer.start()
-    try:
-        run(asyncio.wait_for(main(), 60))
-    finally:
-        ended.set()
-        writer.join()
+    run(main())
+
+    assert 0 < len(taken) < 1000
+    while change := changes.wait(0):
+        taken.append(change)
+    assert [change.key for change in taken] == [str(i).encode() for i in range(1000)]
 
 
 def test_a_row_of_another_thread_wakes_the_loop_and_no_thread_is_started(table, changes):
