@@ -559,7 +559,9 @@ TEST_F(SetSharingGroup, CalledAgainReplacesAllSettings) {
 TEST_F(SetSharingGroup, ChangesNothingWhenTheLogHookThrowsAtItsFirstLine) {
   Varnix::SetSharingGroup(name_, "g", "dev", "p", inet_addr("127.255.255.255"));
   std::vector<std::string> lines;
+  const std::thread::id here = std::this_thread::get_id();
   SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+    if (std::this_thread::get_id() != here) return;  // The server's own lines.
     lines.emplace_back(tag);
     throw HookError();
   });

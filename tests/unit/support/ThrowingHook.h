@@ -4,10 +4,12 @@
 #pragma once
 
 #include <stdexcept>
+#include <thread>
 
 #include "logging/Log.h"
 
-// A log hook that throws HookError at the n-th message, counted from 1, and takes all others without a word.
+// A log hook that throws HookError at the n-th message of this thread, counted from 1, and takes all others without a
+// word. One that throws on a thread of the library ends the process.
 struct HookError : std::runtime_error {
   HookError() : std::runtime_error("the log is full") {}
 };
@@ -16,7 +18,7 @@ class ThrowingHook {
  public:
   explicit ThrowingHook(int n) : left_(n) {
     SetLogHook([this](Varnix::LogLevel, const char*, const char*, va_list) {
-      if (--left_ == 0) throw HookError();
+      if (std::this_thread::get_id() == thread_ && --left_ == 0) throw HookError();
     });
   }
   ~ThrowingHook() { SetLogHook(DefaultLogger); }
@@ -26,5 +28,6 @@ class ThrowingHook {
   bool HasThrown() const { return left_ <= 0; }
 
  private:
+  const std::thread::id thread_ = std::this_thread::get_id();
   int left_;
 };
