@@ -47,7 +47,7 @@ class Database {
   // False, with nothing written, while there is no server.
   bool GetSharing(SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   void NetworkChanged() VARNIX_EXCLUDES(lock_);
-  // Stops the server for good: from now on settings are only stored. For a process that exits.
+  // For a process that exits: ends the server for good. Later settings are only stored.
   void EndSharing() VARNIX_EXCLUDES(lock_);
 
   // For fork(): this lock and those of the decombiner and the peer table.

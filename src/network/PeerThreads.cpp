@@ -106,8 +106,8 @@ PeerThreads::~PeerThreads() { AwaitAll(); }
 
 void PeerThreads::StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
   const int error = TryToStartReceiver(place, std::move(active_esns));
-  const bool begins_shortage = error != 0 && ComesToWait(place);
-  StartWaiting();  // There may be threads again since the last one has ended.
+  const bool begins_shortage = error != 0 && LetWait(place);
+  StartThoseThatWait();  // There may be threads again since the last one has ended.
   if (!begins_shortage) return;
   errno = error;  // The first log hook prints it, too.
   Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
@@ -118,8 +118,8 @@ int PeerThreads::TryToStartReceiver(const PeerPlace& place, std::shared_ptr<Acti
   return Start(receiver);
 }
 
-// Whether it is the first of all that wait.
-bool PeerThreads::ComesToWait(const PeerPlace& place) try {
+// Returns whether it is the first of all that wait.
+bool PeerThreads::LetWait(const PeerPlace& place) try {
   MutexLock lock(waiting_lock);
   std::list<WaitingPlace>& places = WaitingPlaces();
   const auto is_ours = [this](const WaitingPlace& waiting) { return waiting.threads == this; };
@@ -133,7 +133,7 @@ bool PeerThreads::ComesToWait(const PeerPlace& place) try {
 }
 
 // Starts as many as there is room for.
-void PeerThreads::StartWaiting() {
+void PeerThreads::StartThoseThatWait() {
   MutexLock lock(waiting_lock);
   std::list<WaitingPlace>& places = WaitingPlaces();
   while (!places.empty()) {
@@ -177,7 +177,7 @@ void* PeerThreads::Run(void* started) noexcept {
   job.reset();
   threads.JoinPreviouslyEnded();
   --Job::Count();  // Now only this thread is left that ends without being counted.
-  StartWaiting();
+  StartThoseThatWait();
   threads.EndThisThread();
   return nullptr;
 }

@@ -57,8 +57,8 @@ class PeerThreads {
   struct Sender;
 
   int TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
-  bool ComesToWait(const PeerPlace& place);
-  static void StartWaiting();
+  bool LetWait(const PeerPlace& place);
+  static void StartThoseThatWait();
   template <class Job>
   int Start(std::unique_ptr<Job>& job);
   template <class Job>

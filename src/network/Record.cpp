@@ -8,18 +8,17 @@
 #include <string>
 
 #include "memory/StringMemory.h"
+#include "names/RecordLimits.h"
 #include "network/StopExceptions.h"
 
 namespace {
 
 constexpr std::size_t kHeaderSize = 4;
 constexpr unsigned kLengthBitsB = 20;
-constexpr std::uint32_t kMaxLengthA = 0xFFF;
-constexpr std::uint32_t kMaxLengthB = 0xFFFFF;
 
-std::uint32_t LengthOfA(const Varnix::Row& record) { return record.first.size() & kMaxLengthA; }
+std::uint32_t LengthOfA(const Varnix::Row& record) { return record.first.size() & kLongestRecordKey; }
 
-std::uint32_t LengthOfB(const Varnix::Row& record) { return record.second.size() & kMaxLengthB; }
+std::uint32_t LengthOfB(const Varnix::Row& record) { return record.second.size() & kLongestRecordValue; }
 
 // One item of `size` bytes, under the StreamLock of the caller. An item of 0 bytes counts as not written.
 bool WriteItem(const void* bytes, std::size_t size, FILE* stream) {
@@ -84,7 +83,7 @@ bool RecordReader::ReadFields(Varnix::Row& record) {
                                 std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
   auto& [field_a, field_b] = incoming_;
   field_a.resize(lengths >> kLengthBitsB);
-  field_b.resize(lengths & kMaxLengthB);
+  field_b.resize(lengths & kLongestRecordValue);
   if (!ReadItem(field_a.data(), field_a.size(), stream_.File()) ||
       !ReadItem(field_b.data(), field_b.size(), stream_.File())) {
     return false;
