@@ -19,6 +19,12 @@
 
 using Varnix::LogLevel;
 
+namespace {
+
+constexpr std::chrono::milliseconds kSilenceLimit = std::chrono::seconds(4);
+
+}  // namespace
+
 TableReceiver::TableReceiver(const Member& member, const PeerPlace& place) : member_(member), place_(place) {
   Log(LogLevel::Debug, "tblrcvr.ctor", "TableReceiver(%p) for %s:%u:%u starting", static_cast<void*>(this),
       member_.database.c_str(), place_.address, place_.port);
@@ -83,6 +89,8 @@ bool TableReceiver::SendGroup(const std::string& peer_uid) {
         peer.name, peer.key, place_.address, place_.port);
   Log(LogLevel::Debug, "tblrcvr.strm.grp", "TableReceiver(%p) sending group=\"%s\" port=%u", static_cast<void*>(this),
       member_.group.c_str(), member_.listen_port);
+  // Keepalive asks nothing while a record is on its way to a peer that has just died.
+  SetOption(IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(kSilenceLimit.count()));
   return WriteRecord({member_.group, ToPortBytes(member_.listen_port)}, *stream_);
 }
 

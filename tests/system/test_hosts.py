@@ -5,6 +5,7 @@
 
 import hashlib
 import random
+import subprocess
 
 import pytest
 
@@ -177,4 +178,22 @@ def test_a_peer_that_falls_silent_is_given_up_by_the_side_that_receives(two_plac
     right.ip("link set eth0 down")  # As when power is lost: no packet tells of it.
 
     assert host.logs(3, "cook.rd.rd", "Cookie::Read: read error 1(10|13)")  # Timed out, or no route.
+    assert host.logs(7, "tblrcvr.dtor", r"TableReceiver\(0x[0-9a-f]+\) stopping")
+
+
+def test_a_peer_that_dies_before_it_has_taken_our_answer_is_given_up_as_soon(two_places, make_host):
+    left, right = two_places
+    host = start_in(left, make_host)
+    host.share(b"plant", b"line-4", b"left", address="10.1.1.255")
+    with right:
+        peer = wire.Listener()
+        for command in ("table inet wall", "chain inet wall input { type filter hook input priority 0 ; }",
+                        "rule inet wall input tcp flags & (syn | psh) == psh drop"):  # All that carries bytes.
+            subprocess.run(["nft", f"add {command}"], check=True)
+        wire.Ether().announce(peer.port, b"line-4", "10.1.1.255")
+        stream = peer.accept()
+        stream.send(wire.hello(b"plant", b"right", b"q"))
+
+    assert host.logs(7, "tblrcvr.strm.grp", ".*")
+    assert host.logs(3, "cook.rd.rd", "Cookie::Read: read error 1(10|13)")
     assert host.logs(7, "tblrcvr.dtor", r"TableReceiver\(0x[0-9a-f]+\) stopping")

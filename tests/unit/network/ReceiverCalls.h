@@ -57,7 +57,8 @@ class ReceiverCalls {
         {{SOL_SOCKET, SO_ERROR}, "SOL_SOCKET, SO_ERROR"},
         {{IPPROTO_TCP, TCP_KEEPIDLE}, "IPPROTO_TCP, TCP_KEEPIDLE"},
         {{IPPROTO_TCP, TCP_KEEPINTVL}, "IPPROTO_TCP, TCP_KEEPINTVL"},
-        {{IPPROTO_TCP, TCP_KEEPCNT}, "IPPROTO_TCP, TCP_KEEPCNT"}};
+        {{IPPROTO_TCP, TCP_KEEPCNT}, "IPPROTO_TCP, TCP_KEEPCNT"},
+        {{IPPROTO_TCP, TCP_USER_TIMEOUT}, "IPPROTO_TCP, TCP_USER_TIMEOUT"}};
     const auto found = names.find({level, option});
     return found == names.end() ? "?" : found->second;
   }

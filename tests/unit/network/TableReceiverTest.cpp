@@ -156,7 +156,8 @@ TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
                                           "fcntl(F_GETFL)",                             //
                                           "fcntl(F_SETFL, O_RDWR)",                     //
                                           "fopencookie",                                //
-                                          "send 11",                                    //
+                                          "setsockopt(IPPROTO_TCP, TCP_USER_TIMEOUT, 4000)",
+                                          "send 11",  //
                                           "close"));
 }
 
@@ -376,7 +377,8 @@ const std::vector<std::string> kConnect = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_R
 const std::vector<std::string> kWait = {"poll(done POLLIN, socket POLLOUT, 5000)"};
 const std::vector<std::string> kCheck = {"getsockopt(SOL_SOCKET, SO_ERROR)"};
 const std::vector<std::string> kBlockAgain = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)"};
-const std::vector<std::string> kStream = {"fopencookie", "send 11", "close"};
+const std::string kUserTimeout = "setsockopt(IPPROTO_TCP, TCP_USER_TIMEOUT, 4000)";
+const std::vector<std::string> kStream = {"fopencookie", kUserTimeout, "send 11", "close"};
 const std::vector<std::string> kClose = {"close"};
 
 std::vector<std::string> Join(const std::vector<std::vector<std::string>>& lists) {
@@ -845,8 +847,8 @@ TEST_F(TableReceiverTest, AnswerThatCannotBeSentEndsTheStreamWithoutReadingRows)
   Receive();
 
   const std::vector<std::string> calls = calls_.Calls();
-  EXPECT_THAT(std::vector<std::string>(calls.end() - 4, calls.end()),
-              ElementsAre("fopencookie", "recv", "send 11", "close"));
+  EXPECT_THAT(std::vector<std::string>(calls.end() - 5, calls.end()),
+              ElementsAre("fopencookie", "recv", kUserTimeout, "send 11", "close"));
   EXPECT_EQ(LinesBetween().back(), "7 tblrcvr.strm.grp: TableReceiver(R) sending group=\"group\" port=65244");
 }
 
