@@ -39,12 +39,14 @@ class Hosts:
     def __init__(self, here, there):
         self.here, self.there = here, there
 
-    def doctor(self, start, faults, *arguments, member=None, sees="", **variables):
-        """What it finds, by check, when it finds these faults, and has seen `sees` of the first, a regular expression;
-        it has more time where the machine is busy. `member` announces itself again and again meanwhile."""
+    def doctor(self, start, faults, *arguments, member=None, sees=None, **variables):
+        """What it finds, by check, when it finds these faults, and has seen what `sees` has for some checks, regular
+        expressions. A busy machine needs more time for that; what needs none can be asserted of the result. `member`
+        announces itself again and again meanwhile."""
         for seconds in ("0.8", "2", "6", "20"):
             found = self.look(start, *arguments, "-w", seconds, member=member, **variables)
-            found_all = failed(found) == faults and (not faults or re.search(sees, found[faults[0]]["seen"]))
+            found_all = failed(found) == faults and all(
+                check in found and re.search(seen, found[check]["seen"]) for check, seen in (sees or {}).items())
             if found_all:
                 break
         assert found_all, found
@@ -53,8 +55,12 @@ class Hosts:
     def look(self, start, *arguments, member=None, **variables):
         with self.here:
             running = start("doctor", "--json", *arguments, **{**EVERYBODY, **variables})
-        if member:
-            assert programs.eventually(lambda: member.do("network-changed") or running.process.poll() is not None)
+        while member and running.process.poll() is None:
+            member.do("network-changed")
+            try:  # Were there no pause, the time of the doctor might end amid the handling of an announcement.
+                running.process.wait(0.2)
+            except subprocess.TimeoutExpired:
+                pass
         status = running.ends()
         assert running.errors == ""
         found = findings(running.lines)
@@ -76,7 +82,8 @@ def hosts(make_namespace):
 def drop(place, direction, packets):
     """A firewall in that place drops them."""
     with place:
-        for command in ("table inet wall", f"chain inet wall {direction} {{ type filter hook {direction} priority 0 ; }}",
+        for command in ("table inet wall",
+                        f"chain inet wall {direction} {{ type filter hook {direction} priority 0 ; }}",
                         f"rule inet wall {direction} {packets} drop"):
             subprocess.run(["nft", f"add {command}"], check=True)
 
@@ -98,20 +105,18 @@ def share(hosts, make_host):
 def test_nothing_is_found_where_all_is_well(hosts, share, start):
     share()
 
-    found = hosts.doctor(start, [])
+    found = hosts.doctor(start, [], sees={"rows": "^1 row came from 1 member$"})
 
     assert list(found) == ALL_WELL
     assert found["route"]["seen"] == "255.255.255.255 is reached by eth0 from 10.1.1.1"
-    assert found["rows"]["seen"] == "1 row came from 1 member"
 
 
 def test_nothing_is_found_among_members_that_announce_themselves_and_have_set_nothing(hosts, share, start):
     share(device=b"pump", rows=())
     press = share()
 
-    found = hosts.doctor(start, [], member=press)
-
-    assert found["rows"]["seen"].startswith("1 row came from 2 members; nothing is set by pump::ctl at 10.1.1.2:")
+    hosts.doctor(start, [], member=press,
+                 sees={"rows": r"^1 row came from 2 members; nothing is set by pump::ctl at 10\.1\.1\.2:\d+$"})
 
 
 def test_a_person_gets_a_line_for_each_check_and_two_for_a_fault(hosts, share):
@@ -123,9 +128,10 @@ def test_a_person_gets_a_line_for_each_check_and_two_for_a_fault(hosts, share):
     lines = shown.output.decode().splitlines()
     assert shown.status == 1
     assert lines[0] == "OK      route     255.255.255.255 is reached by eth0 from 10.1.1.1"
-    assert lines[3].startswith('FAILED  group     nobody of "line-4" was heard or came within 0.5 s')
-    assert lines[4].startswith("                  do:  see that one runs")
-    assert lines[5] == "                  log: no tblrcvr.ctor"
+    group, = (number for number, line in enumerate(lines) if line.startswith(
+        'FAILED  group     nobody of "line-4" was heard or came within 0.5 s'))
+    assert lines[group + 1].startswith("                  do:  see that one runs")
+    assert lines[group + 2] == "                  log: no tblrcvr.ctor"
 
 
 def test_no_route_is_found(hosts, start):
@@ -181,7 +187,8 @@ def test_announcements_that_are_lost_on_the_way_are_found(hosts, share, start):
     drop(hosts.there, "output", "udp dport 1975")
     drop(hosts.there, "input", "udp dport 1975")
 
-    found = hosts.doctor(start, ["group"], member=press, sees=r'^nobody of "line-4" was heard or came within \d.* s$')
+    found = hosts.doctor(start, ["group"], member=press,
+                         sees={"group": r'^nobody of "line-4" was heard or came within \d.* s$'})
 
     assert found["group"]["log"] == "no tblrcvr.ctor"
 
@@ -190,19 +197,17 @@ def test_a_member_that_does_not_hear_us_is_found(hosts, share, start):
     press = share()
     drop(hosts.there, "input", "udp dport 1975")
 
-    found = hosts.doctor(start, ["hears"], member=press)
-
-    assert found["hears"]["seen"].startswith("press::ctl at 10.1.1.2:")
-    assert found["hears"]["seen"].endswith("did not hear our announcement, and came only when asked to")
+    hosts.doctor(start, ["hears"], member=press, sees={
+        "hears": r"^press::ctl at 10\.1\.1\.2:\d+ did not hear our announcement, and came only when asked to$"})
 
 
 def test_a_port_that_is_filtered_is_found(hosts, share, start):
     share()
     drop(hosts.there, "input", "tcp flags syn / syn,ack")
 
-    found = hosts.doctor(start, ["reach"])
+    found = hosts.doctor(start, ["reach"], sees={
+        "reach": r"^10\.1\.1\.2:\d+ (does not answer|cannot be reached: Connection timed out)$"})
 
-    assert found["reach"]["seen"].startswith("10.1.1.2:") and found["reach"]["seen"].endswith(" does not answer")
     assert "tblrcvr.sock.conn.succ" in found["reach"]["log"]
 
 
@@ -210,16 +215,16 @@ def test_a_member_that_cannot_connect_to_us_is_found(hosts, share, start):
     press = share()
     drop(hosts.here, "input", "tcp flags syn / syn,ack")
 
-    found = hosts.doctor(start, ["back"], member=press)
-
-    assert found["back"]["seen"].endswith("did not connect to us, also when asked to")
+    hosts.doctor(start, ["back"], member=press,
+                 sees={"back": r"^press::ctl at 10\.1\.1\.2:\d+ did not connect to us, also when asked to$"})
 
 
 def test_another_group_is_found_once_it_is_heard(hosts, share, start):
     press = share(group=b"line-5")
 
-    hosts.doctor(start, ["group"], member=press, sees=r'^nobody of "line-4" was heard or came within \d.* s; '
-                                                      r'other groups: "line-5" of press::ctl at 10\.1\.1\.2:')
+    hosts.doctor(start, ["group"], member=press, sees={
+        "group": r'^nobody of "line-4" was heard or came within \d.* s; '
+                 r'other groups: "line-5" of press::ctl at 10\.1\.1\.2:\d+$'})
 
 
 @pytest.mark.parametrize("group, difference", [
@@ -229,79 +234,78 @@ def test_a_group_that_looks_the_same_is_found_beside_a_good_one(hosts, share, st
     share()
     pump = share(group=group, device=b"pump")
 
-    bad = hosts.doctor(start, ["group"], member=pump)["group"]
+    found = hosts.doctor(start, ["group"], member=pump, sees={
+        "group": rf'^pump::ctl at 10\.1\.1\.2:\d+ has the group .*, which differs from "line-4" in {difference}$'})
 
-    assert bad["do"] == "give both the same group"
-    assert bad["seen"].startswith("pump::ctl at 10.1.1.2:")
-    assert bad["seen"].endswith(f'which differs from "line-4" in {difference}')
+    assert found["group"]["do"] == "give both the same group"
 
 
 def test_another_database_is_found_and_named_once_it_is_heard(hosts, share, start):
     press = share(database=b"store")
 
-    unheard = hosts.doctor(start, ["database"], sees="not known")
-    heard = hosts.doctor(start, ["database"], member=press, sees='^nobody of the group has "plant"; other databases: '
-                                                                 r'"store" of press::ctl at 10\.1\.1\.2:')
+    unheard = hosts.doctor(start, ["database"], sees={
+        "database": '^nobody of the group has "plant"; of another database, not known until it announces itself: '
+                    r"1 member at 10\.1\.1\.2$"})
+    heard = hosts.doctor(start, ["database"], member=press, sees={
+        "database": '^nobody of the group has "plant"; other databases: "store" of press::ctl at 10\\.1\\.1\\.2:'})
 
-    assert unheard["database"]["seen"] == ('nobody of the group has "plant"; of another database, not known until it '
-                                           "announces itself: 1 member at 10.1.1.2")
     assert unheard["database"]["do"] == "--wait 61 hears what they have"
     assert heard["database"]["log"] == "tblsvr.fnd.rcv.abort.svr"
-    assert press.logged(7, "tblsvr.fnd.rcv.abort.svr", ".*")
+    assert press.logs(7, "tblsvr.fnd.rcv.abort.svr", ".*")
 
 
 def test_other_databases_beside_ours_are_no_fault(hosts, share, start):
     share()
     share(database=b"store", device=b"pump")
 
-    found = hosts.doctor(start, [])
-
-    assert found["database"]["seen"] == ('1 member with "plant"; of another database, not known until it announces '
-                                         "itself: 1 member at 10.1.1.2")
+    hosts.doctor(start, [], sees={
+        "database": '^1 member with "plant"; of another database, not known until it announces itself: '
+                    r"1 member at 10\.1\.1\.2$"})
 
 
 def test_a_database_that_looks_the_same_is_found(hosts, share, start):
     press = share(database=b"Plant")
 
-    hosts.doctor(start, ["database"], member=press,
-                 sees='has the database "Plant", which differs from "plant" in upper and lower case$')
+    hosts.doctor(start, ["database"], member=press, sees={
+        "database": 'has the database "Plant", which differs from "plant" in upper and lower case$'})
 
 
 def test_one_identity_twice_is_found(hosts, share, start):
     share()
     share()
 
-    found = hosts.doctor(start, ["identity"])
+    found = hosts.doctor(start, ["identity"], sees={
+        "identity": r"^press::ctl at 10\.1\.1\.2:\d+, press::ctl at 10\.1\.1\.2:\d+ have one name"})
 
-    assert found["identity"]["seen"].count("press::ctl at 10.1.1.2:") == 2
     assert found["identity"]["log"] == "tblrcvr.gotuid with that name, without tblsvr.fnd"
 
 
 def test_a_member_with_two_addresses_is_one(hosts, share, start):
     hosts.there.ip("address add 10.1.1.3/24 dev eth0")
-    press = share()
-    with hosts.here:
-        ether = wire.Ether()
-        doctor = start("doctor", "--json", "-w", "2", **EVERYBODY)
-        ether.receive()
-    with hosts.there:
-        press.do("network-changed")
-        port = press.logs(7, "tblsvr.dscv.chg", ".*") and own_port(press)
-        speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-        speaker.bind(("10.1.1.3", 0))
-        speaker.sendto(port.to_bytes(2, "big") + b"line-4", ("255.255.255.255", wire.DISCOVERY_PORT))
-        speaker.close()
+    press = AtTwoAddresses(hosts, share())
 
-    assert doctor.ends() == 0
-    assert findings(doctor.lines)["group"]["seen"] == '1 member of "line-4"'
-    ether.socket.close()
+    hosts.doctor(start, [], member=press, sees={"group": '^1 member of "line-4"$'})
+    press.close()
 
 
-def own_port(host):
-    """The host has connected to itself."""
-    assert host.logs(7, "tblrcvr.ctor", r".* for plant:167837954:(\d+) starting")
-    return int(re.search(r"167837954:(\d+) starting", host.logged(7, "tblrcvr.ctor", ".*")[0])[1])
+class AtTwoAddresses:
+    """A member there, which is announced at 10.1.1.2 and at 10.1.1.3."""
+
+    def __init__(self, hosts, member):
+        self._member = member
+        connecting, *_ = member.logged(7, "tblrcvr.ctor", ".*")  # To itself.
+        self._port = int(re.search(r" for plant:167837954:(\d+) starting", connecting)[1])
+        with hosts.there:
+            self._speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            self._speaker.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+            self._speaker.bind(("10.1.1.3", 0))
+
+    def do(self, what):
+        self._member.do(what)
+        self._speaker.sendto(self._port.to_bytes(2, "big") + b"line-4", ("255.255.255.255", wire.DISCOVERY_PORT))
+
+    def close(self):
+        self._speaker.close()
 
 
 class Announced:
@@ -341,15 +345,14 @@ def test_rows_that_break_off_are_found(hosts, start, fake):
         connected.sendall(wire.record(b"\x06statusspeed", b"42"))
         connected.shutdown(socket.SHUT_RDWR)
 
-    found = hosts.doctor(start, ["back", "rows"], member=fake(break_off))
-
-    assert re.match(r"\d+ rows? came before fake::ctl at 10\.1\.1\.2:\d+ has left", found["rows"]["seen"])
+    hosts.doctor(start, ["back", "rows"], member=fake(break_off), sees={
+        "rows": r"^\d+ rows? came before fake::ctl at 10\.1\.1\.2:\d+ has left$"})
 
 
 def test_one_that_accepts_and_says_nothing_is_found(hosts, start, fake):
-    found = hosts.doctor(start, ["reach"], member=fake(lambda connected: connected.shutdown(socket.SHUT_RDWR)))
+    rude = fake(lambda connected: connected.shutdown(socket.SHUT_RDWR))
 
-    assert found["reach"]["seen"].endswith("closes connections before it says who it is")
+    hosts.doctor(start, ["reach"], member=rude, sees={"reach": "closes connections before it says who it is$"})
 
 
 def test_a_passive_doctor_announces_nothing(hosts, share, start):
