@@ -7,6 +7,7 @@ import json
 import re
 import socket
 import subprocess
+import time
 
 import pytest
 
@@ -199,6 +200,25 @@ def test_a_member_that_does_not_hear_us_is_found(hosts, share, start):
 
     hosts.doctor(start, ["hears"], member=press, sees={
         "hears": r"^press::ctl at 10\.1\.1\.2:\d+ did not hear our announcement, and came only when asked to$"})
+
+
+def test_a_member_that_starts_while_the_doctor_looks_is_no_fault(hosts, share, start):
+    for seconds in ("3", "20"):  # A busy machine needs more.
+        with hosts.there:
+            ether = wire.Ether()
+        with hosts.here:
+            doctor = start("doctor", "--json", "-w", seconds, **EVERYBODY)
+        ether.receive()
+        ether.socket.close()
+        time.sleep(1.2)  # As long as those who were there had for coming by themselves.
+        press = share()
+        doctor.ends()
+        found = findings(doctor.lines)
+        if failed(found) == []:
+            break
+        press.ends()
+
+    assert failed(found) == [], found
 
 
 def test_a_port_that_is_filtered_is_found(hosts, share, start):

@@ -4,6 +4,7 @@
 // What a doctor makes of what it has seen.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 #include "doctor/Checks.h"
@@ -72,6 +73,7 @@ class Checks : public testing::Test {
   }
 
   Evidence evidence;
+  const TimePoint now = Clock::now();
 };
 
 TEST_F(Checks, FindNothingWhereAllIsWell) {
@@ -85,6 +87,40 @@ TEST_F(Checks, AfterAMinuteFindThoseWhoWereNotHeard) {
 
   evidence.seconds = 5;
   EXPECT_EQ(Faults(), "");
+}
+
+TEST_F(Checks, FindThoseWhoDoNotConnectOrComeOnlyWhenAskedTo) {
+  Press().asked = now;
+  EXPECT_EQ(Faults(),
+            "hears: press::ctl at 10.0.0.2:1000 did not hear our announcement, and came only when asked to\n");
+
+  Press().came = false;
+  EXPECT_EQ(Faults(), "back: press::ctl at 10.0.0.2:1000 did not connect to us, also when asked to\n");
+}
+
+TEST_F(Checks, DoNotJudgeWhatHadTooLittleTime) {
+  evidence.judged_until = now;
+  Press().came = false;
+  EXPECT_EQ(Faults(), "");  // It was not asked.
+  Press().asked = now + std::chrono::milliseconds(1);
+  EXPECT_EQ(Faults(), "");
+
+  SeenPlace& late = Add({0x0A000003, 1000}, "late");
+  late.named = false;
+  late.known = now;
+  EXPECT_EQ(Faults(), "reach: late::ctl at 10.0.0.3:1000 does not answer\n");
+  late.known = now + std::chrono::milliseconds(1);
+  EXPECT_EQ(Faults(), "");
+  EXPECT_EQ(Seen("group"), "2 members of \"line-4\"; known too late to be judged: late::ctl at 10.0.0.3:1000");
+}
+
+TEST_F(Checks, FindPortsThatAreRefusedAndThoseWhoDoNotSayWhoTheyAre) {
+  Press().named = false;
+  Press().end = End{End::Kind::kUnreachable, ECONNREFUSED};
+  EXPECT_EQ(Faults(), "reach: press::ctl at 10.0.0.2:1000 cannot be reached: Connection refused\n");
+
+  Press().end = End{End::Kind::kSilent};
+  EXPECT_EQ(Faults(), "reach: press::ctl at 10.0.0.2:1000 accepts connections and does not say who it is\n");
 }
 
 TEST_F(Checks, TellWhoHasLeftAndIsNotKnownFromWhoIsKnown) {

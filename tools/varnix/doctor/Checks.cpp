@@ -35,11 +35,22 @@ Members Select(const Evidence& evidence, const std::function<bool(const SeenPlac
   return members;
 }
 
+Members Among(const Members& members, const std::function<bool(const SeenPlace&)>& wanted) {
+  Members selected;
+  for (const SeenPlace* const seen : members) {
+    if (wanted(*seen)) selected.push_back(seen);
+  }
+  return selected;
+}
+
 bool IsOfGroup(const Evidence& evidence, const SeenPlace& seen) { return seen.member.group == evidence.group; }
 
 bool IsOurs(const Evidence& evidence, const SeenPlace& seen) {
   return IsOfGroup(evidence, seen) && seen.named && seen.member.database == evidence.database;
 }
+
+// Whether it had the time to do what members do.
+bool IsKnownInTime(const Evidence& evidence, const SeenPlace& seen) { return seen.known <= evidence.judged_until; }
 
 // --- This host
 
@@ -112,8 +123,10 @@ void CheckGroup(const Evidence& evidence, Findings& findings) {
   const Members ours = Select(evidence, [&](const SeenPlace& seen) { return IsOfGroup(evidence, seen); });
   const Members others = Select(evidence, [&](const SeenPlace& seen) { return !IsOfGroup(evidence, seen); });
   AddNearMisses(findings, "group", evidence.group, others, GroupOf);
-  const std::string also = others.empty() ? "" : "; other groups: " + OtherNames(others, GroupOf);
+  std::string also = others.empty() ? "" : "; other groups: " + OtherNames(others, GroupOf);
   if (!ours.empty()) {
+    const Members late = Among(ours, [&](const SeenPlace& seen) { return !IsKnownInTime(evidence, seen); });
+    if (!late.empty()) also += "; known too late to be judged: " + Names(late);
     findings.push_back(
         {true, "group", CountText(ours.size(), "member") + " of " + Quoted(evidence.group) + also, "", ""});
   } else if (evidence.strangers.empty()) {
@@ -176,20 +189,14 @@ void AddStep(Findings& findings, const Step& step, const Members& all, const Mem
   findings.push_back({false, step.check, Names(failed) + " " + step.bad, step.todo, step.log});
 }
 
-Members Among(const Members& members, const std::function<bool(const SeenPlace&)>& wanted) {
-  Members selected;
-  for (const SeenPlace* const seen : members) {
-    if (wanted(*seen)) selected.push_back(seen);
-  }
-  return selected;
-}
-
 bool IsUnreachable(const SeenPlace& seen) {
   return !seen.named && (!seen.end || seen.end->kind == End::Kind::kUnreachable);
 }
 
 void CheckReach(const Evidence& evidence, Findings& findings) {
-  const Members all = Select(evidence, [&](const SeenPlace& seen) { return IsOfGroup(evidence, seen); });
+  const Members all = Select(evidence, [&](const SeenPlace& seen) {
+    return IsOfGroup(evidence, seen) && (seen.named || IsKnownInTime(evidence, seen));
+  });
   const Members unreachable = Among(all, IsUnreachable);
   for (const SeenPlace* const seen : unreachable) {
     const std::string how = seen->end ? EndText(*seen->end) : "does not answer";
@@ -209,17 +216,19 @@ void CheckReach(const Evidence& evidence, Findings& findings) {
 
 void CheckWayBack(const Evidence& evidence, const Members& ours, Findings& findings) {
   if (!evidence.announced) return;
+  const Members asked_in_time = Among(
+      ours, [&](const SeenPlace& seen) { return seen.came || (seen.asked && *seen.asked <= evidence.judged_until); });
   AddStep(findings,
           {"back", "connected to us", "did not connect to us, also when asked to",
            "let TCP into the firewall of this host, and let it out of theirs",
            "on those members tblsvr.fnd.rcv.err, without tblrcvr.sock.conn.succ"},
-          ours, Among(ours, [](const SeenPlace& seen) { return !seen.came; }));
+          asked_in_time, Among(asked_in_time, [](const SeenPlace& seen) { return !seen.came; }));
   const Members here = Among(ours, [](const SeenPlace& seen) { return seen.came; });
   AddStep(findings,
           {"hears", "heard our announcement", "did not hear our announcement, and came only when asked to",
            "let UDP port 1975 into the firewall of that host, and see 'route'",
            "on those members no tblrcvr.ctor of this host"},
-          here, Among(here, [](const SeenPlace& seen) { return seen.asked; }));
+          here, Among(here, [](const SeenPlace& seen) { return seen.asked.has_value(); }));
   if (evidence.seconds < kEverybodyIsHeard) return;
   AddStep(findings,
           {"heard", "announced themselves", "did not announce themselves to us within a minute",

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kMostBeforeAsking{1};
+constexpr std::chrono::seconds kMostPatience{1};
 constexpr std::size_t kMostPlaces = 4096;
 constexpr char kGood[] = "\x1b[32m", kBad[] = "\x1b[31m";
 
@@ -30,7 +30,7 @@ Observer::Settings ToSettings(const Session& session) {
 DoctorCommand::DoctorCommand(const Options& options)
     : session_(options, STDOUT_FILENO),
       observer_(session_.loop, ToSettings(session_), *this),
-      ask_at_(session_.begun + std::min<Clock::duration>((session_.End() - session_.begun) / 2, kMostBeforeAsking)) {
+      patience_(std::min<Clock::duration>((session_.End() - session_.begun) / 4, kMostPatience)) {
   RaiseDescriptorLimit();
   evidence_.group = *options.group;
   evidence_.database = *options.database;
@@ -47,6 +47,7 @@ int DoctorCommand::Run() {
   if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kFailed);
   evidence_.announcing_error = observer_.AnnouncingError();
   evidence_.strangers = observer_.Strange();
+  evidence_.judged_until = session_.End() - patience_;
   session_.progress.Clear();
   Print(CheckMembers(evidence_));
   if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
@@ -55,12 +56,11 @@ int DoctorCommand::Run() {
 
 void DoctorCommand::Turn() {
   const TimePoint now = Clock::now();
-  TimePoint next = std::min(observer_.Deadline(), session_.End());
-  if (ask_at_ > now) next = std::min(next, ask_at_);
+  TimePoint next = std::min({observer_.Deadline(), session_.End(), next_asking_});
   if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
   session_.loop.Turn(next);
   observer_.Tidy();
-  if (now >= ask_at_) AskToConnectBack();
+  AskToConnectBack();
   if (now - session_.begun < Progress::kSilence) return;
   session_.progress.Show(
       "Looking for members: " + CountText(evidence_.places.size(), "place") + " known, " +
@@ -70,11 +70,26 @@ void DoctorCommand::Turn() {
 
 // Those of whom we know only because we have heard them: they may not hear us, or may not get through.
 void DoctorCommand::AskToConnectBack() {
+  next_asking_ = TimePoint::max();
+  if (!evidence_.announced) return;
   for (auto& [place, seen] : evidence_.places) {
     const bool ours = seen.member.group == evidence_.group && seen.member.database == evidence_.database;
-    if (!ours || !seen.named || seen.came || seen.asked) continue;
-    seen.asked = true;
-    observer_.AskToConnectBack(place);
+    if (ours && seen.named && !seen.came && !seen.asked) AskToConnectBack(seen);
+  }
+}
+
+// Only once it had the time to come after an announcement that it could hear: it may have begun after the last one.
+void DoctorCommand::AskToConnectBack(SeenPlace& seen) {
+  const TimePoint now = Clock::now();
+  if (!seen.told && observer_.AnnouncedAt() < seen.known && observer_.AnnouncedAt() + patience_ <= now) {
+    observer_.Announce();
+  }
+  if (!seen.told && observer_.AnnouncedAt() >= seen.known) seen.told = observer_.AnnouncedAt();
+  const TimePoint due = seen.told.value_or(observer_.AnnouncedAt()) + patience_;
+  if (due > now) {
+    next_asking_ = std::min(next_asking_, due);
+  } else if (observer_.AskToConnectBack(seen.member.place)) {
+    seen.asked = now;
   }
 }
 
@@ -82,9 +97,10 @@ void DoctorCommand::AskToConnectBack() {
 SeenPlace& DoctorCommand::Seen(const Place& place) {
   static SeenPlace surplus;
   if (evidence_.places.size() >= kMostPlaces && evidence_.places.count(place) == 0) return surplus;
-  SeenPlace& seen = evidence_.places[place];
-  seen.member.place = place;
-  return seen;
+  const auto [entry, is_new] = evidence_.places.try_emplace(place);
+  if (is_new) entry->second.known = Clock::now();
+  entry->second.member.place = place;
+  return entry->second;
 }
 
 void DoctorCommand::OnHeard(const Place& place, const std::string& group) {

@@ -33,12 +33,14 @@ class DoctorCommand : public Audience {
   void Named(const Member& member);
   void Turn();
   void AskToConnectBack();
+  void AskToConnectBack(SeenPlace& seen);
   void Print(const std::vector<Finding>& findings);
   void Print(const Finding& finding);
 
   Session session_;
   Evidence evidence_;
   Observer observer_;
-  TimePoint ask_at_;  // When those who have not come by themselves are asked to.
+  const Clock::duration patience_;  // For each step that others have to do.
+  TimePoint next_asking_ = TimePoint::max();
   bool failed_ = false;
 };

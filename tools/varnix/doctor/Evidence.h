@@ -9,17 +9,20 @@
 #include <string>
 
 #include "net/End.h"
+#include "net/Loop.h"
 #include "net/Member.h"
 #include "net/Route.h"
 #include "net/Strangers.h"
 
 // What was seen of one place at which somebody accepts connections.
 struct SeenPlace {
-  Member member;       // Its group, as it announced or said it; its names, if it said them.
-  bool heard = false;  // It has announced itself.
-  bool came = false;   // It has connected to us.
-  bool asked = false;  // Only when we had asked for that.
-  bool named = false;  // It accepted our connection and said who it is.
+  Member member;                   // Its group, as it announced or said it; its names, if it said them.
+  bool heard = false;              // It has announced itself.
+  bool came = false;               // It has connected to us.
+  bool named = false;              // It accepted our connection and said who it is.
+  TimePoint known{};               // Since when we know of it.
+  std::optional<TimePoint> told;   // When we first announced ourselves from then on.
+  std::optional<TimePoint> asked;  // When we asked it to connect, because it had not come by itself.
   std::size_t rows = 0;
   std::optional<End> end;  // How the last connection to it came to nothing.
 };
@@ -37,7 +40,8 @@ struct Evidence {
   int hearing_error = 0, announcing_error = 0;
   bool own_announcement = false;  // It has come back.
 
-  // Of others.
+  // Of others. What began later than `judged_until` had too little time to be judged.
   std::map<Place, SeenPlace> places;
+  TimePoint judged_until = TimePoint::max();
   Strangers::Counts strangers;  // Those who left at the name of our database, by address.
 };

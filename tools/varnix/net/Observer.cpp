@@ -165,9 +165,10 @@ void Observer::Tidy() {
     const bool forgotten = !contact.stream && !contact.enough && contact.retry_at == TimePoint::max();
     entry = forgotten ? contacts_.erase(entry) : std::next(entry);
   }
-  requests_.erase(
-      std::remove_if(requests_.begin(), requests_.end(), [](const auto& request) { return request->IsEnded(); }),
-      requests_.end());
+  const auto is_over = [this](const auto& request) {
+    return request->IsEnded() || presences_.front()->IsConnected(request->Peer());
+  };
+  requests_.erase(std::remove_if(requests_.begin(), requests_.end(), is_over), requests_.end());
 }
 
 void Observer::TidyContact(Contact& contact, TimePoint now) {
@@ -242,9 +243,16 @@ const Strangers::Counts& Observer::Strange() const {
 
 int Observer::AnnouncingError() const { return presences_.empty() ? 0 : presences_.front()->AnnouncingError(); }
 
-void Observer::AskToConnectBack(const Place& place) {
-  if (presences_.empty() || requests_.size() >= kMostAsked) return;
+void Observer::Announce() {
+  if (!presences_.empty()) presences_.front()->Announce();
+}
+
+TimePoint Observer::AnnouncedAt() const { return presences_.empty() ? TimePoint() : presences_.front()->AnnouncedAt(); }
+
+bool Observer::AskToConnectBack(const Place& place) {
+  if (presences_.empty() || requests_.size() >= kMostAsked) return false;
   const Presence& presence = *presences_.front();
   requests_.push_back(std::make_unique<ReceivingStream>(
       loop_, place, ReceivingStream::Answer{presence.Group(), presence.Port(), false}, *this));
+  return true;
 }

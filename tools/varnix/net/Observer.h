@@ -60,8 +60,13 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   int HearingError() const { return discovery_.HearingError(); }
   int AnnouncingError() const;
 
-  // Connects to a member and gives it our own group and port, so that it connects to us.
-  void AskToConnectBack(const Place& place);
+  // Announces us once more in the group that is looked for, and when that was last done.
+  void Announce();
+  TimePoint AnnouncedAt() const;
+
+  // Connects to a member and gives it our own group and port, so that it connects to us. False if too many are being
+  // asked.
+  bool AskToConnectBack(const Place& place);
 
  private:
   void OnAnnouncement(const Place& place, const std::string& group) override;

@@ -34,7 +34,8 @@ Presence::Presence(Loop& loop, Discovery& discovery, const Settings& settings, c
 void Presence::Announce() {
   announcing_error_ = discovery_.Send(Encode({Port(), settings_.group}));
   strangers_.BeginRound(GreetedByAddress());
-  next_announcement_ = Clock::now() + (++announcements_ < kBurst ? kWithinBurst : kAfterBurst);
+  announced_at_ = Clock::now();
+  next_announcement_ = announced_at_ + (++announcements_ < kBurst ? kWithinBurst : kAfterBurst);
 }
 
 Strangers::Counts Presence::GreetedByAddress() const {

@@ -37,6 +37,10 @@ class Presence : public Waiter, private Acceptor::Owner {
   const std::string& Group() const { return settings_.group; }
   const std::string& Database() const { return settings_.database; }
 
+  // Announces us once more, before the next announcement is due; and when the last one was sent.
+  void Announce();
+  TimePoint AnnouncedAt() const { return announced_at_; }
+
   // 0, or the error number with which the last announcement could not be sent.
   int AnnouncingError() const { return announcing_error_; }
 
@@ -67,7 +71,6 @@ class Presence : public Waiter, private Acceptor::Owner {
   };
 
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
-  void Announce();
   void Look(Guest& guest);
   Strangers::Counts GreetedByAddress() const;
 
@@ -77,7 +80,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   const OwnTable& rows_;
   Owner& owner_;
   Acceptor acceptor_;
-  TimePoint next_announcement_ = TimePoint::max();
+  TimePoint announced_at_{}, next_announcement_ = TimePoint::max();
   int announcements_ = 0;
   int announcing_error_ = 0;
   TimePoint last_event_;
