@@ -104,6 +104,30 @@ def test_a_member_that_does_not_close_its_end_has_not_taken_the_row(ether, start
     assert "1 row taken by 0 members of 1 that were met" in setting.errors
 
 
+@programs.only_natively  # Others need time of their own.
+def test_set_takes_no_longer_than_it_may(ether, start):
+    def seconds_of_one():
+        setting = start("set", "status", "speed", "42", "-w", "1")
+        port = ether.port_of_next_announcement()
+        begun = time.monotonic()
+        member = wire.connect(port)
+        member.send(wire.answer(b"line-4", 9))  # It never closes its end.
+        visitors = []
+        while setting.process.poll() is None:  # And always somebody comes, so that there is no quiet while.
+            try:
+                visitors.append(wire.connect(port))
+            except ConnectionRefusedError:  # It waits for nobody any more.
+                pass
+            time.sleep(0.1)  # Between two of them.
+        seconds = time.monotonic() - begun
+        for connection in [member, *visitors]:
+            connection.close()
+        assert setting.ends() == 1 and "1 row taken by 0 members of 1 that were met" in setting.errors
+        return seconds
+
+    assert any(seconds_of_one() < 1.8 for _ in range(5))  # A busy machine takes its time.
+
+
 def test_a_member_that_is_heard_and_does_not_hear_is_asked_to_connect(share, ether, start):
     press = share(b"press")
     ether.receive()

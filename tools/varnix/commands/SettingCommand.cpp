@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kLeastForTaking{1};
+constexpr std::chrono::seconds kMostForTaking{1};
 constexpr int kNoOutput = -1;
 
 Setter::Settings ToSettings(const Options& options, const Session& session) {
@@ -65,14 +65,21 @@ void SettingCommand::Turn() {
 
 void SettingCommand::Step() {
   if (phase_ == Phase::kFeeding && Feed()) EndFeeding();
-  if (phase_ == Phase::kMeeting && (IsSettled() || Clock::now() >= due_)) EndMeeting();
-  if (phase_ == Phase::kFinishing && (setter_.Connected() == 0 || Clock::now() >= due_)) phase_ = Phase::kDone;
+  if (phase_ == Phase::kMeeting && (IsSettled() || Clock::now() >= EndOfMeeting())) EndMeeting();
+  if (phase_ == Phase::kFinishing && (setter_.Connected() == 0 || Clock::now() >= end_)) phase_ = Phase::kDone;
   if (phase_ == Phase::kFinishing && session_.signals.Again()) phase_ = Phase::kDone;
 }
 
 void SettingCommand::EndFeeding() {
   phase_ = Phase::kMeeting;
-  due_ = Clock::now() + (session_.End() - session_.begun);
+  end_ = Clock::now() + (session_.End() - session_.begun);
+}
+
+// When those who are met have to have been met: they need a part of the time for taking the rows.
+TimePoint SettingCommand::EndOfMeeting() const {
+  const Clock::duration wait = session_.End() - session_.begun;
+  const bool all_of_it = setter_.Connected() == 0 || session_.options.hold;
+  return all_of_it ? end_ : end_ - std::min<Clock::duration>(wait / 2, kMostForTaking);
 }
 
 // Somebody is there, and it has been a while since anybody came.
@@ -83,15 +90,16 @@ bool SettingCommand::IsSettled() const {
 void SettingCommand::EndMeeting() {
   if (!session_.options.hold) return Finish();
   phase_ = Phase::kHolding;
-  due_ = TimePoint::max();
+  end_ = TimePoint::max();
   session_.progress.Note(CountText(rows_.Size(), "row") + ", sent to " + CountText(setter_.Connected(), "member") +
                          " and to all that join; interrupt ends it");
 }
 
-// Those who have come need time to take the rows, also if all time for meeting them is over.
+// What was interrupted has the whole time for its end.
 void SettingCommand::Finish() {
   phase_ = Phase::kFinishing;
-  due_ = Clock::now() + std::max<Clock::duration>(session_.End() - session_.begun, kLeastForTaking);
+  if (session_.options.hold)
+    end_ = Clock::now() + std::max<Clock::duration>(session_.End() - session_.begun, kMostForTaking);
   expected_ = setter_.Connected();
   session_.signals.Forgive();
   setter_.Finish();
@@ -99,7 +107,9 @@ void SettingCommand::Finish() {
 
 TimePoint SettingCommand::NextStep() const {
   const TimePoint now = Clock::now();
-  TimePoint next = std::min(due_, phase_ == Phase::kFeeding ? NextRow() : TimePoint::max());
+  TimePoint next = end_;
+  if (phase_ == Phase::kFeeding) next = NextRow();
+  if (phase_ == Phase::kMeeting) next = EndOfMeeting();
   if (phase_ == Phase::kMeeting && setter_.Connected() > 0) {
     next = std::min(next, setter_.LastEvent() + Snapshot::kWhile);
   }

@@ -43,6 +43,7 @@ class SettingCommand {
   void EndMeeting();
   void Finish();
   bool IsSettled() const;
+  TimePoint EndOfMeeting() const;
   TimePoint NextStep() const;
   void NoteTrouble();
   std::string ProgressText() const;
@@ -51,7 +52,7 @@ class SettingCommand {
   OwnTable rows_;
   Setter setter_;
   Phase phase_ = Phase::kFeeding;
-  TimePoint due_ = TimePoint::max();  // When the phase has to be over.
+  TimePoint end_ = TimePoint::max();  // When all has to be over, as far as that is known.
   std::size_t expected_ = 0;          // So many members had to take the rows when the end began.
   bool failed_ = false, announcing_told_ = false;
 };
