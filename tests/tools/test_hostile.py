@@ -77,6 +77,15 @@ def test_one_that_stays_silent_is_given_up_after_5_seconds(press, fake, look):
     assert dump.errors == f"varnix: 127.0.0.1:{silent.port} accepts connections and does not say who it is\n"
 
 
+def test_one_that_connects_and_says_nothing_is_told(press, ether, start):
+    dump = start("dump", "-w", "2")
+    silent = wire.connect(ether.port_of_next_announcement())
+
+    assert (dump.ends(), dump.lines) == (1, [ROW])
+    assert dump.errors == "varnix: 1 connection to us without a word after 2 s; --wait gives them more\n"
+    silent.close()
+
+
 def test_one_that_hangs_up_is_named(press, fake, look):
     rude = fake(lambda connected: connected.shutdown(socket.SHUT_RDWR))
 
@@ -178,6 +187,23 @@ def test_a_reader_that_stops_reading_costs_no_memory_and_can_be_interrupted(fake
     watch.signal(2)
     assert watch.ends() == 0
     os.close(reader)
+
+
+@programs.only_natively  # Others need time of their own.
+def test_a_reader_that_pauses_gets_every_row(network, make_host, start):
+    host = make_host()
+    host.set_all(b"plant", b"status", ((b"%d" % number, b"x" * 1000) for number in range(5_000)))
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+    reader, writer = os.pipe()
+    dump = start("dump", "-w", "3", stdout=writer)
+    os.close(writer)
+
+    with open(reader, "rb") as shown:
+        begun = shown.read(4)
+        time.sleep(3.2)  # The pause.
+        rows = (begun + shown.read()).count(b"\n")
+
+    assert (dump.ends(), dump.errors, rows) == (0, "", 5_000)
 
 
 def sleeps(pid):

@@ -108,6 +108,10 @@ void ObserverCommand::NoteUnfinished() {
                            "; --wait gives it more");
     failed_ = true;
   }
+  if (observer_.Unanswered() == 0) return;
+  session_.progress.Note(CountText(observer_.Unanswered(), "connection") + " to us without a word after " +
+                         SecondsText(session_.WaitSeconds()) + "; --wait gives them more");
+  failed_ = true;
 }
 
 void ObserverCommand::NoteNothing(const std::string& what) {

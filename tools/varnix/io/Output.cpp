@@ -30,10 +30,12 @@ void Output::FlushMuch() {
 void Output::Flush() {
   if (text_.empty()) return;
   if (terminal_) progress_.Clear();
+  const TimePoint begun = Clock::now();
   written_ = 0;
   while (!closed_ && error_ == 0 && written_ < text_.size() && WaitForReader() && WritePiece()) {
   }
   text_.clear();
+  Clock::TurnBackTo(begun);
 }
 
 // False when a signal has come, and nobody reads at the moment: it does not cut off what a reader takes at once.

@@ -10,7 +10,8 @@
 #include "net/Loop.h"
 
 // Lines for standard output, or for another descriptor. They leave at the end of each turn of the loop, so each is
-// written when it is known. Waits for a slow reader, which slows the members down in turn; a signal ends that wait.
+// written when it is known. Waits for a slow reader, which slows the members down in turn; a signal ends that wait. The
+// Clock leaves that time out.
 class Output : public Waiter {
  public:
   Output(Loop& loop, const Signals& signals, Progress& progress, int descriptor);

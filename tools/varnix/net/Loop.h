@@ -8,8 +8,22 @@
 #include <chrono>
 #include <vector>
 
-using Clock = std::chrono::steady_clock;
-using TimePoint = Clock::time_point;
+using TimePoint = std::chrono::steady_clock::time_point;
+
+// The steady clock of the system without the time for which a reader of our output has kept us waiting: that is no time
+// that others had.
+class Clock {
+ public:
+  using duration = std::chrono::steady_clock::duration;
+
+  static TimePoint now() { return std::chrono::steady_clock::now() - left_out_; }
+
+  // Leaves out what has passed since then.
+  static void TurnBackTo(TimePoint earlier) { left_out_ += now() - earlier; }
+
+ private:
+  static inline duration left_out_{};
+};
 
 class Loop;
 

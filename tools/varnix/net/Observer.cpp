@@ -202,8 +202,9 @@ void Observer::OnStreamEnd(Contact& contact, TimePoint now) {
 bool Observer::IsSettled() const {
   const TimePoint now = Clock::now();
   if (presences_.empty()) return false;
-  const bool quiet = std::all_of(presences_.begin(), presences_.end(),
-                                 [&](const auto& presence) { return presence->LastEvent() + Snapshot::kWhile <= now; });
+  const bool quiet = Unanswered() == 0 && std::all_of(presences_.begin(), presences_.end(), [&](const auto& presence) {
+                       return presence->LastEvent() + Snapshot::kWhile <= now;
+                     });
   return quiet && std::none_of(contacts_.begin(), contacts_.end(), [](const auto& entry) {
            return entry.second.stream && (!entry.second.met || entry.second.snapshot);
          });
@@ -234,6 +235,11 @@ std::vector<Member> Observer::Unfinished() const {
     if (contact.snapshot || (contact.stream && !contact.met)) members.push_back(contact.member);
   }
   return members;
+}
+
+std::size_t Observer::Unanswered() const {
+  return std::accumulate(presences_.begin(), presences_.end(), std::size_t{0},
+                         [](std::size_t sum, const auto& presence) { return sum + presence->Unanswered(); });
 }
 
 const Strangers::Counts& Observer::Strange() const {

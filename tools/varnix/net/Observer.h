@@ -53,6 +53,9 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   int Met() const;
   std::vector<Member> Unfinished() const;
 
+  // How many have connected to us and not said yet who they are.
+  std::size_t Unanswered() const;
+
   // Those who heard us and share another database, by address.
   const Strangers::Counts& Strange() const;
 

@@ -52,6 +52,12 @@ void Presence::OnAccepted(FileDescriptor socket, std::uint32_t address) {
   last_event_ = Clock::now();
 }
 
+std::size_t Presence::Unanswered() const {
+  return static_cast<std::size_t>(std::count_if(guests_.begin(), guests_.end(), [](const Guest& guest) {
+    return guest.stream->GetState() == SendingStream::State::kGreeting;
+  }));
+}
+
 std::size_t Presence::Connected() const {
   return static_cast<std::size_t>(std::count_if(guests_.begin(), guests_.end(), [this](const Guest& guest) {
     return guest.greeted && guest.stream->Group() == settings_.group;

@@ -49,6 +49,9 @@ class Presence : public Waiter, private Acceptor::Owner {
 
   const Strangers& Strange() const { return strangers_; }
 
+  // How many have connected and not said yet who they are.
+  std::size_t Unanswered() const;
+
   // How many are connected whose group is ours, and whether one accepts connections at that place.
   std::size_t Connected() const;
   bool IsConnected(const Place& place) const;
