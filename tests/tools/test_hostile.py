@@ -19,6 +19,7 @@ from programs import EMULATOR
 
 MEBIBYTE = 1 << 20
 ROW = b"press::ctl  status  speed = 42"
+COUNT = 30_000  # Of rows.
 # The sanitizers and the emulator need memory of their own.
 BASE = 40 * MEBIBYTE if programs.NATIVE else 400 * MEBIBYTE
 
@@ -153,6 +154,42 @@ def test_one_that_needs_more_memory_than_it_may_is_left_out(press, fake, start, 
     assert tables.memory() < BASE + 16 * MEBIBYTE
     assert tables.ends() == 1
     assert tables.lines == [b"press::ctl  status  1 row  7 bytes"]
+
+
+def keys_of_one_hash(count):
+    """Of 16 bytes, which std::hash of the standard library for 64-bit machines does not tell from each other."""
+    mask, factor = (1 << 64) - 1, 0xc6a4a7935bd1e995
+
+    def mixed(number):
+        return number ^ number >> 47  # Its own inverse.
+
+    inverse = pow(factor, -1, 1 << 64)
+    for number in range(count):
+        # With the first half the hash is `state`; the second half makes it 0.
+        state = (0xc70f6907 ^ 16 * factor & mask ^ mixed(number * factor & mask) * factor & mask) * factor & mask
+        second = mixed(state * inverse & mask) * inverse & mask
+        yield number.to_bytes(8, "little") + second.to_bytes(8, "little")
+
+
+@programs.only_natively  # Where words have 32 bits, the hash is another one.
+def test_keys_that_were_chosen_to_have_one_hash_cost_no_more_than_others(fake, look):
+    def seconds_for(keys):
+        rows = b"".join(wire.record(b"\x04many" + key, b"x") for key in keys)
+
+        def behave(connected):
+            connected.sendall(fakes.GREETING + rows)
+            fakes.wait_for_end(connected)
+
+        before = os.times()
+        status, tables = look([fake(behave)], "tables", "-w", "50")
+        after = os.times()
+        assert (status, tables.lines) == (0, [b"fake::ctl  many  %d rows  %d bytes" % (COUNT, COUNT * 17)])
+        return after.children_user - before.children_user
+
+    ordinary = seconds_for(b"%016d" % number for number in range(COUNT))
+    chosen = seconds_for(keys_of_one_hash(COUNT))
+
+    assert chosen < 5 * ordinary + 0.5
 
 
 def test_many_that_hold_back_the_rest_of_large_rows_stay_below_the_limit(press, fake, start, ether):

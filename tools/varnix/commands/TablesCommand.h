@@ -5,7 +5,6 @@
 
 #include <map>
 #include <string>
-#include <unordered_map>
 #include <utility>
 
 #include "commands/ObserverCommand.h"
@@ -16,7 +15,7 @@ class TablesCommand : public ObserverCommand {
   explicit TablesCommand(const Options& options);
 
  private:
-  using Sizes = std::unordered_map<std::string, std::size_t>;  // Of the value of each key.
+  using Sizes = std::map<std::string, std::size_t>;  // Of the value of each key. Members may choose keys of one hash.
   struct Tables {
     Member member;
     std::map<std::string, Sizes> sizes;

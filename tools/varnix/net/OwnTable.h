@@ -7,7 +7,6 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 // The rows that we set as a member: each key with its last value, in the order of their last changes.
 class OwnTable {
@@ -30,6 +29,6 @@ class OwnTable {
 
  private:
   Rows rows_;
-  std::unordered_map<std::string, std::uint64_t> changes_;  // The number of each key's last change.
+  std::map<std::string, std::uint64_t> changes_;  // The number of each key's last change.
   std::uint64_t last_change_ = 0;
 };

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <unordered_map>
 
 #include "net/Audience.h"
 #include "top/Rate.h"
@@ -22,8 +21,8 @@ class TopModel {
     Rate rate;
   };
   struct TableEntry {
-    std::unordered_map<std::string, RowEntry> rows;  // By key.
-    std::size_t bytes = 0;                           // Of all keys and values.
+    std::map<std::string, RowEntry> rows;  // By key. Members may choose keys of one hash.
+    std::size_t bytes = 0;                 // Of all keys and values.
     Rate rate;
   };
   struct MemberEntry {
