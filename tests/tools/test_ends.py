@@ -117,6 +117,14 @@ def test_a_limited_watch_ends_with_status_3_after_the_time_that_is_given(press):
     told = run("watch", "-n", "2", "-w", "0.7")
 
     assert (told.status, told.output) == (3, "press::ctl  status  speed = 42 °C\n".encode())
+    assert told.errors == "varnix: only 1 row, asked of 1 member\n"
+
+
+def test_a_limited_watch_where_nobody_is_ends_with_status_3_and_says_so(network):
+    told = run("watch", "-n", "2", "-w", "0.2")
+
+    assert (told.status, told.output) == (3, b"")
+    assert re.fullmatch(r"varnix: nobody of .* was met within 0.2 s; 'varnix doctor' says why\n", told.errors)
 
 
 def test_a_watch_goes_on_when_nobody_is_there_and_says_so(network, start):

@@ -84,6 +84,14 @@ def test_tables_counts_rows_and_bytes_for_each_member(share):
                        b"pump::ctl   status  1 row  6 bytes"]
 
 
+def test_tables_of_members_that_have_set_nothing_are_nothing(share):
+    share(b"press")
+
+    shown = run("tables")
+
+    assert (shown.status, shown.output, shown.errors) == (3, b"", "varnix: no row, asked of 1 member\n")
+
+
 def test_dump_shows_every_row_with_who_set_it_and_ends(share):
     share(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto")])
     share(b"pump", [(b"status", b"speed", b"7")])

@@ -37,10 +37,14 @@ int ObserverCommand::Run() {
   return EndStatus();
 }
 
+// Whether the time that is given ends it.
+bool ObserverCommand::IsBounded() const {
+  return !kind_.living || (session_.options.count && session_.options.wait_seconds);
+}
+
 bool ObserverCommand::IsOver() {
   if (session_.IsEndedFromOutside() || IsDone()) return true;
-  const bool bounded = !kind_.living || (session_.options.count && session_.options.wait_seconds);
-  if (bounded && Clock::now() >= session_.End()) return true;
+  if (IsBounded() && Clock::now() >= session_.End()) return true;
   return !kind_.living && kind_.until_settled && observer_.Met() > 0 && observer_.IsSettled();
 }
 
@@ -86,7 +90,7 @@ void ObserverCommand::NoteTrouble() {
     session_.progress.Note("cannot announce to " + AddressText(session_.options.broadcast) + ": " +
                            std::strerror(observer_.AnnouncingError()) + "; members may be heard within a minute");
   }
-  if (kind_.living && observer_.Met() == 0 && !nobody_told_ && Clock::now() >= session_.End()) {
+  if (!IsBounded() && observer_.Met() == 0 && !nobody_told_ && Clock::now() >= session_.End()) {
     nobody_told_ = true;
     session_.progress.Note("nobody of " + WhomText() + " was met within " + SecondsText(session_.WaitSeconds()) +
                            "; looking further ('varnix doctor' says why)");
@@ -128,7 +132,7 @@ int ObserverCommand::EndStatus() {
   if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
   if (failed_ && !kind_.living) return kFailed;
   if (anything) return kDone;
-  if (observer_.Met() == 0 && !kind_.living) {
+  if (observer_.Met() == 0) {
     session_.progress.Note("nobody of " + WhomText() + " was met within " + SecondsText(session_.WaitSeconds()) +
                            "; 'varnix doctor' says why");
   }

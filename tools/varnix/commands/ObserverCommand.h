@@ -45,6 +45,7 @@ class ObserverCommand : public Audience {
   Session session_;
 
  private:
+  bool IsBounded() const;
   bool IsOver();
   void Turn();
   TimePoint NextStep() const;

@@ -44,6 +44,7 @@ bool TablesCommand::Finish() {
   for (const auto& [place, tables] : tables_) {
     for (const auto& [table, sizes] : tables.sizes) Print(tables.member, table, sizes);
   }
+  if (tables_.empty()) NoteNothing("no row");
   return !tables_.empty();
 }
 

@@ -40,4 +40,7 @@ std::string WatchCommand::ProgressText() const {
   return ObserverCommand::ProgressText() + ", " + CountText(rows_, "row");
 }
 
-bool WatchCommand::Finish() { return IsDone(); }
+bool WatchCommand::Finish() {
+  if (!IsDone()) NoteNothing((rows_ == 0 ? "" : "only ") + CountText(rows_, "row"));
+  return IsDone();
+}
