@@ -271,8 +271,28 @@ def test_names_that_a_terminal_would_obey_are_shown(terminal):
     ether.socket.close()
 
 
+def test_what_it_keeps_leaves_half_of_the_limit_for_a_screen_that_is_stopped(terminal):
+    ether = wire.Ether()
+    terminal.run(*TOOL, "top", "--limit", "1")
+    ether.receive()
+
+    def behave(connected):
+        connected.sendall(wire.hello(b"plant", b"fake", b"ctl") +
+                          b"".join(wire.record(b"\x06statuskey %d" % number, b"x" * 100) for number in range(3_000)))
+        fakes.wait_for_end(connected)
+
+    member = fakes.FakeMember(behave)  # With 0.8 MB.
+    member.announce(ether)
+
+    assert terminal.shows("fake::ctl at 127.0.0.1:[0-9]+ sends more than --limit allows: left out")
+    member.close()
+    ether.socket.close()
+
+
 def test_it_needs_a_terminal_that_can_show_a_screen(terminal):
     assert (run("top").status, run("top").errors) == (1, "varnix: top needs a terminal\n")
+    terminal.run("sh", "-c", shlex.join([*TOOL, "top"]) + " < /dev/null")
+    assert terminal.shows("^varnix: top needs a terminal")
 
     terminal.run("env", "TERM=unheard-of", *TOOL, "top")
 

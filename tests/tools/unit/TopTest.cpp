@@ -90,6 +90,15 @@ TEST_F(Top, FillsTheScreen) {
             " q quit  s sort: last change  / filter  Tab parts  Space stop  Up Down scroll\n");
 }
 
+TEST_F(Top, ShowsTheFilterThatIsTypedInPlaceOfTrouble) {
+  view.trouble = "cannot announce";
+  view.filter = "spe";
+  EXPECT_NE(Shown(80, 5).find("\n cannot announce\n"), std::string::npos);
+
+  view.typing = true;
+  EXPECT_NE(Shown(80, 5).find("\n filter: spe_ "), std::string::npos);
+}
+
 TEST_F(Top, NeverExceedsTheScreen) {
   for (int i = 0; i < 100; ++i) Set("table " + std::to_string(i % 7), "key " + std::to_string(i), "\xff\\\u00e9\x1b");
   for (const auto part : {TopView::Part::kAll, TopView::Part::kMembers, TopView::Part::kTables, TopView::Part::kRows}) {

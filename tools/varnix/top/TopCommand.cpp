@@ -16,6 +16,13 @@ namespace {
 constexpr std::chrono::milliseconds kPace{100};       // Of a screen on which much changes.
 constexpr std::chrono::milliseconds kSlowPace{1000};  // Of ages and rates.
 
+// A screen that is stopped shows a copy, which may take as much memory again.
+Observer::Settings ToSettings(const Session& session) {
+  Observer::Settings settings = ObserverSettings(session);
+  settings.memory /= 2;
+  return settings;
+}
+
 std::string Title(const Options& options) {
   return Printable(*options.group, 24) + "/" + Printable(*options.database, 24);
 }
@@ -28,7 +35,7 @@ void TopCommand::Keyboard::OnReady(short events) { gone_ = (events & (POLLHUP | 
 
 TopCommand::TopCommand(const Options& options)
     : session_(options, STDOUT_FILENO),
-      observer_(session_.loop, ObserverSettings(session_), *this),
+      observer_(session_.loop, ToSettings(session_), *this),
       keyboard_(session_.loop) {
   RaiseDescriptorLimit();
 }

@@ -231,8 +231,8 @@ void TopPage::AddRows(std::size_t most) {
 }
 
 void TopPage::AddKeys() {
-  if (!view_.trouble.empty()) return Add(" " + view_.trouble, Style::kKeys);
   if (view_.typing) return Add(" filter: " + view_.filter + "_   Enter: keep  Esc: none", Style::kKeys);
+  if (!view_.trouble.empty()) return Add(" " + view_.trouble, Style::kKeys);
   const std::string filter = view_.filter.empty() ? "filter" : "filter: " + view_.filter;
   Add(std::string(" q quit  s sort: ") + OrderText(view_.order) + "  / " + filter + "  Tab parts  Space " +
           (view_.stopped ? "go on" : "stop") + "  Up Down scroll",
