@@ -73,6 +73,14 @@ def test_every_option_of_a_command_is_completed(name):
     assert complete(name, "--") - {"--help"} == options_of() | options_of(name)
 
 
+def test_options_may_have_their_value_behind_an_equals_sign():
+    assert complete("--group", "=", "line-4", "--json", "re") == {"record", "replay"}
+    assert complete("--wait", "=", "5", "watch", "--n") == {"--new"}
+    assert complete("--broadcast", "=", "127") == {"127.255.255.255"}
+    assert complete("--broadcast", "=") == {"127.255.255.255", "255.255.255.255"}
+    assert complete("--group", "=", "li") == complete("watch", "--group", "=") == set()
+
+
 def test_what_has_no_fixed_words_is_not_completed():
     for words in (("-g", ""), ("--database", ""), ("get", ""), ("watch", "status", ""), ("replay", "--speed", "")):
         assert complete(*words) == set()
