@@ -299,15 +299,33 @@ def test_random_rows_of_every_size_are_shown_as_they_were_set(share):
     assert shown == rows
 
 
-def test_a_port_of_announcements_that_cannot_be_shared_is_told_and_members_still_come(share, start):
-    share(b"press", [(b"status", b"speed", b"42")])
-    # Without SO_REUSEADDR, as a program that does not share it; it cannot be bound where it is in use, so elsewhere.
+@pytest.fixture
+def take_port():
+    """Takes the port of announcements, as a program that does not share it."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as selfish:
-        selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        selfish.bind(("127.0.0.1", DISCOVERY_PORT))
-        selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 0)
+        def take():  # It cannot be bound where it is in use, so elsewhere.
+            selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            selfish.bind(("127.0.0.1", DISCOVERY_PORT))
+            selfish.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 0)
+        yield take
 
-        shown = run("dump")
 
-    assert shown.output == b"press::ctl  status  speed = 42\n"
-    assert "cannot share UDP port 1975: Address already in use" in shown.errors
+DEAF = "varnix: announcements are not heard: cannot share UDP port 1975: Address already in use\n"
+
+
+def test_a_port_of_announcements_that_cannot_be_shared_is_told_and_members_still_come(share, take_port):
+    share(b"press", [(b"status", b"speed", b"42")])
+    take_port()
+
+    shown, done = run("dump"), run("set", "status", "speed", "43")
+
+    assert (shown.output, shown.errors) == (b"press::ctl  status  speed = 42\n", DEAF)
+    assert (done.status, done.errors) == (0, DEAF + "varnix: 1 row taken by 1 member\n")
+
+
+def test_where_nothing_can_be_heard_and_nothing_may_be_sent_it_ends_at_once(network, take_port):
+    take_port()
+
+    for words in (["dump"], ["watch"], ["set", "status", "speed", "43"], ["load"]):
+        told = run(*words, "--passive", "-w", "1000")
+        assert (told.status, told.errors) == (1, DEAF)

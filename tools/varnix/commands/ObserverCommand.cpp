@@ -25,10 +25,7 @@ Observer::Settings ToSettings(const ObserverCommand::Kind& kind, const Session& 
 ObserverCommand::ObserverCommand(const Options& options, const Kind& kind, int output_descriptor)
     : session_(options, output_descriptor), kind_(kind), observer_(session_.loop, ToSettings(kind, session_), *this) {
   RaiseDescriptorLimit();
-  if (observer_.HearingError() != 0) {
-    session_.progress.Note(std::string("announcements are not heard: cannot share UDP port 1975: ") +
-                           std::strerror(observer_.HearingError()));
-  }
+  session_.NoteHearing(observer_.HearingError());
 }
 
 int ObserverCommand::Run() {

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 #include "text/Printable.h"
 #include "wire/CombinedKey.h"
@@ -30,6 +31,13 @@ TimePoint Session::End() const {
 }
 
 std::string Session::Identity() const { return CombinedKey(options.device, options.process); }
+
+void Session::NoteHearing(int error) {
+  if (error == 0) return;
+  const std::string what = "announcements are not heard: cannot share UDP port 1975";
+  if (options.passive) throw std::system_error(error, std::generic_category(), what);
+  progress.Note(what + ": " + std::strerror(error));
+}
 
 int Session::StatusFromOutside(Status interrupted) {
   progress.Clear();

@@ -25,6 +25,10 @@ struct Session {
   // Our own identity, as it is on the wire.
   std::string Identity() const;
 
+  // Says that announcements are not heard, if there is an error number of that; where there is no other way to meet
+  // anybody, as std::system_error.
+  void NoteHearing(int error);
+
   // How the command ends, if something from outside has ended it: by a signal, or because nobody reads its output.
   // After an interrupt by the terminal this is `interrupted`; other signals end the process.
   bool IsEndedFromOutside() const { return signals.First() != 0 || output.IsClosed() || output.Error() != 0; }

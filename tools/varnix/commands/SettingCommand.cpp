@@ -28,6 +28,7 @@ Setter::Settings ToSettings(const Options& options, const Session& session) {
 SettingCommand::SettingCommand(const Options& options)
     : session_(options, kNoOutput), setter_(session_.loop, ToSettings(options, session_), rows_) {
   RaiseDescriptorLimit();
+  session_.NoteHearing(setter_.HearingError());
 }
 
 void SettingCommand::Set(const std::string& table, const std::string& key, std::string value,
