@@ -13,8 +13,8 @@
 
 namespace {
 
-// Without a free descriptor a connection stays where it is, and would be reported again and again.
-constexpr std::chrono::milliseconds kPauseWithoutDescriptors{100};
+// Without a free descriptor, or memory, a connection stays where it is, and would be reported again and again.
+constexpr std::chrono::milliseconds kPause{100};
 constexpr int kMostConnections = 64;
 
 }  // namespace
@@ -30,7 +30,7 @@ void Acceptor::OnReady(short) {
     FileDescriptor connected(
         accept4(socket_.Get(), reinterpret_cast<sockaddr*>(&peer), &size, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (connected.Get() < 0) {
-      if (errno == EMFILE || errno == ENFILE) paused_until_ = Clock::now() + kPauseWithoutDescriptors;
+      if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) paused_until_ = Clock::now() + kPause;
       return;
     }
     owner_.OnAccepted(std::move(connected), ToPlace(peer).address);
