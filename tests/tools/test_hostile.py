@@ -6,6 +6,7 @@
 import itertools
 import os
 import random
+import resource
 import socket
 import time
 
@@ -340,6 +341,30 @@ def test_random_bytes_of_those_who_connect_are_no_harm(press, ether, start):
     assert watch.prints(b"press::ctl  status  speed = 43")
     late = wire.connect(port)
     assert late.receive_record()[0] == b"plant"
+    for visitor in [*visitors, late]:
+        visitor.close()
+
+
+@programs.only_natively  # Others take long for so many connections.
+def test_visitors_that_fill_every_place_and_stay_do_not_keep_others_out(ether, fake, start):
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))  # One for each visitor.
+    watch = start("watch")
+    port = ether.port_of_next_announcement()
+    visitors = []
+    for _ in range(16):
+        together = [wire.connect(port) for _ in range(64)]  # No more than may wait to be accepted.
+        for visitor in together:
+            visitor.send(wire.answer(b"line-4", 0))
+        for visitor in together:
+            assert visitor.receive_record()[0] == b"plant"
+        visitors += together
+
+    member = fake(lambda connected: connected.sendall(fakes.GREETING + wire.record(b"\x06statusspeed", b"1")))
+    late = wire.connect(port)
+    late.send(wire.answer(b"line-4", member.port))
+
+    assert watch.prints(b"fake::ctl  status  speed = 1")
     for visitor in [*visitors, late]:
         visitor.close()
 

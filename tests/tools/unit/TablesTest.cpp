@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "net/Contact.h"
 #include "net/OwnTable.h"
 #include "net/Snapshot.h"
 #include "net/Strangers.h"
@@ -55,6 +56,36 @@ TEST(Snapshot, IsCompleteAWhileAfterTheLastBytes) {
   EXPECT_FALSE(snapshot.OnRow("b"));
 
   EXPECT_EQ(snapshot.CompleteAt(), kStart + milliseconds(300) + Snapshot::kWhile);
+}
+
+TEST(Snapshot, TellsItsMemoryWhichItNeedsFromTheFirstRowToARepeatedOne) {
+  Snapshot snapshot;
+  snapshot.Begin(kStart);
+  EXPECT_EQ(snapshot.Held(), 0u);
+  snapshot.OnRow("a");
+  EXPECT_EQ(snapshot.Held(), 16384u);
+
+  snapshot.OnRow("a");
+  EXPECT_EQ(snapshot.Held(), 0u);
+}
+
+struct NoOwner : ReceivingStream::Owner {
+  void OnGreeting(ReceivingStream&, std::string_view, std::string_view) override {}
+  void OnRow(ReceivingStream&, std::string_view, std::string_view) override {}
+  void OnBytes(ReceivingStream&) override {}
+};
+
+TEST(Contact, CountsWhatIsKeptOfItAndItsSnapshot) {
+  NoOwner owner;
+  Loop loop;
+  Contact contact;
+  contact.kept = 100;
+  EXPECT_EQ(contact.Memory(), 0u);  // Nothing comes of it.
+  contact.stream = std::make_unique<ReceivingStream>(loop, Place{INADDR_LOOPBACK, 1}, ReceivingStream::Answer(), owner);
+  contact.snapshot.emplace().OnRow("a");
+
+  EXPECT_EQ(contact.Memory(), 100 + contact.stream->Held() + contact.snapshot->Held());
+  EXPECT_GT(contact.snapshot->Held(), 0u);
 }
 
 TEST(Snapshot, OfAMemberThatSendsWithoutAPauseIsCompleteAWhileAfterAKeyCameAgain) {

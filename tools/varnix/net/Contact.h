@@ -23,5 +23,7 @@ struct Contact {
   std::size_t kept = 0;              // How many bytes are kept of it, what its stream holds not counted.
 
   // What counts against the limit of memory.
-  std::size_t Memory() const { return !stream || stream->IsEnded() ? 0 : kept + stream->Held(); }
+  std::size_t Memory() const {
+    return !stream || stream->IsEnded() ? 0 : kept + stream->Held() + (snapshot ? snapshot->Held() : 0);
+  }
 };

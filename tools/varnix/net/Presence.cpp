@@ -45,11 +45,21 @@ Strangers::Counts Presence::GreetedByAddress() const {
 }
 
 void Presence::OnAccepted(FileDescriptor socket, std::uint32_t address) {
-  if (guests_.size() >= kMostGuests) return;
+  if (guests_.size() >= kMostGuests) MakeRoom();
   std::string greeting;
   AppendRecord(greeting, {settings_.database, settings_.identity});
   guests_.push_back({std::make_unique<SendingStream>(loop_, std::move(socket), address, greeting, rows_)});
   last_event_ = Clock::now();
+}
+
+// At the cost of the address that has most of them.
+void Presence::MakeRoom() {
+  Strangers::Counts counts;
+  for (const Guest& guest : guests_) ++counts[guest.stream->Address()];
+  const auto most = std::max_element(counts.begin(), counts.end(),
+                                     [](const auto& left, const auto& right) { return left.second < right.second; });
+  guests_.erase(std::find_if(guests_.begin(), guests_.end(),
+                             [&](const Guest& guest) { return guest.stream->Address() == most->first; }));
 }
 
 std::size_t Presence::Unanswered() const {

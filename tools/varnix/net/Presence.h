@@ -74,6 +74,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   };
 
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
+  void MakeRoom();
   void Look(Guest& guest);
   Strangers::Counts GreetedByAddress() const;
 

@@ -16,13 +16,9 @@ std::uint64_t Hash(std::string_view key) {
 
 }  // namespace
 
-void Snapshot::Begin(TimePoint now) {
-  last_bytes_ = now;
-  recent_keys_ = std::make_unique<RecentKeys>();
-}
-
 bool Snapshot::OnRow(std::string_view key) {
   if (repeated_ != TimePoint::max()) return true;
+  if (!recent_keys_) recent_keys_ = std::make_unique<RecentKeys>();
   const std::uint64_t hash = Hash(key);
   std::uint64_t& recent = (*recent_keys_)[hash % std::tuple_size<RecentKeys>::value];
   if (recent == hash) {

@@ -20,12 +20,15 @@ class Snapshot {
   static constexpr std::chrono::milliseconds kWhile{500};
 
   // The member begins to send.
-  void Begin(TimePoint now);
+  void Begin(TimePoint now) { last_bytes_ = now; }
 
   void OnBytes(TimePoint now) { last_bytes_ = now; }
 
   // Whether this row is one that the member has set, or set anew, after we asked.
   bool OnRow(std::string_view key);
+
+  // How much memory this needs.
+  std::size_t Held() const { return recent_keys_ ? sizeof(RecentKeys) : 0; }
 
   // When it is complete, as far as can be told by now.
   TimePoint CompleteAt() const;
