@@ -144,6 +144,23 @@ TEST_F(Checks, TakeOneNameAtTwoPortsForTwoMembersAndAtTwoAddressesForOne) {
             "name: these do not meet, and others hear one of them\n");
 }
 
+TEST_F(Checks, TakeOneThatHasLeftAndStartedAgainForOne) {
+  Press().end = End{End::Kind::kClosed};
+  Add({0x0A000002, 1001}, "press");
+  EXPECT_EQ(Faults(), "rows: 3 rows came before press::ctl at 10.0.0.2:1000 has left\n");
+}
+
+TEST_F(Checks, ShowSixteenOfManyAndTheBeginningOfLongNames) {
+  for (std::uint16_t i = 0; i < 2000; ++i) {
+    Add({0x0A000100U + i, 1000}, "other").member.group = std::string(254, 'x');
+  }
+  EXPECT_EQ(Faults(), "");
+  const std::string other = "\"" + std::string(63, 'x') + "~\" of other::ctl at 10.0.1.";
+  const std::string seen = Seen("group");
+  EXPECT_EQ(seen.find("1 member of \"line-4\"; other groups: " + other + "0:1000, " + other + "1:1000, "), 0u) << seen;
+  EXPECT_EQ(seen.substr(seen.rfind(other)), other + "15:1000 and 1984 more");
+}
+
 TEST_F(Checks, ShowNamesOfOthersSoThatATerminalDoesNotObeyThem) {
   Press().member.group = "line\x1b[2J";
   evidence.places.begin()->second.member.device = "pre\nss";

@@ -3,8 +3,11 @@
 
 #include "doctor/Checks.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
+#include <set>
+#include <string_view>
 
 #include "commands/Session.h"
 #include "doctor/NearMiss.h"
@@ -18,14 +21,29 @@ constexpr double kEverybodyIsHeard = 60.5;
 using Findings = std::vector<Finding>;
 using Members = std::vector<const SeenPlace*>;
 
-std::string Quoted(const std::string& name) { return "\"" + Printable(name) + "\""; }
+// Nobody reads more, and those who choose long names, or many, do not fill our memory by them.
+constexpr std::size_t kShownOfName = 64, kShownOfMany = 16;
+
+std::string Quoted(const std::string& name) { return "\"" + Printable(name, kShownOfName) + "\""; }
+
+// "press::ctl at 10.0.0.1:40213", or its address alone as long as it has said nothing.
+std::string NameAndPlace(const SeenPlace& seen) {
+  const Member& member = seen.member;
+  if (member.identity.empty()) return PlaceText(member.place);
+  return Printable(member.device, kShownOfName) + "::" + Printable(member.process, kShownOfName) + " at " +
+         PlaceText(member.place);
+}
 
 // "press::ctl at 10.0.0.1:40213, pump::ctl at ...".
-std::string Names(const Members& members) {
+std::string List(const Members& members, const std::function<std::string(const SeenPlace&)>& text_of) {
+  const std::size_t shown = std::min(members.size(), kShownOfMany);
   std::string text;
-  for (const SeenPlace* const seen : members) text += (text.empty() ? "" : ", ") + NameAndPlaceText(seen->member);
+  for (std::size_t i = 0; i < shown; ++i) text += (i == 0 ? "" : ", ") + text_of(*members[i]);
+  if (shown < members.size()) text += " and " + std::to_string(members.size() - shown) + " more";
   return text;
 }
+
+std::string Names(const Members& members) { return List(members, NameAndPlace); }
 
 Members Select(const Evidence& evidence, const std::function<bool(const SeenPlace&)>& wanted) {
   Members members;
@@ -100,8 +118,8 @@ void AddNearMisses(Findings& findings, const char* check, const std::string& ask
     if (difference.empty()) continue;
     findings.push_back(
         {false, check,
-         NameAndPlaceText(seen->member) + " has the " + check + " " + Quoted(name) + ", which differs from " +
-             Quoted(asked) + " in " + difference,
+         NameAndPlace(*seen) + " has the " + check + " " + Quoted(name) + ", which differs from " + Quoted(asked) +
+             " in " + difference,
          std::string("give both the same ") + check,
          std::strcmp(check, "group") == 0 ? "no tblrcvr.ctor of that place" : "tblsvr.fnd.rcv.abort.svr"});
   }
@@ -109,11 +127,8 @@ void AddNearMisses(Findings& findings, const char* check, const std::string& ask
 
 // "\"line-5\" of 10.0.0.1:40213, ..."
 std::string OtherNames(const Members& members, const std::function<std::string(const Member&)>& name_of) {
-  std::string text;
-  for (const SeenPlace* const seen : members) {
-    text += (text.empty() ? "" : ", ") + Quoted(name_of(seen->member)) + " of " + NameAndPlaceText(seen->member);
-  }
-  return text;
+  return List(members,
+              [&](const SeenPlace& seen) { return Quoted(name_of(seen.member)) + " of " + NameAndPlace(seen); });
 }
 
 std::string GroupOf(const Member& member) { return member.group; }
@@ -200,13 +215,13 @@ void CheckReach(const Evidence& evidence, Findings& findings) {
   const Members unreachable = Among(all, IsUnreachable);
   for (const SeenPlace* const seen : unreachable) {
     const std::string how = seen->end ? EndText(*seen->end) : "does not answer";
-    findings.push_back({false, "reach", NameAndPlaceText(seen->member) + " " + how,
+    findings.push_back({false, "reach", NameAndPlace(*seen) + " " + how,
                         "let TCP into the firewall of that host; members use ports of the system's choice",
                         "on its peers tblsvr.fnd.rcv.err, without tblrcvr.sock.conn.succ"});
   }
   const Members silent = Among(all, [](const SeenPlace& seen) { return !seen.named && !IsUnreachable(seen); });
   for (const SeenPlace* const seen : silent) {
-    findings.push_back({false, "reach", NameAndPlaceText(seen->member) + " " + EndText(*seen->end),
+    findings.push_back({false, "reach", NameAndPlace(*seen) + " " + EndText(*seen->end),
                         "see what listens there: it does not speak as members do, or is stopped",
                         "on its peers tblrcvr.sock.conn.succ, without tblrcvr.gotuid"});
   }
@@ -237,15 +252,14 @@ void CheckWayBack(const Evidence& evidence, const Members& ours, Findings& findi
           ours, Among(ours, [](const SeenPlace& seen) { return !seen.heard; }));
 }
 
-// At other ports: at other addresses alone it is one member with several.
-bool AreTwoMembers(const Member& left, const Member& right) {
-  return left.identity == right.identity && left.place.port != right.place.port;
-}
-
-void CheckIdentities(const Members& ours, Findings& findings) {
-  const Members twice = Among(ours, [&ours](const SeenPlace& seen) {
-    return !Among(ours, [&seen](const SeenPlace& other) { return AreTwoMembers(seen.member, other.member); }).empty();
-  });
+// Two members have one name if it is at two ports: at two addresses alone it is one member with several. One that has
+// left may have started again.
+void CheckIdentities(const Members& all, Findings& findings) {
+  const Members ours = Among(all, [](const SeenPlace& seen) { return !seen.end; });
+  std::map<std::string_view, std::set<std::uint16_t>> ports;
+  for (const SeenPlace* const seen : ours) ports[seen->member.identity].insert(seen->member.place.port);
+  const Members twice =
+      Among(ours, [&ports](const SeenPlace& seen) { return ports.at(seen.member.identity).size() > 1; });
   AddStep(findings,
           {"identity", "have a name of their own", "have one name: these do not meet, and others hear one of them",
            "give each member a device and a process that differ from those of all others",
@@ -260,7 +274,7 @@ void CheckRows(const Members& ours, Findings& findings) {
   for (const SeenPlace* const seen : broken) {
     findings.push_back(
         {false, "rows",
-         CountText(seen->rows, "row") + " came before " + NameAndPlaceText(seen->member) + " " + EndText(*seen->end),
+         CountText(seen->rows, "row") + " came before " + NameAndPlace(*seen) + " " + EndText(*seen->end),
          "see whether that process ended, or the network between", "cook.rd.rd, tblsndr.dtor"});
   }
   if (!broken.empty() || ours.empty()) return;

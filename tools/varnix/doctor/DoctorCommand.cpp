@@ -16,12 +16,13 @@
 namespace {
 
 constexpr std::chrono::seconds kMostPatience{1};
-constexpr std::size_t kMostPlaces = 4096;
+constexpr std::size_t kMostOfAPlace = 1 << 14;  // In bytes, with the longest names that members have.
 constexpr char kGood[] = "\x1b[32m", kBad[] = "\x1b[31m";
 
 Observer::Settings ToSettings(const Session& session) {
   Observer::Settings settings = ObserverSettings(session);
   settings.visits_other_groups = true;
+  settings.memory /= 2;  // The other half is for what is remembered of them.
   return settings;
 }
 
@@ -30,6 +31,7 @@ Observer::Settings ToSettings(const Session& session) {
 DoctorCommand::DoctorCommand(const Options& options)
     : session_(options, STDOUT_FILENO),
       observer_(session_.loop, ToSettings(session_), *this),
+      most_places_((options.limit_mib << 20) / 2 / kMostOfAPlace),
       patience_(std::min<Clock::duration>((session_.End() - session_.begun) / 4, kMostPatience)) {
   RaiseDescriptorLimit();
   evidence_.group = *options.group;
@@ -96,7 +98,7 @@ void DoctorCommand::AskToConnectBack(SeenPlace& seen) {
 // Beyond their limit places are not remembered: the last one serves for all of them.
 SeenPlace& DoctorCommand::Seen(const Place& place) {
   static SeenPlace surplus;
-  if (evidence_.places.size() >= kMostPlaces && evidence_.places.count(place) == 0) return surplus;
+  if (evidence_.places.size() >= most_places_ && evidence_.places.count(place) == 0) return surplus;
   const auto [entry, is_new] = evidence_.places.try_emplace(place);
   if (is_new) entry->second.known = Clock::now();
   entry->second.member.place = place;

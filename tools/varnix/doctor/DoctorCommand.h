@@ -40,6 +40,7 @@ class DoctorCommand : public Audience {
   Session session_;
   Evidence evidence_;
   Observer observer_;
+  const std::size_t most_places_;
   const Clock::duration patience_;  // For each step that others have to do.
   TimePoint next_asking_ = TimePoint::max();
   bool failed_ = false;
