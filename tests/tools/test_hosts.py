@@ -4,6 +4,8 @@
 """The command among several hosts, many members and many rows."""
 
 import json
+import os
+import statistics
 import time
 
 import pytest
@@ -103,22 +105,34 @@ def test_every_member_of_a_crowd_is_met(crowd, start):
     assert programs.eventually(lambda: len(run("dump").output.splitlines()) == MEMBERS)
 
 
+RUNS = 3 if programs.NATIVE else 1  # Sanitizers and emulators are not measured.
+SILENCE = 0.5  # Seconds; what shows that all rows have come.
+
+
+def processor_seconds():
+    """Of the commands that have ended."""
+    times = os.times()
+    return times.children_user + times.children_system
+
+
 def test_many_rows_are_dumped_and_taken(network, make_host):
     press = make_host("--default-log")  # The other log is slower than what is measured.
     value = b"x" * 32
     press.set_all(b"plant", b"status", ((b"key %012d" % number, value) for number in range(ROWS)))
     press.share(b"plant", b"line-4", b"press")
 
-    begun = time.monotonic()
-    dump = run("dump", "--json", "-w", "60")
-    seconds = time.monotonic() - begun
-    rows = dump.output.split(b"\n")[:-1]
+    passed, needed = [], []  # Seconds; a busy machine makes only the former more.
+    for _ in range(RUNS):
+        begun, used = time.monotonic(), processor_seconds()
+        dump = run("dump", "--json", "-w", "60")
+        passed.append(time.monotonic() - begun)
+        needed.append(processor_seconds() - used + SILENCE)
+        assert (dump.status, dump.errors, dump.output.count(b"\n")) == (0, "", ROWS)
 
-    assert dump.status == 0 and dump.errors == "", dump
-    assert len(rows) == ROWS
-    assert {json.loads(row)["key"] for row in rows} == {"key %012d" % number for number in range(ROWS)}
-    figure(f"{ROWS} rows dumped as JSON in {seconds * 1000:.0f} ms")
-    assert seconds < 15 or not programs.NATIVE
+    figure(f"{ROWS} rows dumped as JSON in {statistics.median(passed) * 1000:.0f} ms, "
+           f"{statistics.median(needed) * 1000:.0f} ms without the work of others")
+    assert statistics.median(needed) < 1.5 or not programs.NATIVE
+    assert {row["key"] for row in dump.rows()} == {"key %012d" % number for number in range(ROWS)}
     done = run("load", "--device", "bench", "-w", "60", data=dump.output)
     assert (done.status, done.errors) == (0, f"varnix: {ROWS} rows taken by 1 member\n")
 
@@ -133,7 +147,11 @@ def test_the_first_row_is_there_soon(network, make_host):
         assert run("watch", "-n", "1").output == b"press::p  status  speed = 42\n"
         return time.monotonic() - begun
 
-    seconds = min(measure() for _ in range(5))
+    medians = []
 
-    figure(f"first row {seconds * 1000:.0f} ms after the start of the command")
-    assert seconds < 1 or not programs.NATIVE
+    def is_soon():
+        medians.append(statistics.median(measure() for _ in range(RUNS)))
+        return medians[-1] < 0.1 or not programs.NATIVE
+
+    assert programs.eventually(is_soon), medians  # A busy machine has many tries.
+    figure(f"first row {min(medians) * 1000:.0f} ms after the start of the command")
