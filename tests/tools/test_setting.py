@@ -139,9 +139,27 @@ def test_a_member_that_is_heard_and_does_not_hear_is_asked_to_connect(share, eth
     assert setting.ends() == 0
 
 
-def test_a_held_row_reaches_those_who_join_later_until_an_interrupt(share, start):
+def test_those_who_set_rows_are_not_waited_for_by_each_other(share, start):
     share(b"press")
-    setting = start("set", "--hold", "status", "speed", "42")
+    holding = start("set", "--hold", "status", "speed", "42")
+    assert holding.says("sent to 1 member and")
+
+    done = run("set", "status", "mode", "auto")
+
+    assert (done.status, done.errors) == (0, "varnix: 1 row taken by 1 member\n")
+    holding.signal(signal.SIGINT)
+    assert holding.ends() == 0
+    assert holding.errors.endswith("varnix: 1 row taken by 1 member\n")
+
+
+@pytest.mark.parametrize("name", ["set", "load", "replay"])
+def test_a_held_row_reaches_those_who_join_later_until_an_interrupt(share, start, tmp_path, name):
+    share(b"press")
+    recording = tmp_path / "recording"
+    recording.write_bytes(row_line("speed", "42"))
+    with open(recording, "rb") as rows:
+        words = {"set": ["status", "speed", "42"], "load": [], "replay": [str(recording)]}[name]
+        setting = start(name, "--hold", *words, stdin=rows)
     assert setting.says("1 row, sent to 1 member and to all that join")
 
     pump = share(b"pump")

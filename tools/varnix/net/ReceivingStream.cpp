@@ -100,7 +100,11 @@ void ReceivingStream::SendAnswer() {
   std::string record;
   AppendRecord(record, {answer_.group, {port, sizeof port}});
   const ssize_t sent = send(socket_.Get(), record.data(), record.size(), MSG_NOSIGNAL);
-  if (sent != static_cast<ssize_t>(record.size())) EndAs({End::Kind::kBroken, sent < 0 ? errno : ECONNRESET});
+  if (sent != static_cast<ssize_t>(record.size())) {
+    EndAs({End::Kind::kBroken, sent < 0 ? errno : ECONNRESET});
+  } else if (!answer_.wants_rows) {
+    shutdown(socket_.Get(), SHUT_WR);  // So the member ends its stream.
+  }
 }
 
 void ReceivingStream::EndAs(const End& end) {

@@ -20,7 +20,7 @@ class ReceivingStream : public Waiter {
   struct Answer {
     std::string group;
     std::uint16_t port = 0;
-    bool wants_rows = true;  // Without, no row is read.
+    bool wants_rows = true;  // Without, no row is read, and the member is told that we are gone.
   };
 
   class Owner {
