@@ -12,6 +12,7 @@ import subprocess
 import pytest
 
 import programs
+import wire
 from command import TOOL, environment, run
 
 COMMANDS = ("members", "tables", "dump", "get", "watch", "set", "load", "record", "replay", "top", "doctor")
@@ -26,6 +27,7 @@ def press(network, make_host):
     return host
 
 
+@programs.only_natively  # Like all that concerns words alone, it is the same elsewhere.
 @pytest.mark.parametrize("arguments, reason", [
     ([], "no command is given"),
     (["look"], "look"),
@@ -55,6 +57,7 @@ def test_wrong_usage_is_told_in_one_line_with_how_to_get_help(arguments, reason)
     assert re.fullmatch(r"varnix: .*; see 'varnix .*--help'\n", told.errors) and reason in told.errors, told
 
 
+@programs.only_natively
 @pytest.mark.parametrize("name", COMMANDS[1:])
 def test_a_group_and_a_database_are_asked_for(name):
     arguments = [name, *ARGUMENTS.get(name, [])]
@@ -66,6 +69,7 @@ def test_a_group_and_a_database_are_asked_for(name):
     assert "which database? Give --database or set VARNIX_DATABASE" in no_database.errors
 
 
+@programs.only_natively
 @pytest.mark.parametrize("name", COMMANDS)
 def test_each_command_has_help_with_an_example_that_is_right(name):
     shown = run(name, "--help")
@@ -197,11 +201,26 @@ def test_a_reader_that_has_gone_ends_it_quietly(press, start):
     assert (watch.ends(), watch.errors) == (0, "")
 
 
-def test_a_closed_standard_output_ends_it_quietly(press):
-    for name in ("watch", "dump", "members"):
-        done = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", *TOOL, name], env=environment(), capture_output=True,
-                              timeout=programs.DEADLINE)
-        assert (done.returncode, done.stderr) == (0, b"")
+@programs.only_natively  # Elsewhere one that ends quietly has to do.
+@pytest.mark.parametrize("name", [name for name in COMMANDS if name != "top"])  # Which needs a terminal.
+def test_a_closed_standard_output_ends_it_quietly(press, name):
+    done = subprocess.run(["sh", "-c", 'exec "$@" >&-', "sh", *TOOL, name, *ARGUMENTS.get(name, [])], input=b"",
+                          env=environment(), stderr=subprocess.PIPE, timeout=programs.DEADLINE)
+
+    taken = {"set": b"varnix: 1 row taken by 1 member\n", "load": b"varnix: 0 rows taken by 1 member\n"}
+    assert (done.returncode, done.stderr) == (0, taken.get(name.replace("replay", "load"), b""))
+
+
+@programs.only_natively
+@pytest.mark.parametrize("name", ["members", "tables", "dump", "get", "record", "doctor"])
+def test_a_pipe_that_nobody_reads_ends_it_quietly(press, name):
+    reader, writer = os.pipe()
+    os.close(reader)
+    done = subprocess.run([*TOOL, name, *ARGUMENTS.get(name, [])], stdout=writer, env=environment(),
+                          stderr=subprocess.PIPE, timeout=programs.DEADLINE)
+    os.close(writer)
+
+    assert (done.returncode, done.stderr) == (0, b"")
 
 
 def test_closed_standard_descriptors_are_not_written_to_as_sockets(press):
@@ -224,22 +243,24 @@ def test_a_full_disk_is_told(press):
 class Terminal:
     """The command with a terminal for standard output and standard error, or for the latter alone."""
 
-    def __init__(self, *arguments, errors_alone=False, **variables):
+    def __init__(self, *arguments, errors_alone=False, stdin=None, **variables):
         self.master, slave = pty.openpty()
-        self.process = subprocess.Popen([*TOOL, *arguments], stdin=slave, stderr=slave,
+        self.process = subprocess.Popen([*TOOL, *arguments], stdin=stdin or slave, stderr=slave,
                                         stdout=subprocess.PIPE if errors_alone else slave,
                                         env=environment({"TERM": "xterm", **variables}))
         os.close(slave)
 
-    def shows(self):
-        """Everything up to the end."""
+    def shows(self, text=None):
+        """Everything up to this text, or to the end."""
         shown = b""
-        while True:
+        while text is None or text not in shown:
             try:
                 shown += os.read(self.master, 65536)
             except OSError:  # Nobody has the other end any more.
                 os.close(self.master)
-                return shown
+                assert text is None, shown
+                break
+        return shown
 
 
 def test_colours_are_for_terminals(press):
@@ -261,6 +282,38 @@ def test_what_takes_longer_than_a_second_shows_its_progress_on_a_terminal(networ
     assert searching.process.wait(programs.DEADLINE) == 3
     assert 'Looking for members of group "line-4" with database "plant": 0 met, 1 s' in shown
     assert re.search(r"\r\x1b\[Kvarnix: nobody of group [^\r]*\r\n$", shown), shown
+
+
+def test_a_long_dump_into_a_file_shows_its_progress(ether, press):
+    ether.receive()
+    dump = Terminal("dump", "-w", "2", errors_alone=True)
+    silent = wire.connect(ether.port_of_next_announcement())
+
+    dump.shows(b'\r\x1b[KLooking for members of group "line-4" with database "plant": 1 met, 1 s, 1 row')
+    silent.close()
+
+    assert dump.shows().endswith(b"\r\x1b[K")
+    assert dump.process.communicate()[0] == "press::ctl  status  speed = 42 °C\n".encode()
+    assert dump.process.returncode == 0
+
+
+def test_load_and_replay_show_their_progress_on_a_terminal(press, tmp_path):
+    recording = tmp_path / "recording"
+    recording.write_bytes(b'{"time":"2026-11-22T04:17:29Z","table":"status","key":"mode","value":"auto"}\n'
+                          b'{"time":"2026-11-22T04:17:31Z","table":"status","key":"mode","value":"off"}\n')
+    reader, writer = os.pipe()
+    load, replay = Terminal("load", errors_alone=True, stdin=reader), Terminal("replay", str(recording))
+    os.close(reader)
+    os.write(writer, b'{"table":"status","key":"speed","value":"43"}\n')
+
+    load.shows(b"\r\x1b[K1 row, 1 member connected")
+    replay.shows(b"\r\x1b[K1 row, 1 member connected")
+    os.close(writer)
+
+    for setting in (load, replay):
+        assert setting.shows().endswith(b"\r\x1b[Kvarnix: 1 row taken by 1 member\r\n")
+        assert setting.process.wait(programs.DEADLINE) == 0
+        setting.process.stdout and setting.process.stdout.close()
 
 
 def test_no_progress_is_shown_to_a_file(network):

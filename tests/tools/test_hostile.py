@@ -295,7 +295,10 @@ def test_malformed_keys_are_shown_as_members_take_them(press, fake, look):
         [ROW.split(), [b"fake::ctl", b"=", b"1"], [b"fake::ctl", b"=", b"2"]])
 
 
-@pytest.mark.parametrize("name", ["members", "tables", "dump", "get status speed", "set status mode auto"])
+BABBLED_AT = ["dump", "set status mode auto", *([] if EMULATOR else ["members", "tables", "get status speed"])]
+
+
+@pytest.mark.parametrize("name", BABBLED_AT)
 def test_random_bytes_are_no_harm(press, fake, look, name):
     print("seed", programs.SEED)
     source = random.Random(programs.SEED)

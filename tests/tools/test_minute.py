@@ -4,8 +4,11 @@
 """What needs the announcement that each member makes once a minute: it takes one."""
 
 import json
+import re
 
 import pytest
+
+import cables
 
 
 @pytest.fixture
@@ -20,10 +23,17 @@ def share(ether, make_host):
     return start_one
 
 
-def test_a_minute_hears_everybody(share, start):
+def test_a_minute_hears_everybody(share, start, make_namespace, make_host):
     share(b"press", b"plant")
     share(b"pump", b"store")
+    here, there = make_namespace(), make_namespace()
+    cables.lay(here, there)
+    cables.drop(there, "output", "udp dport 1975")
+    with there:
+        make_host().share(b"plant", b"line-4", b"valve", b"ctl", "0.0.0.0")
 
+    with here:
+        elsewhere = start("doctor", "--json", "-w", "61", VARNIX_BROADCAST="255.255.255.255")
     doctor = start("doctor", "--json", "-w", "61")
     members = start("members", "--json", "--passive", VARNIX_DATABASE="")  # It takes 61 seconds by itself.
 
@@ -34,3 +44,8 @@ def test_a_minute_hears_everybody(share, start):
     assert (members.ends(), members.errors) == (0, "")
     heard = {(member["device"], member["database"]) for member in map(json.loads, members.lines)}
     assert {("press", "plant"), ("pump", "store")} <= heard  # And the doctor.
+    assert (elsewhere.ends(120), elsewhere.errors) == (1, "")
+    fault, = (finding for finding in map(json.loads, elsewhere.lines) if finding["result"] == "FAILED")
+    assert fault["check"] == "heard"
+    assert re.fullmatch(r"valve::ctl at 10\.1\.1\.2:\d+ did not announce themselves to us within a minute",
+                        fault["seen"])
