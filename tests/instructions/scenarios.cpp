@@ -75,6 +75,22 @@ void SetKnownRowsAmongWatchersOfOthers() {
   measured = [table, watchers, rows = Rows(kRows, 'b')] { SetAll(*table, rows); };
 }
 
+// No set has a descriptor. What the sets take again is a part of it, so that each row finds them empty.
+void SetKnownRowsAmongSetsWithoutADescriptor() {
+  const auto table = Varnix::MakeTable("t");
+  SetAll(*table, Rows(kRows, 'a'));
+  const auto all = table->WatchAll();
+  const std::vector<std::shared_ptr<Varnix::WatcherSet>> sets{
+      Varnix::MakeWatcherSet({all}), Varnix::MakeWatcherSet({all, table->Watch(Rows(1, 'a')[0].first)})};
+  while (sets[1]->WaitUntil({}).second != nullptr) continue;
+  measured = [table, sets, all, rows = Rows(kRows, 'b')] {
+    for (const Varnix::Row& row : rows) {
+      table->Set(row);
+      all->GetChanges();
+    }
+  };
+}
+
 void SetKnownRowsWithTheFirstLogger() {
   SetLogHook(DefaultLogger);
   const auto table = Varnix::MakeTable("t");
@@ -144,6 +160,7 @@ int main(int argc, char** argv) {
   const std::map<std::string, void (*)()> scenarios{
       {"set new rows", SetNewRows},
       {"set known rows among watchers of others", SetKnownRowsAmongWatchersOfOthers},
+      {"set known rows among sets without a descriptor", SetKnownRowsAmongSetsWithoutADescriptor},
       {"set known rows with the first logger", SetKnownRowsWithTheFirstLogger},
       {"take rows from a set", TakeRowsFromASet},
       {"write records", WriteRecords},

@@ -16,9 +16,12 @@ import pytest
 
 COUNTS = pathlib.Path(__file__).parent / "counts.json"
 TOLERANCE = 1.05
+# One instruction more for each row is seen.
+TOLERANCES = {"set known rows among sets without a descriptor": 1.0002}
 RENEW = "VARNIX_RENEW" in os.environ
-SCENARIOS = ["set new rows", "set known rows among watchers of others", "set known rows with the first logger",
-             "take rows from a set", "write records", "write a burst of records", "read records into tables"]
+SCENARIOS = ["set new rows", "set known rows among watchers of others", "set known rows among sets without a descriptor",
+             "set known rows with the first logger", "take rows from a set", "write records",
+             "write a burst of records", "read records into tables"]
 
 
 def count(scenario):
@@ -37,4 +40,4 @@ def test_takes_no_more_instructions_than_before(scenario):
     if RENEW:
         COUNTS.write_text(json.dumps(counts | {scenario: now}, indent=1, sort_keys=True) + "\n")
         return
-    assert now <= counts[scenario] * TOLERANCE
+    assert now <= counts[scenario] * TOLERANCES.get(scenario, TOLERANCE)
