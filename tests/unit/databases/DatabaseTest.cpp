@@ -24,7 +24,8 @@ using Varnix::LogLevel;
 using Rows = std::vector<Varnix::Row>;
 
 // Counts the lines of this thread alone: what the hook throws on one of the library's own ends the process.
-void ShareWhileHookThrowsAt(int n, Database& database, const SharingSettings& settings) {
+template <class Call>
+void CallWhileHookThrowsAt(int n, Call call) {
   const std::thread::id here = std::this_thread::get_id();
   SetLogHook([here, left = n](LogLevel, const char*, const char*, va_list) mutable {
     if (std::this_thread::get_id() == here && --left == 0) throw HookError();
@@ -32,7 +33,11 @@ void ShareWhileHookThrowsAt(int n, Database& database, const SharingSettings& se
   struct RestoreLogger {
     ~RestoreLogger() { SetLogHook(DefaultLogger); }
   } restore_logger;
-  database.SetSharing(settings);
+  call();
+}
+
+void ShareWhileHookThrowsAt(int n, Database& database, const SharingSettings& settings) {
+  CallWhileHookThrowsAt(n, [&] { database.SetSharing(settings); });
 }
 
 SharingSettings Settings() { return {"database test", "dev", "proc", inet_addr("127.255.255.255")}; }
@@ -114,6 +119,19 @@ TEST(Database, HasStoppedSharingAlsoWhenTheHookThrows) {
 
   SetLogHook(DefaultLogger);
   SharingSettings settings;
+  EXPECT_FALSE(database.GetSharing(settings));
+}
+
+TEST(Database, StaysSharedWhenTheHookThrowsAtTheFirstLineOfStopSharing) {
+  Database database("d");
+  database.SetSharing(Settings());
+
+  EXPECT_THROW(CallWhileHookThrowsAt(1, [&] { database.StopSharing(); }), HookError);
+
+  SharingSettings settings;
+  EXPECT_TRUE(database.GetSharing(settings));
+  EXPECT_EQ(settings.group, Settings().group);
+  database.StopSharing();
   EXPECT_FALSE(database.GetSharing(settings));
 }
 
@@ -403,6 +421,36 @@ TEST(Database, HasOneServerAtATimeThoughSeveralThreadsShareIt) {
     for (const char* tag : {"tbl.set.ins", "tblsvr.ctor", "tblcmbn.sharing.svr"}) expected.emplace_back(tag);
   }
   EXPECT_EQ(tags, expected);
+}
+
+TEST(Database, HasOneServerAtMostThoughThreadsShareItAndStopIt) {
+  Database database("d");
+  LogRecorder log;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&database, shares = i % 2 == 0] {
+      for (int time = 0; time < 5; ++time) {
+        SharingSettings settings;
+        shares ? database.SetSharing(Settings()) : database.StopSharing();
+        const bool shared = database.GetSharing(settings);
+        EXPECT_EQ(settings.group, shared ? Settings().group : "");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  database.StopSharing();
+
+  std::vector<std::string> tags;
+  for (const std::string& tag : log.Tags()) {
+    if (tag == "tbl.set.ins" || tag == "tblsvr.ctor") tags.push_back(tag);
+  }
+  std::vector<std::string> expected;
+  for (int i = 0; i < 10; ++i) {
+    for (const char* tag : {"tblsvr.ctor", "tbl.set.ins"}) expected.emplace_back(tag);  // Each server has its stop row.
+  }
+  EXPECT_EQ(tags, expected);
+  SharingSettings settings;
+  EXPECT_FALSE(database.GetSharing(settings));
 }
 
 TEST(Database, KeepsZeroBytesInItsSettings) {
