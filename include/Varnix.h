@@ -214,7 +214,8 @@ VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
 /// The table of the members from whom this process receives rows of the database: key "DEVICE::PROCESS", value
 /// "ADDRESS:PORT" while the stream from that member lives, and "" after it has ended: at once when the member ends,
 /// within about 4 seconds when its power or its network is cut. It is there to be watched, not to be set, also before
-/// the database is shared. It is made at the first call; members that have gone before are not in it.
+/// the database is shared. It is made at the first call; members that have gone before are not in it. One that ends
+/// the stream right after it has learnt our group is in it for that moment: until then it is like one without rows.
 VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 
 /// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
