@@ -3,6 +3,8 @@
 
 #include "LogBuffer.h"
 
+#include <Varnix.h>
+
 #include <cstdio>
 
 LogBuffer::LogBuffer(std::size_t capacity) : slots_count_(capacity + 1), slots_(new Slot[capacity + 1]) {
@@ -13,6 +15,7 @@ void LogBuffer::Write(int level, const char* tag, const char* format, va_list ar
   const std::size_t end = end_;
   if (After(end) == begin_) {
     ++dropped_;
+    Wake();  // The reader may have taken the last message by now: it would never hear of this one.
     return;
   }
   Slot& slot = slots_[end];
@@ -28,16 +31,27 @@ bool LogBuffer::Take(varnix_log_message* message) {
     lent_ = false;  // First: a child that is forked in between takes the message once more, and none too many.
     begin_ = After(begin_);
   }
-  if (begin_ == end_) return false;
+  const bool empty = begin_ == end_;
+  const std::size_t dropped = dropped_.exchange(0);
+  if (empty) {
+    if (dropped > 0) *message = {static_cast<int>(Varnix::LogLevel::Warning), "", "", dropped};
+    return dropped > 0;
+  }
   lent_ = true;
   const Slot& slot = slots_[begin_];
-  *message = {slot.level, slot.tag, slot.text, dropped_.exchange(0)};
+  *message = {slot.level, slot.tag, slot.text, dropped};
   return true;
 }
 
 void LogBuffer::Wait() {
+  // What is written from now on wakes again; what was written before is taken after this.
+  if (woken_.exchange(false)) {
+    // Also in a child that was forked while a thread of its parent was about to post, or had waited just now.
+    while (sem_trywait(&news_) == 0) continue;
+    return;
+  }
   sem_wait(&news_);
-  woken_ = false;  // What is written from now on wakes again; what was written before is taken after this.
+  woken_ = false;
 }
 
 void LogBuffer::Wake() {

@@ -177,10 +177,12 @@ VARNIX_C_EXPORT int varnix_set_log_function(varnix_log_function function, int ma
 // A ring of messages, for programs whose code cannot run inside a call of the library: interpreters, for instance. The
 // library writes messages into it and never waits for room: when it is full, a new message is dropped, and counted.
 //
-// Threads: one at a time takes messages, or waits for them. Fork: the child has a copy, with what is in it; a thread
-//   of the parent may be just using it, so the child makes and installs one of its own, and waits on no other.
+// Threads: one at a time takes messages, or waits for them.
+// Fork: the child has a copy that it may go on with, and in it what its parent had not taken. If a thread of the parent
+//   was just taking a message, the child may get that one, too.
 
-// A message as it is taken. It is there until the next one is taken.
+// A message as it is taken. It is there until the next one is taken. One of level 4 with an empty tag and text stands
+// for none: it is there to tell of those that were dropped when no other follows.
 typedef struct varnix_log_message {
   int level;
   const char* tag;

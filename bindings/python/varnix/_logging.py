@@ -67,6 +67,8 @@ class _Ring(Handle):
 def _hand_on(message: LogMessageStruct) -> None:
     if message.dropped:
         logging.getLogger("varnix").warning("%d messages were dropped, for want of room", message.dropped)
+    if not message.tag:
+        return  # It only tells of these.
     logger = logging.getLogger("varnix." + message.tag.decode("latin-1"))
     logger.log(_LEVELS[message.level], "%s", message.text.decode("utf-8", "replace"))
 
