@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 // Databases: two of one process cannot meet, so the other member is a child.
+#define _POSIX_C_SOURCE 200809L  // For kill().
 #include <arpa/inet.h>
 #include <errno.h>
 #include <signal.h>

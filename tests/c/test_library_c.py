@@ -74,10 +74,19 @@ def test_the_header_compiles_alone_and_without_a_warning(compiler, language, sta
 
 @pytest.mark.skipif(not EXAMPLE.exists(), reason="the examples are not built")
 def test_the_epoll_example_prints_the_rows_that_it_is_given():
-    done = subprocess.run([*programs.EMULATOR, EXAMPLE], input="speed 42\n", stdout=subprocess.PIPE, text=True,
-                          timeout=programs.DEADLINE)
+    program = subprocess.Popen([*programs.EMULATOR, EXAMPLE], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        # Lines come in pieces and together, and the last without an end.
+        for piece, printed in (("spe", []), ("ed 42\nheat 81\ndo", ["speed is 42\n", "heat is 81\n"])):
+            program.stdin.write(piece)
+            program.stdin.flush()
+            assert [program.stdout.readline() for _ in printed] == printed
+        rest, _ = program.communicate("or open\nlast row", timeout=programs.DEADLINE)
+    finally:
+        program.kill()
+        program.wait()
 
-    assert (done.returncode, done.stdout) == (0, "speed is 42\n")
+    assert (program.returncode, rest) == (0, "door is open\nlast is row\n")
 
 
 @pytest.mark.skipif(not EXAMPLE.exists(), reason="the examples are not built")

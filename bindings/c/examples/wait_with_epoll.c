@@ -27,14 +27,31 @@ static void print_changes(varnix_watcher_set* changes, varnix_change* change) {
   fflush(stdout);
 }
 
-// 0 at the end of the input. (A program that is more than an example puts together what read() gives it in pieces.)
-static int set_row(varnix_table* table) {
-  char line[256], name[100], value[100];
-  const ssize_t size = read(STDIN_FILENO, line, sizeof line - 1);
-  if (size <= 0) return 0;
-  line[size] = '\0';
+static void set_row(varnix_table* table, const char* line) {
+  char name[100], value[100];
   if (sscanf(line, "%99s %99s", name, value) == 2) varnix_table_set(table, name, strlen(name), value, strlen(value));
-  return 1;
+}
+
+// Sets what the lines say that are complete; the rest is kept until more comes. 0 at the end of the input.
+static int set_rows(varnix_table* table) {
+  static char text[256];
+  static size_t size;
+  const ssize_t more = read(STDIN_FILENO, text + size, sizeof text - 1 - size);
+  if (more > 0) size += (size_t)more;
+  text[size] = '\0';
+  char *line = text, *end;
+  while ((end = strchr(line, '\n')) != NULL) {
+    *end = '\0';
+    set_row(table, line);
+    line = end + 1;
+  }
+  if (more <= 0 || (line == text && size == sizeof text - 1)) {  // No end of a line will come, or there is no room.
+    set_row(table, line);
+    line = text + size;
+  }
+  size -= (size_t)(line - text);
+  memmove(text, line, size);
+  return more > 0;
 }
 
 int main(void) {
@@ -56,7 +73,7 @@ int main(void) {
     if (event.data.fd == descriptor) {
       print_changes(changes, change);
     } else {
-      more = set_row(table);
+      more = set_rows(table);
     }
   }
   print_changes(changes, change);
