@@ -32,6 +32,14 @@ def test_the_exported_symbols_are_the_functions_of_the_header_with_their_version
     assert sorted(exported) == sorted(["VARNIX_C_1"] + [f"{name}@@VARNIX_C_1" for name in declared])
 
 
+def test_every_function_that_can_fail_is_tried_without_memory():
+    tried = pathlib.Path(__file__).with_name("memory.cpp").read_text(encoding="ascii")
+
+    can_fail = re.findall(r"^VARNIX_C_EXPORT int (varnix_\w+)\(", HEADER, re.MULTILINE)
+    assert len(can_fail) > 20
+    assert [name for name in can_fail if not re.search(rf"\b{name}\b", tried)] == []
+
+
 def test_every_function_and_method_of_varnix_h_has_its_like():
     functions = re.findall(r"^VARNIX_EXPORT [^(]*?(\w+)\(", CPP_HEADER, re.MULTILINE)
     methods = [f"{kind}::{name}" for kind, body in re.findall(r"^class VARNIX_EXPORT (\w+) {(.*?)^};", CPP_HEADER,
