@@ -3,6 +3,7 @@
 
 """The package as it is installed, typed and measured."""
 
+import ast
 import ctypes
 import itertools
 import os
@@ -53,6 +54,12 @@ def test_the_types_of_the_package_and_its_examples_hold_for_the_oldest_version(m
     done = mypy(SOURCE / "varnix", SOURCE / "examples")
 
     assert done.returncode == 0, done.stdout
+
+
+@pytest.mark.parametrize("path", sorted(SOURCE.glob("*/*.py")), ids=lambda path: path.name)
+def test_the_syntax_is_that_of_the_oldest_version(path):
+    assert 'requires-python = ">=3.9"' in (SOURCE / "pyproject.toml").read_text(encoding="utf-8")
+    ast.parse(path.read_text(encoding="utf-8"), path.name, feature_version=(3, 9))
 
 
 def test_a_user_of_wrong_types_is_told(mypy, tmp_path):

@@ -156,6 +156,33 @@ def test_a_handler_that_returns_does_not_end_a_wait(table):
     signal.signal(signal.SIGUSR1, before)
 
 
+def test_a_wait_goes_on_in_the_child_of_a_handler_that_forks_and_sleeps_there(table, monkeypatch):
+    polls, children = [], []
+    real_poll = select.poll
+
+    class CountedPoll:
+        def __init__(self):
+            self._poll = real_poll()
+            self.register = self._poll.register
+
+        def poll(self, timeout):
+            polls.append(timeout)
+            return self._poll.poll(timeout)
+
+    monkeypatch.setattr(select, "poll", CountedPoll)
+    changes = varnix.WatcherSet([table.watch_all()])
+    before = signal.signal(signal.SIGALRM, lambda *_: children.append(os.fork()))
+    signal.setitimer(signal.ITIMER_REAL, 0.05)
+
+    taken = changes.wait(0.5)
+
+    if children == [0]:
+        os._exit(min(len(polls), 100) if taken is None else 101)
+    signal.signal(signal.SIGALRM, before)
+    assert taken is None
+    assert os.waitstatus_to_exitcode(os.waitpid(children[0], 0)[1]) <= 3
+
+
 def test_objects_are_freed_in_any_order():
     def names():
         return [name for name, _ in varnix.local_tables() if name == "freed"]

@@ -107,17 +107,14 @@ class WatcherSet(Handle):
         change = self._take()
         if change is not None or (timeout is not None and timeout <= 0):
             return change
-        deadline = None if timeout is None else time.monotonic() + timeout
-        poll = select.poll()  # Which lets handlers run, as a sleep inside the library cannot.
-        poll.register(self.fileno(), select.POLLIN)
+        deadline = math.inf if timeout is None else time.monotonic() + timeout
         while change is None:
-            if deadline is None:
-                poll.poll()
-            else:
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return self._take()
-                poll.poll(math.ceil(min(left, _LONGEST_POLL) * 1000))
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return self._take()
+            poll = select.poll()  # Which lets handlers run, as a sleep inside the library cannot.
+            poll.register(self.fileno(), select.POLLIN)  # Each time: the child of a handler that forks has another one.
+            poll.poll(math.ceil(min(left, _LONGEST_POLL) * 1000))
             change = self._take()
         return change
 
