@@ -18,6 +18,7 @@ from ._library import Bytes, ChangeAddresses, ChangeStruct, Handle, check, encod
 # Looked up once: these are called most.
 _set = _library.table_set
 _wait = _library.watcher_set_wait
+_make_change = tuple.__new__
 
 
 class Watcher(Handle):
@@ -167,17 +168,15 @@ class WatcherSet(Handle):
 
     def _take(self) -> Optional[Change]:
         change = _borrow()
-        taken = None
         try:
             result = _wait(self._handle, 0, change[0])
             if result == 0:
-                key, value = _row(change)
-                taken = Change(key, value, self._watchers[change[1].watcher])
+                return _make_change(Change, _row(change) + (self._watchers[change[1].watcher],))
         finally:
             _changes.append(change)
-        if result != 0 and result != -errno.EAGAIN:
+        if result != -errno.EAGAIN:
             check(result)
-        return taken
+        return None
 
 
 _MOST_WITHOUT_PAUSE = 100
