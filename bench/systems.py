@@ -6,7 +6,6 @@
 import json
 import os
 import pathlib
-import select
 import subprocess
 import sys
 import time
@@ -15,6 +14,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "tests" / "system"))
 
 from namespaces import Namespace, why_unavailable  # noqa: E402,F401  (the second is the caller's)
+from peer import Peer, Server  # noqa: E402
 
 PROGRAMS = pathlib.Path(os.environ["VARNIX_BENCH"])
 BROKERS = {
@@ -24,64 +24,21 @@ BROKERS = {
 # The second limit is for the jobs in which many new rows are set and watched: what tables cost shows there.
 WITH_TABLES = ["varnix", "bare", "tables", "redis", "mosquitto", "zeromq", "cyclonedds"]
 COMPARED = [system for system in WITH_TABLES if system != "tables"]
-DEADLINE = 120  # Seconds that only bound a failing run.
 LEFT, RIGHT = "10.0.0.1", "10.0.0.2"
 
 
-class Process:
-    """A peer program: questions are lines on its standard input, answers lines on its standard output."""
+class Process(Peer):
+    """A peer program of a system."""
 
     def __init__(self, system, written, watched, address, name):
         self.started = time.monotonic_ns()
-        self._process = subprocess.Popen([PROGRAMS / f"peer_{system}", written, watched, address, name],
-                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-
-    def tell(self, command):
-        self._process.stdin.write(command + "\n")
-        self._process.stdin.flush()
-
-    def answer(self):
-        if not select.select([self._process.stdout], [], [], DEADLINE)[0]:
-            raise RuntimeError(f"{self._process.args} has not answered")
-        words = self._process.stdout.readline().split()
-        if not words:
-            raise RuntimeError(f"{self._process.args} ended")
-        return [float(word) for word in words[1:]]
-
-    def ask(self, command):
-        self.tell(command)
-        return self.answer()
-
-    def usage(self):
-        seconds, resident, peak = self.ask("usage")
-        return {"cpu_seconds": seconds, "resident_kib": resident, "peak_kib": peak}
+        super().__init__(PROGRAMS / f"peer_{system}", written, watched, address, name)
 
     def threads(self):
-        return len(os.listdir(f"/proc/{self._process.pid}/task"))
+        return len(os.listdir(f"/proc/{self.pid}/task"))
 
     def descriptors(self):
-        return len(os.listdir(f"/proc/{self._process.pid}/fd"))
-
-    def close(self):
-        self._process.kill()
-        self._process.communicate()
-
-
-class Broker:
-    def __init__(self, system):
-        self._process = subprocess.Popen(BROKERS[system], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(0.5)  # None of them says when it is ready.
-
-    def usage(self):
-        status = dict(line.split(":", 1) for line in
-                      pathlib.Path(f"/proc/{self._process.pid}/status").read_text().splitlines())
-        times = pathlib.Path(f"/proc/{self._process.pid}/stat").read_text().rsplit(")", 1)[1].split()[11:13]
-        return {"cpu_seconds": sum(map(int, times)) / os.sysconf("SC_CLK_TCK"),
-                "resident_kib": float(status["VmRSS"].split()[0]), "peak_kib": float(status["VmHWM"].split()[0])}
-
-    def close(self):
-        self._process.kill()
-        self._process.wait()
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
 
 
 class Place:
@@ -98,7 +55,8 @@ class Place:
         self.broker = None
         if system in BROKERS:
             with self.left:
-                self.broker = Broker(system)
+                self.broker = Server(BROKERS[system])
+            time.sleep(0.5)  # None of them says when it is ready.
             self._running.append(self.broker)
 
     def _connect(self, delay_us):

@@ -1,10 +1,12 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// Varnix itself: a shared table in a database with a sharing group.
+// Varnix itself: shared tables in databases with a sharing group. A table is given as TABLE, or as DATABASE/TABLE.
 
 #include <Varnix.h>
 #include <arpa/inet.h>
+
+#include <set>
 
 #include "Peer.h"
 
@@ -14,9 +16,11 @@ class VarnixPeer final : public Peer {
  public:
   explicit VarnixPeer(const PeerSettings& settings) {
     Varnix::SetLoggingFunction({});
-    if (!settings.written.empty()) written_ = Varnix::MakeSharedTable("bench", settings.written);
-    if (!settings.watched.empty()) watched_ = Varnix::MakeSharedTable("bench", settings.watched);
-    Varnix::SetSharingGroup("bench", "bench", "host", settings.name, inet_addr(settings.address.c_str()));
+    if (!settings.written.empty()) written_ = MakeTable(settings.written);
+    if (!settings.watched.empty()) watched_ = MakeTable(settings.watched);
+    for (const std::string& database : databases_) {
+      Varnix::SetSharingGroup(database, "bench", "host", settings.name, inet_addr(settings.address.c_str()));
+    }
   }
 
   void Set(const std::string& key, const std::string& value) override { written_->Set({key, value}); }
@@ -30,6 +34,14 @@ class VarnixPeer final : public Peer {
   }
 
  private:
+  std::shared_ptr<Varnix::Table> MakeTable(const std::string& name) {
+    const std::size_t slash = name.find('/');
+    const std::string database = slash == name.npos ? "bench" : name.substr(0, slash);
+    databases_.insert(database);
+    return Varnix::MakeSharedTable(database, slash == name.npos ? name : name.substr(slash + 1));
+  }
+
+  std::set<std::string> databases_;
   std::shared_ptr<Varnix::Table> written_;
   std::shared_ptr<Varnix::Table> watched_;
 };

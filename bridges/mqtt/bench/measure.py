@@ -10,24 +10,22 @@ does meanwhile meets both, and ratios are taken within one turn. The broker has 
 import json
 import os
 import pathlib
-import select
 import statistics
-import subprocess
 import sys
 import time
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[2]
-sys.path.insert(0, str(ROOT / "tests" / "system"))
+sys.path[:0] = [str(ROOT / "tests" / "system"), str(ROOT / "bench")]
 
 import namespaces  # noqa: E402
+from peer import Peer, Server  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["VARNIX_BUILD"])
 BRIDGE = BUILD / "bridges" / "mqtt" / "varnix-mqtt"
 MEMBER = BUILD / "bridges" / "mqtt" / "bench" / "mqtt_member"
 CLIENT = BUILD / "bridges" / "mqtt" / "bench" / "mqtt_client"
 BROKER_CONF = ROOT / "bench" / "peers" / "mosquitto.conf"
-DEADLINE = 120  # Seconds that only bound a failing run.
 ROWS = 100_000
 LOOPBACK = "127.255.255.255"
 
@@ -35,54 +33,6 @@ LOOPBACK = "127.255.255.255"
 def private_mib(program):
     lines = pathlib.Path(f"/proc/{program.pid}/smaps_rollup").read_text().splitlines()
     return int(next(line for line in lines if line.startswith("Private_Dirty")).split()[1]) / 1024
-
-
-class Peer:
-    """A program of bench/peers/main.cpp."""
-
-    def __init__(self, program, written, watched, address, name):
-        self._process = subprocess.Popen([program, written, watched, address, name], text=True,
-                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.pid = self._process.pid
-
-    def tell(self, command):
-        self._process.stdin.write(command + "\n")
-        self._process.stdin.flush()
-
-    def answer(self):
-        if not select.select([self._process.stdout], [], [], DEADLINE)[0]:
-            raise RuntimeError(f"{self._process.args} has not answered")
-        words = self._process.stdout.readline().split()
-        if not words:
-            raise RuntimeError(f"{self._process.args} has ended")
-        return [float(word) for word in words[1:]]
-
-    def ask(self, command):
-        self.tell(command)
-        return self.answer()
-
-    def cpu_seconds(self):
-        return self.ask("usage")[0]
-
-    def close(self):
-        self._process.kill()
-        self._process.communicate()
-
-
-class Program:
-    """A broker or a bridge; how much of the processor and of memory it has used."""
-
-    def __init__(self, *command):
-        self._process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.pid = self._process.pid
-
-    def cpu_seconds(self):
-        times = pathlib.Path(f"/proc/{self.pid}/stat").read_text().rsplit(")", 1)[1].split()[11:13]
-        return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
-
-    def close(self):
-        self._process.kill()
-        self._process.wait()
 
 
 class Place:
@@ -100,7 +50,7 @@ class Place:
 
     def run(self, namespace, *command):
         with namespace:
-            self._running.append(Program(*command))
+            self._running.append(Server(command))
         return self._running[-1]
 
     def bridge(self, number, *more):
@@ -141,7 +91,7 @@ class Pair:
         self.watcher.ask("seen 1")
 
     def cpu_seconds(self):
-        return {name: program.cpu_seconds() for name, program in self.between.items()}
+        return {name: program.usage()["cpu_seconds"] for name, program in self.between.items()}
 
 
 def rows_a_second(system):
