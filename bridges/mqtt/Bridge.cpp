@@ -30,9 +30,9 @@ std::optional<Presence> MakePresence(const Options& options, const Topics& topic
   return std::make_optional<Presence>(topics, options.site);
 }
 
-std::optional<Broker::State> WillOf(const std::optional<Presence>& presence) {
+std::optional<Broker::State> NextWillOf(std::optional<Presence>& presence) {
   if (!presence) return std::nullopt;
-  return presence->WhenGone();
+  return presence->NextWill();
 }
 
 std::string NameOf(const Options& options) { return options.host + " port " + std::to_string(options.port); }
@@ -47,7 +47,7 @@ Bridge::Bridge(const Options& options, const Log& log)
       presence_(MakePresence(options, topics_)),
       group_(options, log),
       inbox_(options, topics_, group_, log),
-      broker_(options, client_name_, WillOf(presence_), *this, log),
+      broker_(options, client_name_, *this, log),
       next_beat_(Clock::now() + kBetweenBeats) {
   if (!options.read_only) publisher_.emplace(options, topics_, broker_, log);
 }
@@ -55,7 +55,7 @@ Bridge::Bridge(const Options& options, const Log& log)
 Bridge::ExitStatus Bridge::Run() {
   JoinGroup();
   while (!MustEnd()) {
-    if (broker_.Connect()) ServeConnection();
+    if (broker_.Connect(NextWillOf(presence_))) ServeConnection();
     if (MustEnd()) break;
     CleanUpAfterConnection();
     const milliseconds pause = backoff_.Next();

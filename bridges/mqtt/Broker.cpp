@@ -92,9 +92,8 @@ bool IsByTheOtherSide(int result, int error) {
 
 }  // namespace
 
-Broker::Broker(const Options& options, std::string client_name, std::optional<State> will, BrokerListener& listener,
-               const Log& log)
-    : options_(options), client_name_(std::move(client_name)), will_(std::move(will)), listener_(listener), log_(log) {
+Broker::Broker(const Options& options, std::string client_name, BrokerListener& listener, const Log& log)
+    : options_(options), client_name_(std::move(client_name)), listener_(listener), log_(log) {
   mosquitto_lib_init();
 }
 
@@ -103,8 +102,9 @@ Broker::~Broker() {
   mosquitto_lib_cleanup();
 }
 
-bool Broker::Connect() {
-  MakeClient();
+bool Broker::Connect(const std::optional<State>& will) {
+  MakeClient(will);
+  if (ended_) return false;
   const int result = ConnectClient();
   const int error = errno;
   if (result != MOSQ_ERR_SUCCESS) {
@@ -118,7 +118,7 @@ bool Broker::Connect() {
   return true;
 }
 
-void Broker::MakeClient() {
+void Broker::MakeClient(const std::optional<State>& will) {
   mosquitto_destroy(std::exchange(client_, nullptr));
   accepted_ = ended_ = false;
   end_ = {};
@@ -134,7 +134,7 @@ void Broker::MakeClient() {
   if (!options_.user.empty()) {
     mosquitto_username_pw_set(client_, options_.user.c_str(), options_.password ? options_.password->c_str() : nullptr);
   }
-  if (will_) SetWill();
+  if (will) SetWill(*will);
   if (options_.UsesTls()) SetTls();
 }
 
@@ -174,10 +174,10 @@ void Broker::ListenToTheLibrary(bool listen) {
   mosquitto_log_callback_set(client_, listen || log_.Writes(Log::Level::Debug) ? +on_log : nullptr);
 }
 
-void Broker::SetWill() {
-  Properties properties = PropertiesOf(*will_);
-  const int result = mosquitto_will_set_v5(client_, will_->topic.c_str(), static_cast<int>(will_->payload.size()),
-                                           will_->payload.data(), kQos, true, properties.get());
+void Broker::SetWill(const State& will) {
+  Properties properties = PropertiesOf(will);
+  const int result = mosquitto_will_set_v5(client_, will.topic.c_str(), static_cast<int>(will.payload.size()),
+                                           will.payload.data(), kQos, true, properties.get());
   if (result != MOSQ_ERR_SUCCESS) throw std::runtime_error("the will cannot be set");
   static_cast<void>(properties.release());  // The client has it.
 }

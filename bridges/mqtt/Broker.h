@@ -53,15 +53,14 @@ class Broker {
     std::string instance;
   };
 
-  Broker(const Options& options, std::string client_name, std::optional<State> will, BrokerListener& listener,
-         const Log& log);
+  Broker(const Options& options, std::string client_name, BrokerListener& listener, const Log& log);
   ~Broker();
   Broker(const Broker&) = delete;
   Broker& operator=(const Broker&) = delete;
 
   // Blocks for ten seconds at most, and for the lookup of the name. Whether a connection has begun: it has not been
   // accepted by the broker before BrokerIsThere().
-  bool Connect();
+  bool Connect(const std::optional<State>& will);
   // Whether there is a connection. If there is none, End() tells why.
   bool HasConnection() const { return client_ != nullptr && !ended_; }
   const BrokerEnd& End() const { return end_; }
@@ -95,10 +94,10 @@ class Broker {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void MakeClient();
+  void MakeClient(const std::optional<State>& will);
   void SetCallbacks();
   void ListenToTheLibrary(bool listen);
-  void SetWill();
+  void SetWill(const State& will);
   void SetTls();
   int ConnectClient();
   void OnConnect(int reason, const mosquitto_property* properties);
@@ -114,7 +113,6 @@ class Broker {
 
   const Options& options_;
   const std::string client_name_;
-  const std::optional<State> will_;
   BrokerListener& listener_;
   const Log& log_;
   mosquitto* client_ = nullptr;

@@ -19,10 +19,15 @@ std::string RandomName() {
 Presence::Presence(const Topics& topics, const std::string& site)
     : topic_(topics.State(site)), instance_(RandomName()) {}
 
+Broker::State Presence::NextWill() {
+  ++connections_;
+  return {topic_, "0", NameOfConnection()};
+}
+
 void Presence::Announce(Broker& broker) {
   was_connected_ = is_connected_;
   is_connected_ = true;
-  message_ = broker.PublishState({topic_, "1", instance_});
+  message_ = broker.PublishState({topic_, "1", NameOfConnection()});
 }
 
 // Nobody's: the bridge that goes on must not take it for that of another.
@@ -36,5 +41,8 @@ bool Presence::Acknowledged(int message, int reason, const Log& log) {
 }
 
 void Presence::Saw(std::string_view instance) {
-  if (was_connected_ && !instance.empty() && instance != instance_) has_seen_another_ = true;
+  if (!was_connected_ || instance.empty()) return;
+  if (instance.substr(0, instance_.size()) == instance_) return other_.clear();
+  if (!other_.empty() && instance != other_) has_seen_another_ = true;
+  other_ = instance;
 }

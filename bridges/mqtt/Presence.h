@@ -17,7 +17,8 @@ std::string RandomName();
 // Tells the other sites whether the bridge of this one is there: PREFIX/SITE/$state is "1", or "0" by the will or when
 // we take leave. Finds out, too, whether there is a second bridge for the site, to which the broker gives our
 // connection. Some brokers say so as they end ours. The others show it: the state carries who has set it, as a
-// property, and when we are back it is that of somebody else.
+// property, and when we are back it is that of somebody else. Once may be the state of a bridge before us, which a
+// broker has had on its disk: that of one that is there is another one at each connection.
 //
 // Threads: that of the owner alone.
 class Presence {
@@ -25,7 +26,8 @@ class Presence {
   Presence(const Topics& topics, const std::string& site);
 
   const std::string& Topic() const { return topic_; }
-  Broker::State WhenGone() const { return {topic_, "0", instance_}; }
+  // The will of the connection that is made next.
+  Broker::State NextWill();
 
   // The broker has accepted a connection: subscribe to Topic() before this.
   void Announce(Broker& broker);
@@ -40,8 +42,12 @@ class Presence {
   bool HasSeenAnother() const { return has_seen_another_; }
 
  private:
+  std::string NameOfConnection() const { return instance_ + '-' + std::to_string(connections_); }
+
   const std::string topic_;
   const std::string instance_;  // No other bridge has it, and none that has run before.
+  unsigned long connections_ = 0;
+  std::string other_;           // Whose state it was at the last connection, if it was not ours.
   std::optional<int> message_;  // Underway.
   bool was_connected_ = false;  // Before this connection, so that another bridge must be there now.
   bool is_connected_ = false;   // Or was once.

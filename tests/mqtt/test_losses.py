@@ -119,6 +119,25 @@ def test_the_state_tells_whether_the_bridge_is_there(broker, make_client, make_s
     assert late.gets("varnix/hall1/$state", b"0")
 
 
+def test_a_broker_that_has_the_state_of_an_earlier_bridge_on_its_disk_ends_none(make_broker, make_pair, start_bridge,
+                                                                                tmp_path):
+    broker = make_broker("listener 1883 0.0.0.0", "allow_anonymous true", "persistence true",
+                         f"persistence_location {tmp_path}/").start()
+    sites, bridges, writer, reader = make_pair()
+    writer.set(DATABASE, TABLE, b"row", b"first")
+    assert reader.gets(b"row", b"first", database=IMPORTED)
+    broker.send(signal.SIGUSR1)
+    assert broker.says("Saving in-memory database")
+    bridges[0].kill()
+    bridge = start_bridge(sites[0])
+    assert bridge.says("All rows are published")
+    broker.kill()  # What it has since then is lost.
+    broker.start()
+    assert bridge.says("All rows are published", 2), bridge.lines
+    writer.set(DATABASE, TABLE, b"row", b"last")
+    assert reader.gets(b"row", b"last", database=IMPORTED)
+
+
 def test_a_row_that_is_set_a_million_times_costs_nothing_while_the_broker_is_slow(broker, make_client, make_site,
                                                                                   make_writer, start_bridge):
     hall = make_site(b"hall1")

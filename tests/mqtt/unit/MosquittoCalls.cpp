@@ -1,0 +1,51 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#include "MosquittoCalls.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+MosquittoCalls* driven = nullptr;
+
+int End(const MosquittoCalls::Outcome& outcome) {
+  errno = outcome.error;
+  return outcome.result;
+}
+
+}  // namespace
+
+MosquittoCalls::MosquittoCalls() : descriptor(open("/dev/null", O_RDWR | O_CLOEXEC)) { driven = this; }
+
+MosquittoCalls::~MosquittoCalls() {
+  driven = nullptr;
+  close(descriptor);
+}
+
+// The linker puts these in the place of the calls; see --wrap.
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker wants these names.
+int __wrap_mosquitto_connect_bind_v5(mosquitto*, const char*, int, int, const char*, const mosquitto_property*) {
+  return MOSQ_ERR_SUCCESS;
+}
+
+int __wrap_mosquitto_socket(mosquitto*) { return driven->descriptor; }
+
+int __wrap_mosquitto_loop_read(mosquitto*, int) { return End(driven->read); }
+
+int __wrap_mosquitto_loop_misc(mosquitto*) { return End(driven->misc); }
+
+int __wrap_mosquitto_publish_v5(mosquitto*, int* message, const char* topic, int size, const void* payload, int, bool,
+                                const mosquitto_property*) {
+  if (driven->publish.result != MOSQ_ERR_SUCCESS) return End(driven->publish);
+  *message = static_cast<int>(driven->published.size()) + 1;
+  driven->published.push_back({*message, topic, {static_cast<const char*>(payload), static_cast<std::size_t>(size)}});
+  return MOSQ_ERR_SUCCESS;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+}

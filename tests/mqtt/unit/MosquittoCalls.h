@@ -1,0 +1,35 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#pragma once
+
+#include <mosquitto.h>
+
+#include <string>
+#include <vector>
+
+// The calls of libmosquitto that reach the network. While one of these lives, the test drives them: connections are
+// made at once, what is published is kept here, and calls fail as they are told to. One at a time.
+class MosquittoCalls {
+ public:
+  struct Outcome {
+    int result = MOSQ_ERR_SUCCESS;
+    int error = 0;  // errno, after the call.
+  };
+  struct Message {
+    int number;
+    std::string topic;
+    std::string payload;
+  };
+
+  MosquittoCalls();
+  ~MosquittoCalls();
+  MosquittoCalls(const MosquittoCalls&) = delete;
+  MosquittoCalls& operator=(const MosquittoCalls&) = delete;
+
+  Outcome read;
+  Outcome misc;
+  Outcome publish;
+  std::vector<Message> published;
+  const int descriptor;  // What the connection is said to have.
+};
