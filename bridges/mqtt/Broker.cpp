@@ -189,7 +189,8 @@ void Broker::SetTls() {
       mosquitto_tls_set(client_, folder ? nullptr : options_.ca.c_str(), folder ? options_.ca.c_str() : nullptr,
                         or_null(options_.cert), or_null(options_.key), NoPassphrase);
   if (result == MOSQ_ERR_NOMEM) throw std::bad_alloc();
-  if (result != MOSQ_ERR_SUCCESS) throw std::runtime_error("the files for TLS cannot be used");
+  // They may be there again at the next attempt: whoever renews certificates takes a moment for it.
+  if (result != MOSQ_ERR_SUCCESS) EndWith(BrokerEnd::Cause::Network, "the files for TLS cannot be used");
 }
 
 int Broker::ConnectClient() {
@@ -207,15 +208,15 @@ void Broker::Serve(bool readable) {
   {
     const Gathering gathering(*this);
     for (int reads = 0; readable && reads < kMostReads; ++reads) {
-      Check(mosquitto_loop_read(client_, 1), errno);  // One packet, mostly.
+      Check(mosquitto_loop_read(client_, 1));  // One packet, mostly.
       readable = HasConnection() && HasInput(Descriptor());
     }
-    if (HasConnection() && WantsToWrite()) Check(mosquitto_loop_write(client_, 1), errno);
+    if (HasConnection() && WantsToWrite()) Check(mosquitto_loop_write(client_, 1));
   }
   const Clock::time_point now = Clock::now();
   if (HasConnection() && now >= next_chores_) {
     next_chores_ = now + std::chrono::seconds(1);
-    Check(mosquitto_loop_misc(client_), errno);
+    Check(mosquitto_loop_misc(client_));
   }
   if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::CutOff, "it has ended the connection");
   if (HasConnection() && !accepted_ && now >= answer_is_due_) EndWith(BrokerEnd::Cause::Network, "it does not answer");
@@ -241,7 +242,7 @@ std::optional<int> Broker::PublishState(const State& state) {
   const int result =
       mosquitto_publish_v5(client_, &message, state.topic.c_str(), static_cast<int>(state.payload.size()),
                            state.payload.data(), kQos, true, properties.get());
-  Check(result, errno);
+  Check(result);
   if (result != MOSQ_ERR_SUCCESS) return std::nullopt;
   return message;
 }
@@ -251,8 +252,7 @@ void Broker::Subscribe(const std::vector<std::string>& filters) {
   pointers.reserve(filters.size());
   for (const std::string& filter : filters) pointers.push_back(const_cast<char*>(filter.c_str()));
   Check(mosquitto_subscribe_multiple(client_, nullptr, static_cast<int>(pointers.size()), pointers.data(), kQos,
-                                     MQTT_SUB_OPT_NO_LOCAL, nullptr),
-        errno);
+                                     MQTT_SUB_OPT_NO_LOCAL, nullptr));
 }
 
 void Broker::Disconnect() {

@@ -5,6 +5,7 @@
 
 #include <mosquitto.h>
 
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -106,7 +107,9 @@ class Broker {
   template <class Call>
   void Tell(Call call);
   void EndWith(BrokerEnd::Cause cause, const std::string& words);
-  // Notes the end of the connection, if `result` tells of one.
+  // Notes the end of the connection, if `result` tells of one. `error` is errno, which is read once the call is over:
+  // among the arguments it could be read before.
+  void Check(int result) { Check(result, errno); }
   void Check(int result, int error);
   const char* WhatItMayWant() const;
   void RethrowWhatTheListenerThrew();
