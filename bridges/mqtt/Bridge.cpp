@@ -191,5 +191,6 @@ void Bridge::TakeLeave() {
   const Clock::time_point end = Clock::now() + kLongestLeave;
   const auto is_underway = [this] { return presence_ && !(presence_->IsKnown() && publisher_->IsIdle()); };
   while (broker_.HasConnection() && is_underway() && Clock::now() < end) WaitForTheBroker();
+  if (presence_ && !presence_->IsKnown()) return;  // The connection just ends, so that the will tells it.
   broker_.Disconnect();
 }

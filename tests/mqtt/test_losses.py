@@ -119,6 +119,18 @@ def test_the_state_tells_whether_the_bridge_is_there(broker, make_client, make_s
     assert late.gets("varnix/hall1/$state", b"0")
 
 
+def test_the_state_is_0_also_when_the_broker_is_slow_to_hear_of_the_end(broker, make_client, make_proxy, make_pair):
+    proxy = make_proxy(broker)
+    client = make_client(broker, "varnix/hall1/$state")
+    _, bridges, writer, _ = make_pair(port=proxy.port)
+    assert client.gets("varnix/hall1/$state", b"1")
+    proxy.hold_acknowledgements()
+    writer.set_all(TABLE, some_rows(100, b"first"))
+    assert proxy.has_unacknowledged(64)  # There is no room for more.
+    assert bridges[0].stop() == 0
+    assert client.gets("varnix/hall1/$state", b"0")
+
+
 def test_a_broker_that_has_the_state_of_an_earlier_bridge_on_its_disk_ends_none(make_broker, make_pair, start_bridge,
                                                                                 tmp_path):
     broker = make_broker("listener 1883 0.0.0.0", "allow_anonymous true", "persistence true",
