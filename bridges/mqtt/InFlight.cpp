@@ -3,11 +3,16 @@
 
 #include "InFlight.h"
 
+#include <algorithm>
 #include <utility>
 
 void InFlight::Add(int message, std::string topic, std::size_t size) {
   bytes_ += size;
-  messages_[message] = {std::move(topic), size};
+  messages_[message] = {std::move(topic), size, ++added_};
+}
+
+bool InFlight::HasAnyUpTo(unsigned long number) const {
+  return std::any_of(messages_.begin(), messages_.end(), [&](const auto& one) { return one.second.number <= number; });
 }
 
 std::optional<std::string> InFlight::Remove(int message) {

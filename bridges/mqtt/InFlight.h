@@ -21,6 +21,9 @@ class InFlight {
   std::size_t Count() const { return messages_.size(); }
 
   void Add(int message, std::string topic, std::size_t size);
+  // Of all that have been added, the last one's number; and whether any up to such a one is in flight.
+  unsigned long Last() const { return added_; }
+  bool HasAnyUpTo(unsigned long number) const;
   // The topic of the message, if it was in flight.
   std::optional<std::string> Remove(int message);
   // The connection has ended: the topics of all messages that it leaves without an acknowledgement.
@@ -30,7 +33,9 @@ class InFlight {
   struct Message {
     std::string topic;
     std::size_t size;
+    unsigned long number;
   };
   std::unordered_map<int, Message> messages_;
   std::size_t bytes_ = 0;
+  unsigned long added_ = 0;
 };

@@ -23,14 +23,14 @@ Publisher::Publisher(const Options& options, const Topics& topics, Broker& broke
 void Publisher::Begin() {
   stage_ = Stage::Probing;
   published_ = 0;
+  last_to_be_published_.reset();
   all_is_published_ = false;
 }
 
 void Publisher::SendWhatIsDue() {
   if (stage_ == Stage::Probing) ProbeNext();
   if (stage_ != Stage::Flowing) return;
-  PublishChanges();
-  PublishEmptyValues();
+  PublishRows();
   TellWhenAllIsPublished();
 }
 
@@ -72,7 +72,7 @@ void Publisher::Tick() {
 }
 
 void Publisher::Beat() {
-  if (stage_ == Stage::Flowing && all_is_published_) outbox_.StartWalk();
+  if (stage_ == Stage::Flowing && !outbox_.IsWalking()) outbox_.StartWalk();
 }
 
 void Publisher::ProbeNext() {
@@ -83,18 +83,20 @@ void Publisher::ProbeNext() {
       return outbox_.Restart();
     }
     const std::optional<std::string> value = outbox_.ValueOf(*suspect);
-    if (!value || !Publish(*suspect, *value)) suspects_.GotThrough(*suspect);
+    if (value && Publish(*suspect, *value)) continue;
+    if (broker_.HasConnection()) suspects_.GotThrough(*suspect);
   }
 }
 
-void Publisher::PublishChanges() {
+void Publisher::PublishRows() {
   OutRow row;
-  while (broker_.HasConnection() && in_flight_.HasRoom() && outbox_.Take(row)) Publish(row.topic, row.value);
+  while (broker_.HasConnection() && in_flight_.HasRoom() && TakeInTurn(row)) Publish(row.topic, row.value);
 }
 
-void Publisher::PublishEmptyValues() {
-  OutRow row;
-  while (broker_.HasConnection() && in_flight_.HasRoom() && outbox_.TakeEmpty(row)) Publish(row.topic, row.value);
+bool Publisher::TakeInTurn(OutRow& row) {
+  walk_is_next_ = !walk_is_next_;
+  if (walk_is_next_ && outbox_.TakeEmpty(row)) return true;
+  return outbox_.Take(row) || outbox_.TakeEmpty(row);
 }
 
 bool Publisher::Publish(const std::string& topic, std::string_view value) {
@@ -121,7 +123,9 @@ void Publisher::RefusedRow(const std::string& topic, const std::string& why) {
 }
 
 void Publisher::TellWhenAllIsPublished() {
-  if (all_is_published_ || !in_flight_.IsEmpty() || !outbox_.IsDrained()) return;
+  if (all_is_published_) return;
+  if (!last_to_be_published_ && outbox_.IsDrained()) last_to_be_published_ = in_flight_.Last();
+  if (!last_to_be_published_ || in_flight_.HasAnyUpTo(*last_to_be_published_)) return;
   all_is_published_ = true;
   log_.Info("All rows are published: " + std::to_string(published_) + ".");
 }

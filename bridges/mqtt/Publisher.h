@@ -57,8 +57,9 @@ class Publisher {
   };
 
   void ProbeNext();
-  void PublishChanges();
-  void PublishEmptyValues();
+  void PublishRows();
+  // A row that has changed, or one that the walk has come upon: neither keeps the other waiting.
+  bool TakeInTurn(OutRow& row);
   // Whether an acknowledgement will come.
   bool Publish(const std::string& topic, std::string_view value);
   void TellWhenAllIsPublished();
@@ -76,5 +77,9 @@ class Publisher {
   Stage stage_ = Stage::Resting;
   std::optional<Clock::time_point> restart_;  // When everything is published anew, because the broker had no room.
   unsigned long published_ = 0;               // In this connection.
+  bool walk_is_next_ = false;
+  // Of this connection, once there was nothing more to send. When all up to this one are acknowledged, all is
+  // published, though rows that have changed since then may be underway.
+  std::optional<unsigned long> last_to_be_published_;
   bool all_is_published_ = false;
 };

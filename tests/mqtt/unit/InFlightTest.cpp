@@ -31,6 +31,18 @@ TEST(InFlight, HasNoRoomOnceMessagesAreFourMebibytes) {
   EXPECT_TRUE(in_flight.HasRoom());
 }
 
+TEST(InFlight, KnowsWhetherWhatWasThereAtAMomentIsAcknowledged) {
+  InFlight in_flight;
+  in_flight.Add(7, "a", 1);
+  in_flight.Add(3, "b", 1);
+  const unsigned long last = in_flight.Last();
+  in_flight.Add(5, "later", 1);
+  in_flight.Remove(3);
+  EXPECT_TRUE(in_flight.HasAnyUpTo(last));
+  in_flight.Remove(7);
+  EXPECT_FALSE(in_flight.HasAnyUpTo(last));
+}
+
 TEST(InFlight, NamesWhatALostConnectionLeaves) {
   InFlight in_flight;
   in_flight.Add(1, "a", 5'000'000);

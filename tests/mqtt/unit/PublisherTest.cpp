@@ -1,0 +1,139 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#include <gmock/gmock.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "DrivenBroker.h"
+#include "Publisher.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+
+// The publisher of one database, which no other test has, and a broker that takes everything and acknowledges what the
+// test has it acknowledge.
+class PublisherTest : public ::testing::Test {
+ protected:
+  PublisherTest() { Connect(); }
+
+  static Options MakeOptions() {
+    static int count = 0;
+    Options options;
+    options.site = "hall1";
+    options.databases = {"publisher" + std::to_string(++count)};
+    return options;
+  }
+
+  void Connect() {
+    ASSERT_TRUE(driven_.broker.Connect(std::nullopt));
+    driven_.calls.published.clear();
+    publisher_.Begin();
+  }
+  void CutOff() { publisher_.ConnectionHasEnded({BrokerEnd::Cause::CutOff, "it has ended the connection"}); }
+
+  void Set(const std::string& key, const std::string& value) const { table_->Set({key, value}); }
+  // Sends what there is when a change has been told.
+  void SendChange() {
+    pollfd change{publisher_.Descriptor(), POLLIN, 0};
+    ASSERT_EQ(poll(&change, 1, 60'000), 1);
+    publisher_.SendWhatIsDue();
+  }
+  void Acknowledge(int message) { publisher_.Acknowledged(message, 0); }
+
+  // The keys of all that the connection has published.
+  std::vector<std::string> Published() const {
+    std::vector<std::string> keys;
+    for (const MosquittoCalls::Message& message : driven_.calls.published) {
+      keys.push_back(message.topic.substr(message.topic.rfind('/') + 1));
+    }
+    return keys;
+  }
+  int CountOf(const std::string& key) const {
+    const std::vector<std::string> keys = Published();
+    return static_cast<int>(std::count(keys.begin(), keys.end(), key));
+  }
+
+  DrivenBroker driven_;
+  const Options options_ = MakeOptions();
+  const Topics topics_{"varnix"};
+  Publisher publisher_{options_, topics_, driven_.broker, driven_.log};
+  const std::shared_ptr<Varnix::Table> table_ = Varnix::MakeSharedTable(options_.databases.front(), "t");
+};
+
+TEST_F(PublisherTest, TellsThatAllIsPublishedThoughMoreIsUnderway) {
+  CaptureStderr();
+  Set("first", "1");
+  publisher_.SendWhatIsDue();
+  Set("second", "2");
+  SendChange();
+  ASSERT_THAT(Published(), ElementsAre("first", "second"));
+  EXPECT_THAT(GetCapturedStderr(), Not(HasSubstr("All rows are published")));
+
+  CaptureStderr();
+  Acknowledge(1);
+  publisher_.SendWhatIsDue();
+  EXPECT_THAT(GetCapturedStderr(), HasSubstr("All rows are published"));
+}
+
+TEST_F(PublisherTest, RepeatsEmptyValuesThoughSomethingIsAlwaysUnderway) {
+  Set("empty", "");
+  Set("underway", "1");
+  publisher_.SendWhatIsDue();
+  ASSERT_THAT(Published(), ElementsAre("empty", "underway"));
+  Acknowledge(1);
+  publisher_.Beat();
+  publisher_.SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("empty", "underway", "empty"));
+}
+
+TEST_F(PublisherTest, RepeatsEmptyValuesThoughRowsWaitForRoom) {
+  Set("empty", "");
+  publisher_.SendWhatIsDue();
+  for (int i = 0; i < 1000; ++i) Set(std::to_string(i), "waits");
+  SendChange();
+  publisher_.Beat();
+  for (int message = 1; message <= 10; ++message) {
+    Acknowledge(message);
+    publisher_.SendWhatIsDue();
+  }
+  EXPECT_EQ(CountOf("empty"), 2);
+  EXPECT_EQ(Published().size(), 64U + 10U);  // The others go on meanwhile.
+}
+
+TEST_F(PublisherTest, DoesNotBeginAWalkAnewBeforeItHasEnded) {
+  for (int i = 0; i < 200; ++i) Set(std::to_string(i), "");
+  publisher_.SendWhatIsDue();
+  for (int message = 1; message <= 600; ++message) {
+    if (message % 50 == 0) publisher_.Beat();
+    Acknowledge(message);
+    publisher_.SendWhatIsDue();
+  }
+  EXPECT_GE(CountOf("199"), 2);
+}
+
+TEST_F(PublisherTest, StillSuspectsARowThatCouldNotBeSentAlone) {
+  Set("suspect", "1");
+  publisher_.SendWhatIsDue();
+  CutOff();
+  Set("other", "1");
+  Connect();
+  driven_.calls.publish = {MOSQ_ERR_CONN_LOST, 0};
+  publisher_.SendWhatIsDue();
+  CutOff();
+  driven_.calls.publish = {};
+  Connect();
+  publisher_.SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("suspect"));
+}
+
+}  // namespace
