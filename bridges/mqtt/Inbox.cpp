@@ -3,6 +3,7 @@
 
 #include "Inbox.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -55,6 +56,7 @@ const Inbox::Target* Inbox::MakeTarget(std::string_view topic) {
   if (!site || !database || !table) return refuse("it names no row");
   if (*site == options_.site) return nullptr;  // "Every site" is ours, too.
   if (!WhatIsWrongWithName(*site, kLongestSite).empty()) return refuse("no site has such a name");
+  if (!IsAskedFor(*site, *database)) return refuse("it was not asked for");
   if (*table == kOwnTable) return refuse("bridges have a table of this name to themselves");
   if (table->size() > kLongestTableName) {
     return refuse("the name of its table has " + std::to_string(table->size()) + " bytes, more than 255");
@@ -66,6 +68,12 @@ const Inbox::Target* Inbox::MakeTarget(std::string_view topic) {
   }
   Target target{Varnix::MakeSharedTable(name, *table), imported, table->size()};
   return &targets_.emplace(topic.substr(0, topic.rfind('/') + 1), std::move(target)).first->second;
+}
+
+// Brokers can be set to send what nobody has subscribed to.
+bool Inbox::IsAskedFor(const std::string& site, const std::string& database) const {
+  const std::vector<std::string>& ours = options_.databases;
+  return options_.ImportsFrom(site) && std::find(ours.begin(), ours.end(), database) != ours.end();
 }
 
 Inbox::Database* Inbox::DatabaseOf(const std::string& name) {

@@ -59,6 +59,7 @@ class Inbox {
   // is remembered: who floods the broker with other names costs no memory.
   const Target* FindTarget(std::string_view topic);
   const Target* MakeTarget(std::string_view topic);
+  bool IsAskedFor(const std::string& site, const std::string& database) const;
   void Refuse(std::string_view topic, const std::string& why);
   void Set(const Target& target, std::string_view topic, std::string&& key, std::string_view value);
   static void SetOwnRow(Database& database);
