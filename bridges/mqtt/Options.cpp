@@ -3,6 +3,7 @@
 
 #include "Options.h"
 
+#include <mosquitto.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +23,7 @@ void Apply(const std::vector<GivenOption>& given, Options& options) {
     const OptionEntry* const entry = option.entry;
     const bool again = std::find(applied.begin(), applied.end(), entry) != applied.end();
     if (again && !entry->repeats) throw UsageError(std::string(entry->name) + ": given twice");
+    if (option.value.empty()) throw UsageError(std::string(entry->name) + ": it is empty");
     applied.push_back(entry);
     try {
       entry->set(options, option.value);
@@ -86,6 +88,9 @@ void CheckImports(const Options& options) {
 
 void CheckBroker(const Options& options) {
   if (options.host.empty()) throw UsageError("broker: it is missing");
+  if (mosquitto_validate_utf8(options.user.c_str(), static_cast<int>(options.user.size())) != MOSQ_ERR_SUCCESS) {
+    throw UsageError("user: it is not UTF-8, as MQTT wants it");
+  }
   if (options.password && options.user.empty()) throw UsageError("password-file: it needs --user");
   if (options.cert.empty() != options.key.empty()) throw UsageError("cert and key: each needs the other");
   if (!options.cert.empty() && !options.UsesTls()) throw UsageError("cert: it needs --ca");

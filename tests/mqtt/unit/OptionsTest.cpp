@@ -129,8 +129,17 @@ TEST(Options, ThatAreMissingOrWrongAreNamed) {
   EXPECT_EQ(Wrong(With({"--prefix", "$SYS"})), "prefix: topics that begin with '$' are the broker's own");
   EXPECT_EQ(Wrong(With({"--log-level", "loud"})), "log-level: the levels are error, warning, notice, info and debug");
   EXPECT_EQ(Wrong(With({"--cert", "c"})), "cert and key: each needs the other");
+  EXPECT_EQ(Wrong(With({"--user", "h\xe4ll"})), "user: it is not UTF-8, as MQTT wants it");
   EXPECT_EQ(Wrong(With({"--ca", "/nowhere"})), "cannot read '/nowhere'");
   EXPECT_THAT(Wrong(With({"--password-file", "/nowhere"})), HasSubstr("password-file: cannot read a password from"));
+}
+
+// As "$CA" is where nobody has set it: without TLS would be the wrong answer.
+TEST(Options, AreNeverEmpty) {
+  EXPECT_EQ(Wrong(With({"--ca", ""})), "ca: it is empty");
+  EXPECT_EQ(Wrong(With({"--user="})), "user: it is empty");
+  const File file("ca =\n");
+  EXPECT_EQ(Wrong(With({"--config", file.Path()})), "ca: it is empty");
 }
 
 TEST(Options, ReadThePasswordFromTheFirstLineOfAFile) {
