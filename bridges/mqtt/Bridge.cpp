@@ -83,7 +83,12 @@ void Bridge::JoinGroup() {
     log_.Warning("The password goes to the broker in the clear: there is no --ca.");
   }
   if (publisher_) {
-    for (const std::string& database : options_.databases) group_.Join(database);
+    for (const std::string& database : options_.databases) {
+      if (!group_.Join(database)) {
+        log_.Error("The database '" + Printable(database) + "' is not published: there are " +
+                   std::to_string(group_.MostDatabases()) + " already, and more are not shared.");
+      }
+    }
   }
   inbox_.JoinDatabases();
   group_.Tick();

@@ -4,12 +4,11 @@
 """What a broker refuses, and what a bridge refuses: named in the log, left out, and everything else goes on."""
 
 import random
-import re
 
 import pytest
 from brokers import PUBLISH
-from programs import SEED, eventually, figure
-from sites import DATABASE, TABLE, encoded, private_memory, topic
+from programs import SEED, figure
+from sites import DATABASE, GROUP, TABLE, private_memory, topic
 
 IMPORTED = b"plant@hall1"
 
@@ -177,6 +176,17 @@ def test_sites_beyond_the_descriptors_are_left_out_and_the_others_go_on(broker, 
     assert bridge.says("left out: there are 8 databases, and more are not imported")
     client.publish(topic(b"hall1", b"row"), b"last")
     assert reader.gets(b"row", b"last", database=IMPORTED)
+
+
+def test_databases_beyond_the_descriptors_are_named_and_the_others_go_on(broker, make_client, make_writer_site):
+    databases = [b"db %d" % number for number in range(10)]
+    bridge, writer = make_writer_site(databases=databases, limit=256)
+    for number in (8, 9):
+        assert bridge.says(f"error: The database 'db {number}' is not published: there are 8 already")
+    writer.share(databases[0], GROUP, b"writer")
+    writer.do("network-changed")
+    writer.set(databases[0], TABLE, b"row", b"goes on")
+    assert make_client(broker, "#").gets(topic(b"hall1", b"row", database=databases[0]), b"goes on")
 
 
 def test_our_own_table_is_not_published(broker, make_client, make_writer_site):
