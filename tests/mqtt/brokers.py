@@ -11,7 +11,6 @@ import subprocess
 import threading
 
 import paho.mqtt.client
-import paho.mqtt.properties
 from programs import DEADLINE, eventually
 
 # What a broker for bridges needs: see docs/beyond-one-network.md. "user root" stands for "stay who you are".

@@ -12,8 +12,7 @@ import socket
 import subprocess
 
 import pytest
-from programs import EMULATOR
-from sites import DATABASE, PROGRAM, TABLE, topic
+from sites import DATABASE, TABLE, topic
 
 IMPORTED = b"plant@hall1"
 ENDS = [signal.SIGTERM, signal.SIGINT, signal.SIGHUP]
@@ -31,6 +30,14 @@ class Authority:
         self.certificate = folder / "ca.pem"
         openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "30",
                 "-subj", "/CN=authority", "-keyout", folder / "ca.key", "-out", self.certificate)
+
+    def folder(self):
+        """One with the certificate as OpenSSL looks for it."""
+        folder = self._folder / "trusted"
+        folder.mkdir()
+        shutil.copy(self.certificate, folder)
+        openssl("rehash", folder)
+        return folder
 
     def issue(self, name, *addresses, days=30):
         """The files of a certificate and of its key."""
@@ -64,9 +71,9 @@ def test_rows_go_through_tls_with_good_certificates(make_tls_broker, make_author
     make_tls_broker(authority, authority.issue("broker", "10.0.1.1", "10.0.2.1"), "require_certificate true",
                     "use_identity_as_username true", "allow_anonymous false")
     one, two = make_site(b"hall1"), make_site(b"hall2")
-    for site, imports in ((one, []), (two, ["--import", "hall1"])):
+    for site, trusted, imports in ((one, authority.certificate, []), (two, authority.folder(), ["--import", "hall1"])):
         certificate, key = authority.issue(site.name.decode())
-        start_bridge(site, "--ca", authority.certificate, "--cert", certificate, "--key", key, *imports, port=8883)
+        start_bridge(site, "--ca", trusted, "--cert", certificate, "--key", key, *imports, port=8883)
     writer, reader = make_member(one), make_member(two, IMPORTED)
     reader.watch(IMPORTED, TABLE)
     rows = {b"row %d" % number: bytes([number % 256]) * number for number in range(2000)}
@@ -196,8 +203,13 @@ def test_a_broker_that_does_not_suit_is_told(make_broker, make_site, start_bridg
 
 
 def test_a_broker_of_another_kind_is_told(middle, make_site, start_bridge):
-    """One that speaks an older MQTT, something else, one that hangs up, one that says nothing, and one that is not there."""
+    """One that speaks an older MQTT, something else, one that hangs up, one that says nothing, or is not there.
+
+    Nor may be the host: the system would try to connect for two minutes.
+    """
     hall = make_site(b"hall1")
+    hall.namespace.ip("neigh add 10.0.1.77 lladdr 02:00:00:00:00:01 dev eth0")
+    connecting = start_bridge(hall, broker="10.0.1.77")
     answers = {b"\x20\x02\x00\x01": "it does not speak MQTT 5", b"\x15\x03\x01\x00\x02": "what it sends is no MQTT 5",
                b"": r"it has ended the connection; it may want TLS \(--ca\)", None: "it does not answer"}
     for answer, words in answers.items():
@@ -213,13 +225,14 @@ def test_a_broker_of_another_kind_is_told(middle, make_site, start_bridge):
                 assert bridge.says(f"There is no connection to the broker at .*: {words}")
     assert start_bridge(hall, port=1).says("There is no connection to the broker at .*: Connection refused")
     assert start_bridge(hall, broker="broker.invalid").says("the name of its host is not known")
+    assert connecting.says("There is no connection to the broker at .*: it did not answer in time. Next attempt in")
 
 
 def test_attempts_become_rarer(make_site, start_bridge):
     bridge = start_bridge(make_site(b"hall1"), port=1)
-    assert bridge.says("Connection refused. Next attempt in", 4)
+    assert bridge.says("Connection refused. Next attempt in", 3)
     waits = [float(line.split()[-2]) for line in bridge.lines if "Next attempt" in line]
-    for wait, shortest in zip(waits, (1, 2, 4, 8)):
+    for wait, shortest in zip(waits, (1, 2, 4)):
         assert shortest <= wait <= 2 * shortest
 
 
@@ -237,21 +250,13 @@ def test_a_signal_ends_the_bridge_whatever_it_does(broker, make_site, make_membe
     assert busy.stop(number) == 0
 
     pausing = start_bridge(hall, port=1)
-    assert pausing.says("Next attempt", 3)
+    assert pausing.says("Next attempt")
     assert pausing.stop(number) == 0
 
     hall.cut()
     connecting = start_bridge(hall)
     assert connecting.says("Sharing the database")
     assert connecting.stop(number) == 0
-
-
-def test_a_connection_that_is_never_made_is_given_up(make_site, start_bridge):
-    """Where nobody answers at all the system would try for two minutes."""
-    hall = make_site(b"hall1")
-    hall.namespace.ip("neigh add 10.0.1.77 lladdr 02:00:00:00:00:01 dev eth0")
-    bridge = start_bridge(hall, broker="10.0.1.77")
-    assert bridge.says("There is no connection to the broker at .*: it did not answer in time. Next attempt in")
 
 
 def blocks_of_the_page():
