@@ -1,6 +1,9 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -20,6 +23,13 @@ bool IsAmong(const std::vector<std::string>& arguments, const char* wanted) {
   return false;
 }
 
+// Who starts us may have closed them. A connection that got the number of standard error would get the log.
+void OpenWhatIsClosedOfTheStandardDescriptors() {
+  int descriptor = 0;
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+  close(descriptor);
+}
+
 int RunBridge(const Options& options) {
   const Signals signals;
   const Log log(options.log_level);
@@ -35,6 +45,7 @@ int RunBridge(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenWhatIsClosedOfTheStandardDescriptors();
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   if (IsAmong(arguments, "--help")) return std::fputs(HelpText().c_str(), stdout), Bridge::kEnded;
   if (IsAmong(arguments, "--version")) return std::puts("varnix-mqtt " VARNIX_VERSION), Bridge::kEnded;

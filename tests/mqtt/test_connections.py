@@ -12,7 +12,8 @@ import socket
 import subprocess
 
 import pytest
-from sites import DATABASE, TABLE, topic
+from programs import DEADLINE, EMULATOR
+from sites import DATABASE, PROGRAM, TABLE, topic
 
 IMPORTED = b"plant@hall1"
 ENDS = [signal.SIGTERM, signal.SIGINT, signal.SIGHUP]
@@ -234,6 +235,21 @@ def test_attempts_become_rarer(make_site, start_bridge):
     waits = [float(line.split()[-2]) for line in bridge.lines if "Next attempt" in line]
     for wait, shortest in zip(waits, (1, 2, 4)):
         assert shortest <= wait <= 2 * shortest
+
+
+def test_no_connection_gets_the_log_where_standard_error_is_closed(broker, make_client, make_site):
+    hall = make_site(b"hall1")
+    client = make_client(broker, "#")
+    with hall.namespace:
+        bridge = subprocess.Popen(["sh", "-c", 'exec "$@" 2>&-', "sh", *EMULATOR, PROGRAM, *hall.bridge_arguments()])
+    try:
+        assert client.gets("varnix/hall1/$state", b"1")
+        assert os.readlink(f"/proc/{bridge.pid}/fd/2") == "/dev/null"
+        bridge.terminate()
+        assert bridge.wait(DEADLINE) == 0
+    finally:
+        bridge.kill()
+        bridge.wait()
 
 
 @pytest.mark.parametrize("number", ENDS)
