@@ -17,8 +17,9 @@ std::string RandomName();
 // Tells the other sites whether the bridge of this one is there: PREFIX/SITE/$state is "1", or "0" by the will or when
 // we take leave. Finds out, too, whether there is a second bridge for the site, to which the broker gives our
 // connection. Some brokers say so as they end ours. The others show it: the state carries who has set it, as a
-// property, and when we are back it is that of somebody else. Once may be the state of a bridge before us, which a
-// broker has had on its disk: that of one that is there is another one at each connection.
+// property, and when we are back it is that of somebody else. Once, this may be an old state that the broker has read
+// from its disk. A bridge that is there has a new name at each of its connections, so two names, at one connection of
+// ours and at the next, are its proof.
 //
 // Threads: that of the owner alone.
 class Presence {
