@@ -205,7 +205,8 @@ int Broker::ConnectClient() {
 }
 
 void Broker::Serve(bool readable) {
-  {
+  if (readable && HasConnection()) CheckDescriptor();
+  if (HasConnection()) {
     const Gathering gathering(*this);
     for (int reads = 0; readable && reads < kMostReads; ++reads) {
       Check(mosquitto_loop_read(client_, 1));  // One packet, mostly.
@@ -226,13 +227,12 @@ void Broker::Serve(bool readable) {
 Broker::Outcome Broker::Publish(const std::string& topic, std::string_view payload, int& message, std::string& why) {
   const int result = mosquitto_publish_v5(client_, &message, topic.c_str(), static_cast<int>(payload.size()),
                                           payload.data(), kQos, true, nullptr);
-  const int error = errno;
   if (result == MOSQ_ERR_SUCCESS) return Outcome::Sent;
   if (IsForTheMessage(result)) {
-    why = WordsForCall(result, error, "");
+    why = WordsForCall(result, 0, "");
     return Outcome::Refused;
   }
-  Check(result, error);
+  Check(result);
   return Outcome::ConnectionEnded;
 }
 
@@ -300,6 +300,19 @@ void Broker::EndWith(BrokerEnd::Cause cause, const std::string& words) {
   if (ended_) return;  // The first cause is the true one.
   ended_ = true;
   end_ = {cause, words};
+}
+
+void Broker::CheckDescriptor() {
+  if (HasInput(Descriptor())) return;  // The end comes behind it.
+  int error = 0;
+  socklen_t size = sizeof error;
+  char byte = 0;
+  if (getsockopt(Descriptor(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error != 0) {
+    const bool by_the_other_side = IsByTheOtherSide(MOSQ_ERR_ERRNO, error);
+    Check(by_the_other_side ? MOSQ_ERR_CONN_LOST : MOSQ_ERR_ERRNO, error);
+  } else if (recv(Descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
+    Check(MOSQ_ERR_CONN_LOST, 0);
+  }
 }
 
 void Broker::Check(int result, int error) {

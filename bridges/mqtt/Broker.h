@@ -107,9 +107,12 @@ class Broker {
   template <class Call>
   void Tell(Call call);
   void EndWith(BrokerEnd::Cause cause, const std::string& words);
-  // Notes the end of the connection, if `result` tells of one. `error` is errno, which is read once the call is over:
-  // among the arguments it could be read before.
-  void Check(int result) { Check(result, errno); }
+  // Notes the end of the connection, if its descriptor has nothing else for us. libmosquitto would notice it, too, but
+  // with TLS it cannot tell why.
+  void CheckDescriptor();
+  // Notes the end of the connection, if `result` tells of one. errno is read in here, once the call is over: among the
+  // arguments it could be read before. With TLS libmosquitto ends the stream before it returns, and errno is of that.
+  void Check(int result) { Check(result, options_.UsesTls() ? 0 : errno); }
   void Check(int result, int error);
   const char* WhatItMayWant() const;
   void RethrowWhatTheListenerThrew();

@@ -23,8 +23,8 @@ std::string WithoutFullStop(std::string words) {
 
 std::string WordsForSystemCall(int error) {
   if (error == EINTR) return "it did not answer in time";
-  // When what was sent stays without an acknowledgement of TCP, libmosquitto has lost the error by the time it returns.
-  if (error == ETIMEDOUT || error == 0) return "it does not answer";
+  if (error == ETIMEDOUT) return "it does not answer";
+  if (error == 0) return "the connection has failed";
   return std::generic_category().message(error);
 }
 

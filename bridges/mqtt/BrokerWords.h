@@ -7,7 +7,8 @@
 
 // What the numbers of libmosquitto and of MQTT 5 mean to who reads the log.
 
-// Why a call of libmosquitto failed; `error` is errno right after the call, `detail` what libmosquitto logged before.
+// Why a call of libmosquitto failed; `error` is errno right after the call, or 0 where that tells nothing; `detail` is
+// what libmosquitto logged before.
 std::string WordsForCall(int result, int error, const std::string& detail);
 // Whether the reason is one of those for which a broker refuses.
 bool IsRefusal(int reason);

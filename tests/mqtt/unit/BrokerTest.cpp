@@ -38,6 +38,23 @@ TEST(Broker, IsGoneWhenNothingThatWasSentIsAcknowledged) {
   EXPECT_EQ(end.words, "it does not answer");
 }
 
+// libmosquitto tells of the end of a stream of TLS with the errno of something else.
+TEST(Broker, IsJudgedWithTlsByWhatTheDescriptorTells) {
+  DrivenBroker driven;
+  driven.options.ca = VARNIX_BRIDGE;  // A folder, as it happens.
+  driven.calls.read = {MOSQ_ERR_ERRNO, EPIPE};
+  EXPECT_EQ(EndAfter(0, driven).words, "the connection has failed");
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::Network);
+
+  driven.calls.pending_error = EHOSTUNREACH;
+  EXPECT_THAT(EndAfter(0, driven).words, StartsWith("No route to host"));
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::Network);
+
+  driven.calls.pending_error = ECONNRESET;
+  EXPECT_THAT(EndAfter(0, driven).words, StartsWith("it has ended the connection"));
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::CutOff);
+}
+
 TEST(Broker, IsGoneWhenNoPingIsAnswered) {
   DrivenBroker driven;
   driven.calls.misc = {MOSQ_ERR_KEEPALIVE, 0};

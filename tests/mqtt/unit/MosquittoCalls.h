@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-// The calls of libmosquitto that reach the network. While one of these lives, the test drives them: connections are
-// made at once, what is published is kept here, and calls fail as they are told to. One at a time.
+// The calls of libmosquitto that reach the network, and the error of the connection's descriptor. While one of these
+// lives, the test drives them: connections are made at once, what is published is kept here, and calls fail as they are
+// told to. One at a time.
 class MosquittoCalls {
  public:
   struct Outcome {
@@ -30,6 +31,7 @@ class MosquittoCalls {
   Outcome read;
   Outcome misc;
   Outcome publish;
+  int pending_error = 0;  // Of the connection, as SO_ERROR has it.
   std::vector<Message> published;
   const int descriptor;  // What the connection is said to have.
 };
