@@ -273,10 +273,10 @@ def test_an_observer_sets_nothing_and_is_not_connected_to(share, start):
 
     press.set(b"plant", b"status", b"speed", b"43")
     assert watch.prints(b"press::ctl  status  speed = 43")
+    assert press.logs(7, "tblrcvr.gotuid", ".* got uid: looker::on")
     watch.signal(signal.SIGINT)
 
     assert watch.ends() == 0
-    assert press.logs(7, "tblrcvr.gotuid", ".* got uid: looker::on")
     assert not press.logged(7, "tblrcvr.ctor", r".* for plant:2130706433:0 .*")
     assert press.rows(b"plant", b"status") == [(b"speed", b"42"), (b"speed", b"43")]
 
