@@ -211,6 +211,7 @@ class Host:
     def kill(self):
         self._killed = True
         self._process.kill()
+        self._process.wait()
 
     def clean_up(self):
         """The exit status, 0 if it was killed; and nothing is left of the process and its children."""

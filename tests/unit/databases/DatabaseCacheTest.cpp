@@ -609,7 +609,10 @@ TEST_F(SetSharingGroup, LeavesTheContentsOfItsTablesAlone) {
 
 TEST_F(SetSharingGroup, StoresTheLimitedBroadcastAddressForZero) {
   // Nothing may go out to a real network.
-  const Hooked sendto(Hooks().sendto, [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) {
+  std::promise<in_addr_t> announced_to;
+  std::atomic<bool> announced{false};
+  const Hooked sendto(Hooks().sendto, [&](int, const void*, std::size_t size, int, const sockaddr* place, socklen_t) {
+    if (!announced.exchange(true)) announced_to.set_value(reinterpret_cast<const sockaddr_in*>(place)->sin_addr.s_addr);
     return static_cast<ssize_t>(size);
   });
 
@@ -617,5 +620,8 @@ TEST_F(SetSharingGroup, StoresTheLimitedBroadcastAddressForZero) {
 
   EXPECT_EQ(Reported(), (std::vector<std::string>{"g", "dev", "p"}));
   EXPECT_EQ(ReportedAddress(), 4294967295U);
+  std::future<in_addr_t> address = announced_to.get_future();
+  ASSERT_EQ(address.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(address.get(), INADDR_BROADCAST);
   DatabaseCache::Instance()->FindDatabase(name_)->EndSharing();
 }
