@@ -42,7 +42,6 @@ bool Cookie::IsFlushOfTheHost() const {
   return locked_stream_ == nullptr && (std::this_thread::get_id() != thread_ || IsInLogHook());
 }
 
-// What a flush of the host's has left.
 bool Cookie::SendUnsent() {
   if (!has_unsent_) return true;
   if (!Send(unsent_.data(), unsent_.size())) return false;

@@ -39,12 +39,14 @@ struct Cookie {
   // streams, and would wait for that lock; and what it throws must not cross the frames of stdio.
   void LogReadError();
 
+  // Sends what a flush of the host's has left. Under the StreamLock of the caller. False on failure or abort.
+  bool SendUnsent();
+
  private:
   friend class StreamLock;
 
   bool BelongsToParent() const { return !socket.IsOpen(); }
   bool IsFlushOfTheHost() const;
-  bool SendUnsent();
   bool Send(const char* bytes, std::size_t size);
   bool SendWithoutWaiting(const char* bytes, std::size_t size);
   ssize_t SendOnce(const char* bytes, std::size_t size);

@@ -61,7 +61,8 @@ bool HasEmptyField(const Varnix::Row& record) { return LengthOfA(record) == 0 ||
 
 bool FlushRecords(SocketStream& stream) {
   const StreamLock lock(stream);
-  return fflush_unlocked(stream.File()) == 0;
+  // stdio calls no function of the cookie while its buffer is empty.
+  return fflush_unlocked(stream.File()) == 0 && stream.GetCookie().SendUnsent();
 }
 
 bool WriteRecord(const Varnix::Row& record, SocketStream& stream) {

@@ -902,6 +902,19 @@ TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   CloseStream();
 }
 
+TEST_F(CookieTest, OurFlushSendsWhatAHostsFlushHasLeftAlthoughTheBufferIsEmpty) {
+  OpenStream();
+  const std::size_t filled = FillConnection();
+  EXPECT_TRUE(BufferRecord({"k", "v"}, *stream_));
+  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_EQ(PeerReceives(filled).size(), filled);
+
+  EXPECT_TRUE(FlushRecords(*stream_));
+
+  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x01kv", 6));
+  CloseStream();
+}
+
 TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
   OpenStream();
   const std::size_t filled = FillConnection();
