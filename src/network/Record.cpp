@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr std::size_t kHeaderSize = 4;
 constexpr unsigned kLengthBitsB = 20;
 
 std::uint32_t LengthOfA(const Varnix::Row& record) { return record.first.size() & kLongestRecordKey; }
@@ -39,11 +38,11 @@ bool WriteFields(const Varnix::Row& record, SocketStream& stream) {
   const std::uint32_t length_a = LengthOfA(record);
   const std::uint32_t length_b = LengthOfB(record);
   const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
-  const unsigned char header[kHeaderSize] = {
+  const unsigned char header[kRecordHeaderSize] = {
       static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
       static_cast<unsigned char>(lengths >> 8), static_cast<unsigned char>(lengths)};
   FILE* const file = stream.File();
-  if (WriteItem(header, kHeaderSize, file) && WriteItem(record.first.data(), length_a, file) &&
+  if (WriteItem(header, kRecordHeaderSize, file) && WriteItem(record.first.data(), length_a, file) &&
       WriteItem(record.second.data(), length_b, file)) {
     return true;
   }
@@ -78,8 +77,8 @@ bool RecordReader::Read(Varnix::Row& record) {
 
 bool RecordReader::ReadFields(Varnix::Row& record) {
   const StreamLock lock(stream_);
-  unsigned char header[kHeaderSize];
-  if (!ReadItem(header, kHeaderSize, stream_.File())) return false;
+  unsigned char header[kRecordHeaderSize];
+  if (!ReadItem(header, kRecordHeaderSize, stream_.File())) return false;
   const std::uint32_t lengths = std::uint32_t{header[0]} << 24 | std::uint32_t{header[1]} << 16 |
                                 std::uint32_t{header[2]} << 8 | std::uint32_t{header[3]};
   auto& [field_a, field_b] = incoming_;

@@ -5,11 +5,14 @@
 
 #include <Varnix.h>
 
+#include <cstddef>
+
 #include "network/SocketStream.h"
 
 // The only unit on the wire, in both directions: a header of 4 bytes, big-endian, with the length of field A in its
 // upper 12 bits and that of field B in its lower 20, then field A, then field B. A record is a row: A its key, B its
 // value.
+constexpr std::size_t kRecordHeaderSize = 4;
 
 // Writes one record into the stream's buffer; longer fields are cut to their length modulo 4,096 and 1,048,576.
 // False when the stream has failed, and when a field has no bytes: stdio reports an item of 0 bytes as not written.

@@ -88,6 +88,7 @@ bool TableSender::PeerIsGone() const {
 }
 
 void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point now) {
+  if (HasHookOfTheHost()) SendBuffered();  // It may take its time for this row.
   const PrintableKey key(row.first);
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
@@ -99,7 +100,7 @@ void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point n
     return;
   }
   if (buffered_ == 0) buffered_since_ = now;
-  buffered_ += row.first.size() + row.second.size();
+  buffered_ += kRecordHeaderSize + row.first.size() + row.second.size();
   if (more && MayStayInBuffer(now)) {
     BufferRecord(row, *stream_);
     return;

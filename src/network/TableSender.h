@@ -17,8 +17,8 @@ struct Member;
 // The serving side of one table stream: tells who we are, hears which group the peer belongs to, and sends every row of
 // the member's table and then each change, until the peer goes or the server stops.
 //
-// Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, and before
-// anything that may take long.
+// Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, at the first
+// row that comes half a millisecond after the oldest in it, and before a log hook of the host's is called.
 //
 // Threads: lives on the stack of the thread that serves one accepted connection.
 // Ownership: owns the socket.
@@ -51,7 +51,7 @@ class TableSender {
 
   const Member& member_;
   const std::unique_ptr<SocketStream> stream_;
-  std::size_t buffered_ = 0;  // Bytes of keys and values in the buffer; 0 when nothing waits for a flush.
+  std::size_t buffered_ = 0;  // Bytes of rows in the buffer; 0 when nothing waits for a flush.
   Clock::time_point buffered_since_;
   bool delayed_ = true;  // Whether the kernel holds small segments back, as it does on a new socket.
 };

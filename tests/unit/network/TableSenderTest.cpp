@@ -13,6 +13,7 @@
 #include <optional>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "PeerSocket.h"
@@ -31,10 +32,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::Ge;
 using testing::IsEmpty;
 using testing::KilledBySignal;
+using testing::Lt;
 using testing::Not;
 using testing::StartsWith;
 using Varnix::LogLevel;
@@ -142,6 +146,16 @@ class TableSenderTest : public testing::Test {
     }
     return {calls.begin() + 1, calls.end()};
   }
+  // The most bytes that have been sent between two looks for the end of the connection.
+  std::size_t MostBetweenLooks() const {
+    std::size_t most = 0;
+    std::size_t sent = 0;
+    for (const std::string& call : trace_) {
+      if (call.rfind("send ", 0) == 0) sent += std::stoul(call.substr(5));
+      if (call.rfind("poll ", 0) == 0) most = std::max(most, std::exchange(sent, 0));
+    }
+    return most;
+  }
 
   TestMember member_;
   const int socket_;
@@ -200,12 +214,19 @@ int NothingIsThere(pollfd&) { return 0; }
 // Nobody hears the log. The clock goes by so much at each row, and then by a second at each look at it.
 class QuietBurst {
  public:
-  QuietBurst(int rows, std::chrono::nanoseconds step)
-      : now_(Hooks().now, [this, rows, step]() mutable { return time_ += rows-- > 0 ? step : 1s; }) {
+  // `taken` is told at each row, before it is sent, how many there have been.
+  QuietBurst(
+      int rows, std::chrono::nanoseconds step, const std::function<void(int)>& taken = [](int) {})
+      : now_(Hooks().now, [this, rows, step, taken] {
+          const int row = looks_++;
+          if (row > 0 && row <= rows) taken(row);
+          return time_ += row < rows ? step : 1s;
+        }) {
     SetLogHook({});
   }
 
  private:
+  int looks_ = 0;  // The first is before any row.
   std::chrono::steady_clock::time_point time_;
   HookedHere<std::chrono::steady_clock::time_point()> now_;
 };
@@ -752,8 +773,40 @@ TEST_F(TableSenderTest, RowsOfALongBurstLeaveWhenTheBufferIsFull) {
 
   Send();
 
-  EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 5) << "each time before 8,192 bytes";
+  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + 104)));
   EXPECT_EQ(PeerReceives().size(), kUs.size() + 300 * 104);
+}
+
+TEST_F(TableSenderTest, HeadersOfShortRowsFillTheBufferToo) {
+  const QuietBurst burst(2000, 100ns);
+  for (int i = 0; i < 2000; ++i) SetRow("\x01t" + std::to_string(1000 + i), "v");  // 11 bytes each.
+  PeerSays(kOtherGroup);
+  passes_.assign(3, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + 11)));
+  EXPECT_EQ(PeerReceives().size(), kUs.size() + 2000 * 11);
+}
+
+TEST_F(TableSenderTest, RowsInTheBufferLeaveBeforeAHookIsCalledThatHasBeenSetMeanwhile) {
+  std::vector<std::string> received;
+  const QuietBurst burst(4, 1us, [&](int taken) {
+    if (taken != 3) return;
+    SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+      if (tag == std::string("tblsndr.strm")) received.push_back(WaitingForPeer());
+    });
+  });
+  for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc", "\x03tbld"}) SetRow(key, "value");
+  PeerSays(kOtherGroup);
+  passes_.assign(2, NothingIsThere);
+
+  Send();
+  SetLogHook({});
+
+  EXPECT_THAT(received, ElementsAre(kUs + Bytes("\x00\x50\x00\x05\x03tblavalue"
+                                                "\x00\x50\x00\x05\x03tblbvalue"),
+                                    Bytes("\x00\x50\x00\x05\x03tblcvalue")));
 }
 
 TEST_F(TableSenderTest, PeerThatGoesInTheMiddleOfABurstIsNoticedWithinABuffer) {
