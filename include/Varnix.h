@@ -53,7 +53,9 @@
 //   It may share, also the same database in the same group, under an identity of its own. What its parent shares stays
 //   with the parent: the child sends and logs nothing of it and keeps none of its descriptors (those of GetDescriptor()
 //   included), GetSharingGroup says false, and peer tables show all peers as gone. A thread must not hold a lock across
-//   fork() that the log hook takes: both would wait for ever.
+//   fork() that the log hook takes: both would wait for ever. Do not fork in a signal handler, which may have
+//   interrupted a call; posix_spawn() runs there. Of a parent with other threads, the child may rely on no lock of the
+//   program's own or of another library's.
 // Exec: every descriptor is closed on exec, from the moment it is made.
 // Signals: no handler and no mask is changed, and SIGPIPE is never raised. The library's threads inherit the signal
 //   mask and the scheduling of the thread that calls SetSharingGroup (the thread of a peer that had to wait for room:
