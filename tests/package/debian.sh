@@ -118,11 +118,12 @@ done < <(cd "$work/unpacked-amd64" && find . -type f -print0)
 [ "$common" -gt 0 ] || fail "the packages of the two architectures have no file in common"
 shown "the $common files that both architectures hold are identical"
 
-# --- Building a stranger's programs where libvarnix-dev is installed
+# --- Building a stranger's programs where libvarnix-dev and libvarnix-c-dev are installed
 
 packages=("$built"/libvarnix1_*.deb "$built"/libvarnix-dev_*.deb)
+packages+=("$built"/libvarnix-c1_*.deb "$built"/libvarnix-c-dev_*.deb)
 apt_in builder install pkgconf "${packages[@]#"$work/builder"}"
-shown "libvarnix-dev is installed for amd64 and armhf side by side"
+shown "libvarnix-dev and libvarnix-c-dev are installed for amd64 and armhf side by side"
 
 cp -r tests/package "$built/strangers"
 mkdir "$built/programs"
@@ -137,36 +138,95 @@ for triplet in x86_64-linux-gnu arm-linux-gnueabihf; do
     cmake --build cmake-$triplet
     cp cmake-$triplet/stranger ../programs/cmake-$triplet
     $triplet-g++ -std=c++11 /usr/share/doc/libvarnix-dev/examples/share_a_table.cpp -lvarnix \
-      -o ../programs/share-$triplet"
-  shown "-lvarnix, pkg-config and find_package find the library of $triplet"
+      -o ../programs/share-$triplet
+    $triplet-gcc -std=c99 installed-c/main.c -lvarnix_c -o ../programs/plain_c-$triplet
+    $triplet-gcc -std=c99 installed-c/main.c \
+      \$(PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig pkg-config --cflags --libs varnix_c) \
+      -o ../programs/pc_c-$triplet
+    cmake -S installed-c -B cmake-c-$triplet -DCMAKE_C_COMPILER=$triplet-gcc -DCMAKE_SYSTEM_NAME=Linux \
+      -DCMAKE_LIBRARY_ARCHITECTURE=$triplet
+    cmake --build cmake-c-$triplet
+    cp cmake-c-$triplet/stranger ../programs/cmake_c-$triplet
+    $triplet-gcc -std=c99 /usr/share/doc/libvarnix-c-dev/examples/share_a_table.c -lvarnix_c \
+      -o ../programs/share_c-$triplet
+    $triplet-gcc -std=c99 /usr/share/doc/libvarnix-c-dev/examples/wait_with_epoll.c -lvarnix_c \
+      -o ../programs/epoll_c-$triplet"
+  shown "-l, pkg-config and find_package find both libraries of $triplet"
 done
 
-# --- Running them where nothing but libvarnix1 is installed
+# --- Running them where nothing but the libraries is installed
 
-cp "$built"/libvarnix1_*.deb "$built"/programs/* "$work/clean/tmp"
-apt_in clean install $(cd "$work/clean" && printf '/%s ' tmp/libvarnix1_*.deb)
-shown "libvarnix1 is installed for amd64 and armhf side by side in a clean root"
-
+cp "$built"/programs/* "$work/clean/tmp"
+install_in_clean() {  # install_in_clean PACKAGE...: all architectures that there are
+  local package
+  local -a files=()
+  for package in "$@"; do files+=("$built/${package}"_*.deb); done
+  cp "${files[@]}" "$work/clean/tmp"
+  apt_in clean install "${files[@]/#*\///tmp/}"
+}
 native() { in_root clean "$@"; }
 arm() { qemu-arm -L "$work/clean" "$work/clean$1" "${@:2}"; }
-for way in plain pc cmake; do
-  [ "$(native /tmp/$way-x86_64-linux-gnu)" = "temperature is 81" ] || fail "the program '$way' fails on amd64"
-  [ "$(arm /tmp/$way-arm-linux-gnueabihf)" = "temperature is 81" ] || fail "the program '$way' fails on armhf"
-done
+expect() {  # expect WORDS COMMAND...: it prints these
+  local output
+  output=$("${@:2}" 2>&1) || true
+  [ "$output" = "$1" ] || fail "'${*:2}' prints '$output' instead of '$1'"
+}
+run_everywhere() {  # run_everywhere PROGRAM...
+  local program
+  for program in "$@"; do
+    expect "temperature is 81" native "/tmp/$program-x86_64-linux-gnu"
+    expect "temperature is 81" arm "/tmp/$program-arm-linux-gnueabihf"
+  done
+}
+
+install_in_clean libvarnix1
+run_everywhere plain pc cmake
+shown "libvarnix1 is installed for amd64 and armhf side by side in a clean root"
 shown "the programs run there, for amd64 in the root itself, for armhf by qemu-arm with its loader and libraries"
+
+install_in_clean libvarnix-c1
+run_everywhere plain_c pc_c cmake_c
+rows=$'speed 42\nheat 81'
+expect "${rows// / is }" native /tmp/epoll_c-x86_64-linux-gnu <<<"$rows"
+expect "${rows// / is }" arm /tmp/epoll_c-arm-linux-gnueabihf <<<"$rows"
+shown "so is libvarnix-c1, and the programs in C run"
+
+install_in_clean python3-varnix
+expect "b'temperature' b'81'" native /usr/bin/python3 -c '
+import varnix
+table = varnix.table("status")
+table.set("temperature", "81")
+for key, value in table.watch_all().changes(): print(key, value)'
+expect "$version" native /usr/bin/python3 -c 'import varnix; print(varnix.__version__)'
+shown "so is python3-varnix, with $(native /usr/bin/python3 --version)"
+
+# Neither needs another package of ours.
+for package in varnix-tools varnix-mqtt; do
+  cp "$built/${package}_${version}_amd64.deb" "$work/clean/tmp"
+  apt_in clean install "/tmp/${package}_${version}_amd64.deb"
+done
+expect "varnix $version" native /usr/bin/varnix --version
+expect "varnix-mqtt $version" native /usr/bin/varnix-mqtt --version
+shown "so are varnix-tools and varnix-mqtt"
 
 # A process of each kind, in a network of their own.
 share() {
   ip link set lo up
-  native /tmp/share-x86_64-linux-gnu left hello >"$work/left" &
-  pid[left]=$!
-  arm /tmp/share-arm-linux-gnueabihf right world >"$work/right" &
-  pid[right]=$!
-  local deadline=$((SECONDS + 90)) side row
-  for side in left right; do
-    for row in 'left is hello' 'right is world'; do
-      until grep -qx "$row" "$work/$side"; do
-        [ $SECONDS -lt $deadline ] || fail "'$side' has not shown '$row'"
+  native /tmp/share-x86_64-linux-gnu cpp value >"$work/cpp" &
+  pid[cpp]=$!
+  arm /tmp/share-arm-linux-gnueabihf cpp-arm value >"$work/cpp-arm" &
+  pid[cpp-arm]=$!
+  native /tmp/share_c-x86_64-linux-gnu c value >"$work/c" &
+  pid[c]=$!
+  arm /tmp/share_c-arm-linux-gnueabihf c-arm value >"$work/c-arm" &
+  pid[c-arm]=$!
+  native /usr/bin/python3 /usr/share/doc/python3-varnix/examples/print_table.py python value >"$work/python" &
+  pid[python]=$!
+  local deadline=$((SECONDS + 90)) side other
+  for side in "${!pid[@]}"; do
+    for other in "${!pid[@]}"; do
+      until grep -qx "$other is value" "$work/$side"; do
+        [ $SECONDS -lt $deadline ] || fail "'$side' has not shown the row of '$other'"
         sleep 0.1
       done
     done
@@ -175,14 +235,14 @@ share() {
 export -f share native arm in_root fail
 if unshare --net true 2>/dev/null; then
   work=$work unshare --net --pid --fork --kill-child bash -euc 'declare -A pid=(); share' 2>"$work/log" ||
-    { cat "$work/log" >&2; fail "an amd64 and an armhf process do not share a table"; }
-  shown "an amd64 and an armhf process share a table"
+    { cat "$work/log" >&2; fail "processes of C++, C and Python, for amd64 and armhf, do not share a table"; }
+  shown "processes of C++, C and Python, for amd64 and armhf, share a table"
 else
-  echo "not shown: that an amd64 and an armhf process share a table, for want of a network namespace"
+  echo "not shown: that processes of all kinds share a table, for want of a network namespace"
 fi
 
 rm "$work"/clean/tmp/*
-apt_in clean purge libvarnix1 libvarnix1:armhf
+apt_in clean purge varnix-tools varnix-mqtt python3-varnix libvarnix-c1 libvarnix-c1:armhf libvarnix1 libvarnix1:armhf
 left=$(find "$work/clean/etc" "$work/clean/usr" "$work/clean/var/lib/dpkg" -iname '*varnix*')
 [ -z "$left" ] || fail "purging leaves $left"
 shown "purging leaves no file behind"
