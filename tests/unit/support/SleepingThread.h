@@ -12,6 +12,15 @@
 #include <thread>
 #include <utility>
 
+// Of a thread of this process: 'S' while it sleeps, 'R' while it runs or could run, 'X' when it has gone.
+inline char StateOfThread(pid_t thread_id) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(thread_id) + "/stat");
+  std::string text;
+  std::getline(stat, text);
+  const std::string::size_type name_end = text.rfind(')');
+  return name_end == std::string::npos ? 'X' : text.at(name_end + 2);  // One that has gone has no such file.
+}
+
 // A thread that runs `body`. When the constructor returns it sleeps there, as far as its state tells, or has ended.
 // Joined by the destructor.
 class SleepingThread {
@@ -22,22 +31,13 @@ class SleepingThread {
           work();
           ended_ = true;
         }) {
-    while (!ended_ && (thread_id_ == 0 || State() != 'S')) std::this_thread::yield();
+    while (!ended_ && (thread_id_ == 0 || StateOfThread(thread_id_) != 'S')) std::this_thread::yield();
   }
   ~SleepingThread() { thread_.join(); }
   SleepingThread(const SleepingThread&) = delete;
   SleepingThread& operator=(const SleepingThread&) = delete;
 
  private:
-  char State() const {
-    std::ifstream stat("/proc/self/task/" + std::to_string(thread_id_) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    const std::string::size_type name_end = text.rfind(')');
-    return name_end == std::string::npos ? 'X'
-                                         : text.at(name_end + 2);  // A thread that has just gone has no such file.
-  }
-
   std::atomic<pid_t> thread_id_{0};
   std::atomic<bool> ended_{false};
   std::thread thread_;

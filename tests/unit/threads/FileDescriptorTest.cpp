@@ -13,6 +13,8 @@
 #include <utility>
 
 #include "support/Own.h"
+#include "support/SleepingThread.h"
+#include "support/SystemCallHooks.h"
 #include "threads/FileDescriptor.h"
 
 namespace {
@@ -102,6 +104,18 @@ TEST(FileDescriptor, IsClosedInAForkedChildAndOpenInItsParent) {
   for (const int number : numbers) EXPECT_TRUE(IsOpen(number));
 }
 
+TEST(FileDescriptor, IsClosedInAForkedChildAlsoWhenThoseBesideItHaveGone) {
+  const FileDescriptor oldest = Open();
+  FileDescriptor second = Open();
+  FileDescriptor third = Open();
+  const FileDescriptor newest = Open();
+
+  third.Close();
+  second.Close();
+
+  EXPECT_TRUE(HoldsInChild([&] { return !oldest.IsOpen() && !newest.IsOpen(); }));
+}
+
 TEST(FileDescriptor, NumberThatIsTheHostsByNowIsLeftOpenInAForkedChild) {
   FileDescriptor closed = Open();
   const int number = closed.Get();
@@ -147,3 +161,24 @@ TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
   maker.join();
   EXPECT_TRUE(closed);
 }
+
+#if !defined(VARNIX_EMULATED)  // An emulator need not stand a fork by another thread than the first.
+TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingClosed) {
+  FileDescriptor owner = Open();
+  const int number = owner.Get();
+  bool closed = false;
+  std::optional<SleepingThread> forker;
+  {
+    const Hooked close(Hooks().close, [&](int descriptor) {
+      if (descriptor == number && !forker) {
+        forker.emplace([&] { closed = HoldsInChild([&] { return !IsOpen(number); }); });
+      }
+      return Hooks().close.Real(descriptor);
+    });
+    owner.Close();
+    forker.reset();
+  }
+
+  EXPECT_TRUE(closed);
+}
+#endif
