@@ -23,6 +23,7 @@
 #include "databases/DatabaseCache.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
+#include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
@@ -333,6 +334,41 @@ TEST(GetSharingGroup, BeforeSharingIsFalse) {
 
   EXPECT_EQ(std::tie(group, device, process, address), std::make_tuple("group", "device", "process", 7U));
 }
+
+TEST(StopSharing, OfADatabaseThatWasNeverNamedMakesNone) {
+  const Rows before = Contents(*Varnix::GetDatabaseTable());
+
+  Varnix::StopSharing("never named");
+
+  EXPECT_EQ(Contents(*Varnix::GetDatabaseTable()), before);
+}
+
+#if !defined(VARNIX_EMULATED)  // An emulator need not stand a fork by another thread than the first.
+TEST(DatabaseCache, LeavesNoLockToAForkedChildThatAThreadTakesMeanwhile) {
+  const auto database = DatabaseCache::Instance()->GetDatabase("forked");
+  std::promise<void> let_go;
+  std::promise<void> forked;
+  SetLogHook([go = let_go.get_future().share()](LogLevel, const char* tag, const char*, va_list) {
+    if (std::string(tag) == "hold") go.wait();
+  });
+  bool made = false;
+  {
+    const SleepingThread holder([&] {
+      Log(LogLevel::Debug, "hold", "the fork, which waits for the log lock");
+      forked.get_future().wait();  // The thread sanitizer wants a child to join the threads that had ended.
+    });
+    const SleepingThread forker([&] {
+      made = HoldsInForkedChild([&] { return database->MakeTable("of the child") != nullptr; });
+      forked.set_value();
+    });
+    const SleepingThread maker([&] { database->MakeTable("of the parent"); });
+    let_go.set_value();
+  }
+
+  SetLogHook(DefaultLogger);
+  EXPECT_TRUE(made);
+}
+#endif
 
 TEST(NetworkChanged, WithoutASharedDatabaseDoesNothing) {
   Varnix::GetTableTable("unshared");
