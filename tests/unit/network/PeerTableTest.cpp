@@ -11,6 +11,7 @@
 #include "names/CombinedKey.h"
 #include "network/PeerTable.h"
 #include "support/FailingAllocations.h"
+#include "support/ForkedChild.h"
 #include "support/Tables.h"
 
 namespace {
@@ -96,4 +97,13 @@ TEST_F(PeerTableTest, ShowsTheEndOfAStreamAlsoWithoutMemory) {
   EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { stream.reset(); }));
 
   EXPECT_EQ(Contents(*table), (Rows{{"press::ctl", ""}}));
+}
+
+TEST_F(PeerTableTest, IsEmptyWhenAForkedChildMakesItThoughItsParentHasPeers) {
+  const PeerTableEntry stream(peers_, press_, kPlace);
+
+  EXPECT_TRUE(HoldsInForkedChild([this] {
+    peers_.EndAllInChild();
+    return Contents(*peers_.GetTable()).empty();
+  }));
 }

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -19,6 +20,7 @@
 #include "network/ActiveESNs.h"
 #include "network/PeerThreads.h"
 #include "support/DescriptorLimit.h"
+#include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
 #include "support/SystemCallHooks.h"
 
@@ -288,5 +290,23 @@ TEST_F(PeerThreadsTest, ThreadsThatHaveEndedKeepNoStacks) {
 
   // 1,000 stacks take 250 MiB; the C library keeps some 40 for the next threads.
   EXPECT_LT(PagesOfAddressSpace() - before, std::size_t{100} * 1024 * 1024 / 4096);
+}
+#endif
+
+#if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
+TEST_F(PeerThreadsTest, ForkedChildHasRoomThoughItsParentHasNone) {
+  const auto threads = Make();
+  Fill(*threads);
+
+  EXPECT_TRUE(HoldsInForkedChild([] {
+    std::atomic<bool> received{false};
+    PeerThreads own(
+        "db", [&](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) { received = true; },
+        [](const FileDescriptor&, unsigned, const std::shared_ptr<ActiveESNs>&) {});
+    Find(own, 1);
+    own.AwaitAll();
+    return received.load();
+  }));
+  End(*threads);
 }
 #endif

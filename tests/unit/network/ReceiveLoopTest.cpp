@@ -322,6 +322,17 @@ TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsReportedWhenTheStreamEnds
   EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:9"));
 }
 
+TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsReportedAlsoAfterTheLastAttempt) {
+  SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
+    if (tag == std::string("tblrcvr.strm.grp") && clock_.Text() == "30000ms") RefuseElsewhere();
+  });
+
+  RunWithPeer(kPeer);
+
+  EXPECT_EQ(trace_.back(), "30000ms: try");
+  EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:9"));
+}
+
 TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsLeftAloneWhenTheServerStops) {
   const auto table = std::make_shared<RecordingTable>();
   table->before_set = [this](const Varnix::Row&) {

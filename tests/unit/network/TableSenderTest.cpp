@@ -840,6 +840,19 @@ TEST_F(TableSenderTest, StopInTheMiddleOfABurstEndsItWithinABuffer) {
   EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 2);
 }
 
+TEST_F(TableSenderTest, KeyThatIsEmptyOnTheWireHoldsNoRowBeforeItBack) {
+  const QuietBurst burst(2, 100us);
+  SetRow("\x03tbla", "value");
+  SetRow(std::string(4096, 'k'), "value");
+  PeerSays(kOtherGroup);
+  passes_ = {NothingIsThere, NothingIsThere, [this](pollfd&) {
+               EXPECT_EQ(WaitingForPeer().size(), kUs.size() + 14) << "all but the last row";
+               return 0;
+             }};
+
+  Send();
+}
+
 TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesABurstWithTheNextRowOnly) {
   const QuietBurst burst(4, 100us);
   SetRow("\x03tbla", "value");
