@@ -1025,6 +1025,16 @@ TEST_F(TableServerTest, AnyEventOfTheDonePipeEndsTheAcceptLoop) {
   EXPECT_EQ(polls, 1);
 }
 
+TEST_F(TableServerTest, AcceptThatMeetsTheStopLogsNothing) {
+  Start();
+  Hooks().accept4.Set(FailOnce(Hooks().accept4, EINVAL));  // As after the shutdown of the listener.
+
+  const Client peer(Port());
+
+  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"), IsEmpty());
+}
+
 TEST_F(TableServerTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
   Start();
   Hooks().accept4.Set(FailOnce(Hooks().accept4, ECONNABORTED));

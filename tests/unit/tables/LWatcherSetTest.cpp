@@ -552,6 +552,19 @@ TEST_F(LWatcherSetTest, LosesNoChangeOfAKeyWhenMemoryRunsOut) {
   EXPECT_EQ(set->WaitUntil(kPast), kNothing);
 }
 
+TEST_F(LWatcherSetTest, LeavesAChangeOfAKeyToItsWatcherWhenMemoryRunsOut) {
+  const Row row(std::string(100, 'k'), std::string(1000, 'v'));
+  const auto watcher = table_->Watch(row.first);
+  const auto set = Varnix::MakeWatcherSet({watcher});
+  table_->Set(row);
+  {
+    const FailingAllocation failing(1);
+    EXPECT_THROW(set->Wait(), std::bad_alloc);
+  }
+
+  EXPECT_EQ(watcher->GetChanges(), std::vector<Row>{row});
+}
+
 TEST_F(LWatcherSetTest, WorksAfterMemoryRanOutWhileAnotherWasMade) {
   const std::vector<std::shared_ptr<Varnix::Watcher>> watchers{table_->WatchAll(), table_->Watch("k")};
   const auto set = Varnix::MakeWatcherSet(watchers);
