@@ -54,8 +54,14 @@ std::string ToHex(const std::string& bytes) {
 
 // Past stdio, so that a flush of all streams is the library's business alone.
 void Say(const std::string& words) {
-  static std::mutex& lock = *new std::mutex;
-  const std::lock_guard<std::mutex> guard(lock);
+  // A lock that another thread holds at a fork is never given back in the child, which makes its own at its first line.
+  static std::mutex* lock = new std::mutex;
+  static pid_t owner = getpid();
+  if (owner != getpid()) {
+    lock = new std::mutex;
+    owner = getpid();
+  }
+  const std::lock_guard<std::mutex> guard(*lock);
   const std::string line = words + "\n";
   for (std::size_t written = 0; written < line.size();) {
     const ssize_t size = write(STDOUT_FILENO, line.data() + written, line.size() - written);
