@@ -1159,6 +1159,29 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
   CloseStream();
 }
 
+TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfBufferedRows) {
+  OpenStream();
+  const std::vector<Varnix::Row> rows = RowsOfManySizes();
+  const std::string expected = BytesOf(rows);
+  std::string received;
+  std::thread peer([&] { received = PeerReceives(expected.size()); });
+
+  {
+    HostThatFlushes host;
+    while (host.Flushes() == 0) std::this_thread::yield();
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      EXPECT_TRUE(BufferRecord(rows[i], *stream_));
+      EXPECT_TRUE(i % 7 != 0 || FlushRecords(*stream_));
+    }
+    EXPECT_TRUE(FlushRecords(*stream_));
+    peer.join();
+  }
+
+  EXPECT_TRUE(received == expected) << "bytes differ";
+  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
+  CloseStream();
+}
+
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
   OpenStream();
   std::vector<Varnix::Row> rows;

@@ -810,34 +810,41 @@ TEST_F(TableSenderTest, RowsInTheBufferLeaveBeforeAHookIsCalledThatHasBeenSetMea
 }
 
 TEST_F(TableSenderTest, PeerThatGoesInTheMiddleOfABurstIsNoticedWithinABuffer) {
-  const QuietBurst burst(100000, 100ns);
-  for (int i = 0; i < 100000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");
+  std::size_t calls_before = 0;
+  const QuietBurst burst(10000, 10ns, [&](int taken) {
+    if (taken != 1000) return;
+    calls_before = trace_.size();
+    PeerCloses();
+  });
+  for (int i = 0; i < 10000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");  // 15 bytes each.
   PeerSays(kOtherGroup);
-  passes_ = {NothingIsThere, [this](pollfd& entry) {
-               PeerCloses();
-               entry.revents = POLLIN;
-               return 1;
-             }};
+  passes_.assign(10, [](pollfd& entry) { return Hooks().poll.Real(&entry, 1, 0); });
 
   Send();
 
-  EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 2);
-  EXPECT_LE(std::count(trace_.begin() + 1, trace_.end(), "send 8192"), 2);
+  trace_.erase(trace_.begin(), trace_.begin() + static_cast<std::ptrdiff_t>(calls_before));
+  EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 1);
+  EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "send 8192"), 1);
 }
 
 TEST_F(TableSenderTest, StopInTheMiddleOfABurstEndsItWithinABuffer) {
-  const QuietBurst burst(100000, 100ns);
-  for (int i = 0; i < 100000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");
+  std::size_t calls_before = 0;
+  const QuietBurst burst(10000, 10ns, [&](int taken) {
+    if (taken == 1000) {
+      calls_before = trace_.size();
+      member_->done_table->Set({"done", "y"});
+    }
+    SetRow("\x03tblkey", std::to_string(taken));  // The set gives the newest of its two.
+  });
+  for (int i = 0; i < 10000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");
   PeerSays(kOtherGroup);
-  passes_ = {NothingIsThere, [this](pollfd&) {
-               member_.SignalDone();
-               member_->done_table->Set({"done", "y"});
-               return 0;
-             }};
+  passes_.assign(10, NothingIsThere);
 
   Send();
 
-  EXPECT_EQ(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 2);
+  trace_.erase(trace_.begin(), trace_.begin() + static_cast<std::ptrdiff_t>(calls_before));
+  EXPECT_LE(std::count(trace_.begin(), trace_.end(), "poll socket POLLIN 0"), 1);
+  EXPECT_LE(std::count(trace_.begin(), trace_.end(), "send 8192"), 1);
 }
 
 TEST_F(TableSenderTest, KeyThatIsEmptyOnTheWireHoldsNoRowBeforeItBack) {
@@ -871,23 +878,47 @@ TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesABurstWithTheNextRowOnly) {
 }
 
 TEST_F(TableSenderTest, ForkInABurstSendsNothingTwice) {
-  const QuietBurst burst(1000, 100ns);
-  std::string expected = kUs;
-  for (int i = 0; i < 1000; ++i) SetRow("\x03tbl" + std::to_string(1000 + i), "v");
-  PeerSays(kOtherGroup);
-  passes_.assign(3, [](pollfd&) {
+  const QuietBurst burst(1000, 100ns, [](int taken) {
+    if (taken != 500) return;
     const pid_t child = fork();
     if (child == 0) {
       fflush(nullptr);
       _exit(0);
     }
     waitpid(child, nullptr, 0);
-    return 0;
   });
+  std::string expected = kUs;
+  for (int i = 0; i < 1000; ++i) {
+    const std::string number = std::to_string(1000 + i);
+    SetRow("\x03tbl" + number, "v");
+    expected += Bytes("\x00\x80\x00\x01\x03tbl") + number + "v";
+  }
+  PeerSays(kOtherGroup);
+  passes_.assign(2, NothingIsThere);
 
   Send();
 
-  EXPECT_EQ(PeerReceives().size(), kUs.size() + 1000 * 13);
+  EXPECT_TRUE(PeerReceives() == expected) << "bytes differ";
+}
+
+TEST_F(TableSenderTest, RowsBeforeOneThatThereIsNoMemoryForLeaveWhenTheStreamEnds) {
+  std::optional<FailingAllocation> failing;
+  const QuietBurst burst(5, 1us, [&](int taken) {
+    if (taken == 3) failing.emplace(1);
+  });
+  std::string expected = kUs;
+  for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc", "\x03tbld", "\x03tble"}) {
+    const std::string value(100, 'v');
+    SetRow(key, value);
+    if (key[4] <= 'c') expected += Bytes("\x00\x50\x00\x64") + key + value;
+  }
+  PeerSays(kOtherGroup);
+  passes_ = {NothingIsThere};
+
+  Send();
+
+  EXPECT_TRUE(failing && failing->HasFailed());
+  EXPECT_EQ(PeerReceives(), expected);
 }
 
 TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesWithTheNextRow) {
