@@ -17,6 +17,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -50,6 +52,30 @@ std::string ToHex(const std::string& bytes) {
     hex += kDigits[value & 0xF];
   }
   return hex;
+}
+
+#ifdef __SANITIZE_ADDRESS__
+bool OthersSleep() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == std::to_string(gettid())) continue;
+    std::ifstream file(task.path() / "stat");
+    std::string stat;
+    std::getline(file, stat);
+    const std::string::size_type name_end = stat.rfind(')');
+    if (name_end != std::string::npos && stat.at(name_end + 2) != 'S') return false;
+  }
+  return true;
+}
+#endif
+
+pid_t ForkInAQuietMoment() {
+#ifdef __SANITIZE_ADDRESS__
+  // Unlike the C library's, the sanitizer's allocator stays locked in the child if another thread is inside it at the
+  // fork. So this waits for a moment when none is.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (!OthersSleep() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+#endif
+  return fork();
 }
 
 // Past stdio, so that a flush of all streams is the library's business alone.
@@ -227,7 +253,7 @@ class Host {
 
   // A program that sleeps until it is killed.
   void Spawn() {
-    const pid_t child = fork();
+    const pid_t child = ForkInAQuietMoment();
     if (child == 0) {
       execl("/bin/sleep", "sleep", "1000", nullptr);
       _exit(1);
@@ -241,7 +267,7 @@ class Host {
   // A child without exec, which ends as the next word says.
   void Fork() {
     const std::string end = Word();
-    const pid_t child = fork();
+    const pid_t child = ForkInAQuietMoment();
     if (child == 0) {
       status_ = 7;
       if (end != "return") std::exit(7);
@@ -252,14 +278,14 @@ class Host {
 
   // A child without exec carries out the commands that follow, until it is told to return.
   void Child() {
-    const pid_t child = fork();
+    const pid_t child = ForkInAQuietMoment();
     if (child != 0) Await(child);
   }
 
   // The same from a thread that is not the first, and is newer than all others. The child goes on in it.
   void ChildOfAThread() {
     std::thread([this] {
-      const pid_t child = fork();
+      const pid_t child = ForkInAQuietMoment();
       if (child != 0) return Await(child);
       Say("ok");
       std::exit(Run());
@@ -276,7 +302,7 @@ class Host {
 
   // A child without exec that sleeps until it is killed.
   void Sleeper() {
-    const pid_t child = fork();
+    const pid_t child = ForkInAQuietMoment();
     while (child == 0) pause();
     Say("forked " + std::to_string(child));
   }
