@@ -78,10 +78,11 @@ TEST_F(Fork, LeavesTheParentAsItWas) {
   EXPECT_EQ(set_->WaitUntil(Clock::time_point()).second, nullptr);
 }
 
-#if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
+// Emulators abort where a child of a process with threads starts one. The address sanitizer's allocator stays locked in
+// the child if another thread is inside it at the fork.
+#if !defined(VARNIX_EMULATED) && !defined(__SANITIZE_ADDRESS__)
 TEST_F(Fork, HappensAnyTimeWhileOtherThreadsSetRowsAndWait) {
   std::atomic<bool> done{false};
-  // Short strings need no memory: the lock of the address sanitizer's allocator would stay locked in the child.
   const Varnix::Row rows[] = {{"k", "even"}, {"k", "odd"}};
   std::thread setter([&] {
     for (std::size_t i = 0; !done; ++i) table_->Set(rows[i % 2]);
