@@ -164,36 +164,43 @@ def test_a_value_above_the_limit_arrives_cut_and_the_stream_goes_on(two_places, 
     assert right.gets_row(b"plant", b"small", b"after", b"1")
 
 
-def test_a_peer_that_falls_silent_is_given_up_by_the_side_that_receives(two_places, make_host):
-    left, right = two_places
-    host = start_in(left, make_host)
+def greeted_by_a_peer(host, place):
+    """The stream of a peer there that has announced itself to the host, and has said who it is."""
     host.share(b"plant", b"line-4", b"left", address="10.1.1.255")
-    with right:
+    with place:
         peer = wire.Listener()
         wire.Ether().announce(peer.port, b"line-4", "10.1.1.255")
         stream = peer.accept()
         stream.send(wire.hello(b"plant", b"right", b"q"))
-        assert stream.receive(10) == b"\x00\x60\x00\x02" b"line-4"
+    return stream
+
+
+def gives_up_its_peer(host):
+    return (host.logs(3, "cook.rd.rd", "Cookie::Read: read error 1(10|13)")  # Timed out, or no route.
+            and host.logs(7, "tblrcvr.dtor", r"TableReceiver\(0x[0-9a-f]+\) stopping"))
+
+
+def test_a_peer_that_falls_silent_is_given_up_by_the_side_that_receives(two_places, make_host):
+    left, right = two_places
+    host = start_in(left, make_host)
+    stream = greeted_by_a_peer(host, right)
+    assert stream.receive(10) == b"\x00\x60\x00\x02" b"line-4"
 
     right.ip("link set eth0 down")  # As when power is lost: no packet tells of it.
 
-    assert host.logs(3, "cook.rd.rd", "Cookie::Read: read error 1(10|13)")  # Timed out, or no route.
-    assert host.logs(7, "tblrcvr.dtor", r"TableReceiver\(0x[0-9a-f]+\) stopping")
+    assert gives_up_its_peer(host)
 
 
 def test_a_peer_that_dies_before_it_has_taken_our_answer_is_given_up_as_soon(two_places, make_host):
     left, right = two_places
     host = start_in(left, make_host)
-    host.share(b"plant", b"line-4", b"left", address="10.1.1.255")
     with right:
-        peer = wire.Listener()
         for command in ("table inet wall", "chain inet wall input { type filter hook input priority 0 ; }",
                         "rule inet wall input tcp flags & (syn | psh) == psh drop"):  # All that carries bytes.
             subprocess.run(["nft", f"add {command}"], check=True)
-        wire.Ether().announce(peer.port, b"line-4", "10.1.1.255")
-        stream = peer.accept()
-        stream.send(wire.hello(b"plant", b"right", b"q"))
+
+    stream = greeted_by_a_peer(host, right)  # Which stays open.
 
     assert host.logs(7, "tblrcvr.strm.grp", ".*")
-    assert host.logs(3, "cook.rd.rd", "Cookie::Read: read error 1(10|13)")
-    assert host.logs(7, "tblrcvr.dtor", r"TableReceiver\(0x[0-9a-f]+\) stopping")
+    assert gives_up_its_peer(host)
+    stream.close()

@@ -199,7 +199,7 @@ def test_a_member_that_starts_while_the_doctor_looks_is_no_fault(hosts, share, s
             doctor = start("doctor", "--json", "-w", seconds, **EVERYBODY)
         ether.receive()
         ether.socket.close()
-        time.sleep(1.2)  # As long as those who were there had for coming by themselves.
+        time.sleep(1.2)  # The case itself: a member starts when the second for coming unasked is over.
         press = share()
         doctor.ends()
         found = findings(doctor.lines)

@@ -112,7 +112,7 @@ def test_one_that_sends_a_byte_now_and_then_is_not_waited_for(press, fake, look)
     def dribble(connected):
         for byte in fakes.GREETING * 1000:
             connected.sendall(bytes([byte]))
-            time.sleep(0.1)  # The pace of the attack.
+            time.sleep(0.1)  # The attack itself: never silent, and never done within -w.
 
     status, dump = look([fake(dribble)], "dump", "-w", "1.5")
 
@@ -238,20 +238,20 @@ def test_a_reader_that_pauses_gets_every_row(network, make_host, start):
 
     with open(reader, "rb") as shown:
         begun = shown.read(4)
-        time.sleep(3.2)  # The pause.
+        time.sleep(3.2)  # The case itself: a pause that is longer than -w.
         rows = (begun + shown.read()).count(b"\n")
 
     assert (dump.ends(), dump.errors, rows) == (0, "", 400)
 
 
 def sleeps(pid):
-    """Whether it uses no processor for a while."""
+    """Whether it uses no processor during 0.2 s, twenty times what the kernel counts in."""
     def used():
         with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
             return stat.read().rpartition(")")[2].split()[11:13]
 
     before = used()
-    time.sleep(0.2)  # The while.
+    time.sleep(0.2)  # What is measured over.
     return used() == before
 
 

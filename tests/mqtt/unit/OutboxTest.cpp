@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Outbox.h"
+#include "OwnDatabase.h"
 
 namespace {
 
@@ -37,18 +38,11 @@ class OutboxTest : public ::testing::Test {
     return !outbox_.IsDrained() || poll(&awaited, 1, 200) == 1;
   }
 
-  static Options MakeOptions() {
-    static int count = 0;
-    Options options;
-    options.site = "hall1";
-    options.databases = {"outbox" + std::to_string(++count)};
-    return options;
-  }
   std::string Topic(const std::string& table_and_key) const {
     return "varnix/hall1/" + options_.databases.front() + "/" + table_and_key;
   }
 
-  const Options options_ = MakeOptions();
+  const Options options_ = OptionsOfOwnDatabase();
   const Topics topics_{"varnix"};
   const Log log_{Log::Level::Error};
   Outbox outbox_{options_, topics_, log_};

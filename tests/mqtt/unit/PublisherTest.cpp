@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "DrivenBroker.h"
+#include "OwnDatabase.h"
 #include "Publisher.h"
 
 namespace {
@@ -25,14 +26,6 @@ using ::testing::internal::GetCapturedStderr;
 class PublisherTest : public ::testing::Test {
  protected:
   PublisherTest() { Connect(); }
-
-  static Options MakeOptions() {
-    static int count = 0;
-    Options options;
-    options.site = "hall1";
-    options.databases = {"publisher" + std::to_string(++count)};
-    return options;
-  }
 
   void Connect() {
     ASSERT_TRUE(driven_.broker.Connect(std::nullopt));
@@ -64,7 +57,7 @@ class PublisherTest : public ::testing::Test {
   }
 
   DrivenBroker driven_;
-  const Options options_ = MakeOptions();
+  const Options options_ = OptionsOfOwnDatabase();
   const Topics topics_{"varnix"};
   Publisher publisher_{options_, topics_, driven_.broker, driven_.log};
   const std::shared_ptr<Varnix::Table> table_ = Varnix::MakeSharedTable(options_.databases.front(), "t");

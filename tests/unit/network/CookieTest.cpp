@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -45,6 +46,9 @@ class CookieTest : public ConnectionTest {
     std::string bytes;
     return Read(bytes);
   }
+  // `write` writes the rows while a host flushes all the time: they arrive as they are, and nothing else does.
+  void ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
+                                 const std::function<void(const std::vector<Varnix::Row>&)>& write);
 };
 
 // "poll" for each poll, and "send 7" for each send of 7 bytes, of which the connection takes at most `capacity`.
@@ -830,6 +834,25 @@ std::string BytesOf(const std::vector<Varnix::Row>& rows) {
   return bytes;
 }
 
+void CookieTest::ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
+                                           const std::function<void(const std::vector<Varnix::Row>&)>& write) {
+  OpenStream();
+  const std::string expected = BytesOf(rows);
+  std::string received;
+  std::thread peer([&] { received = PeerReceives(expected.size()); });
+
+  {
+    HostThatFlushes host;
+    while (host.Flushes() == 0) std::this_thread::yield();
+    write(rows);
+    peer.join();
+  }
+
+  EXPECT_TRUE(received == expected) << "bytes differ";
+  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
+  CloseStream();
+}
+
 }  // namespace
 
 TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
@@ -1141,66 +1164,29 @@ TEST_F(CookieTest, ForkedChildWritesNothingIntoWhatHasGotTheNumberOfItsParentsSo
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
-  OpenStream();
-  const std::vector<Varnix::Row> rows = RowsOfManySizes();
-  const std::string expected = BytesOf(rows);
-  std::string received;
-  std::thread peer([&] { received = PeerReceives(expected.size()); });
-
-  {
-    HostThatFlushes host;
+  ArriveWhileTheHostFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
     for (const Varnix::Row& row : rows) EXPECT_TRUE(WriteRecord(row, *stream_));
-    peer.join();
-    while (host.Flushes() == 0) std::this_thread::yield();
-  }
-
-  EXPECT_TRUE(received == expected) << "bytes differ";
-  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
-  CloseStream();
+  });
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfBufferedRows) {
-  OpenStream();
-  const std::vector<Varnix::Row> rows = RowsOfManySizes();
-  const std::string expected = BytesOf(rows);
-  std::string received;
-  std::thread peer([&] { received = PeerReceives(expected.size()); });
-
-  {
-    HostThatFlushes host;
-    while (host.Flushes() == 0) std::this_thread::yield();
+  ArriveWhileTheHostFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
     for (std::size_t i = 0; i < rows.size(); ++i) {
       EXPECT_TRUE(BufferRecord(rows[i], *stream_));
       EXPECT_TRUE(i % 7 != 0 || FlushRecords(*stream_));
     }
     EXPECT_TRUE(FlushRecords(*stream_));
-    peer.join();
-  }
-
-  EXPECT_TRUE(received == expected) << "bytes differ";
-  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
-  CloseStream();
+  });
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
-  OpenStream();
-  std::vector<Varnix::Row> rows;
-  for (int i = 0; i < 5000; ++i) rows.emplace_back("key number " + std::to_string(i), "");
-  rows.emplace_back("last", "v");
-  const std::string expected = BytesOf(rows);
-  std::string received;
-  std::thread peer([&] { received = PeerReceives(expected.size()); });
+  std::vector<Varnix::Row> all;
+  for (int i = 0; i < 5000; ++i) all.emplace_back("key number " + std::to_string(i), "");
+  all.emplace_back("last", "v");
 
-  {
-    HostThatFlushes host;
-    while (host.Flushes() == 0) std::this_thread::yield();
+  ArriveWhileTheHostFlushes(all, [this](const std::vector<Varnix::Row>& rows) {
     for (const Varnix::Row& row : rows) EXPECT_EQ(WriteRecord(row, *stream_), !row.second.empty());
-    peer.join();
-  }
-
-  EXPECT_TRUE(received == expected) << "bytes differ";
-  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
-  CloseStream();
+  });
 }
 
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {

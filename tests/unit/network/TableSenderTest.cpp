@@ -94,6 +94,9 @@ class TableSenderTest : public testing::Test {
     sent_ = true;
     SendTable(*member_, Own(socket_), 0x7F010203, esns_, member_.FoundPeer());
   }
+  // A burst of so many rows leaves whole, in pieces of a full buffer: one piece between two looks at the peer.
+  void LeavesByTheBuffer(int rows, const std::string& key, const std::string& value, std::size_t row_size,
+                         std::size_t looks);
   void SendWithDefaultLogger() {
     SetLogHook(DefaultLogger);
     Send();
@@ -230,6 +233,19 @@ class QuietBurst {
   std::chrono::steady_clock::time_point time_;
   HookedHere<std::chrono::steady_clock::time_point()> now_;
 };
+
+void TableSenderTest::LeavesByTheBuffer(int rows, const std::string& key, const std::string& value,
+                                        std::size_t row_size, std::size_t looks) {
+  const QuietBurst burst(rows, 100ns);
+  for (int i = 0; i < rows; ++i) SetRow(key + std::to_string(1000 + i), value);
+  PeerSays(kOtherGroup);
+  passes_.assign(looks, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + row_size)));
+  EXPECT_EQ(PeerReceives().size(), kUs.size() + static_cast<std::size_t>(rows) * row_size);
+}
 
 }  // namespace
 
@@ -766,28 +782,10 @@ TEST_F(TableSenderTest, RowStaysInTheBufferForHalfAMillisecond) {
 }
 
 TEST_F(TableSenderTest, RowsOfALongBurstLeaveWhenTheBufferIsFull) {
-  const QuietBurst burst(300, 100ns);
-  for (int i = 0; i < 300; ++i) SetRow("\x03tbl" + std::to_string(1000 + i), std::string(92, 'v'));  // 104 bytes each.
-  PeerSays(kOtherGroup);
-  passes_.assign(4, NothingIsThere);
-
-  Send();
-
-  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + 104)));
-  EXPECT_EQ(PeerReceives().size(), kUs.size() + 300 * 104);
+  LeavesByTheBuffer(300, "\x03tbl", std::string(92, 'v'), 104, 4);
 }
 
-TEST_F(TableSenderTest, HeadersOfShortRowsFillTheBufferToo) {
-  const QuietBurst burst(2000, 100ns);
-  for (int i = 0; i < 2000; ++i) SetRow("\x01t" + std::to_string(1000 + i), "v");  // 11 bytes each.
-  PeerSays(kOtherGroup);
-  passes_.assign(3, NothingIsThere);
-
-  Send();
-
-  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + 11)));
-  EXPECT_EQ(PeerReceives().size(), kUs.size() + 2000 * 11);
-}
+TEST_F(TableSenderTest, HeadersOfShortRowsFillTheBufferToo) { LeavesByTheBuffer(2000, "\x01t", "v", 11, 3); }
 
 TEST_F(TableSenderTest, RowsInTheBufferLeaveBeforeAHookIsCalledThatHasBeenSetMeanwhile) {
   std::vector<std::string> received;

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <future>
 #include <optional>
@@ -138,8 +139,9 @@ TEST(FileDescriptor, ChildOpensAndForksAnew) {
 
 TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
   std::promise<void> making;
-  std::promise<void> forking;
   std::promise<void> forked;
+  std::atomic<bool> forks{false};
+  const pid_t forking_thread = gettid();
   std::optional<FileDescriptor> owner;
   int number = -1;
   std::thread maker([&] {
@@ -147,16 +149,16 @@ TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
       const NoFork no_fork;
       number = dup(STDERR_FILENO);
       making.set_value();
-      forking.get_future().wait_for(std::chrono::milliseconds(200));  // The longer, the surer that fork() waits.
+      while (!forks || StateOfThread(forking_thread) != 'S') std::this_thread::yield();  // Until fork() waits.
       owner.emplace(no_fork, number);
     }
     forked.get_future().wait();  // The thread sanitizer wants a child to join the threads that had ended.
   });
   making.get_future().wait();
 
+  forks = true;
   const bool closed = HoldsInChild([&] { return !IsOpen(number); });
 
-  forking.set_value();
   forked.set_value();
   maker.join();
   EXPECT_TRUE(closed);
