@@ -52,8 +52,10 @@ def fake(ether):
 def look(start, ether):
     """Runs a command to its end while fake members announce themselves as soon as it listens."""
     def run_among(members, *arguments):
+        fresh = wire.Ether()  # In which no announcement of an earlier command waits.
         running = start(*arguments)
-        ether.receive()  # The command has announced itself, so it hears.
+        fresh.receive()  # The command has announced itself, so it hears.
+        fresh.socket.close()
         for member in members:
             member.announce(ether)
         status = running.ends()
