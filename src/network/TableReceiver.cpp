@@ -102,19 +102,20 @@ void TableReceiver::ReceiveRows() {
 
 std::optional<PeerPlace> ReceiveTable(const Member& member, const PeerPlace& place, std::chrono::nanoseconds time_limit,
                                       const std::shared_ptr<ActiveESNs>& active_esns) {
-  // The peer has restarted, or moved, before the end of its old stream was seen. Its next announcement may be a minute
-  // away.
+  // Set when the registration ends, and not before. A peer that was refused elsewhere meanwhile has restarted there, or
+  // moved, before the end of its old stream was seen. Its next announcement may be a minute away.
   std::optional<PeerPlace> elsewhere;
   try {
     TableReceiver receiver(member, place);
     receiver.MakeSocket();
     std::string uid;
-    if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return elsewhere;
+    if (!receiver.Connect(time_limit) || !receiver.MakeStream() || !receiver.ReceiveUid(uid)) return std::nullopt;
     const EsnRegistration registration(active_esns, uid, place, elsewhere);
     if (!registration.Inserted()) throw AlreadyConnected();
-    if (!receiver.SendGroup(uid)) return elsewhere;
-    const PeerTableEntry shown(*member.peer_table, uid, place);
-    receiver.ReceiveRows();
+    if (receiver.SendGroup(uid)) {
+      const PeerTableEntry shown(*member.peer_table, uid, place);
+      receiver.ReceiveRows();
+    }
   } catch (const std::bad_alloc&) {
     // A peer whose rows do not fit in memory loses its stream; it must not take the process with it.
   }
