@@ -12,7 +12,8 @@ using LogHook = std::function<void(Varnix::LogLevel, const char*, const char*, v
 
 // Hands a message, unexpanded, to the process-wide log hook. An empty hook drops it. All messages go through here.
 //
-// Threads: any. The hook runs under the log lock, the innermost of all, so its calls never overlap.
+// Threads: any. The hook runs under the log lock, so its calls never overlap. Below that lock there is only that of the
+// descriptors.
 // Errors: std::system_error when the lock fails, and what the hook throws. The lock is released then.
 void Log(Varnix::LogLevel level, const char* tag, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
