@@ -45,8 +45,10 @@
 //   its table, watcher or set as it was. A call of several steps may have done the first of them: Set of a shared table
 //   may have handed the row to the peers and not to the watchers here, a call that names a new database or table may
 //   have made it, and SetSharingGroup or StopSharing may have ended the sharing.
-// Abort: a system call that fails while sharing is set up (for want of descriptors, say), and a few that hardly can
-//   fail later (poll on valid descriptors, say), are logged and end the process with abort().
+// Abort: these are logged and end the process with abort(): a socket or pipe that cannot be made or prepared while
+//   sharing is set up (for want of descriptors, say), a socket or stdio stream that cannot be made for a peer later, a
+//   poll() that fails, and a send for which the system has no memory although it has said that there is room. The last
+//   two can hardly happen.
 // Exit: once the library's own exit-time destructors have run, tables and watchers still work; log messages are
 //   dropped until a hook is set anew, GetLocalTables() is empty, and databases begin anew and are shared with nobody.
 // Fork: a child that does not exec has its own copies of tables, watchers and sets, and is a process like any other.
