@@ -810,6 +810,18 @@ TEST_F(TableReceiverTest, PlaceOfARefusalIsToBeTriedNextAlsoWhenMemoryRunsOut) {
   EXPECT_EQ(Receive(), (PeerPlace{INADDR_LOOPBACK, 9}));
 }
 
+TEST_F(TableReceiverTest, PlaceOfARefusalIsToBeTriedNextAlsoWhenTheGroupCannotBeSent) {
+  const HookedHere<ssize_t(int, const void*, std::size_t, int)> send{
+      Hooks().send, [this](int, const void*, std::size_t, int) -> ssize_t {
+        std::optional<PeerPlace> nothing;
+        EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing);
+        return FailWith{EPIPE}();
+      }};
+  peer_.says = kPeer;
+
+  EXPECT_EQ(Receive(), (PeerPlace{INADDR_LOOPBACK, 9}));
+}
+
 TEST_F(TableReceiverTest, StreamWithoutARefusalLeavesNoPlaceToTryNext) {
   peer_.says = kPeer;
   peer_.answers = kRow;
