@@ -79,7 +79,7 @@ void Discovery::StartBurst() {
   if (read(entries_[kWake].fd, &wake_byte, 1) != 1) {
     LogErrnoAndAbort("tblsvr.dscv.done.rd", "TableServer: Discover::poll done pipe read error %d");
   }
-  LogOf(member_, LogLevel::Debug, "tblsvr.dscv.chg", VARNIX_TABLE_SERVER " notified of network change");
+  VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.dscv.chg", " notified of network change");
   next_send_ = Clock::now();
   burst_intervals_left_ = kBurstIntervals;
 }

@@ -28,10 +28,15 @@ struct Member {
   const void* server = nullptr;                  // Only printed: it tells the servers of a log apart.
 };
 
-// How every log line of a table server begins.
-#define VARNIX_TABLE_SERVER "TableServer for %.*s::%s::%s(%p)"
+// Logs a line that begins with the name of the table server, as all of them do. What follows the tag is the format of
+// the rest and its arguments; compilers check them as those of printf().
+#define VARNIX_LOG_OF(member, level, tag, ...)                \
+  (static_cast<void>(sizeof(CheckedAsOfPrintf(__VA_ARGS__))), \
+   LogOf(member, level, tag, "TableServer for %.*s::%s::%s(%p)" __VA_ARGS__))
 
-// Logs a line that begins so. `format` is VARNIX_TABLE_SERVER and the rest, which `arguments` are for.
+// Never called.
+int CheckedAsOfPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 template <class... Arguments>
 void LogOf(const Member& member, Varnix::LogLevel level, const char* tag, const char* format, Arguments... arguments) {
   const PrintableKey uid(member.uid);

@@ -41,12 +41,12 @@ void ReceiveLoop::Run() {
   } catch (const SelfConnect&) {
   } catch (const AlreadyConnected&) {
   } catch (const WrongServer&) {
-    LogOf(member_, LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
-          VARNIX_TABLE_SERVER " aborting ReceiveTable for %u:%u because connected to wrong table server",
-          place_.address, place_.port);
+    VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
+                  " aborting ReceiveTable for %u:%u because connected to wrong table server", place_.address,
+                  place_.port);
   } catch (const AbortRequested&) {
-    LogOf(member_, LogLevel::Info, "tblsvr.fnd.rcv.abort", VARNIX_TABLE_SERVER " aborting ReceiveTable for %u:%u",
-          place_.address, place_.port);
+    VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.abort", " aborting ReceiveTable for %u:%u", place_.address,
+                  place_.port);
   }
 }
 
@@ -65,14 +65,13 @@ bool ReceiveLoop::MayRetry(Clock::duration lasted, Clock::time_point ended) {
   if (lasted >= kSuccess) {
     deadline_ = ended + kRetryPeriod;
   } else if (ended >= deadline_) {
-    LogOf(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.fail",
-          VARNIX_TABLE_SERVER " giving up ReceiveTable for %u:%u retries", place_.address, place_.port);
+    VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.fail", " giving up ReceiveTable for %u:%u retries",
+                  place_.address, place_.port);
     return false;
   }
   const long long remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - ended).count();
-  LogOf(member_, LogLevel::Info, "tblsvr.fnd.rcv.err",
-        VARNIX_TABLE_SERVER " error from ReceiveTable for %u:%u, retrying for %lldms", place_.address, place_.port,
-        remaining);
+  VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err",
+                " error from ReceiveTable for %u:%u, retrying for %lldms", place_.address, place_.port, remaining);
   return true;
 }
 
@@ -84,7 +83,6 @@ bool ReceiveLoop::PauseBeforeRetry() {
     return false;
   }
   if (done.revents == 0) return true;
-  LogOf(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.abort",
-        VARNIX_TABLE_SERVER " aborted while retrying ReceiveTable");
+  VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.abort", " aborted while retrying ReceiveTable");
   throw AbortRequested();
 }

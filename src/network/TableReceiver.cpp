@@ -85,8 +85,8 @@ bool TableReceiver::ReceiveUid(std::string& uid) {
 
 bool TableReceiver::SendGroup(const std::string& peer_uid) {
   const PrintableKey peer(peer_uid);
-  LogOf(member_, LogLevel::Debug, "tblsvr.fnd", VARNIX_TABLE_SERVER " found peer: %.*s::%s %u:%u", peer.name_length,
-        peer.name, peer.key, place_.address, place_.port);
+  VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.fnd", " found peer: %.*s::%s %u:%u", peer.name_length, peer.name,
+                peer.key, place_.address, place_.port);
   Log(LogLevel::Debug, "tblrcvr.strm.grp", "TableReceiver(%p) sending group=\"%s\" port=%u", static_cast<void*>(this),
       member_.group.c_str(), member_.listen_port);
   // Keepalive asks nothing while a record is on its way to a peer that has just died.

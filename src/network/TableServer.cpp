@@ -60,7 +60,7 @@ TableServer::TableServer(const std::string& uid, const std::string& database,
             SendTable(member_, std::move(socket), address, active_esns, found_peer_);
           }) {
   member_.server = this;
-  LogOf(member_, LogLevel::Debug, "tblsvr.ctor", VARNIX_TABLE_SERVER " ctor");
+  VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.ctor", " ctor");
   listener_ = OpenListeningSocket(member_.listen_port);
   discoverer_ = OpenDiscoverySocket();
   done_pipe_ = OpenDonePipe();
