@@ -31,7 +31,7 @@ class PeerThreads {
 
   // What the threads do. Addresses are in host byte order.
   PeerThreads(std::string database, Receive receive, Serve serve);
-  // All threads must have ended: see AwaitAll().
+  // Awaits their end.
   ~PeerThreads();
   PeerThreads(const PeerThreads&) = delete;
   PeerThreads& operator=(const PeerThreads&) = delete;
@@ -39,7 +39,8 @@ class PeerThreads {
   // When there is no thread, the place waits for one, unless 1,024 of this server do so already. It is logged once for
   // all places that come to wait until none is left.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
-  // Takes over the socket and returns 0; or returns an error number, with the socket left as it is.
+  // Takes over the socket and returns 0; or returns an error number, with the socket left as it is: Acceptor
+  // tries again for 100 ms and then closes it.
   int StartSender(FileDescriptor& socket, unsigned address);
 
   const std::shared_ptr<ActiveESNs>& GetActiveESNs() const { return active_esns_; }

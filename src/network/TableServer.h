@@ -56,7 +56,7 @@ class TableServer {
   const sockaddr_in broadcast_address_;
   FileDescriptor listener_;
   FileDescriptor discoverer_;
-  Pipe done_pipe_;  // Readable from the moment the server stops: the stop signal of every wait but the sender threads'.
+  Pipe done_pipe_;
   Pipe wake_pipe_;
   const FoundPeerCallback found_peer_;
   PeerThreads peer_threads_;

@@ -25,7 +25,7 @@
 // Errors: when a call throws, the table is as it was.
 class LocalTable final : public Varnix::Table, public std::enable_shared_from_this<LocalTable> {
  public:
-  class LWatcher;
+  class LWatcher;  // L stands for local.
   class AllWatcher;
   class KeyWatcher;
   class WatcherSetListener;
