@@ -30,7 +30,7 @@
 //   SetSharingGroup, StopSharing        the end of all threads of the sharing that it replaces, or stops
 //   GetSharingGroup                     a SetSharingGroup or StopSharing of the same database that is running
 //   NetworkChanged                      every SetSharingGroup and StopSharing that is running
-//   what names a database               a NetworkChanged that waits so
+//   calls that name a database          a NetworkChanged that is waiting for those
 //   SetLoggingFunction                  a call of the hook that is running
 //   exit(), the return from main        the end of all threads of the library, and a call of the hook that is running
 //   fork()                              calls that are in progress, and a call of the hook that is running
@@ -60,9 +60,9 @@
 //   program's own or of another library's.
 // Exec: every descriptor is closed on exec, from the moment it is made.
 // Signals: no handler and no mask is changed, and SIGPIPE is never raised. The library's threads inherit the signal
-//   mask and the scheduling of the thread that calls SetSharingGroup (the thread of a peer that had to wait for room:
-//   those of such a call for any database). A handler of the program may run on them, and
-//   those that serve peers have 256 KiB of stack: if this is too little, block its signal during that call.
+//   mask and the scheduling of the thread that calls SetSharingGroup; a thread for a peer that had to wait for room may
+//   have those of a call for another database. A handler of the program may run on them, and those that serve peers
+//   have 256 KiB of stack: if this is too little, block its signal during each such call.
 //
 // Limits of what is shared (rows that never leave the process have none)
 //
@@ -218,8 +218,8 @@ VARNIX_EXPORT std::shared_ptr<Table> GetTableTable(std::string database);
 /// The table of the members from whom this process receives rows of the database: key "DEVICE::PROCESS", value
 /// "ADDRESS:PORT" while the stream from that member lives, and "" after it has ended: at once when the member ends,
 /// within about 4 seconds when its power or its network is cut. It is there to be watched, not to be set, also before
-/// the database is shared. It is made at the first call; members that have gone before are not in it. One that ends
-/// the stream right after it has learnt our group is in it for that moment: until then it is like one without rows.
+/// the database is shared. It is made at the first call; members that have gone before are not in it. A member comes in
+/// as soon as it has been told our group. One that then ends the stream is in it for a moment, like one without rows.
 VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 
 /// A table of a database. All handles of the same database and table are handles of one table: what is set through one,
@@ -229,10 +229,11 @@ VARNIX_EXPORT std::shared_ptr<Table> GetPeerTable(std::string database);
 VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::string table);
 
 /// Shares the database with the members of `group` on the local network, from now until the process exits,
-/// StopSharing() or the next call for this database. Members share when their database and their group have the same
-/// name. There may be any number of them on one host or on many.
+/// StopSharing() or the next call for this database. Those share that name the same database and the same group. There
+/// may be any number of members on one host or on many.
 ///
-/// device, process: who we are. Together they must be different for each member, and both are only compared and logged.
+/// device, process: who we are. No two members may have the same pair. Both are only compared, logged and shown in peer
+///   tables.
 /// broadcast_address: where announcements are sent: an IPv4 address in network byte order, such as the s_addr of
 ///   inet_aton(). 0 stands for 255.255.255.255, which needs a route and leaves by one network only; a network's own
 ///   broadcast address chooses that network; 127.255.255.255 stays on this host. With an address that is no broadcast

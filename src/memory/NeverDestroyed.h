@@ -3,7 +3,8 @@
 
 #pragma once
 
-// An object that is never destroyed, and needs no memory of its own: for what threads that outlive main() still use.
+// Holds a static object that is never destroyed, because threads that outlive main() still use it. The object needs no
+// memory from the heap.
 template <class T>
 union NeverDestroyed {
   constexpr NeverDestroyed() : value() {}

@@ -13,8 +13,8 @@
 #include "threads/Mutex.h"
 
 // The peers from which one table server is receiving. An ESN, an electronic serial number, is here the identity (uid)
-// of a peer. The server, every peer thread and every registration hold this object; its destruction tells the stopping
-// server that the last of them is gone.
+// of a peer. The server, its Discovery, every peer thread and every registration hold this object. Its destruction
+// tells the stopping server that the last of them is gone.
 //
 // Threads: any. Its mutex is held only while one uid goes in or out.
 class ActiveESNs {

@@ -63,7 +63,7 @@ bool Connector::CheckConnection() {
     return false;
   }
   if (error != 0) {
-    // The number is errno, not `error`: field logs are read with that in mind.
+    // The number is not `error`, but errno as connect() has left it, 115: field logs are read with that in mind.
     Log(LogLevel::Info, "tblrcvr.sock.conn.err", "TableReceiver: connect failed: %d", errno);
     return false;
   }

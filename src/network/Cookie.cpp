@@ -37,7 +37,8 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
   return self.SendUnsent() && self.Send(buffer, size) ? all : 0;
 }
 
-// It comes between two records, in the log hook also on our thread. It must not wait for the peer.
+// A flush of the host's comes between two records, on another thread or, in the log hook, on ours. It must not wait for
+// the peer. (Of our own, only fclose() comes there.)
 bool Cookie::IsFlushOfTheHost() const {
   return locked_stream_ == nullptr && (std::this_thread::get_id() != thread_ || IsInLogHook());
 }

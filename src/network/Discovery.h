@@ -18,6 +18,8 @@ struct Member;
 // and then every 60 seconds, after a network change at 0, 2, 4 and 6 seconds. It reports the sender of each
 // announcement of the same group, also of our own: the handshake of the streams tells who that is.
 //
+// An announcement is one datagram: the port in 2 bytes, big-endian, then the group's name up to the end.
+//
 // Threads: one, the server's discovery thread. Made by the caller that starts it, which can be told of want of memory.
 // Errors: a poll that fails, or a wake pipe that cannot be read, is logged and ends the process.
 class Discovery {

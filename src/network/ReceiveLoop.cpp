@@ -39,7 +39,9 @@ void ReceiveLoop::Run() {
     while (ReceiveOnce()) {
     }
   } catch (const SelfConnect&) {
+    // Not logged: each announcement of ours leads to it ...
   } catch (const AlreadyConnected&) {
+    // ... and each announcement of a peer to this.
   } catch (const WrongServer&) {
     VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
                   " aborting ReceiveTable for %u:%u because connected to wrong table server", place_.address,

@@ -11,7 +11,8 @@
 struct Member;
 
 // Receives from one found peer, again and again, until its retry period is over: 30 seconds from the start, or from the
-// end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try.
+// end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try. Nothing is
+// remembered of a place that failed or was refused: its next announcement starts a new loop.
 //
 // Threads: one, started for this peer.
 class ReceiveLoop {

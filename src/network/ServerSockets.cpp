@@ -34,7 +34,8 @@ Pipe MakePipe() {
 
 Pipe OpenPipe(const char* tag, const char* format) {
   Pipe pipe = MakePipe();
-  if (!pipe.read_end.IsOpen()) LogErrnoAndAbort(tag, format);  // The log hook may fork.
+  // Not in MakePipe(): the log hook may fork, and would wait for NoFork.
+  if (!pipe.read_end.IsOpen()) LogErrnoAndAbort(tag, format);
   return pipe;
 }
 

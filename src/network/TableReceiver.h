@@ -31,7 +31,8 @@ class TableReceiver {
   void MakeSocket();
   bool Connect(std::chrono::nanoseconds time_limit);
   bool MakeStream();
-  // Throws WrongServer when the peer serves another database, SelfConnect when it is us.
+  // Throws WrongServer when the peer serves another database, SelfConnect when it is us, or a member with
+  // our identity.
   bool ReceiveUid(std::string& uid);
   bool SendGroup(const std::string& peer_uid);
   void ReceiveRows();

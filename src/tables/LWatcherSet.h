@@ -18,7 +18,8 @@
 // Keeps its members in two groups, those with nothing pending and those with a change, so that a wait polls nobody.
 //
 // Threads: any; several may wait at once. A thread that waits keeps the set alive: a static set may be destroyed while
-// threads wait in it, when main returns. A forked child never frees a set in which threads of its parent were waiting.
+// threads wait in it, when main returns. A forked child never frees a set in which threads of its parent were waiting,
+// nor the watchers in it.
 // Errors: once the set is made, only the copy of a row allocates or throws.
 class LocalTable::LWatcherSet final : public WatcherSetListener,
                                       public Varnix::WatcherSet,
