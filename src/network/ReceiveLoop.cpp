@@ -20,9 +20,9 @@ namespace {
 
 constexpr std::chrono::seconds kConnectLimit(5);
 constexpr std::chrono::seconds kRetryPeriod(30);
-constexpr std::chrono::seconds kSuccess(9);
-constexpr std::chrono::seconds kQuickFailure(1);
-constexpr std::chrono::milliseconds kPause(2000);
+constexpr std::chrono::seconds kLongStream(9);
+constexpr std::chrono::seconds kQuick(1);
+constexpr std::chrono::milliseconds kRetryPause(2000);
 
 }  // namespace
 
@@ -59,12 +59,12 @@ bool ReceiveLoop::ReceiveOnce() {
   const Clock::time_point ended = Clock::now();
   if (elsewhere) found_peer_(*elsewhere, active_esns_);
   const Clock::duration lasted = ended - started;
-  if (!MayRetry(lasted, ended)) return false;
-  return lasted >= kQuickFailure || PauseBeforeRetry();
+  if (!ExtendOrCheckDeadline(lasted, ended)) return false;
+  return lasted >= kQuick || PauseBeforeRetry();
 }
 
-bool ReceiveLoop::MayRetry(Clock::duration lasted, Clock::time_point ended) {
-  if (lasted >= kSuccess) {
+bool ReceiveLoop::ExtendOrCheckDeadline(Clock::duration lasted, Clock::time_point ended) {
+  if (lasted >= kLongStream) {
     deadline_ = ended + kRetryPeriod;
   } else if (ended >= deadline_) {
     VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.fail", " giving up ReceiveTable for %u:%u retries",
@@ -79,7 +79,7 @@ bool ReceiveLoop::MayRetry(Clock::duration lasted, Clock::time_point ended) {
 
 bool ReceiveLoop::PauseBeforeRetry() {
   pollfd done = {member_.done_descriptor, POLLIN, 0};
-  if (poll(&done, 1, static_cast<int>(kPause.count())) < 0) {
+  if (poll(&done, 1, static_cast<int>(kRetryPause.count())) < 0) {
     if (errno == EINTR) return true;
     Log(LogLevel::Error, "tblsvr.fp.poll", "TableServer: FoundPeer::poll error %d", errno);
     return false;

@@ -29,7 +29,7 @@ class ReceiveLoop {
   using Clock = std::chrono::steady_clock;
 
   bool ReceiveOnce();
-  bool MayRetry(Clock::duration lasted, Clock::time_point ended);
+  bool ExtendOrCheckDeadline(Clock::duration lasted, Clock::time_point ended);
   bool PauseBeforeRetry();
 
   const Member& member_;
