@@ -28,14 +28,11 @@ std::vector<Varnix::Row> LocalTable::KeyWatcher::GetChanges() {
 }
 
 void LocalTable::KeyWatcher::RowInserted(Position position) {
-  if (position->content.first != key_) return;
   row_ = position;
   Changed();
 }
 
-void LocalTable::KeyWatcher::RowUpdated(Position position) {
-  if (position == row_) Changed();
-}
+void LocalTable::KeyWatcher::RowUpdated(Position) { Changed(); }
 
 void LocalTable::KeyWatcher::Changed() {
   changed_ = true;

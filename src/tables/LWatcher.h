@@ -22,9 +22,9 @@ class LocalTable::LWatcher : public Varnix::Watcher, public std::enable_shared_f
   // field is destroyed, so that Set() on another thread never calls a half-destroyed watcher.
   ~LWatcher() override;
 
-  // The row at `position` is new.
+  // The row at `position`, which this watches, is new.
   virtual void RowInserted(Position position) VARNIX_REQUIRES(table_lock) = 0;
-  // The row at `position` has a new value and is about to move to the end.
+  // The row at `position`, which this watches, has a new value and is about to move to the end.
   virtual void RowUpdated(Position position) VARNIX_REQUIRES(table_lock) = 0;
   virtual bool Empty() const VARNIX_REQUIRES(table_lock) = 0;
   // Takes the next change. Only when not Empty(). Tells no listener, and takes nothing when it throws.

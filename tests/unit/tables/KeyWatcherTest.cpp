@@ -63,17 +63,6 @@ TEST_F(KeyWatcherTest, IgnoresTheChangesOfOtherKeys) {
   EXPECT_EQ(watcher->GetChanges(), Rows());
 }
 
-TEST_F(KeyWatcherTest, IgnoresRowsOfOtherKeysThatItIsToldOf) {
-  const auto watcher = std::dynamic_pointer_cast<LocalTable::KeyWatcher>(table_->Watch("k"));
-  StoredRows others{StoredRow({"other", "v"})};
-  const MutexLock lock(table_lock);
-
-  watcher->RowInserted(others.begin());
-  watcher->RowUpdated(others.begin());
-
-  EXPECT_TRUE(watcher->Empty());
-}
-
 TEST_F(KeyWatcherTest, LeavesTheOthersOfItsKeyInPlaceWhenItGoes) {
   const auto first = table_->Watch("k");
   auto second = table_->Watch("k");
