@@ -21,7 +21,7 @@ struct SharingSettings {
   unsigned broadcast_address = 0;  // IPv4, network byte order; 0 selects 255.255.255.255.
 };
 
-// A named group of shared tables. It has a combined table, which all its tables feed and which is served to peers; a
+// A named set of shared tables. It has a combined table, which all its tables feed and which is served to peers; a
 // decombiner, which takes in what peers send; and, while it is shared, a table server.
 //
 // Threads: any. The database lock comes after the cache lock and before those of the decombiner and the tables.
