@@ -20,6 +20,7 @@
 #include "network/SocketStream.h"
 #include "support/LogRecorder.h"
 #include "support/Own.h"
+#include "support/ReceiveBytes.h"
 #include "support/SystemCallHooks.h"
 
 // For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer; what
@@ -56,17 +57,7 @@ class ConnectionTest : public testing::Test {
     ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
   }
   // Fewer bytes when the stream ends, or nothing more comes for ten seconds.
-  std::string PeerReceives(std::size_t size) const {
-    std::string bytes(size, '\0');
-    std::size_t received = 0;
-    while (received < size) {
-      const ssize_t piece = Hooks().recv.Real(peer_, &bytes[received], size - received, 0);
-      if (piece <= 0) break;
-      received += static_cast<std::size_t>(piece);
-    }
-    bytes.resize(received);
-    return bytes;
-  }
+  std::string PeerReceives(std::size_t size) const { return ReceiveBytes(peer_, size); }
   // What has arrived already.
   std::string PeerReceivesWaiting() const {
     std::string bytes(65536, '\0');

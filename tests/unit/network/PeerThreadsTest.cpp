@@ -14,12 +14,12 @@
 #include <mutex>
 #include <set>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
 #include "network/ActiveESNs.h"
 #include "network/PeerThreads.h"
 #include "support/DescriptorLimit.h"
+#include "support/FailWith.h"
 #include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
 #include "support/SystemCallHooks.h"
@@ -98,8 +98,6 @@ class PeerThreadsTest : public testing::Test {
   LogRecorder log_;
   Receivers receivers_;
 };
-
-void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
 
 }  // namespace
 

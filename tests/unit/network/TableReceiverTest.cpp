@@ -104,6 +104,27 @@ class TableReceiverTest : public testing::Test {
   }
 };
 
+// The calls of a stream, by what they are for.
+const std::vector<std::string> kSetUp = {"socket(AF_INET, SOCK_STREAM, 0)", "setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)",
+                                         "setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)",
+                                         "setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)",
+                                         "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)"};
+
+const std::vector<std::string> kConnect = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",
+                                           "connect(224.1.2.3:4660, 16)"};
+const std::vector<std::string> kWait = {"poll(done POLLIN, socket POLLOUT, 5000)"};
+const std::vector<std::string> kCheck = {"getsockopt(SOL_SOCKET, SO_ERROR)"};
+const std::vector<std::string> kBlockAgain = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)"};
+const std::string kUserTimeout = "setsockopt(IPPROTO_TCP, TCP_USER_TIMEOUT, 4000)";
+const std::vector<std::string> kStream = {"fopencookie", kUserTimeout, "send 11", "close"};
+const std::vector<std::string> kClose = {"close"};
+
+std::vector<std::string> Join(const std::vector<std::vector<std::string>>& lists) {
+  std::vector<std::string> joined;
+  for (const std::vector<std::string>& list : lists) joined.insert(joined.end(), list.begin(), list.end());
+  return joined;
+}
+
 }  // namespace
 
 // A whole stream.
@@ -143,22 +164,7 @@ TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
 
   Receive();
 
-  EXPECT_THAT(calls_.Calls(), ElementsAre("socket(AF_INET, SOCK_STREAM, 0)",            //
-                                          "setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)",    //
-                                          "setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)",   //
-                                          "setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)",  //
-                                          "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)",    //
-                                          "fcntl(F_GETFL)",                             //
-                                          "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",        //
-                                          "connect(224.1.2.3:4660, 16)",                //
-                                          "poll(done POLLIN, socket POLLOUT, 5000)",    //
-                                          "getsockopt(SOL_SOCKET, SO_ERROR)",           //
-                                          "fcntl(F_GETFL)",                             //
-                                          "fcntl(F_SETFL, O_RDWR)",                     //
-                                          "fopencookie",                                //
-                                          "setsockopt(IPPROTO_TCP, TCP_USER_TIMEOUT, 4000)",
-                                          "send 11",  //
-                                          "close"));
+  EXPECT_EQ(calls_.Calls(), Join({kSetUp, kConnect, kWait, kCheck, kBlockAgain, kStream}));
 }
 
 TEST_F(TableReceiverTest, GroupAndListeningPortAreSentAsOneRecord) {
@@ -365,27 +371,6 @@ TEST_F(TableReceiverTest, AllFourKeepaliveFailuresAreLoggedInTheirOrder) {
 // Connecting.
 
 namespace {
-
-// The calls of a stream, by what they are for.
-const std::vector<std::string> kSetUp = {"socket(AF_INET, SOCK_STREAM, 0)", "setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)",
-                                         "setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)",
-                                         "setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)",
-                                         "setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)"};
-
-const std::vector<std::string> kConnect = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",
-                                           "connect(224.1.2.3:4660, 16)"};
-const std::vector<std::string> kWait = {"poll(done POLLIN, socket POLLOUT, 5000)"};
-const std::vector<std::string> kCheck = {"getsockopt(SOL_SOCKET, SO_ERROR)"};
-const std::vector<std::string> kBlockAgain = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)"};
-const std::string kUserTimeout = "setsockopt(IPPROTO_TCP, TCP_USER_TIMEOUT, 4000)";
-const std::vector<std::string> kStream = {"fopencookie", kUserTimeout, "send 11", "close"};
-const std::vector<std::string> kClose = {"close"};
-
-std::vector<std::string> Join(const std::vector<std::vector<std::string>>& lists) {
-  std::vector<std::string> joined;
-  for (const std::vector<std::string>& list : lists) joined.insert(joined.end(), list.begin(), list.end());
-  return joined;
-}
 
 std::vector<std::string> AfterSetUp(const std::vector<std::string>& calls) {
   if (calls.size() < kSetUp.size() || !std::equal(kSetUp.begin(), kSetUp.end(), calls.begin())) return {"no set-up"};

@@ -36,6 +36,7 @@
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/ReceiveBytes.h"
 #include "support/Says.h"
 
 namespace {
@@ -116,17 +117,7 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   // Fewer bytes when the connection ends, or nothing more comes for ten seconds.
-  std::string Receive(std::size_t size) const {
-    std::string bytes(size, '\0');
-    std::size_t received = 0;
-    while (received < size) {
-      const ssize_t piece = Hooks().recv.Real(socket_, &bytes[received], size - received, 0);
-      if (piece <= 0) break;
-      received += static_cast<std::size_t>(piece);
-    }
-    bytes.resize(received);
-    return bytes;
-  }
+  std::string Receive(std::size_t size) const { return ReceiveBytes(socket_, size); }
   void Send(const std::string& bytes) const {
     EXPECT_EQ(Hooks().send.Real(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
   }
@@ -188,7 +179,6 @@ class TableServerTest : public testing::Test {
   std::unique_ptr<TableServer> server_;
 };
 
-void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
 void ThrowNoMemory() { throw std::bad_alloc(); }
 
 std::vector<std::string> NamesOfLocalTables() {

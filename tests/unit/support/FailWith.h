@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <system_error>
 
 #include "support/SystemCallHooks.h"
 
@@ -29,3 +30,6 @@ typename Hook<Result(Arguments...)>::Function FailOnce(Hook<Result(Arguments...)
     return -1;
   };
 }
+
+// For a hook of the start of a thread: there is none to be had.
+inline void ThrowNoThread() { throw std::system_error(EAGAIN, std::generic_category()); }
