@@ -62,7 +62,7 @@ def build(source):
 
 if not os.environ["VARNIX_TOOLCHAIN"]:  # Where a build is depends on no compiler.
 
-    def test_two_builds_in_different_directories_are_identical_debug_information_included(tmp_path):
+    def test_two_builds_in_different_directories_are_identical_with_debug_information(tmp_path):
         here = build(tmp_path / "here")
         elsewhere = build(tmp_path / "some" / "where" / "else")
 

@@ -97,7 +97,7 @@ def test_pkg_config_finds_the_library_for_c(prefix, tmp_path):
     assert_works(tmp_path / "stranger", prefix)
 
 
-def test_installing_gives_the_libraries_and_the_programs_around_them_and_nothing_else(prefix):
+def test_installing_gives_the_libraries_and_programs_and_nothing_else(prefix):
     installed = sorted(str(path.relative_to(prefix)) for path in prefix.rglob("*") if not path.is_dir())
 
     command = ["bin/varnix", "share/bash-completion/completions/varnix", "share/man/man1/varnix.1"]

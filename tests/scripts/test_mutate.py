@@ -30,7 +30,7 @@ def test_a_place_is_found(what, text):
     assert changed.strip() == "Tell(a);"
 
 
-def test_a_place_whose_variables_have_other_names_is_found_and_the_mutation_uses_them():
+def test_a_place_is_found_under_other_names_of_variables_and_the_mutation_uses_them():
     _, changed = mutated("b_ += 1;\nif (b_ == kMost) return;\nTell(b_);\n", "if (a == limit) return;\nTell(a);",
                          "if (a > limit) return;\nTell(a);")
 

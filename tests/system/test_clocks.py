@@ -109,7 +109,7 @@ def test_waits_across_the_edge_end_at_their_deadlines_neither_early_nor_late(mak
     programs.figure("waits across", name.decode(), "ms ended at most", round(max(late) * 1000), "ms late")
 
 
-def test_announcements_keep_their_schedule_across_the_edge_and_idle_threads_cost_no_processor_time(make_host_before):
+def test_announcements_keep_their_schedule_across_the_edge_and_idle_threads_sleep(make_host_before):
     hosts = pair_that_has_met(make_host_before)
     for name, host in hosts.items():
         assert programs.eventually(lambda name=name, host=host: host.uptime() > EDGES[name] - 1)

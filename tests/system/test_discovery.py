@@ -9,7 +9,7 @@ import time
 import wire
 
 
-def test_an_announcement_is_the_listening_port_and_the_group_to_port_1975_of_the_broadcast_address(ether, make_host):
+def test_an_announcement_is_the_listening_port_and_the_group_broadcast_to_port_1975(ether, make_host):
     host = make_host()
 
     host.share(b"plant", b"line-4", b"press")

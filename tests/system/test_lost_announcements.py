@@ -118,7 +118,7 @@ def seconds_to_meet(told, hosts, values):
     return time.monotonic() - begin
 
 
-def test_hosts_meet_though_every_second_announcement_is_lost_and_meet_again_after_a_restart(hub_and_places, make_host):
+def test_hosts_meet_and_meet_again_though_every_second_announcement_is_lost(hub_and_places, make_host):
     hub, places = hub_and_places
     hosts = [start(make_host, places, number, b"1") for number in range(HOSTS)]
     for place, host in zip(places, hosts):

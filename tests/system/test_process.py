@@ -73,7 +73,7 @@ def test_a_started_program_inherits_none_of_the_descriptors_of_sharing(host, eth
     assert programs.eventually(lambda: sorted(os.listdir(f"/proc/{child}/fd")) == ["0", "1", "2"])
 
 
-def test_a_process_that_becomes_another_program_keeps_no_descriptor_of_sharing_and_its_streams_end(host, ether):
+def test_a_process_that_becomes_another_program_keeps_no_descriptor_and_no_stream(host, ether):
     receiving, sending, silent = receive_from(host), send_to(ether), wire.connect(host.port)
     silent.receive_record()
 
@@ -116,7 +116,7 @@ def test_a_flush_of_all_streams_returns_while_a_peer_has_connected_and_is_silent
     assert stream.receive_record() == (b"\x01tk", b"v")
 
 
-def test_a_flush_of_all_streams_returns_while_a_peer_does_not_read_and_spoils_nothing(host):
+def test_a_flush_of_all_streams_ends_while_a_peer_does_not_read_and_spoils_nothing(host):
     stream = receive_from(host)
     source = random.Random(1)
     rows = [(b"%02d" % number, source.randbytes(1_000_000)) for number in range(20)]
@@ -277,7 +277,7 @@ def test_a_connection_for_which_no_thread_can_be_started_is_closed_with_a_log_li
     assert limited.logs(3, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error 11")
 
 
-def test_an_announcement_for_which_no_thread_can_be_started_is_logged_and_the_next_one_followed(limited, ether):
+def test_an_announcement_without_a_thread_for_it_is_logged_and_the_next_followed(limited, ether):
     peer = wire.Listener()
     ether.announce(peer.port, GROUP)
     assert limited.logs(3, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error 11")

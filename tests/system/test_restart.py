@@ -145,8 +145,7 @@ def cabinets(make_namespace):
 
 
 @pytest.mark.parametrize("kind", [SmallPeer, WholeProcess])
-def test_a_peer_that_is_cut_off_and_starts_at_another_address_is_met_when_its_old_stream_is_given_up(
-        cabinets, make_host, kind):
+def test_a_peer_that_was_cut_off_is_met_elsewhere_when_its_old_stream_is_given_up(cabinets, make_host, kind):
     here, before, after = cabinets
     with here.place:
         observer = make_host()

@@ -206,7 +206,7 @@ def test_databases_and_tables_are_listed_once_each(network, make_host):
     assert host.eventually(lambda: sorted(host.events) == expected)
 
 
-def test_a_peer_that_is_met_later_than_its_first_announcement_is_met_through_its_connection(ether, make_host):
+def test_a_peer_whose_first_announcement_was_missed_is_met_through_its_connection(ether, make_host):
     host = make_host()
     host.watch(b"plant", b"state")
     host.share(b"plant", b"line-4", b"press")

@@ -250,8 +250,7 @@ def test_received_empty_values_are_kept(host, ether):
 
 
 @pytest.mark.parametrize("key", [b"", b"\x00", b"\x0aabcde", b"\x01", b"\xff"])
-def test_rows_under_an_empty_or_malformed_combined_key_go_to_the_empty_key_of_the_table_without_a_name(
-        host, ether, key):
+def test_rows_under_a_malformed_key_go_to_the_empty_key_of_the_table_without_a_name(host, ether, key):
     host.watch(b"plant", b"")
 
     stream = send_to(ether)

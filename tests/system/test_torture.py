@@ -27,7 +27,7 @@ def unexpected(said):
     return set(said.splitlines()) - {"cook.rd.rd: Cookie::Read: read error 104: Connection reset by peer"}
 
 
-def test_sixteen_threads_may_call_everything_at_random_while_the_hook_and_the_sharing_change(network):
+def test_sixteen_threads_may_call_everything_while_the_hook_and_the_sharing_change(network):
     programs.figure("seed of the torture:", SEED)
     seconds = 30 if SOAK else 4
 

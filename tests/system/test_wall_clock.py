@@ -25,7 +25,7 @@ def test_the_date_jumps_by_twenty_years_at_each_reading_and_the_uptime_goes_on(j
     assert sorted(uptimes) == list(uptimes) and uptimes[-1] - uptimes[0] < LATE
 
 
-def test_rows_cross_both_ways_between_a_host_whose_date_jumps_and_one_whose_date_does_not(jumping, make_host):
+def test_rows_cross_both_ways_between_hosts_of_which_one_has_a_date_that_jumps(jumping, make_host):
     plain = make_host()
     for host, name in ((jumping, b"jumping"), (plain, b"plain")):
         host.watch(b"plant", b"state")

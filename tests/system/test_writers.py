@@ -54,7 +54,7 @@ def test_a_value_that_is_set_when_that_of_the_other_writer_has_arrived_stays(mem
         assert (shows(a), shows(b)) == (value, value)
 
 
-def test_a_value_that_the_other_writer_has_set_already_is_no_change_for_the_watchers_of_either(members):
+def test_a_value_that_the_other_writer_has_set_already_is_no_change_for_any_watcher(members):
     a, b = members
     set_everywhere(a, b"3", a, b)
 
@@ -119,8 +119,8 @@ def test_two_writers_that_share_anew_get_the_values_of_each_other(members):
 
 
 @pytest.mark.parametrize("seconds, value", [(1, b"2"), (6, b"1")])
-def test_a_short_failure_of_the_link_brings_what_was_set_meanwhile_and_a_longer_one_all(make_namespace, make_host,
-                                                                                       seconds, value):
+def test_after_a_short_failure_of_the_link_new_rows_come_and_after_a_longer_one_all(
+        make_namespace, make_host, seconds, value):
     places = [make_namespace(), make_namespace()]
     namespaces.connect(*places)
     hosts = []
@@ -145,7 +145,7 @@ def test_a_short_failure_of_the_link_brings_what_was_set_meanwhile_and_a_longer_
     assert shows(b) == value
 
 
-def test_a_row_that_a_reader_has_overwritten_has_its_older_value_again_when_the_stream_is_made_anew(ether, make_host):
+def test_a_row_that_a_reader_has_overwritten_has_its_old_value_after_a_new_stream(ether, make_host):
     b = start(make_host(), b"b")
     listener = wire.Listener()
     for ended, own in enumerate((b"2", b"3")):
@@ -186,7 +186,7 @@ def test_a_process_that_starts_again_changes_nothing_until_it_sets_other_values(
     assert shows(ended) == b"4"
 
 
-def test_a_process_that_starts_again_shows_what_others_have_set_and_nothing_of_its_own_former_rows(ended, make_host):
+def test_a_process_that_starts_again_shows_the_rows_of_others_and_none_of_its_own(ended, make_host):
     ended.set(b"plant", b"state", b"of b", b"1")
 
     a = start(make_host(), b"a")
