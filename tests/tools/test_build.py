@@ -29,7 +29,8 @@ def test_where_a_library_is_missing_one_line_says_so_and_the_rest_is_built(confi
     done = configure("-DCMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON", "-DVARNIX_NCURSES_INCLUDE=OFF")
 
     assert done.returncode == 0
-    assert ("-- The command varnix is left out: missing nlohmann-json (nlohmann-json3-dev), ncurses (libncurses-dev)\n"
+    assert ("-- Varnix: left out: the command varnix: not found: nlohmann-json (nlohmann-json3-dev), "
+            "ncurses (libncurses-dev)\n"
             in done.stdout)
     assert not has_target(tmp_path / "build")
 
