@@ -65,8 +65,8 @@ void Acceptor::Serve(FileDescriptor socket, unsigned address) {
     error = incoming_(socket, address);
   }
   if (error == 0) {
-    refusing_ = false;
-  } else if (!std::exchange(refusing_, true)) {
+    shortage_.End();
+  } else if (shortage_.IsNews()) {
     errno = error;  // The first log hook prints it, too.
     Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
   }

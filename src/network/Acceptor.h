@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 
+#include "network/Shortage.h"
 #include "threads/FileDescriptor.h"
 
 struct Member;
@@ -33,5 +34,5 @@ class Acceptor {
   const Member& member_;
   const int listener_;
   const Incoming incoming_;
-  bool refusing_ = false;  // The last connection found no thread, which has been logged.
+  Shortage shortage_;  // Lasts until a connection finds a thread.
 };

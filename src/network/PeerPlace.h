@@ -5,6 +5,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,6 +22,12 @@ inline bool operator==(const PeerPlace& left, const PeerPlace& right) {
   return left.address == right.address && left.port == right.port;
 }
 inline bool operator!=(const PeerPlace& left, const PeerPlace& right) { return !(left == right); }
+
+// A place, and when it was found: until 30 seconds later it is worth trying.
+struct FoundPlace : PeerPlace {
+  std::chrono::steady_clock::time_point found_at;
+};
+constexpr std::chrono::seconds kRetryPeriod(30);
 
 // Told of each place at which a member of the group may listen. `active_esns` keeps the server from ending before the
 // thread that is started for the peer.

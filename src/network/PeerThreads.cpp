@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <new>
@@ -41,16 +42,10 @@ rlim_t MostPeers() {
 std::atomic<unsigned> receivers{0};
 std::atomic<unsigned> senders{0};
 
-// The places for which there was no thread, of all servers, in the order in which they came.
-struct WaitingPlace {
-  PeerThreads* threads;
-  PeerPlace place;
-};
-constexpr std::ptrdiff_t kMostWaiting = 1024;  // Of one server.
-Mutex waiting_lock;
-std::list<WaitingPlace>& WaitingPlaces() VARNIX_REQUIRES(waiting_lock) {
-  static NeverDestroyed<std::list<WaitingPlace>> places;  // Threads may outlive static objects.
-  return places.value;
+constexpr std::size_t kMostWaiting = 1024;  // Places of one server.
+
+bool IsOld(const FoundPlace& place, std::chrono::steady_clock::time_point now) {
+  return now >= place.found_at + kRetryPeriod;
 }
 
 // Zero, or an error number.
@@ -77,7 +72,7 @@ struct PeerThreads::Receiver {
   void Run() const { threads.receive_(place, active_esns); }
 
   PeerThreads& threads;
-  PeerPlace place;
+  FoundPlace place;
   std::shared_ptr<ActiveESNs> active_esns;
 };
 
@@ -92,6 +87,15 @@ struct PeerThreads::Sender {
   std::shared_ptr<ActiveESNs> active_esns;
 };
 
+Mutex PeerThreads::waiting_lock_;
+Shortage PeerThreads::shortage_;
+
+// They take turns.
+std::list<PeerThreads*>& PeerThreads::ServersWithWaitingPlaces() {
+  static NeverDestroyed<std::list<PeerThreads*>> servers;  // Threads may outlive static objects.
+  return servers.value;
+}
+
 PeerThreads::PeerThreads(std::string database, Receive receive, Serve serve)
     : database_(std::move(database)),
       receive_(std::move(receive)),
@@ -105,42 +109,64 @@ PeerThreads::PeerThreads(std::string database, Receive receive, Serve serve)
 PeerThreads::~PeerThreads() { AwaitAll(); }
 
 void PeerThreads::StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
-  const int error = TryToStartReceiver(place, std::move(active_esns));
-  const bool begins_shortage = error != 0 && LetWait(place);
+  const FoundPlace found{place, std::chrono::steady_clock::now()};
+  const int error = TryToStartReceiver(found, std::move(active_esns));
+  const bool is_news = error != 0 && LetWait(found);
   StartThoseThatWait();  // There may be threads again since the last one has ended.
-  if (!begins_shortage) return;
+  if (!is_news) return;
   errno = error;  // The first log hook prints it, too.
   Log(LogLevel::Error, "tblsvr.fnd.thread", "TableServer: FoundPeer::thread error %d", error);
 }
 
-int PeerThreads::TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
+int PeerThreads::TryToStartReceiver(const FoundPlace& place, std::shared_ptr<ActiveESNs> active_esns) {
   std::unique_ptr<Receiver> receiver(new (std::nothrow) Receiver{*this, place, std::move(active_esns)});
   return Start(receiver);
 }
 
-// Returns whether it is the first of all that wait.
-bool PeerThreads::LetWait(const PeerPlace& place) try {
-  MutexLock lock(waiting_lock);
-  std::list<WaitingPlace>& places = WaitingPlaces();
-  const auto is_ours = [this](const WaitingPlace& waiting) { return waiting.threads == this; };
-  const auto is_this = [&](const WaitingPlace& waiting) { return is_ours(waiting) && waiting.place == place; };
-  if (!active_esns_ || std::any_of(places.begin(), places.end(), is_this)) return false;
-  if (std::count_if(places.begin(), places.end(), is_ours) == kMostWaiting) return false;
-  places.push_back({this, place});
-  return places.size() == 1;
-} catch (const std::bad_alloc&) {
-  return true;  // The peer's next announcement tries again.
+// Returns whether the shortage is to be logged.
+bool PeerThreads::LetWait(const FoundPlace& place) {
+  MutexLock lock(waiting_lock_);
+  try {
+    if (active_esns_) AddToThoseThatWait(place);
+  } catch (const std::bad_alloc&) {
+    // The peer's next announcement tries again.
+  }
+  return shortage_.IsNews();
+}
+
+void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
+  const auto same = std::find(waiting_.begin(), waiting_.end(), place);
+  if (same != waiting_.end()) {
+    same->found_at = place.found_at;
+    return;
+  }
+  std::list<PeerThreads*> newcomer(waiting_.empty() ? 1 : 0, this);
+  waiting_.push_back(place);
+  ServersWithWaitingPlaces().splice(ServersWithWaitingPlaces().end(), newcomer);
+  if (waiting_.size() > kMostWaiting) waiting_.pop_front();  // It has had the most time, and is old the soonest.
 }
 
 // Starts as many as there is room for.
 void PeerThreads::StartThoseThatWait() {
-  MutexLock lock(waiting_lock);
-  std::list<WaitingPlace>& places = WaitingPlaces();
-  while (!places.empty()) {
-    PeerThreads& threads = *places.front().threads;
-    if (threads.TryToStartReceiver(places.front().place, threads.active_esns_) != 0) return;
-    places.pop_front();
+  MutexLock lock(waiting_lock_);
+  std::list<PeerThreads*>& servers = ServersWithWaitingPlaces();
+  while (!servers.empty()) {
+    PeerThreads& threads = *servers.front();
+    if (!threads.StartFirstThatWaits()) return;
+    servers.splice(servers.end(), servers, servers.begin());
+    if (threads.waiting_.empty()) servers.pop_back();
   }
+  shortage_.End();
+}
+
+// False when there is no room for it.
+bool PeerThreads::StartFirstThatWaits() {
+  const auto now = std::chrono::steady_clock::now();
+  while (!waiting_.empty() && IsOld(waiting_.front(), now)) waiting_.pop_front();
+  if (waiting_.empty()) return true;
+  if (TryToStartReceiver(waiting_.front(), active_esns_) != 0) return false;
+  waiting_.pop_front();
+  return true;
 }
 
 int PeerThreads::StartSender(FileDescriptor& socket, unsigned address) {
@@ -202,10 +228,9 @@ void PeerThreads::EndThisThread() {
 void PeerThreads::AwaitAll() {
   std::shared_ptr<ActiveESNs> released;
   {
-    MutexLock lock(waiting_lock);
-    std::list<WaitingPlace>& places = WaitingPlaces();
-    const auto is_ours = [this](const WaitingPlace& waiting) { return waiting.threads == this; };
-    places.remove_if(is_ours);
+    MutexLock lock(waiting_lock_);
+    waiting_.clear();
+    ServersWithWaitingPlaces().remove(this);
     released.swap(active_esns_);
   }
   released.reset();
@@ -218,12 +243,14 @@ void PeerThreads::AwaitAll() {
   if (last) pthread_join(*last, nullptr);
 }
 
-void PeerThreads::Lock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.lock(); }
+void PeerThreads::Lock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock_.lock(); }
 
-void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.unlock(); }
+void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock_.unlock(); }
 
 void PeerThreads::ForgetAllInChild() VARNIX_NO_LOCK_ANALYSIS {
   receivers = 0;
   senders = 0;
-  WaitingPlaces().clear();
+  shortage_ = Shortage();
+  for (PeerThreads* threads : ServersWithWaitingPlaces()) threads->waiting_.clear();
+  ServersWithWaitingPlaces().clear();
 }

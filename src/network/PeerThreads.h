@@ -7,25 +7,27 @@
 
 #include <condition_variable>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "network/PeerPlace.h"
+#include "network/Shortage.h"
 #include "threads/FileDescriptor.h"
 #include "threads/Mutex.h"
 
 // Starts the threads of one server's peers, one for each peer that is received from and one for each that is served,
 // and awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three
 // eighths of the limit of descriptors: a flood of announcements or connections must not take them all. A place for
-// which there is no thread waits until a thread of any server has ended.
+// which there is no thread waits until a thread of any server has ended, 30 seconds at most: its peer announces it anew.
 //
 // Threads: any. The lock of the places that wait, one for the process, comes before the mutex of each object, and that
 // before the one of ActiveESNs.
 // Errors: the constructor throws std::bad_alloc; nothing else throws but what the log hook throws.
 class PeerThreads {
  public:
-  using Receive = std::function<void(const PeerPlace& place, const std::shared_ptr<ActiveESNs>& active_esns)>;
+  using Receive = std::function<void(const FoundPlace& place, const std::shared_ptr<ActiveESNs>& active_esns)>;
   using Serve =
       std::function<void(FileDescriptor socket, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns)>;
 
@@ -36,8 +38,8 @@ class PeerThreads {
   PeerThreads(const PeerThreads&) = delete;
   PeerThreads& operator=(const PeerThreads&) = delete;
 
-  // When there is no thread, the place waits for one, unless 1,024 of this server do so already. It is logged once for
-  // all places that come to wait until none is left.
+  // When there is no thread, the place waits for one. One that waits already keeps its turn, and is found anew. If more
+  // than 1,024 of this server wait, the first is forgotten. The shortage is logged once for all servers, until no place is left that waits.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
   // Takes over the socket and returns 0; or returns an error number, with the socket left as it is: Acceptor
   // tries again for 100 ms and then closes it.
@@ -57,9 +59,12 @@ class PeerThreads {
   struct Receiver;
   struct Sender;
 
-  int TryToStartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
-  bool LetWait(const PeerPlace& place);
-  static void StartThoseThatWait();
+  static std::list<PeerThreads*>& ServersWithWaitingPlaces() VARNIX_REQUIRES(waiting_lock_);
+  int TryToStartReceiver(const FoundPlace& place, std::shared_ptr<ActiveESNs> active_esns);
+  bool LetWait(const FoundPlace& place) VARNIX_EXCLUDES(waiting_lock_);
+  void AddToThoseThatWait(const FoundPlace& place) VARNIX_REQUIRES(waiting_lock_);
+  bool StartFirstThatWaits() VARNIX_REQUIRES(waiting_lock_);
+  static void StartThoseThatWait() VARNIX_EXCLUDES(waiting_lock_);
   template <class Job>
   int Start(std::unique_ptr<Job>& job);
   template <class Job>
@@ -67,9 +72,14 @@ class PeerThreads {
   void JoinPreviouslyEnded() VARNIX_EXCLUDES(mutex_);
   void EndThisThread() VARNIX_EXCLUDES(mutex_);
 
+  // Of all servers.
+  static Mutex waiting_lock_;
+  static Shortage shortage_ VARNIX_GUARDED_BY(waiting_lock_);
+
   const std::string database_;
   const Receive receive_;
   const Serve serve_;
+  std::list<FoundPlace> waiting_ VARNIX_GUARDED_BY(waiting_lock_);  // In turn.
   Mutex mutex_;
   std::condition_variable ended_cv_;
   bool esns_released_ VARNIX_GUARDED_BY(mutex_) = false;

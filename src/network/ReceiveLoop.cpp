@@ -19,20 +19,19 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr std::chrono::seconds kConnectLimit(5);
-constexpr std::chrono::seconds kRetryPeriod(30);
 constexpr std::chrono::seconds kLongStream(9);
 constexpr std::chrono::seconds kQuick(1);
 constexpr std::chrono::milliseconds kRetryPause(2000);
 
 }  // namespace
 
-ReceiveLoop::ReceiveLoop(const Member& member, const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns,
+ReceiveLoop::ReceiveLoop(const Member& member, const FoundPlace& place, std::shared_ptr<ActiveESNs> active_esns,
                          const FoundPeerCallback& found_peer)
     : member_(member),
       place_(place),
       active_esns_(std::move(active_esns)),
       found_peer_(found_peer),
-      deadline_(Clock::now() + kRetryPeriod) {}
+      deadline_(place.found_at + kRetryPeriod) {}
 
 void ReceiveLoop::Run() {
   try {

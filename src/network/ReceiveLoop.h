@@ -10,15 +10,15 @@
 
 struct Member;
 
-// Receives from one found peer, again and again, until its retry period is over: 30 seconds from the start, or from the
-// end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try. Nothing is
-// remembered of a place that failed or was refused: its next announcement starts a new loop.
+// Receives from one found peer, again and again, until its retry period is over: 30 seconds from when it was found, or
+// from the end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try.
+// Nothing is remembered of a place that failed or was refused: its next announcement starts a new loop.
 //
 // Threads: one, started for this peer.
 class ReceiveLoop {
  public:
   // `found_peer` is told when the peer was met at another place meanwhile.
-  ReceiveLoop(const Member& member, const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns,
+  ReceiveLoop(const Member& member, const FoundPlace& place, std::shared_ptr<ActiveESNs> active_esns,
               const FoundPeerCallback& found_peer);
 
   // Returns when it has given up, when it turns out that this peer needs no stream from here, and when the server

@@ -53,7 +53,7 @@ TableServer::TableServer(const std::string& uid, const std::string& database,
       }),
       peer_threads_(
           database,
-          [this](const PeerPlace& place, const std::shared_ptr<ActiveESNs>& active_esns) {
+          [this](const FoundPlace& place, const std::shared_ptr<ActiveESNs>& active_esns) {
             ReceiveLoop(member_, place, active_esns, found_peer_).Run();
           },
           [this](FileDescriptor socket, unsigned address, const std::shared_ptr<ActiveESNs>& active_esns) {

@@ -20,12 +20,16 @@
 #include "network/PeerThreads.h"
 #include "support/DescriptorLimit.h"
 #include "support/FailWith.h"
+#include "support/FailingAllocations.h"
 #include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
 #include "support/SystemCallHooks.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -38,9 +42,10 @@ constexpr std::size_t kRoom = 48;  // Three eighths of the descriptors of these 
 // What the threads that receive do: each is listed by the port of its place, and stays until it is told to end.
 class Receivers {
  public:
-  void Run(const PeerPlace& place) {
+  void Run(const FoundPlace& place) {
     std::unique_lock<std::mutex> lock(mutex_);
     begun_.push_back(place.port);
+    last_found_at_ = place.found_at;
     changed_.notify_all();
     changed_.wait(lock, [&] { return all_end_ || may_end_.count(place.port) > 0; });
   }
@@ -57,28 +62,46 @@ class Receivers {
   // Waits until so many have begun.
   bool Begin(std::size_t count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(60), [&] { return begun_.size() >= count; });
+    // The test drives the steady clock.
+    return changed_.wait_until(lock, std::chrono::system_clock::now() + 60s, [&] { return begun_.size() >= count; });
   }
   std::vector<unsigned short> Begun() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return begun_;
+  }
+  std::chrono::steady_clock::time_point LastFoundAt() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return last_found_at_;
   }
 
  private:
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<unsigned short> begun_;
+  std::chrono::steady_clock::time_point last_found_at_;
   std::set<unsigned short> may_end_;
   bool all_end_ = false;
 };
 
+// The steady clock of all threads: it stands still until the test moves it.
+class StandingClock {
+ public:
+  void Advance(std::chrono::nanoseconds by) { now_ = now_.load() + by; }
+  std::chrono::steady_clock::time_point Now() const { return now_; }
+
+ private:
+  std::atomic<std::chrono::steady_clock::time_point> now_{std::chrono::steady_clock::time_point(1h)};
+  Hooked<std::chrono::steady_clock::time_point()> hooked_{Hooks().now, [this] { return now_.load(); }};
+};
+
 class PeerThreadsTest : public testing::Test {
  protected:
+  PeerThreadsTest() { PeerThreads::ForgetAllInChild(); }  // When an earlier test has logged a shortage.
   ~PeerThreadsTest() override { receivers_.EndAll(); }
 
   std::unique_ptr<PeerThreads> Make() {
     return std::make_unique<PeerThreads>(
-        "db", [this](const PeerPlace& place, const std::shared_ptr<ActiveESNs>&) { receivers_.Run(place); },
+        "db", [this](const FoundPlace& place, const std::shared_ptr<ActiveESNs>&) { receivers_.Run(place); },
         [](const FileDescriptor&, unsigned, const std::shared_ptr<ActiveESNs>&) {});
   }
   static void Find(PeerThreads& threads, unsigned short port) {
@@ -93,7 +116,12 @@ class PeerThreadsTest : public testing::Test {
     receivers_.EndAll();
     threads.AwaitAll();
   }
+  std::vector<unsigned short> BegunAfterThoseThatFill() const {
+    const std::vector<unsigned short> begun = receivers_.Begun();
+    return {begun.begin() + kRoom, begun.end()};
+  }
 
+  StandingClock clock_;
   const DescriptorLimit descriptors_{128};
   LogRecorder log_;
   Receivers receivers_;
@@ -166,9 +194,73 @@ TEST_F(PeerThreadsTest, PlacesWaitInTheOrderInWhichTheyWereFoundAndEachOnce) {
   Find(*threads, 1003);
 
   EXPECT_TRUE(receivers_.Begin(kRoom + 4));
-  std::vector<unsigned short> begun = receivers_.Begun();
-  begun.erase(begun.begin(), begun.begin() + kRoom);
-  EXPECT_THAT(begun, ElementsAre(1000, 1001, 1002, 1003));
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1000, 1001, 1002, 1003));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, ServersTakeTurnsWithTheirPlacesThatWait) {
+  const auto one = Make();
+  const auto other = Make();
+  Fill(*one);
+  for (const int port : {1000, 1001, 1002}) Find(*one, static_cast<unsigned short>(port));
+  for (const int port : {2000, 2001}) Find(*other, static_cast<unsigned short>(port));
+
+  for (unsigned short port = 1; port <= 5; ++port) {
+    receivers_.End(port);
+    EXPECT_TRUE(receivers_.Begin(kRoom + port));
+  }
+
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1000, 2000, 1001, 2001, 1002));
+  End(*one);
+  End(*other);
+}
+
+TEST_F(PeerThreadsTest, PlaceWaitsForLessThanThirtySeconds) {
+  const auto threads = Make();
+  Fill(*threads);
+  Find(*threads, 1000);
+  clock_.Advance(1ns);
+  const auto found_at = clock_.Now();
+  Find(*threads, 1001);
+
+  clock_.Advance(30s - 1ns);
+  receivers_.End(1);
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
+  EXPECT_EQ(receivers_.LastFoundAt(), found_at);
+  End(*threads);
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1001));
+}
+
+TEST_F(PeerThreadsTest, PlaceThatWaitsAndIsFoundAgainKeepsItsTurnAndWaitsAnew) {
+  const auto threads = Make();
+  Fill(*threads);
+  for (const int port : {1000, 1001}) Find(*threads, static_cast<unsigned short>(port));
+  clock_.Advance(20s);
+  for (const int port : {1002, 1000}) Find(*threads, static_cast<unsigned short>(port));
+
+  clock_.Advance(20s);
+  for (unsigned short port = 1; port <= 2; ++port) {
+    receivers_.End(port);
+    EXPECT_TRUE(receivers_.Begin(kRoom + port));
+  }
+
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1000, 1002));
+  End(*threads);
+}
+
+TEST_F(PeerThreadsTest, BurstOfPlacesDelaysAnotherNoLongerThanTheFirstOfThemAreTried) {
+  const auto threads = Make();
+  Fill(*threads);
+  for (unsigned short port = 10000; port < 12000; ++port) Find(*threads, port);
+  clock_.Advance(1s);
+  Find(*threads, 1000);
+
+  clock_.Advance(29s);  // Now those that began at once are given up.
+  receivers_.End(1);
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1000));
   End(*threads);
 }
 
@@ -196,12 +288,25 @@ TEST_F(PeerThreadsTest, ShortageIsLoggedOnce) {
   End(*threads);
 }
 
+TEST_F(PeerThreadsTest, ShortageThatLastsIsLoggedOnce) {
+  const auto threads = Make();
+  Fill(*threads);
+  Find(*threads, 1000);
+
+  clock_.Advance(20s);
+  Find(*threads, 1001);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+  End(*threads);
+}
+
 TEST_F(PeerThreadsTest, NextShortageIsLoggedAgain) {
   const auto threads = Make();
   Fill(*threads);
   Find(*threads, 1000);
   receivers_.End(1);
   ASSERT_TRUE(receivers_.Begin(kRoom + 1));
+  clock_.Advance(100ms);
 
   Find(*threads, 1001);
 
@@ -209,18 +314,58 @@ TEST_F(PeerThreadsTest, NextShortageIsLoggedAgain) {
   End(*threads);
 }
 
-TEST_F(PeerThreadsTest, NoMoreThan1024PlacesOfAServerWait) {
+TEST_F(PeerThreadsTest, ShortagesOfAllServersAreLoggedAtMostOnceInAHundredMilliseconds) {
+  const auto one = Make();
+  const auto other = Make();
+  Fill(*one);
+  for (unsigned short shortage = 1; shortage <= 20; ++shortage) {
+    Find(shortage % 2 == 0 ? *one : *other, static_cast<unsigned short>(1000 + shortage));
+    receivers_.End(shortage);
+    ASSERT_TRUE(receivers_.Begin(kRoom + shortage));
+  }
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+
+  clock_.Advance(100ms - 1ns);
+  Find(*one, 2000);
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+  clock_.Advance(1ns);
+  Find(*one, 2001);
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
+  End(*one);
+  End(*other);
+}
+
+TEST_F(PeerThreadsTest, PlaceForWhichThereIsNoMemoryDoesNotWait) {
   const auto threads = Make();
   Fill(*threads);
-  for (unsigned short port = 1000; port < 1000 + 1024; ++port) Find(*threads, port);
-  Find(*threads, 3000);
+  for (const long allocation : {2, 3}) {  // The first is for the thread.
+    EXPECT_TRUE(RunsOutOfMemoryAt(allocation, [&] { Find(*threads, static_cast<unsigned short>(1000 + allocation)); }));
+  }
+  Find(*threads, 1004);
 
   receivers_.EndAll();
 
-  EXPECT_TRUE(receivers_.Begin(kRoom + 1024));
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
   threads->AwaitAll();
-  EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom + 1024));
-  EXPECT_THAT(receivers_.Begun(), Not(Contains(3000)));
+  EXPECT_THAT(BegunAfterThoseThatFill(), ElementsAre(1004));
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
+}
+
+TEST_F(PeerThreadsTest, OfMoreThan1024PlacesOfAServerTheFirstDoNotWait) {
+  const auto threads = Make();
+  const auto other = Make();
+  Fill(*threads);
+  Find(*other, 500);
+  for (unsigned short port = 1000; port < 1000 + 1026; ++port) Find(*threads, port);
+
+  receivers_.EndAll();
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1 + 1024));
+  threads->AwaitAll();
+  other->AwaitAll();
+  EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom + 1 + 1024));
+  EXPECT_THAT(receivers_.Begun(), AllOf(Contains(500), Not(Contains(1000)), Not(Contains(1001)), Contains(2025)));
 }
 
 TEST_F(PeerThreadsTest, EndForgetsThePlacesThatWait) {

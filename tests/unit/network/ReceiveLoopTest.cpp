@@ -38,7 +38,7 @@ class ReceiveLoopTest : public testing::Test {
  protected:
   using Pause = std::function<int(pollfd& done)>;
 
-  void Run() { ReceiveLoop(*member_, {0xE0010203, 4660}, esns_, member_.FoundPeer()).Run(); }
+  void Run() { ReceiveLoop(*member_, {{0xE0010203, 4660}, clock_.Now() - waited_}, esns_, member_.FoundPeer()).Run(); }
   // Each attempt fails to connect after its time. During the one that follows the last, the server begins to stop.
   void RunWithFailuresAfter(const std::vector<std::chrono::nanoseconds>& times) {
     failures_.assign(times.begin(), times.end());
@@ -98,6 +98,7 @@ class ReceiveLoopTest : public testing::Test {
   }
 
   FakeClock clock_;
+  std::chrono::nanoseconds waited_{0};  // So long ago the place was found.
   std::string member_name_ = "dev::proc::db";
   TestMember member_;
   const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
@@ -178,6 +179,14 @@ TEST_F(ReceiveLoopTest, EachRetryTellsTheRestOfTheRetryPeriod) {
 
   EXPECT_THAT(Lines(), ElementsAre(Retrying("30000ms"), Retrying("27500ms"), Retrying("25500ms"),
                                    AbortedWhileRetrying(), Aborting()));
+}
+
+TEST_F(ReceiveLoopTest, RetryPeriodBeginsWhenThePlaceIsFound) {
+  waited_ = 27s;
+
+  RunWithFailuresAfter({0s, 0s, 0s});
+
+  EXPECT_THAT(Lines(), ElementsAre(Retrying("3000ms"), Retrying("1000ms"), GivingUp()));
 }
 
 TEST_F(ReceiveLoopTest, RestOfTheRetryPeriodIsCutToWholeMilliseconds) {

@@ -31,6 +31,7 @@
 #include "StartedServer.h"
 #include "network/ActiveESNs.h"
 #include "network/PeerTable.h"
+#include "network/PeerThreads.h"
 #include "network/TableServer.h"
 #include "support/DescriptorLimit.h"
 #include "support/FailWith.h"
@@ -137,7 +138,7 @@ class Client {
 // A server that neither announces nor hears anything. Hooks of poll for its own threads come before Start().
 class TableServerTest : public testing::Test {
  protected:
-  TableServerTest() = default;
+  TableServerTest() { PeerThreads::ForgetAllInChild(); }  // When an earlier test has logged a shortage.
 
   void Start(unsigned broadcast_address = inet_addr("127.255.255.255")) {
     server_ = std::make_unique<TableServer>("\3devproc", "db", receive_table_, send_table_, "group", broadcast_address,
