@@ -380,6 +380,22 @@ TEST_F(PeerThreadsTest, EndForgetsThePlacesThatWait) {
   EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom));
 }
 
+TEST_F(PeerThreadsTest, EndReturnsWhenEveryThreadHasBeenJoined) {
+  std::atomic<std::size_t> joined{0};
+  const Hooked join(Hooks().pthread_join, [&](pthread_t thread, void** result) {
+    const int error = Hooks().pthread_join.Real(thread, result);
+    ++joined;
+    return error;
+  });
+  const auto threads = Make();
+  Fill(*threads);
+  receivers_.EndAll();
+
+  threads->AwaitAll();
+
+  EXPECT_EQ(joined, kRoom);
+}
+
 TEST_F(PeerThreadsTest, ThreadsThatCouldNotStartTakeNoRoom) {
   const auto threads = Make();
   {

@@ -38,6 +38,7 @@ int __real_getsockname(int, sockaddr*, socklen_t*);
 FILE* __real_fopencookie(void*, const char*, cookie_io_functions_t);
 int __real_close(int);
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __real_pthread_join(pthread_t, void**);
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wreturn-type-c-linkage"
 #endif
@@ -72,7 +73,8 @@ SystemCallHooks& Hooks() {
                            decltype(SystemCallHooks::fopencookie)(&__real_fopencookie),
                            decltype(SystemCallHooks::close)(&__real_close),
                            decltype(SystemCallHooks::now)(&__real__ZNSt6chrono3_V212steady_clock3nowEv),
-                           decltype(SystemCallHooks::start_thread)([] {})};
+                           decltype(SystemCallHooks::start_thread)([] {}),
+                           decltype(SystemCallHooks::pthread_join)(&__real_pthread_join)};
   return hooks;
 }
 
@@ -160,6 +162,8 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
   }
   return __real_pthread_create(thread, attributes, body, argument);
 }
+
+int __wrap_pthread_join(pthread_t thread, void** result) { return Hooks().pthread_join.Call(thread, result); }
 
 Now __wrap__ZNSt6chrono3_V212steady_clock3nowEv() { return Hooks().now.Call(); }
 

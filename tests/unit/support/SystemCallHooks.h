@@ -4,6 +4,7 @@
 #pragma once
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 
@@ -80,6 +81,8 @@ struct SystemCallHooks {
   // Runs before a thread is started, by std::thread or pthread_create, and keeps it from starting when it throws
   // std::system_error or std::bad_alloc.
   Hook<void()> start_thread;
+  // Of a thread that pthread_create has started; std::thread joins its own.
+  Hook<int(pthread_t thread, void** result)> pthread_join;
 };
 
 SystemCallHooks& Hooks();
