@@ -422,6 +422,22 @@ TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongOneBeforeIt) {
   EXPECT_EQ(LiveAllocations(), live - 1);
 }
 
+TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongKeyBeforeIt) {
+  const std::string short_record("\x00\x10\x00\x01kv", 6);
+  const std::string longer = std::string("\xBB\x80\x00\x01", 4) + std::string(3000, 'k') + "v";
+  // Memory that grows from 3,000 bytes is twice that.
+  const std::string longest = std::string("\xFF\xF0\x00\x01", 4) + std::string(4095, 'k') + "v";
+  PeerSends(longer + short_record + longest + short_record);
+  Row record;
+  for (int read = 1; read <= 3; ++read) Read(record);
+  const long live = LiveAllocations();
+
+  Read(record);
+
+  EXPECT_EQ(record, Row("k", "v"));
+  EXPECT_EQ(LiveAllocations(), live - 1);
+}
+
 TEST_F(RecordTest, RecordIsThereAsSoonAsItsLastByteIs) {
   const std::string larger_than_the_buffer(10001, 'v');
   PeerSends(Bytes("\x00\x10\x27\x11") + "k" + larger_than_the_buffer);
