@@ -99,5 +99,5 @@ void Database::Unlock() VARNIX_NO_LOCK_ANALYSIS {
 }
 
 void Database::ForgetServerInChild() VARNIX_NO_LOCK_ANALYSIS {
-  static_cast<void>(server_.release());  // Its end would wait for threads that the child does not have.
+  if (server_) server_.release()->ForgetInChild();
 }

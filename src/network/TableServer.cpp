@@ -23,6 +23,7 @@
 #include "network/SystemCalls.h"
 #include "network/TableSender.h"
 #include "tables/LocalTable.h"
+#include "tables/LocalTableRegistry.h"
 
 using Varnix::LogLevel;
 
@@ -152,6 +153,8 @@ void TableServer::NetworkChanged() {
   if (write(wake_pipe_.write_end.Get(), "W", 1) == 1) return;
   Log(LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed %d", errno);
 }
+
+void TableServer::ForgetInChild() { LocalTableRegistry::LeaveInChild(member_.done_table.get()); }
 
 void TableServer::Accept() {
   NameThisThread("vrx-acpt", member_.database.c_str());

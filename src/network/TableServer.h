@@ -39,6 +39,10 @@ class TableServer {
   // Has the discovery thread announce us in a burst.
   void NetworkChanged();
 
+  // For fork(), under all locks. The child leaves the server as it is, because its end would wait for threads that the
+  // child does not have.
+  void ForgetInChild();
+
   // Start a thread for a peer, whose address is in host byte order: one that receives from it, or one that serves it.
   void FoundPeer(unsigned address, unsigned short port, std::shared_ptr<ActiveESNs> active_esns);
   int IncomingConnection(FileDescriptor& socket, unsigned address);

@@ -55,3 +55,7 @@ std::vector<std::shared_ptr<LocalTable>> LocalTableRegistry::Alive() {
 void LocalTableRegistry::Lock() VARNIX_NO_LOCK_ANALYSIS { registry_lock.lock(); }
 
 void LocalTableRegistry::Unlock() VARNIX_NO_LOCK_ANALYSIS { registry_lock.unlock(); }
+
+void LocalTableRegistry::LeaveInChild(LocalTable* table) VARNIX_NO_LOCK_ANALYSIS {
+  if (WeakTables* tables = OpenRegistry()) tables->erase(table);
+}

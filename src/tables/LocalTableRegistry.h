@@ -23,4 +23,6 @@ class LocalTableRegistry {
   // For fork(): the child must not get a registry lock that another thread holds.
   static void Lock();
   static void Unlock();
+  // Under that lock: the table is the parent's, and lives on only because its users are forgotten.
+  static void LeaveInChild(LocalTable* table);
 };

@@ -155,6 +155,7 @@ class Host {
         {"watch-tables", &Host::WatchTables},
         {"watch-databases", &Host::WatchDatabases},
         {"watch-peers", &Host::WatchPeers},
+        {"list-tables", &Host::ListTables},
         {"stop-sharing", &Host::StopSharing},
         {"wait-until", &Host::WaitUntil},
         {"uptime", &Host::Uptime},
@@ -228,6 +229,12 @@ class Host {
   }
 
   void StopSharing() { Varnix::StopSharing(Bytes()); }
+
+  void ListTables() {
+    std::string names;
+    for (const auto& [name, table] : Varnix::GetLocalTables()) names += " " + ToHex(name);
+    Say("tables" + names);
+  }
 
   void WatchDatabases() { ReportRows("database", Varnix::GetDatabaseTable()); }
 

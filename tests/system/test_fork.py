@@ -123,6 +123,7 @@ def test_a_child_of_a_process_that_has_not_shared_shares(ether, make_host, used,
 def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host, child):
     host = make_host(environment=FORKING)
     parents_port = shares_like_any_process(ether, host, b"parent")
+    assert host.logs(7, "tblsvr.fnd", ".* found peer: .*")  # What its server has told until now has been read.
     servers = {text.split("(0x")[1].split(")")[0] for _, tag, text in host.log if tag == "tblsvr.ctor"}
     assert len(servers) == 1
 
@@ -150,6 +151,35 @@ def test_a_child_of_a_sharing_process_is_a_member_of_its_own(ether, make_host, c
     newcomer.receive_record()
     newcomer.send(wire.answer(b"elsewhere", 9))
     assert newcomer.receive_record() == (b"\x01tof parent", b"1")
+
+
+def tables_of(host):
+    """The names that GetLocalTables() lists."""
+    host.do("list-tables")
+    return sorted(programs.unhexed(word) for word in last(host, "tables").split()[1:])
+
+
+@of_any_thread
+def test_a_child_lists_the_tables_that_are_its_own(ether, make_host, child):
+    host = make_host(environment=FORKING)
+    host.set(b"other", b"t", b"k", b"v")
+    host.set(b"plant", b"t", b"k", b"v")
+    unshared = tables_of(host)
+    host.share(b"plant", b"line-4", b"press")
+    stream = wire.connect(ether.port_of_next_announcement())
+    stream.receive_record()
+    stream.send(wire.answer(b"elsewhere", 9))
+    assert stream.receive_record() == (b"\x01tk", b"v")  # The thread that sends uses the server's table.
+    shared = tables_of(host)
+    assert shared == sorted([*unshared, b"_vrx_.ts_done.plant"])
+
+    host.do(child)
+
+    assert tables_of(host) == unshared
+    host.share(b"plant", b"line-4", b"press", b"child")
+    assert tables_of(host) == shared
+    host.do("return")
+    assert last(host, "child") == "child exited 0"
 
 
 def streams_of(ether, host):
