@@ -87,8 +87,8 @@ struct PeerThreads::Sender {
   std::shared_ptr<ActiveESNs> active_esns;
 };
 
-Mutex PeerThreads::waiting_lock_;
-Shortage PeerThreads::shortage_;
+Mutex PeerThreads::waiting_lock;
+Shortage PeerThreads::shortage;
 
 // They take turns.
 std::list<PeerThreads*>& PeerThreads::ServersWithWaitingPlaces() {
@@ -125,13 +125,13 @@ int PeerThreads::TryToStartReceiver(const FoundPlace& place, std::shared_ptr<Act
 
 // Returns whether the shortage is to be logged.
 bool PeerThreads::LetWait(const FoundPlace& place) {
-  MutexLock lock(waiting_lock_);
+  MutexLock lock(waiting_lock);
   try {
     if (active_esns_) AddToThoseThatWait(place);
   } catch (const std::bad_alloc&) {
     // The peer's next announcement tries again.
   }
-  return shortage_.IsNews();
+  return shortage.IsNews();
 }
 
 void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
@@ -148,7 +148,7 @@ void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
 
 // Starts as many as there is room for.
 void PeerThreads::StartThoseThatWait() {
-  MutexLock lock(waiting_lock_);
+  MutexLock lock(waiting_lock);
   std::list<PeerThreads*>& servers = ServersWithWaitingPlaces();
   while (!servers.empty()) {
     PeerThreads& threads = *servers.front();
@@ -156,7 +156,7 @@ void PeerThreads::StartThoseThatWait() {
     servers.splice(servers.end(), servers, servers.begin());
     if (threads.waiting_.empty()) servers.pop_back();
   }
-  shortage_.End();
+  shortage.End();
 }
 
 // False when there is no room for it.
@@ -228,7 +228,7 @@ void PeerThreads::EndThisThread() {
 void PeerThreads::AwaitAll() {
   std::shared_ptr<ActiveESNs> released;
   {
-    MutexLock lock(waiting_lock_);
+    MutexLock lock(waiting_lock);
     waiting_.clear();
     ServersWithWaitingPlaces().remove(this);
     released.swap(active_esns_);
@@ -243,14 +243,14 @@ void PeerThreads::AwaitAll() {
   if (last) pthread_join(*last, nullptr);
 }
 
-void PeerThreads::Lock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock_.lock(); }
+void PeerThreads::Lock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.lock(); }
 
-void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock_.unlock(); }
+void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.unlock(); }
 
 void PeerThreads::ForgetAllInChild() VARNIX_NO_LOCK_ANALYSIS {
   receivers = 0;
   senders = 0;
-  shortage_ = Shortage();
+  shortage = Shortage();
   for (PeerThreads* threads : ServersWithWaitingPlaces()) threads->waiting_.clear();
   ServersWithWaitingPlaces().clear();
 }

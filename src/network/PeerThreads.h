@@ -59,12 +59,12 @@ class PeerThreads {
   struct Receiver;
   struct Sender;
 
-  static std::list<PeerThreads*>& ServersWithWaitingPlaces() VARNIX_REQUIRES(waiting_lock_);
+  static std::list<PeerThreads*>& ServersWithWaitingPlaces() VARNIX_REQUIRES(waiting_lock);
   int TryToStartReceiver(const FoundPlace& place, std::shared_ptr<ActiveESNs> active_esns);
-  bool LetWait(const FoundPlace& place) VARNIX_EXCLUDES(waiting_lock_);
-  void AddToThoseThatWait(const FoundPlace& place) VARNIX_REQUIRES(waiting_lock_);
-  bool StartFirstThatWaits() VARNIX_REQUIRES(waiting_lock_);
-  static void StartThoseThatWait() VARNIX_EXCLUDES(waiting_lock_);
+  bool LetWait(const FoundPlace& place) VARNIX_EXCLUDES(waiting_lock);
+  void AddToThoseThatWait(const FoundPlace& place) VARNIX_REQUIRES(waiting_lock);
+  bool StartFirstThatWaits() VARNIX_REQUIRES(waiting_lock);
+  static void StartThoseThatWait() VARNIX_EXCLUDES(waiting_lock);
   template <class Job>
   int Start(std::unique_ptr<Job>& job);
   template <class Job>
@@ -73,13 +73,13 @@ class PeerThreads {
   void EndThisThread() VARNIX_EXCLUDES(mutex_);
 
   // Of all servers.
-  static Mutex waiting_lock_;
-  static Shortage shortage_ VARNIX_GUARDED_BY(waiting_lock_);
+  static Mutex waiting_lock;
+  static Shortage shortage VARNIX_GUARDED_BY(waiting_lock);
 
   const std::string database_;
   const Receive receive_;
   const Serve serve_;
-  std::list<FoundPlace> waiting_ VARNIX_GUARDED_BY(waiting_lock_);  // In turn.
+  std::list<FoundPlace> waiting_ VARNIX_GUARDED_BY(waiting_lock);  // In turn.
   Mutex mutex_;
   std::condition_variable ended_cv_;
   bool esns_released_ VARNIX_GUARDED_BY(mutex_) = false;

@@ -33,7 +33,7 @@ class ReceiveLoop {
   bool PauseBeforeRetry();
 
   const Member& member_;
-  const PeerPlace place_;
+  const FoundPlace place_;
   const std::shared_ptr<ActiveESNs> active_esns_;
   const FoundPeerCallback& found_peer_;
   Clock::time_point deadline_;
