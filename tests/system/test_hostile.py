@@ -102,7 +102,7 @@ def plant():
 
 def settled(plant):
     """What the process costs when nobody is there but its healthy peers."""
-    # Threads that try to reach a peer do so for half a minute, and then those of the places that waited for a thread.
+    # Threads that try to reach a peer do so for half a minute after it was announced.
     assert programs.eventually(lambda: threads(plant.host) == plant.threads, 2 * programs.DEADLINE), threads(plant.host)
     return plant.cost()
 
