@@ -20,7 +20,7 @@
 // Starts the threads of one server's peers, one for each peer that is received from and one for each that is served,
 // and awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three
 // eighths of the limit of descriptors: a flood of announcements or connections must not take them all. A place for
-// which there is no thread waits until a thread of any server has ended, 30 seconds at most: its peer announces it anew.
+// which there is no thread waits until a thread of any server has ended, or until it was found 30 seconds ago.
 //
 // Threads: any. The lock of the places that wait, one for the process, comes before the mutex of each object, and that
 // before the one of ActiveESNs.
@@ -39,7 +39,8 @@ class PeerThreads {
   PeerThreads& operator=(const PeerThreads&) = delete;
 
   // When there is no thread, the place waits for one. One that waits already keeps its turn, and is found anew. If more
-  // than 1,024 of this server wait, the first is forgotten. The shortage is logged once for all servers, until no place is left that waits.
+  // than 1,024 of this server wait, the first is forgotten. The shortage is logged once for all servers, until no place
+  // is left that waits.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
   // Takes over the socket and returns 0; or returns an error number, with the socket left as it is: Acceptor
   // tries again for 100 ms and then closes it.

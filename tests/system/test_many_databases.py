@@ -51,7 +51,7 @@ def test_two_processes_meet_in_every_database_of_one_group(pair):
     programs.figure(f"{DATABASES} databases of one group met both ways after {took:.1f} s")
     for _, host in pair:
         shortages = [text for level, _, text in host.log if level == 3 and "::thread error" in text]
-        assert len(shortages) <= 100, shortages  # One for each time that places had to wait, and not one for each place.
+        assert len(shortages) <= 100, shortages  # One for each time that places had to wait, not for each place.
 
 
 def test_two_processes_meet_in_every_database_with_a_group_of_its_own(pair):
