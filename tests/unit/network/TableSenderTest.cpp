@@ -94,6 +94,9 @@ class TableSenderTest : public testing::Test {
     sent_ = true;
     SendTable(*member_, Own(socket_), 0x7F010203, esns_, member_.FoundPeer());
   }
+  // A burst of rows that take so many bytes on the wire each, 9 with an empty value, leaves whole between so many looks
+  // at the peer.
+  void LeaveWhole(const std::vector<std::size_t>& sizes, std::size_t looks);
   // A burst of so many rows leaves whole, in pieces of a full buffer: one piece between two looks at the peer.
   void LeavesByTheBuffer(int rows, const std::string& key, const std::string& value, std::size_t row_size,
                          std::size_t looks);
@@ -149,15 +152,15 @@ class TableSenderTest : public testing::Test {
     }
     return {calls.begin() + 1, calls.end()};
   }
-  // The most bytes that have been sent between two looks for the end of the connection.
-  std::size_t MostBetweenLooks() const {
-    std::size_t most = 0;
+  // How many bytes have been sent between each two looks for the end of the connection.
+  std::vector<std::size_t> BytesBetweenLooks() const {
+    std::vector<std::size_t> sums;
     std::size_t sent = 0;
     for (const std::string& call : trace_) {
       if (call.rfind("send ", 0) == 0) sent += std::stoul(call.substr(5));
-      if (call.rfind("poll ", 0) == 0) most = std::max(most, std::exchange(sent, 0));
+      if (call.rfind("poll ", 0) == 0) sums.push_back(std::exchange(sent, 0));
     }
-    return most;
+    return {sums.begin() + 1, sums.end()};  // The record of the uid comes before the first look.
   }
 
   TestMember member_;
@@ -234,6 +237,25 @@ class QuietBurst {
   HookedHere<std::chrono::steady_clock::time_point()> now_;
 };
 
+void TableSenderTest::LeaveWhole(const std::vector<std::size_t>& sizes, std::size_t looks) {
+  const QuietBurst burst(static_cast<int>(sizes.size()), 1us);
+  std::string expected = kUs;
+  char letter = 'a';
+  for (const std::size_t size : sizes) {
+    const std::string key = std::string("\x03tbl") + letter;
+    const std::string value(size - 9, letter++);
+    SetRow(key, value);
+    expected +=
+        Bytes("\x00\x50") + static_cast<char>(value.size() >> 8) + static_cast<char>(value.size()) + key + value;
+  }
+  PeerSays(kOtherGroup);
+  passes_.assign(looks, NothingIsThere);
+
+  Send();
+
+  EXPECT_TRUE(PeerReceives() == expected) << "bytes differ";
+}
+
 void TableSenderTest::LeavesByTheBuffer(int rows, const std::string& key, const std::string& value,
                                         std::size_t row_size, std::size_t looks) {
   const QuietBurst burst(rows, 100ns);
@@ -243,7 +265,8 @@ void TableSenderTest::LeavesByTheBuffer(int rows, const std::string& key, const 
 
   Send();
 
-  EXPECT_THAT(MostBetweenLooks(), AllOf(Ge(8192U), Lt(8192U + row_size)));
+  const std::vector<std::size_t> sent = BytesBetweenLooks();
+  EXPECT_THAT(*std::max_element(sent.begin(), sent.end()), AllOf(Ge(8192U), Lt(8192U + row_size)));
   EXPECT_EQ(PeerReceives().size(), kUs.size() + static_cast<std::size_t>(rows) * row_size);
 }
 
@@ -363,6 +386,24 @@ TEST_F(TableSenderTest, NextBurstMayShareSegmentsAgain) {
 
   EXPECT_THAT(SendsAndOptions(), ElementsAre("send 14", "option TCP_NODELAY 1", "option TCP_NODELAY 0", "send 14",
                                              "send 14", "send 14", "option TCP_NODELAY 1"));
+}
+
+TEST_F(TableSenderTest, RowsOfAFullBufferMayShareSegmentsAndTheLastIsNotHeldBack) {
+  const std::string value(92, 'v');
+  const QuietBurst burst(301, 100ns, [&](int taken) {
+    if (taken != 1) return;
+    for (int i = 0; i < 300; ++i) SetRow("\x03tbl" + std::to_string(1000 + i), value);  // 104 bytes each.
+  });
+  SetRow("\x03tbla", "value");
+  PeerSays(kOtherGroup);
+  RecordOptions();
+  passes_.assign(5, NothingIsThere);
+
+  Send();
+
+  EXPECT_THAT(SendsAndOptions(),
+              ElementsAre("send 14", "option TCP_NODELAY 1", "option TCP_NODELAY 0", "send 8192", "send 24",
+                          "send 8192", "send 24", "send 8192", "send 24", "send 6552", "option TCP_NODELAY 1"));
 }
 
 TEST_F(TableSenderTest, SocketThatRefusesTheOptionIsServedAllTheSame) {
@@ -786,6 +827,25 @@ TEST_F(TableSenderTest, RowsOfALongBurstLeaveWhenTheBufferIsFull) {
 }
 
 TEST_F(TableSenderTest, HeadersOfShortRowsFillTheBufferToo) { LeavesByTheBuffer(2000, "\x01t", "v", 11, 3); }
+
+TEST_F(TableSenderTest, RowsAsLongAsABufferAndLongerLeaveInTheirPlaceInABurst) {
+  LeaveWhole({20, 8192, 20, 17000, 8192, 20, 20}, 4);
+
+  EXPECT_THAT(BytesBetweenLooks(), ElementsAre(8212, 17020, 8192, 40));
+}
+
+TEST_F(TableSenderTest, BufferIsFullWithItsLastByteInABurst) {
+  LeaveWhole({8000, 192, 8000, 191, 20, 8000, 190, 20, 20}, 4);
+
+  EXPECT_THAT(BytesBetweenLooks(), ElementsAre(8192, 8211, 8210, 20));
+}
+
+TEST_F(TableSenderTest, RowsWithEmptyValuesBehindAFullBufferLeaveInTheirPlaceInABurst) {
+  LeaveWhole({8000, 191, 9, 20, 8192, 9, 9, 20, 9}, 5);
+
+  EXPECT_THAT(BytesBetweenLooks(), ElementsAre(8191, 8221, 0, 0, 38));
+  EXPECT_THAT(std::vector<std::string>(trace_.end() - 2, trace_.end()), ElementsAre("send 9", "close"));
+}
 
 TEST_F(TableSenderTest, RowsInTheBufferLeaveBeforeAHookIsCalledThatHasBeenSetMeanwhile) {
   std::vector<std::string> received;
