@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -117,6 +119,32 @@ TEST(Log, NeverRunsTheHookTwiceAtOnce) {
 
   EXPECT_EQ(most, 1);
   EXPECT_EQ(calls, 4000);
+}
+
+TEST(Log, TakesNoLockForWhatNobodyHears) {
+  for (const LogHook& hook : {LogHook(DefaultLogger), LogHook()}) {
+    SetLogHook(hook);
+    LockLog();  // As while the hook prints an error to a slow device.
+    const std::future<void> logged = std::async(std::launch::async, [] { Log(LogLevel::Debug, "tag", "text"); });
+    const bool through_meanwhile = logged.wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+    UnlockLog();
+    EXPECT_TRUE(through_meanwhile) << (hook ? "first hook" : "empty hook");
+  }
+
+  SetLogHook(DefaultLogger);
+}
+
+TEST(Log, HasAHookOfTheHostWhenThatIsNeitherTheFirstOneNorEmpty) {
+  EXPECT_FALSE(HasHookOfTheHost()) << "first hook";
+
+  SetLogHook({});
+  EXPECT_FALSE(HasHookOfTheHost()) << "empty hook";
+
+  SetLogHook([](LogLevel, const char*, const char*, va_list) {});
+  EXPECT_TRUE(HasHookOfTheHost()) << "hook of the host";
+
+  SetLogHook(DefaultLogger);
+  EXPECT_FALSE(HasHookOfTheHost()) << "first hook again";
 }
 
 TEST(Log, KnowsTheThreadThatRunsTheHookAndForgetsItAfterwards) {
