@@ -15,6 +15,7 @@
 #include "support/ForkedChild.h"
 #include "support/SleepingThread.h"
 #include "tables/LWatcherSet.h"
+#include "tables/LocalTableRegistry.h"
 
 namespace {
 
@@ -54,6 +55,20 @@ class Fork : public testing::Test {
 };
 
 }  // namespace
+
+#if !defined(VARNIX_EMULATED)  // An emulator need not stand a fork by another thread than the first.
+TEST(ForkWhileATableIsRegistered, LeavesTheChildARegistryThatItCanUse) {
+  bool usable = false;
+  LocalTableRegistry::Lock();  // As the thread does that makes the table.
+  {
+    const SleepingThread forker(
+        [&] { usable = HoldsInForkedChild([] { return Varnix::MakeTable("of the child") != nullptr; }); });
+    LocalTableRegistry::Unlock();
+  }
+
+  EXPECT_TRUE(usable);
+}
+#endif
 
 #if !defined(VARNIX_EMULATED)  // Emulators abort where a child of a process with threads starts one.
 TEST_F(Fork, LeavesTheChildASetThatWakesItsThreadsThoughTheParentWaitsInIt) {

@@ -220,6 +220,14 @@ TEST(LocalTable, ValueThatBecomesMuchShorterGivesItsMemoryBack) {
   EXPECT_EQ(LeavesAllocated([&] { table->Set(after); }), -1);
 }
 
+TEST(LocalTable, NewRowIsKeptInItsPlaceWithOneKeyAndOneValue) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"first", "makes the index"});
+  const Row row(std::string(100, 'k'), std::string(100, 'v'));
+
+  EXPECT_EQ(LeavesAllocated([&] { table->Set(row); }), 3);
+}
+
 TEST(LocalTable, KnownKeyGetsAValueThatFitsWithoutAllocating) {
   const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
   const std::shared_ptr<Varnix::WatcherSet> set = Varnix::MakeWatcherSet({table->Watch("k"), table->WatchAll()});
