@@ -254,6 +254,38 @@ TEST(GetDatabaseTableDeathTest, IsEmptyAtFirstAndHasOneRowAfterTwoCallsForOneDat
   EXPECT_EXIT(in_a_process_without_databases(), testing::ExitedWithCode(0), "^absent 1, empty 1, same 1, listed 1$");
 }
 
+#if !defined(VARNIX_EMULATED)  // Emulators abort where a forked child starts a thread, as sharing does.
+TEST(DatabaseCacheDeathTest, SharesNothingOnceTheProcessExitsThoughAThreadMayStillHaveIt) {
+  const auto exit_while_it_is_in_use = [] {
+    static std::shared_ptr<DatabaseCache> kept;
+    std::atexit([] {  // Later than what the library does at the exit.
+      SharingSettings settings;
+      std::fprintf(stderr, "shared %d", kept->GetDatabase("d")->GetSharing(settings));
+    });
+    kept = DatabaseCache::Instance();
+    kept->GetDatabase("d")->SetSharing({"group", "dev", "proc", inet_addr("127.255.255.255")});
+    std::exit(0);
+  };
+
+  EXPECT_EXIT(exit_while_it_is_in_use(), testing::ExitedWithCode(0), "^shared 0$");
+}
+
+TEST(DatabaseCacheDeathTest, ThatIsMadeWhileTheProcessExitsSharesNothing) {
+  const auto exit_and_share = [] {
+    std::atexit([] {
+      const auto database = DatabaseCache::Instance()->GetDatabase("d");
+      database->SetSharing({"group", "dev", "proc", inet_addr("127.255.255.255")});
+      SharingSettings settings;
+      std::fprintf(stderr, "shared %d", database->GetSharing(settings));
+    });
+    DatabaseCache::Instance();
+    std::exit(0);
+  };
+
+  EXPECT_EXIT(exit_and_share(), testing::ExitedWithCode(0), "^shared 0$");
+}
+#endif
+
 TEST(GetDatabaseTable, IsOneTableNamedAsTheLibrarysOwn) {
   EXPECT_EQ(Varnix::GetDatabaseTable(), Varnix::GetDatabaseTable());
   EXPECT_THAT(LocalTables("_vrx_.dbtbl.main"), testing::Contains(Varnix::GetDatabaseTable()));

@@ -92,6 +92,18 @@ TEST(Database, ReportsTheSettingsItIsSharedWith) {
   EXPECT_EQ(settings.broadcast_address, inet_addr("127.255.255.255"));
 }
 
+TEST(Database, IsSharedInTheGroupWithoutANameLikeInAnyOther) {
+  Database database("d");
+  SharingSettings settings = Settings();
+  settings.group.clear();
+  database.SetSharing(settings);
+  settings.group = "as before";
+
+  EXPECT_TRUE(database.GetSharing(settings));
+
+  EXPECT_EQ(settings.group, "");
+}
+
 TEST(Database, CanStopSharingAndShareAgain) {
   Database database("d");
   database.SetSharing(Settings());
