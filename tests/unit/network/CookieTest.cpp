@@ -193,6 +193,23 @@ TEST_F(CookieTest, StreamReadsAndWritesTheSameConnection) {
   CloseStream();
 }
 
+TEST_F(CookieTest, StreamIsGivenBackToStdio) {
+  static int closed;
+  closed = 0;
+  Hooked fopencookie(Hooks().fopencookie, [](void* cookie, const char* mode, cookie_io_functions_t functions) {
+    functions.close = [](void*) {
+      ++closed;
+      return 0;
+    };
+    return Hooks().fopencookie.Real(cookie, mode, functions);
+  });
+  OpenStream();
+
+  CloseStream();
+
+  EXPECT_EQ(closed, 1);
+}
+
 TEST_F(CookieTest, StreamIsClosedBeforeItsSocketAndTheDonePipeStaysOpen) {
   FILE* const stream = OpenStream();
   fwrite("abc", 3, 1, stream);

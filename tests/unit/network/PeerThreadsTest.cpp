@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -23,6 +24,7 @@
 #include "support/FailingAllocations.h"
 #include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
 
 using namespace std::chrono_literals;
@@ -435,6 +437,37 @@ std::size_t PagesOfAddressSpace() {
 }
 
 }  // namespace
+
+TEST_F(PeerThreadsTest, EndWaitsAlsoForTheLastStepsOfTheLastThread) {
+  struct EndsLate {
+    ~EndsLate() {
+      ending.set_value();
+      may_end.wait();
+    }
+    std::promise<void>& ending;
+    std::shared_future<void> may_end;
+  };
+  std::promise<void> ending;
+  std::promise<void> may_end;
+  const std::shared_future<void> told = may_end.get_future().share();
+  PeerThreads threads(
+      "db",
+      [&](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) {
+        thread_local const EndsLate ends_with_the_thread{ending, told};
+      },
+      [](const FileDescriptor&, unsigned, const std::shared_ptr<ActiveESNs>&) {});
+  Find(threads, 1);
+  ending.get_future().wait();
+  std::atomic<bool> all_have_ended{false};
+
+  const SleepingThread waiting([&] {
+    threads.AwaitAll();
+    all_have_ended = true;
+  });
+
+  EXPECT_FALSE(all_have_ended);
+  may_end.set_value();
+}
 
 TEST_F(PeerThreadsTest, ThreadsThatHaveEndedKeepNoStacks) {
   const auto threads = Make();
