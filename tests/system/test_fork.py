@@ -4,6 +4,7 @@
 """A host that forks without exec: the child ends well, and nobody else notices that it has been there."""
 
 import os
+import pathlib
 
 import pytest
 
@@ -66,6 +67,29 @@ def test_a_child_that_is_forked_while_a_peer_does_not_read_sends_nothing_of_its_
     assert [event for event in host.events if event.startswith("child")] == ["child exited 7"] * 10
     for number in range(20):
         assert stream.receive_record() == (b"\x01t%02d" % number, b"%d" % (number % 10) * 1_000_000)
+
+
+@pytest.mark.parametrize("end", ["return", "exit"])
+def test_a_child_that_is_forked_while_rows_wait_to_leave_together_sends_none_of_them(ether, make_host, end):
+    # The kernel takes so little that rows stay in the library's own buffer while the peer does not read.
+    for name in "tcp_wmem", "tcp_rmem":
+        pathlib.Path("/proc/sys/net/ipv4", name).write_text("4096 16384 16384", encoding="ascii")
+    host = make_host("--default-log", environment=FORKING)  # A hook of the host's would have each row leave at once.
+    rows = [(b"%05d" % number, b"v") for number in range(4000)]
+    host.set_all(b"plant", b"t", rows)
+    host.share(b"plant", b"line-4", b"press")
+    stream = wire.connect(ether.port_of_next_announcement())
+    stream.receive_record()
+    stream.send(wire.answer(b"elsewhere", 9))
+    assert programs.eventually(lambda: stream.unread() > 0)
+    assert programs.eventually(stream.stopped_growing)
+
+    for _ in range(10):
+        host.do("fork", end)
+
+    assert [event for event in host.events if event.startswith("child")] == ["child exited 7"] * 10
+    for key, value in rows:
+        assert stream.receive_record() == (b"\x01t" + key, value)
 
 
 def test_a_child_that_is_forked_before_anything_is_shared_ends(network, make_host):
