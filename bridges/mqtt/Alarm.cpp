@@ -62,13 +62,13 @@ std::optional<Alarm::Change> Alarm::Take() {
   return std::exchange(come_, std::nullopt);
 }
 
-void Alarm::Recall() {
+std::optional<Alarm::Change> Alarm::Recall() {
   if (IsSet()) recall_->Set({"recall", std::to_string(++recalls_)});
   {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [this] { return set_ == nullptr; });
   }
-  Take();
+  return Take();
 }
 
 void Alarm::Run() {

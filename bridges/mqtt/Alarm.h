@@ -37,8 +37,8 @@ class Alarm {
   int Descriptor() const { return event_; }
   // The change that has come, once.
   std::optional<Change> Take();
-  // Ends the sleep. Nothing is left to take.
-  void Recall();
+  // Ends the sleep. Returns what there was to take: a change of the set, or that of the recall. Nothing is left.
+  std::optional<Change> Recall();
 
  private:
   void Run();

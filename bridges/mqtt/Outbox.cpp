@@ -23,7 +23,10 @@ void Outbox::Restart() {
 }
 
 void Outbox::Rest() {
-  alarm_.Recall();
+  // Rows are asked for again by Restart(), but nobody tells of a table twice.
+  const std::optional<Alarm::Change> taken = alarm_.Recall();
+  const Database* database = taken ? DatabaseOfNewTable(*taken) : nullptr;
+  if (database != nullptr) AddTable(database->name, taken->first.first);
   changes_ = nullptr;
   walk_ = nullptr;
   table_of_.clear();
@@ -32,17 +35,20 @@ void Outbox::Rest() {
 
 bool Outbox::Take(OutRow& row) {
   while (std::optional<Alarm::Change> change = NextChange()) {
-    const std::shared_ptr<Varnix::Watcher>& watcher = change->second;
-    const auto table = table_of_.find(watcher.get());
+    const auto table = table_of_.find(change->second.get());
     if (table != table_of_.end()) {
       SetRow(row, tables_[table->second], std::move(change->first));
       return true;
     }
-    const auto database = std::find_if(databases_.begin(), databases_.end(),
-                                       [&](const Database& one) { return one.new_tables == watcher; });
-    if (database != databases_.end()) LearnTables(*database, change->first.first);
+    if (const Database* database = DatabaseOfNewTable(*change)) LearnTables(*database, change->first.first);
   }
   return false;
+}
+
+const Outbox::Database* Outbox::DatabaseOfNewTable(const Alarm::Change& change) const {
+  const auto database = std::find_if(databases_.begin(), databases_.end(),
+                                     [&](const Database& one) { return one.new_tables == change.second; });
+  return database == databases_.end() ? nullptr : &*database;
 }
 
 std::optional<Alarm::Change> Outbox::NextChange() {
@@ -71,7 +77,7 @@ std::optional<Alarm::Change> Outbox::TakeInTurn() {
 }
 
 // Takes all tables that have become known, so that the set is made once for all of them.
-void Outbox::LearnTables(Database& database, std::string table) {
+void Outbox::LearnTables(const Database& database, const std::string& table) {
   AddTable(database.name, table);
   for (;;) {
     const std::vector<Varnix::Row> rows = database.new_tables->GetChanges();

@@ -66,7 +66,9 @@ class Outbox {
 
   std::optional<Alarm::Change> NextChange();
   std::optional<Alarm::Change> TakeInTurn();
-  void LearnTables(Database& database, std::string table);
+  // The database whose new table this change is; null if it is no new table.
+  const Database* DatabaseOfNewTable(const Alarm::Change& change) const;
+  void LearnTables(const Database& database, const std::string& table);
   void AddTable(const std::string& database, const std::string& table);
   void MakeSet();
   static void SetRow(OutRow& row, const SharedTable& table, Varnix::Row&& content);

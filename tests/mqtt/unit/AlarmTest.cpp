@@ -62,6 +62,20 @@ TEST(Alarm, CanBeSetAgainAfterARecall) {
   }
 }
 
+TEST(Alarm, HandsOverAtARecallWhatItHasTaken) {
+  Alarm alarm;
+  const Watched watched(alarm);
+  alarm.Set(watched.set);
+  watched.table->Set({"row", "1"});
+  ASSERT_TRUE(IsReadable(alarm.Descriptor(), kDeadline));
+  const std::optional<Alarm::Change> change = alarm.Recall();
+  ASSERT_TRUE(change);
+  EXPECT_EQ(change->first, Varnix::Row("row", "1"));
+  EXPECT_EQ(change->second, watched.changes);
+  EXPECT_FALSE(IsReadable(alarm.Descriptor(), 0));
+  EXPECT_FALSE(alarm.Recall());
+}
+
 TEST(Alarm, EndsWhileItIsSet) {
   Alarm alarm;
   const Watched watched(alarm);

@@ -13,6 +13,7 @@
 
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Pair;
 
@@ -87,6 +88,19 @@ TEST_F(OutboxTest, GivesNothingWhileItRests) {
   EXPECT_FALSE(outbox_.Take(row));
   outbox_.Restart();
   EXPECT_THAT(TakeAll(), ElementsAre(Pair(Topic("t/a"), "1")));
+}
+
+TEST_F(OutboxTest, KeepsATableThatTheAlarmHasTakenBeforeARest) {
+  TakeAll();
+  for (const std::string table : {"first", "second"}) {
+    ASSERT_TRUE(outbox_.IsDrained());
+    Set(table, "a", "1");
+    pollfd taken{outbox_.Descriptor(), POLLIN, 0};
+    ASSERT_EQ(poll(&taken, 1, 60'000), 1);
+    outbox_.Rest();
+    outbox_.Restart();
+    EXPECT_THAT(TakeAll(), Contains(Pair(Topic(table + "/a"), "1")));
+  }
 }
 
 TEST_F(OutboxTest, LetsNoBusyTableKeepAnotherWaiting) {
