@@ -29,7 +29,9 @@
 //   -ENOMEM   there is no memory
 //   -EAGAIN   there is nothing to take, or nothing came in time; varnix_share: there is no thread to be had
 //   -ENOENT   varnix_get_sharing: the database is not shared
-//   -EINVAL   NULL with a length other than 0, or a length that no string can have
+//   -EINVAL   NULL with a length other than 0, or a length that no string can have; varnix_table_list_get: the index is
+//             beyond the end; varnix_log_buffer_new: no buffer has this capacity
+//   -EMFILE, -ENFILE   varnix_watcher_set_descriptor: there is no descriptor to be had
 //   -EIO      anything else that Varnix.h would throw; a std::system_error, of a failing lock for one, gives its own
 //   So no exception leaves a function. Functions without a result cannot fail.
 // Cancelling: a thread must not be cancelled by pthread_cancel() while it is in a function of this library.

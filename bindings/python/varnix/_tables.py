@@ -104,6 +104,9 @@ class WatcherSet(Handle):
 
         A signal's handler runs meanwhile, and what it raises ends the wait, such as KeyboardInterrupt. (If it comes
         just when a change has been taken, that change is lost, as with any queue.)
+
+        The first wait that has to sleep makes the descriptor of fileno(), which the set keeps. So it raises OSError
+        where none is to be had, and from then on setting a row and taking it cost calls of the kernel.
         """
         change = self._take()
         if change is not None or (timeout is not None and timeout <= 0):
@@ -153,7 +156,8 @@ class WatcherSet(Handle):
             await self._readable()
 
     async def _readable(self) -> None:
-        # A descriptor of its own for each task that waits: a loop keeps one reader for each number.
+        # A descriptor of its own for each task that waits: a loop keeps one reader for each number. This one is
+        # Python's, not the library's: a child that is forked meanwhile keeps a copy of it.
         descriptor = os.dup(self.fileno())
         try:
             loop = asyncio.get_running_loop()
