@@ -8,7 +8,7 @@ import re
 import namespaces
 
 GONE_AFTER_A_CUT = 4  # Seconds, by TCP's keepalive.
-MARGIN = 20  # For a busy machine.
+MARGIN = 60  # For a busy machine.
 
 
 def peers(host):
