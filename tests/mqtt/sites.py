@@ -69,6 +69,10 @@ class Writer:
         assert select.select([self._process.stdout], [], [], DEADLINE)[0]
         return self._process.stdout.readline().split()
 
+    def has_answered(self):
+        """Whether there is an answer already, or the writer has ended."""
+        return bool(select.select([self._process.stdout], [], [], 0)[0])
+
     def clean_up(self):
         self._process.kill()
         self._process.communicate()
