@@ -159,10 +159,15 @@ class Site:
     def mend(self):
         self._broker_namespace.ip(f"link set {self._cable} up")
 
-    def bridge_arguments(self, *more, broker=None, port=1883, databases=(DATABASE,)):
-        return ["--site", self.name, "--group", GROUP, "--broker", f"{broker or self.broker_address}:{port}",
-                "--broadcast", "127.255.255.255", "--log-level", "info",
-                *(word for database in databases for word in ("--database", database)), *more]
+    def bridge_arguments(self, *more, broker=None, port=1883, databases=(DATABASE,), config=None):
+        """Those that every bridge needs go into the file `config`, if it is given."""
+        options = [("site", self.name), ("group", GROUP), ("broker", f"{broker or self.broker_address}:{port}".encode()),
+                   ("broadcast", b"127.255.255.255"), ("log-level", b"info"),
+                   *(("database", database) for database in databases)]
+        if config is None:
+            return [*(word for name, value in options for word in (f"--{name}", value)), *more]
+        config.write_bytes(b"".join(b"%s = %s\n" % (name.encode(), value) for name, value in options))
+        return ["--config", config, *more]
 
 
 def private_memory(pid):

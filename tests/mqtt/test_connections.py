@@ -252,6 +252,35 @@ def test_no_connection_gets_the_log_where_standard_error_is_closed(broker, make_
         bridge.wait()
 
 
+def test_a_bridge_takes_its_options_from_a_file(broker, make_client, make_site, make_member, start_bridge, tmp_path):
+    hall = make_site(b"hall1")
+    client = make_client(broker, "#")
+    start_bridge(hall, "--prefix", "above", databases=[DATABASE, b"office"], config=tmp_path / "hall1.conf")
+    assert client.gets("above/hall1/$state", b"1")
+    make_member(hall, b"office").set(b"office", TABLE, b"row", b"1")
+    assert client.gets(f"above/hall1/office/{TABLE.decode()}/row", b"1")
+
+
+@pytest.mark.parametrize("wrong,words", [
+    (["--colour", "red"], "there is no option 'colour'"),
+    (["--import", "hall1"], "import: 'hall1' is this site itself"),
+    (["--config", "/no/such/file"], "cannot read '/no/such/file': No such file or directory")])
+def test_a_wrong_option_ends_the_bridge_with_words_and_status_2(make_site, start_bridge, wrong, words):
+    bridge = start_bridge(make_site(b"hall1"), *wrong)
+    assert bridge.ends() == 2
+    assert bridge.lines == [f"varnix-mqtt: {words}", "Try 'varnix-mqtt --help'."]
+
+
+def test_an_error_of_the_system_ends_the_bridge_with_words_and_status_1(make_site):
+    """It may have three descriptors: one, which is closed at first, is enough to be loaded with, and not to run."""
+    hall = make_site(b"hall1")
+    with hall.namespace:
+        ended = subprocess.run(["sh", "-c", 'exec <&-; ulimit -n 3; exec "$@"', "sh", *EMULATOR, PROGRAM,
+                                *hall.bridge_arguments()], stderr=subprocess.PIPE, text=True, timeout=DEADLINE)
+    assert ended.returncode == 1
+    assert ended.stderr.endswith(" error: Ended by an error: eventfd: Too many open files.\n")
+
+
 @pytest.mark.parametrize("number", ENDS)
 def test_a_signal_ends_the_bridge_whatever_it_does(broker, make_site, make_member, make_writer, start_bridge, number):
     hall = make_site(b"hall1")
