@@ -158,6 +158,18 @@ def test_a_parent_project_that_asks_for_it_installs_the_library_too(tmp_path):
     assert installed >= {"Varnix.h", "libvarnix.so", "varnix.pc", "VarnixConfig.cmake"}
 
 
+if shutil.which("systemd-analyze") and (BUILD / "bridges" / "mqtt" / "varnix-mqtt@.service").exists():
+
+    def test_systemd_understands_every_line_of_the_service(tmp_path):
+        unit = (BUILD / "bridges" / "mqtt" / "varnix-mqtt@.service").read_text(encoding="utf-8")
+        program = re.compile(r"^ExecStart=\S+", re.MULTILINE)  # Which is installed elsewhere, if at all.
+        (tmp_path / "varnix-mqtt@.service").write_text(program.sub("ExecStart=/bin/true", unit), encoding="utf-8")
+
+        said = run("systemd-analyze", "verify", "--man=no", tmp_path / "varnix-mqtt@.service")
+
+        assert [line for line in said.splitlines() if "varnix-mqtt@" in line] == []  # It warns of other units, too.
+
+
 # As where no test tool is installed.
 BARE = ["-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON", "-DVARNIX_PYTEST=", "-DVARNIX_VALGRIND="]
 LEFT_OUT = [
