@@ -3,6 +3,7 @@
 
 #include "Log.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -27,11 +28,19 @@ const char* NameOf(Log::Level level) {
   }
 }
 
-// systemd reads the level from the line, and adds the time.
-std::string Head(Log::Level level) {
+// systemd names the file that leads to the journal. Standard error may be another one: the variable is inherited.
+bool StandardErrorIsTheJournal() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this process sets variables.
-  static const bool to_journal = std::getenv("JOURNAL_STREAM") != nullptr;
-  if (to_journal) return '<' + std::to_string(static_cast<int>(level)) + '>';
+  const char* const journal = std::getenv("JOURNAL_STREAM");
+  struct stat file {};
+  if (journal == nullptr || fstat(STDERR_FILENO, &file) != 0) return false;
+  return journal == std::to_string(file.st_dev) + ':' + std::to_string(file.st_ino);
+}
+
+// systemd reads the level from the line, and adds the time.
+std::string JournalHead(Log::Level level) { return '<' + std::to_string(static_cast<int>(level)) + '>'; }
+
+std::string Head(Log::Level level) {
   const std::time_t now = std::time(nullptr);
   std::tm parts{};
   localtime_r(&now, &parts);
@@ -58,6 +67,8 @@ std::string Printable(std::string_view bytes) {
   return text;
 }
 
+Log::Log(Level most) : most_(most), to_journal_(StandardErrorIsTheJournal()) {}
+
 void Log::TakeThoseOfTheLibrary() const {
   Varnix::SetLoggingFunction([log = *this](Level level, const char* tag, const char* format, std::va_list arguments) {
     if (!log.Writes(level)) return;
@@ -69,7 +80,7 @@ void Log::TakeThoseOfTheLibrary() const {
 
 void Log::Write(Level level, std::string_view text) const {
   if (!Writes(level)) return;
-  const std::string line = Head(level) + std::string(text) + '\n';
+  const std::string line = (to_journal_ ? JournalHead(level) : Head(level)) + std::string(text) + '\n';
   if (write(STDERR_FILENO, line.data(), line.size()) < 0) return;  // Nobody is left to tell.
 }
 

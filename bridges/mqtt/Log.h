@@ -19,7 +19,7 @@ class Log {
  public:
   using Level = Varnix::LogLevel;
 
-  explicit Log(Level most) : most_(most) {}
+  explicit Log(Level most);
 
   // Messages of the library come here, too, from now on; those of its level Debug are one for each row.
   void TakeThoseOfTheLibrary() const;
@@ -33,6 +33,7 @@ class Log {
 
  private:
   const Level most_;
+  const bool to_journal_;
 };
 
 // Warnings that others can cause as often as they like: five in ten seconds are written, of the rest their number.

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <string>
@@ -30,6 +32,35 @@ TEST(Log, WritesLinesUpToItsLevel) {
   const std::string lines = GetCapturedStderr();
   EXPECT_THAT(lines, EndsWith(" warning: this\n"));
   EXPECT_THAT(lines, Not(HasSubstr("not this")));
+}
+
+// As systemd names a file in JOURNAL_STREAM.
+std::string NameOfStandardError() {
+  struct stat file {};
+  EXPECT_EQ(fstat(STDERR_FILENO, &file), 0);
+  return std::to_string(file.st_dev) + ':' + std::to_string(file.st_ino);
+}
+
+TEST(Log, GivesTheJournalTheLevelAndNoTime) {
+  CaptureStderr();
+  setenv("JOURNAL_STREAM", NameOfStandardError().c_str(), 1);
+  const Log log(Log::Level::Debug);
+  unsetenv("JOURNAL_STREAM");
+  log.Error("a");
+  log.Warning("b");
+  log.Notice("c");
+  log.Info("d");
+  log.Write(Log::Level::Debug, "e");
+  EXPECT_EQ(GetCapturedStderr(), "<3>a\n<4>b\n<5>c\n<6>d\n<7>e\n");
+}
+
+TEST(Log, GivesTheTimeWhereStandardErrorIsNotTheJournal) {
+  CaptureStderr();
+  setenv("JOURNAL_STREAM", (NameOfStandardError() + '0').c_str(), 1);
+  const Log log(Log::Level::Warning);
+  unsetenv("JOURNAL_STREAM");
+  log.Warning("this");
+  EXPECT_THAT(GetCapturedStderr(), EndsWith(" warning: this\n"));
 }
 
 TEST(PacedWarnings, WritesFiveInTenSecondsAndThenTheirNumber) {
