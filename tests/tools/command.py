@@ -89,6 +89,9 @@ class Running:
     def signal(self, number):
         self.process.send_signal(number)
 
+    def has_ended(self):
+        return self.process.poll() is not None
+
     def ends(self, seconds=DEADLINE):
         """The exit status; negative for a signal."""
         status = self.process.wait(seconds)

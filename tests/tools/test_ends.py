@@ -20,11 +20,21 @@ ARGUMENTS = {"get": ["status", "speed"], "set": ["status", "speed", "42"], "reco
 
 
 @pytest.fixture
-def press(network, make_host):
+def late_press(network, make_host):
+    """A member that has set a row and is not shared yet."""
     host = make_host()
     host.set(b"plant", b"status", b"speed", "42 °C".encode())
-    host.share(b"plant", b"line-4", b"press", b"ctl")
     return host
+
+
+def share(host):
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+
+
+@pytest.fixture
+def press(late_press):
+    share(late_press)
+    return late_press
 
 
 @programs.only_natively  # Like all that concerns words alone, it is the same elsewhere.
@@ -118,10 +128,13 @@ def test_nobody_within_the_time_is_status_3(network, name):
 
 
 def test_a_limited_watch_ends_with_status_3_after_the_time_that_is_given(press):
-    told = run("watch", "-n", "2", "-w", "0.7")
+    def shows_the_row(seconds):
+        told = run("watch", "-n", "2", "-w", seconds)
+        assert told.status == 3
+        return (told.output, told.errors) == ("press::ctl  status  speed = 42 °C\n".encode(),
+                                              "varnix: only 1 row, asked of 1 member\n")
 
-    assert (told.status, told.output) == (3, "press::ctl  status  speed = 42 °C\n".encode())
-    assert told.errors == "varnix: only 1 row, asked of 1 member\n"
+    assert any(shows_the_row(seconds) for seconds in ("0.7", "3", "10"))  # A busy machine takes its time.
 
 
 def test_a_limited_watch_where_nobody_is_ends_with_status_3_and_says_so(network):
@@ -275,19 +288,19 @@ def test_a_terminal_that_knows_no_utf_8_gets_ascii(press):
 
 
 def test_what_takes_longer_than_a_second_shows_its_progress_on_a_terminal(network):
-    searching = Terminal("dump", "-w", "1.5", errors_alone=True)
+    searching = Terminal("dump", "-w", "2.5", errors_alone=True)
 
     shown = searching.shows().decode()
 
     assert searching.process.wait(programs.DEADLINE) == 3
-    assert 'Looking for members of group "line-4" with database "plant": 0 met, 1 s' in shown
+    assert re.search(r'Looking for members of group "line-4" with database "plant": 0 met, [12] s', shown), shown
     assert re.search(r"\r\x1b\[Kvarnix: nobody of group [^\r]*\r\n$", shown), shown
 
 
-def test_a_long_dump_into_a_file_shows_its_progress(ether, press):
-    ether.receive()
+def test_a_long_dump_into_a_file_shows_its_progress(ether, late_press):
     dump = Terminal("dump", "-w", "50", errors_alone=True)
     silent = wire.connect(ether.port_of_next_announcement())
+    share(late_press)  # Only now, since a dump ends after a pause once it has met somebody.
 
     dump.shows(rb'\r\x1b\[KLooking for members of group "line-4" with database "plant": 1 met, [0-9]+ s, 1 row')
     silent.close()
