@@ -201,6 +201,45 @@ def test_one_that_needs_more_memory_than_it_may_is_left_out(make_press, fake, st
     assert tables.lines == [b"press::ctl  status  1 row  7 bytes"]
 
 
+LONG = b"\xff" * 4350  # Of which a person sees 17,400 characters.
+
+
+def test_many_tables_of_one_that_has_a_long_name_cost_no_memory_and_can_be_interrupted(fake, start, ether):
+    rows = b"".join(wire.record(b"\x04%04d" % number, b"") for number in range(7000))
+
+    def behave(connected):
+        connected.sendall(wire.record(b"plant", b"\x00" + LONG) + rows)
+        fakes.wait_for_end(connected)
+
+    reader, writer = os.pipe()
+    tables = start("tables", "-w", "50", stdout=writer)
+    os.close(writer)
+    ether.receive()
+    fake(behave).announce(ether)
+
+    assert os.read(reader, 100) == b"::" + (b"\\xff" * 25)[:98]
+    assert tables.memory() < BASE + 32 * MEBIBYTE
+    tables.signal(2)
+    assert tables.ends() == -2
+    os.close(reader)
+
+
+def test_rows_of_one_that_has_a_long_name_are_shown(fake, look):
+    def behave(connected):
+        connected.sendall(wire.record(b"plant", b"\x00" + LONG) + wire.record(b"\x06statusspeed", b"1") +
+                          wire.record(b"\x06statusspeed", b"2"))
+        fakes.wait_for_end(connected)
+
+    member = fake(behave)
+
+    _, dump = look([member], "dump", "-w", "50")
+    _, tables = look([member], "tables", "-w", "50")
+
+    name = b"::" + b"\\xff" * len(LONG)
+    assert dump.lines == [name + b"  status  speed = 1", name + b"  status  speed = 2"]
+    assert tables.lines == [name + b"  status  1 row  6 bytes"]
+
+
 def keys_of_one_hash(count):
     """Of 16 bytes, which std::hash of the standard library for 64-bit machines does not tell from each other."""
     mask, factor = (1 << 64) - 1, 0xc6a4a7935bd1e995

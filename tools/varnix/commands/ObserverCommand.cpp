@@ -125,8 +125,7 @@ int ObserverCommand::EndStatus() {
   if (!kind_.living) NoteUnfinished();
   const bool anything = Finish();
   session_.output.Flush();
-  if (session_.output.IsClosed()) return kDone;
-  if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kFailed);
   if (failed_ && !kind_.living) return kFailed;
   if (anything) return kDone;
   if (observer_.Met() == 0) {

@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::size_t kBesidesKey = 96;    // What an entry takes in memory besides its key,
 constexpr std::size_t kBesidesName = 256;  // and a table besides its name and its entries.
+constexpr std::size_t kMostWidth = 40;     // One long name does not push everything else to the right.
 
 std::string Padded(const std::string& text, std::size_t width) {
   return text + std::string(width - std::min(width, Columns(text)), ' ');
@@ -37,32 +38,45 @@ void TablesCommand::OnEnd(const Member& member, const End& end) {
 }
 
 bool TablesCommand::Finish() {
-  for (const auto& [place, tables] : tables_) {
-    member_width_ = std::max(member_width_, Columns(NameText(tables.member)));
+  for (auto& [place, tables] : tables_) {
+    tables.name = NameText(tables.member);
+    member_width_ = std::max(member_width_, Columns(tables.name));
     for (const auto& entry : tables.sizes) table_width_ = std::max(table_width_, Columns(Printable(entry.first)));
   }
+  member_width_ = std::min(member_width_, kMostWidth);
+  table_width_ = std::min(table_width_, kMostWidth);
   for (const auto& [place, tables] : tables_) {
-    for (const auto& [table, sizes] : tables.sizes) Print(tables.member, table, sizes);
+    for (const auto& [table, sizes] : tables.sizes) {
+      if (IsEndedFromOutside()) return false;
+      Print(tables, table, sizes);
+    }
   }
   if (tables_.empty()) NoteNothing("no row");
   return !tables_.empty();
 }
 
-void TablesCommand::Print(const Member& member, const std::string& table, const Sizes& sizes) {
+// The loop has no more turns.
+bool TablesCommand::IsEndedFromOutside() {
+  session_.signals.Look();
+  return session_.IsEndedFromOutside();
+}
+
+void TablesCommand::Print(const Tables& tables, const std::string& table, const Sizes& sizes) {
   std::size_t bytes = 0;
   for (const auto& [key, value_size] : sizes) bytes += key.size() + value_size;
   std::string& out = session_.output.Text();
   if (session_.options.json) {
     JsonObject(out)
-        .Text("device", member.device)
-        .Text("process", member.process)
-        .Text("address", AddressText(member.place.address))
+        .Text("device", tables.member.device)
+        .Text("process", tables.member.process)
+        .Text("address", AddressText(tables.member.place.address))
         .Text("table", table)
         .Number("rows", sizes.size())
         .Number("bytes", bytes)
         .End();
   } else {
-    out += Padded(NameText(member), member_width_) + "  " + Padded(Printable(table), table_width_) + "  " +
+    out += Padded(tables.name, member_width_) + "  " + Padded(Printable(table), table_width_) + "  " +
            CountText(sizes.size(), "row") + "  " + CountText(bytes, "byte") + "\n";
   }
+  session_.output.FlushMuch();
 }

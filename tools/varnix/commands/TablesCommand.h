@@ -19,12 +19,14 @@ class TablesCommand : public ObserverCommand {
   struct Tables {
     Member member;
     std::map<std::string, Sizes> sizes;
+    std::string name;  // Of the member, printable; only at the end.
   };
 
   std::size_t OnRow(const Member& member, const Row& row) override;
   void OnEnd(const Member& member, const End& end) override;
   bool Finish() override;
-  void Print(const Member& member, const std::string& table, const Sizes& sizes);
+  void Print(const Tables& tables, const std::string& table, const Sizes& sizes);
+  bool IsEndedFromOutside();
 
   std::map<Place, Tables> tables_;
   std::size_t member_width_ = 0, table_width_ = 0;

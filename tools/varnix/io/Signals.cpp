@@ -58,7 +58,7 @@ Signals::~Signals() {
   }
 }
 
-void Signals::OnReady(short) {
+void Signals::Look() {
   char signal = 0;
   while (read(read_end_.Get(), &signal, 1) == 1) {
     if (first_ == 0) {

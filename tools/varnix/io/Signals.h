@@ -28,8 +28,11 @@ class Signals : public Waiter {
   // Ends this process by the first signal, as if it had never been taken.
   void EndByFirst();
 
+  // Takes those that have come, also while the loop has no turn.
+  void Look();
+
   pollfd Awaited() const override { return {read_end_.Get(), POLLIN, 0}; }
-  void OnReady(short events) override;
+  void OnReady(short) override { Look(); }
 
  private:
   FileDescriptor read_end_, write_end_;
