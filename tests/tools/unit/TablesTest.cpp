@@ -80,12 +80,14 @@ TEST(Contact, CountsWhatIsKeptOfItAndItsSnapshot) {
   Loop loop;
   Contact contact;
   contact.kept = 100;
-  EXPECT_EQ(contact.Memory(), 0u);  // Nothing comes of it.
+  EXPECT_EQ(contact.Memory(), 100u);  // It has sent everything.
   contact.stream = std::make_unique<ReceivingStream>(loop, Place{INADDR_LOOPBACK, 1}, ReceivingStream::Answer(), owner);
   contact.snapshot.emplace().OnRow("a");
 
   EXPECT_EQ(contact.Memory(), 100 + contact.stream->Held() + contact.snapshot->Held());
   EXPECT_GT(contact.snapshot->Held(), 0u);
+  contact.stream->EndAs({End::Kind::kClosed});
+  EXPECT_EQ(contact.Memory(), 0u);  // It is forgotten soon.
 }
 
 TEST(Snapshot, OfAMemberThatSendsWithoutAPauseIsCompleteAWhileAfterAKeyCameAgain) {

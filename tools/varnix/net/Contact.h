@@ -22,8 +22,9 @@ struct Contact {
   std::optional<Snapshot> snapshot;  // As long as not all of its first rows have come.
   std::size_t kept = 0;              // How many bytes are kept of it, what its stream holds not counted.
 
-  // What counts against the limit of memory.
+  // What counts against the limit of memory. What is kept counts on when no more is wanted.
   std::size_t Memory() const {
-    return !stream || stream->IsEnded() ? 0 : kept + stream->Held() + (snapshot ? snapshot->Held() : 0);
+    if (!stream) return kept;
+    return stream->IsEnded() ? 0 : kept + stream->Held() + (snapshot ? snapshot->Held() : 0);
   }
 };

@@ -153,7 +153,10 @@ void Observer::KeepWithinMemory() {
   });
   Contact& contact = largest->second;
   contact.enough = true;
-  if (contact.stream) contact.stream->EndAs({End::Kind::kOverLimit});
+  if (contact.stream) return contact.stream->EndAs({End::Kind::kOverLimit});
+  contact.met = false;
+  contact.kept = 0;
+  audience_.OnEnd(contact.member, {End::Kind::kOverLimit});
 }
 
 void Observer::Tidy() {

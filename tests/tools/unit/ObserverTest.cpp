@@ -1,0 +1,145 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+// What the observer does with members that send much.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "net/Acceptor.h"
+#include "net/Observer.h"
+#include "net/Snapshot.h"
+#include "support/SystemCallHooks.h"
+#include "wire/CombinedKey.h"
+#include "wire/Record.h"
+
+namespace {
+
+// They only bound a failing run.
+constexpr std::chrono::milliseconds kTurn{1};
+constexpr int kMostTurns = 60'000;
+
+// The clock stands until a test moves it.
+struct DrivenClock {
+  TimePoint now = std::chrono::steady_clock::now();
+  Hooked<TimePoint()> hook{Hooks().now, [this] { return now; }};
+};
+
+// Nothing is heard, and nothing leaves this process but connections to itself.
+struct QuietNetwork {
+  Hooked<int(int, const sockaddr*, socklen_t)> bind{Hooks().bind, [](int, const sockaddr*, socklen_t) {
+                                                      errno = EADDRINUSE;
+                                                      return -1;
+                                                    }};
+  Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> send{
+      Hooks().sendto,
+      [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
+};
+
+// A member that sends what a test wants.
+class Fake : private Acceptor::Owner {
+ public:
+  explicit Fake(Loop& loop) : acceptor_(loop, *this) {}
+
+  Place At() const { return {INADDR_LOOPBACK, acceptor_.Port()}; }
+  bool IsVisited() const { return connection_.Get() >= 0; }
+  void Send(std::string_view a, std::string_view b) const {
+    std::string record;
+    AppendRecord(record, {a, b});
+    Send(record);
+  }
+  void Send(const std::string& bytes) const {
+    EXPECT_EQ(send(connection_.Get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+
+ private:
+  void OnAccepted(FileDescriptor socket, std::uint32_t) override { connection_ = std::move(socket); }
+
+  Acceptor acceptor_;
+  FileDescriptor connection_;
+};
+
+// Keeps the value of every row.
+struct Keeper : Audience {
+  std::vector<Place> met, over_limit;
+  std::size_t rows = 0;
+
+  void OnMet(const Member& member) override { met.push_back(member.place); }
+  std::size_t OnRow(const Member&, const Row& row) override {
+    ++rows;
+    return row.value.size();
+  }
+  void OnEnd(const Member& member, const End& end) override {
+    if (end.kind == End::Kind::kOverLimit) over_limit.push_back(member.place);
+  }
+};
+
+Observer::Settings Settings(std::size_t memory) {
+  Observer::Settings settings;
+  settings.group = "line-4";
+  settings.database = "plant";
+  settings.announces = false;
+  settings.wants_changes = false;
+  settings.memory = memory;
+  return settings;
+}
+
+// An observer, and the time that it lives in.
+struct Scene {
+  explicit Scene(const Observer::Settings& settings) : observer(loop, settings, keeper) {}
+
+  // Turns until the condition holds; it is false in the end if it never does.
+  template <class Condition>
+  bool Until(const Condition& condition) {
+    for (int i = 0; i < kMostTurns && !condition(); ++i) {
+      loop.Turn(clock.now + kTurn);
+      observer.Tidy();
+    }
+    return condition();
+  }
+
+  // Rows with values of 1000 bytes, one after the other.
+  void Receive(const Fake& fake, int rows) {
+    for (int i = 0; i < rows && keeper.over_limit.empty(); ++i) {
+      const std::size_t before = keeper.rows;
+      fake.Send(CombinedKey("status", std::to_string(i)), std::string(1000, 'x'));
+      ASSERT_TRUE(Until([&] { return keeper.rows > before; }));
+    }
+  }
+
+  // The fake is heard, and says who it is.
+  void Meet(Fake& fake, const std::string& group = "line-4") {
+    static_cast<Discovery::Owner&>(observer).OnAnnouncement(fake.At(), group);
+    ASSERT_TRUE(Until([&] { return fake.IsVisited(); }));
+    fake.Send("plant", CombinedKey("fake", "ctl"));
+    ASSERT_TRUE(Until([&] { return std::count(keeper.met.begin(), keeper.met.end(), fake.At()) > 0; }));
+  }
+
+  QuietNetwork network;
+  DrivenClock clock;
+  Loop loop;
+  Keeper keeper;
+  Observer observer;
+};
+
+TEST(Observer, CountsWhatIsKeptOfMembersThatHaveSentEverything) {
+  Scene scene(Settings(150'000));
+  Fake first(scene.loop), second(scene.loop);
+  scene.Meet(first);
+  scene.Receive(first, 100);
+  scene.clock.now += Snapshot::kWhile;
+  ASSERT_TRUE(scene.Until([&] { return scene.observer.Unfinished().empty(); }));
+
+  scene.Meet(second);
+  scene.Receive(second, 70);
+
+  EXPECT_EQ(scene.keeper.over_limit, (std::vector<Place>{first.At()}));  // Which needs most.
+  EXPECT_EQ(scene.observer.Met(), 1);
+}
+
+}  // namespace
