@@ -20,6 +20,8 @@
 
 namespace {
 
+using std::chrono::seconds;
+
 // They only bound a failing run.
 constexpr std::chrono::milliseconds kTurn{1};
 constexpr int kMostTurns = 60'000;
@@ -140,6 +142,36 @@ TEST(Observer, CountsWhatIsKeptOfMembersThatHaveSentEverything) {
 
   EXPECT_EQ(scene.keeper.over_limit, (std::vector<Place>{first.At()}));  // Which needs most.
   EXPECT_EQ(scene.observer.Met(), 1);
+}
+
+TEST(ReceivingStream, LetsOthersHaveTheirTurnHoweverLongItsRowsTake) {
+  struct Slow : ReceivingStream::Owner {
+    DrivenClock clock;
+    int rows = 0;
+    void OnGreeting(ReceivingStream&, std::string_view, std::string_view) override {}
+    void OnRow(ReceivingStream&, std::string_view, std::string_view) override {
+      ++rows;
+      clock.now += seconds(1);
+    }
+    void OnBytes(ReceivingStream&) override {}
+  } owner;
+  Loop loop;
+  Fake fake(loop);
+  ReceivingStream stream(loop, fake.At(), {"(observer)", 0}, owner);
+  const auto turn_until = [&](const auto& condition) {
+    for (int i = 0; i < kMostTurns && !condition(); ++i) loop.Turn(owner.clock.now + kTurn);
+  };
+  turn_until([&] { return fake.IsVisited(); });
+  fake.Send("plant", CombinedKey("fake", "ctl"));
+  turn_until([&] { return stream.IsReceiving(); });
+  std::string three;
+  for (int i = 0; i < 3; ++i) AppendRecord(three, {CombinedKey("status", "a"), "x"});
+  fake.Send(three);
+
+  for (int rows = 1; rows <= 3; ++rows) {
+    turn_until([&] { return owner.rows >= rows; });
+    EXPECT_EQ(owner.rows, rows);
+  }
 }
 
 }  // namespace

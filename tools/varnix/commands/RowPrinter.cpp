@@ -47,6 +47,12 @@ bool IsColourWanted(bool terminal) {
   return terminal && kind != nullptr && std::string(kind) != "dumb" && (none == nullptr || *none == '\0');
 }
 
+const std::string& RowPrinter::Name(const Member& member) {
+  if (name_.empty() || member.identity != identity_) name_ = NameText(member);
+  identity_ = member.identity;
+  return name_;
+}
+
 std::string RowPrinter::Column(const std::string& text, std::size_t& width, const char* colour) const {
   const std::size_t columns = Columns(text);
   width = std::max(width, std::min(columns, kMostWidth));
@@ -56,7 +62,7 @@ std::string RowPrinter::Column(const std::string& text, std::size_t& width, cons
 
 void RowPrinter::Print(std::string& out, const Member& member, const Row& row) {
   if (json_) return PrintJson(out, member, row);
-  out += Column(NameText(member), member_width_, kMemberColour);
+  out += Column(Name(member), member_width_, kMemberColour);
   out += Column(Printable(row.table), table_width_, kTableColour);
   const std::string key = Printable(row.key);
   out += (coloured_ ? kKeyColour + key + kNoColour : key) + " = " + Printable(row.value) + "\n";

@@ -16,9 +16,12 @@ class RowPrinter {
   void Print(std::string& out, const Member& member);
 
  private:
+  // The name of a member, printable, which is much work if it is long.
+  const std::string& Name(const Member& member);
   std::string Column(const std::string& text, std::size_t& width, const char* colour) const;
 
   const bool json_, coloured_;
+  std::string identity_, name_;  // Of the member whose row was the last: most often it has the next one, too.
   // As wide as the widest so far, so that what follows stands below it.
   std::size_t member_width_ = 0, table_width_ = 0, place_width_ = 0, group_width_ = 0;
 };

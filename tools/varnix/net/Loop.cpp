@@ -32,7 +32,12 @@ int Loop::WaitingTime(TimePoint until) const {
   return static_cast<int>(std::clamp<decltype(rest)>(rest, 0, 60'000));
 }
 
+// A deadline that was set while it was called is for the next turn.
 void Loop::Dispatch(std::size_t index, short events) {
+  const auto is_due = [this, index] {
+    return waiters_[index] != nullptr && waiters_[index]->Deadline() <= Clock::now();
+  };
+  const bool due = is_due();
   if (events != 0 && waiters_[index] != nullptr) waiters_[index]->OnReady(events);
-  if (waiters_[index] != nullptr && waiters_[index]->Deadline() <= Clock::now()) waiters_[index]->OnDeadline();
+  if (due && is_due()) waiters_[index]->OnDeadline();
 }

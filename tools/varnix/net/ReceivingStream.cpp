@@ -16,7 +16,9 @@ constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5};
 constexpr std::size_t kPiece = 1 << 16;
 // Of a device and a process with names that nobody has; a longer one would take memory that nothing counts.
 constexpr std::size_t kLongestIdentity = 1 + 255 + 4096;
-constexpr int kMostPieces = 4;  // A member that never pauses lets the others have their turn.
+// A member that never pauses lets the others have their turn, also if each of its rows takes long.
+constexpr int kMostPieces = 4;
+constexpr std::chrono::milliseconds kMostOfATurn{5};
 
 }  // namespace
 
@@ -30,14 +32,20 @@ ReceivingStream::ReceivingStream(Loop& loop, const Place& place, Answer answer, 
 
 pollfd ReceivingStream::Awaited() const {
   if (state_ == State::kConnecting) return {socket_.Get(), POLLOUT, 0};
+  if (interrupted_) return {-1, 0, 0};
   return {socket_.Get(), static_cast<short>(WantsBytes() ? POLLIN : POLLRDHUP), 0};
 }
 
 TimePoint ReceivingStream::Deadline() const {
+  if (interrupted_) return begun_;  // At once.
   return state_ == State::kConnecting || state_ == State::kGreeting ? due_ : TimePoint::max();
 }
 
 void ReceivingStream::OnDeadline() {
+  if (interrupted_) {
+    TakeRecords();
+    return OnSomeTaken();
+  }
   if (state_ == State::kConnecting) return EndAs({End::Kind::kUnreachable, ETIMEDOUT});
   EndAs({End::Kind::kSilent});
 }
@@ -46,6 +54,11 @@ void ReceivingStream::OnReady(short) {
   if (state_ == State::kConnecting) return OnConnected();
   if (!WantsBytes()) return EndAs({End::Kind::kClosed});
   Read();
+  OnSomeTaken();
+}
+
+void ReceivingStream::OnSomeTaken() {
+  if (!IsAmidRow()) reader_.GiveBackMemory();
   if (!IsEnded()) owner_.OnBytes(*this);
 }
 
@@ -59,14 +72,13 @@ void ReceivingStream::OnConnected() {
 
 void ReceivingStream::Read() {
   char piece[kPiece];
-  for (int i = 0; i < kMostPieces && !IsEnded(); ++i) {
+  for (int i = 0; i < kMostPieces && !IsEnded() && !interrupted_; ++i) {
     const ssize_t size = recv(socket_.Get(), piece, sizeof piece, 0);
     if (size <= 0) return OnNothingRead(size);
     reader_.Append({piece, static_cast<std::size_t>(size)});
     TakeRecords();
     if (static_cast<std::size_t>(size) < sizeof piece) break;
   }
-  if (!IsAmidRow()) reader_.GiveBackMemory();
 }
 
 void ReceivingStream::OnNothingRead(ssize_t size) {
@@ -76,12 +88,15 @@ void ReceivingStream::OnNothingRead(ssize_t size) {
 }
 
 void ReceivingStream::TakeRecords() {
+  const TimePoint end = Clock::now() + kMostOfATurn;
   Record record;
-  while (!IsEnded() && reader_.Next(record)) {
+  interrupted_ = false;
+  while (!IsEnded() && !interrupted_ && reader_.Next(record)) {
     if (state_ == State::kGreeting) {
       OnGreeting(record);
     } else {
       owner_.OnRow(*this, record.a, record.b);
+      interrupted_ = IsAmidRow() && Clock::now() >= end;
     }
   }
 }
@@ -109,6 +124,7 @@ void ReceivingStream::SendAnswer() {
 
 void ReceivingStream::EndAs(const End& end) {
   state_ = State::kEnded;
+  interrupted_ = false;
   end_ = end;
   socket_ = FileDescriptor();
 }

@@ -59,6 +59,7 @@ class ReceivingStream : public Waiter {
 
   bool WantsBytes() const { return state_ == State::kGreeting || answer_.wants_rows; }
   void OnConnected();
+  void OnSomeTaken();
   void Read();
   void OnNothingRead(ssize_t size);
   void TakeRecords();
@@ -74,4 +75,5 @@ class ReceivingStream : public Waiter {
   TimePoint due_;  // When the step that is under way must be done.
   End end_;
   RecordReader reader_;
+  bool interrupted_ = false;  // There may be whole records in it, which are taken before more is read.
 };
