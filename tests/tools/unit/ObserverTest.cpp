@@ -1,19 +1,22 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// What the observer does with members that send much.
+// What the observer does with members that send much, and where the system gives it no more descriptors.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "net/Acceptor.h"
 #include "net/Observer.h"
 #include "net/Snapshot.h"
+#include "net/Sockets.h"
 #include "support/SystemCallHooks.h"
 #include "wire/CombinedKey.h"
 #include "wire/Record.h"
@@ -144,6 +147,24 @@ TEST(Observer, CountsWhatIsKeptOfMembersThatHaveSentEverything) {
   EXPECT_EQ(scene.observer.Met(), 1);
 }
 
+TEST(Observer, MeetsAMemberForWhoseGroupNoPortCanBeHad) {
+  Observer::Settings settings = Settings(1 << 20);
+  settings.group.reset();
+  settings.announces = true;
+  Scene scene(settings);
+  Fake fake(scene.loop);
+  static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(fake.At(), "line-5");
+  ASSERT_TRUE(scene.Until([&] { return fake.IsVisited(); }));
+  const Hooked no_descriptors(Hooks().socket, [](int, int, int) {
+    errno = EMFILE;
+    return -1;
+  });
+  fake.Send("plant", CombinedKey("fake", "ctl"));
+
+  EXPECT_TRUE(scene.Until([&] { return scene.observer.Met() == 1; }));
+  EXPECT_EQ(scene.observer.AnnouncedAt(), TimePoint());  // It appears nowhere.
+}
+
 TEST(ReceivingStream, LetsOthersHaveTheirTurnHoweverLongItsRowsTake) {
   struct Slow : ReceivingStream::Owner {
     DrivenClock clock;
@@ -172,6 +193,71 @@ TEST(ReceivingStream, LetsOthersHaveTheirTurnHoweverLongItsRowsTake) {
     turn_until([&] { return owner.rows >= rows; });
     EXPECT_EQ(owner.rows, rows);
   }
+}
+
+TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {
+  struct Idle : Waiter {
+    using Waiter::Waiter;
+    pollfd Awaited() const override { return {-1, 0, 0}; }
+    void OnReady(short) override {}
+  };
+  Loop loop;
+  const std::vector<std::unique_ptr<Idle>> idle = [&loop] {
+    std::vector<std::unique_ptr<Idle>> made;
+    for (int i = 0; i < 3; ++i) made.push_back(std::make_unique<Idle>(loop));
+    return made;
+  }();
+  nfds_t polled = 99;
+  const Hooked polling(Hooks().poll, [&polled](pollfd*, nfds_t count, int) {
+    polled = count;
+    return 0;
+  });
+
+  loop.Turn(Clock::now());
+
+  EXPECT_EQ(polled, 0u);  // More entries than descriptors are allowed would be an error.
+}
+
+// The limit of descriptors, for the life of this object.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t most) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit limit{most, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
+struct Host : Discovery::Owner, Presence::Owner {
+  void OnAnnouncement(const Place&, const std::string&) override {}
+  void OnGuest(const Place&, const std::string&) override {}
+};
+
+TEST(Presence, LeavesDescriptorsToTheOthersThatItSharesThemWith) {
+  const QuietNetwork network;
+  const DescriptorLimit limit(256);
+  Host host;
+  Loop loop;
+  Discovery discovery(loop, INADDR_LOOPBACK, host);
+  const OwnTable no_rows;
+  Presence::Settings settings{"line-4", "plant", CombinedKey("bench", "varnix")};
+  settings.sharers = 16;
+  const Presence presence(loop, discovery, settings, no_rows, host);
+
+  std::vector<FileDescriptor> visitors;
+  for (int i = 0; i < 20; ++i) {
+    int error = 0;
+    visitors.push_back(BeginConnecting({INADDR_LOOPBACK, presence.Port()}, error));
+    ASSERT_EQ(error, 0);
+  }
+  for (int i = 0; i < kMostTurns && presence.Unanswered() < 8; ++i) loop.Turn(Clock::now() + kTurn);
+  loop.Turn(Clock::now());
+
+  EXPECT_EQ(presence.Unanswered(), 8u);  // Half of the limit is for guests.
 }
 
 }  // namespace

@@ -14,15 +14,19 @@ Waiter::~Waiter() { std::replace(loop_.waiters_.begin(), loop_.waiters_.end(), t
 void Loop::Turn(TimePoint until) {
   waiters_.erase(std::remove(waiters_.begin(), waiters_.end(), nullptr), waiters_.end());
   polled_.clear();
+  is_polled_.clear();
   for (const Waiter* waiter : waiters_) {
-    polled_.push_back(waiter->Awaited());
+    const pollfd awaited = waiter->Awaited();
+    is_polled_.push_back(awaited.fd >= 0);  // The system refuses more entries than there may be descriptors.
+    if (awaited.fd >= 0) polled_.push_back(awaited);
     until = std::min(until, waiter->Deadline());
   }
   if (poll(polled_.data(), polled_.size(), WaitingTime(until)) < 0) {
     if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
     return;  // A signal: whoever waits for one looks before the next turn.
   }
-  for (std::size_t i = 0; i < polled_.size(); ++i) Dispatch(i, polled_[i].revents);
+  auto polled = polled_.cbegin();
+  for (std::size_t i = 0; i < is_polled_.size(); ++i) Dispatch(i, is_polled_[i] ? (polled++)->revents : short{0});
 }
 
 // In milliseconds, rounded up, so that it never spins before a deadline.

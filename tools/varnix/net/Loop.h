@@ -59,5 +59,6 @@ class Loop {
   void Dispatch(std::size_t index, short events);
 
   std::vector<Waiter*> waiters_;  // Null in place of those that are gone, until the next turn.
-  std::vector<pollfd> polled_;    // In the order of waiters_.
+  std::vector<pollfd> polled_;    // Of those that wait for a descriptor, in the order of waiters_.
+  std::vector<bool> is_polled_;   // Whether each of waiters_ has one of polled_.
 };

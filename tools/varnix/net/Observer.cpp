@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <numeric>
+#include <system_error>
 
 #include "net/Sockets.h"
 #include "wire/CombinedKey.h"
@@ -37,7 +38,8 @@ void Observer::AppearIn(const std::string& group, const std::string& database) {
   for (const auto& presence : presences_) {
     if (presence->Group() == group && presence->Database() == database) return;
   }
-  const Presence::Settings settings{group, database, settings_.identity};
+  const bool alone = settings_.group && settings_.database;
+  const Presence::Settings settings{group, database, settings_.identity, true, alone ? 1 : kMostPresences};
   presences_.push_back(std::make_unique<Presence>(loop_, discovery_, settings, no_rows_, *this));
 }
 
@@ -107,9 +109,17 @@ void Observer::OnGreeting(ReceivingStream& stream, std::string_view database, st
 
 void Observer::Meet(Contact& contact) {
   contact.met = true;
-  AppearIn(contact.member.group, contact.member.database);
+  AppearAmong(contact.member);
   audience_.OnMet(contact.member);
   contact.snapshot.emplace().Begin(Clock::now());
+}
+
+// Where it cannot be done, the others of that group are met when they announce themselves.
+void Observer::AppearAmong(const Member& member) {
+  try {
+    AppearIn(member.group, member.database);
+  } catch (const std::system_error&) {
+  }
 }
 
 bool Observer::IsLookedFor(const Member& member) const {

@@ -85,6 +85,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   bool MakeRoom();
   void Visit(Contact& contact);
   void AppearIn(const std::string& group, const std::string& database);
+  void AppearAmong(const Member& member);
   void Meet(Contact& contact);
   bool IsComplete(const Contact& contact, TimePoint now) const;
   void TidyContact(Contact& contact, TimePoint now);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "net/Sockets.h"
 #include "wire/Announcement.h"
 #include "wire/Record.h"
 
@@ -44,8 +45,13 @@ Strangers::Counts Presence::GreetedByAddress() const {
   return counts;
 }
 
+// The other half of the descriptors is for what we do ourselves.
+std::size_t Presence::MostGuests() const {
+  return std::clamp<std::size_t>(MostDescriptors() / 2 / settings_.sharers, 1, kMostGuests);
+}
+
 void Presence::OnAccepted(FileDescriptor socket, std::uint32_t address) {
-  if (guests_.size() >= kMostGuests) MakeRoom();
+  if (guests_.size() >= MostGuests()) MakeRoom();
   std::string greeting;
   AppendRecord(greeting, {settings_.database, settings_.identity});
   guests_.push_back({std::make_unique<SendingStream>(loop_, std::move(socket), address, greeting, rows_)});

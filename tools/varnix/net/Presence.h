@@ -29,6 +29,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   struct Settings {
     std::string group, database, identity;
     bool announced = true;
+    std::size_t sharers = 1;  // So many have to share the descriptors that are for guests.
   };
 
   Presence(Loop& loop, Discovery& discovery, const Settings& settings, const OwnTable& rows, Owner& owner);
@@ -74,6 +75,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   };
 
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
+  std::size_t MostGuests() const;
   void MakeRoom();
   void Look(Guest& guest);
   Strangers::Counts GreetedByAddress() const;

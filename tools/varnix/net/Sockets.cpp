@@ -103,3 +103,9 @@ void RaiseDescriptorLimit() {
   limit.rlim_cur = std::min(limit.rlim_max, kMostDescriptors);
   setrlimit(RLIMIT_NOFILE, &limit);
 }
+
+std::size_t MostDescriptors() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<std::size_t>(std::min(limit.rlim_cur, kMostDescriptors));
+}

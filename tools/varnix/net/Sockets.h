@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "net/FileDescriptor.h"
@@ -37,3 +38,6 @@ bool IsOwnAddress(std::uint32_t address);
 
 // Lets this process have as many descriptors as it may, because every member takes two.
 void RaiseDescriptorLimit();
+
+// How many it may have at the moment.
+std::size_t MostDescriptors();
