@@ -118,6 +118,10 @@ def test_options_stand_before_or_behind_the_command(press):
     assert run(*wanted[:2], "dump", *wanted[2:], "status", **nothing).output == row
 
 
+def test_the_largest_limit_is_one_on_small_machines_too(press):
+    assert run("dump", "--limit", "65536").output == "press::ctl  status  speed = 42 °C\n".encode()
+
+
 @pytest.mark.parametrize("name", [name for name in COMMANDS if name not in ("watch", "record", "top", "doctor")])
 def test_nobody_within_the_time_is_status_3(network, name):
     told = run(name, *ARGUMENTS.get(name, []), "-w", "0.2")

@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 
@@ -172,7 +174,9 @@ void CommandLine::AddSettingCommands() {
           "varnix -g line-4 -d plant set status speed 42\n  date | varnix -g line-4 -d plant set --hold log today -");
   AddArgument(set, "TABLE", table_, "The table")->required();
   AddArgument(set, "KEY", key_, "The key")->required();
-  AddArgument(set, "VALUE", options_.value, "The value; - reads it from standard input")->required();
+  AddArgument(set, "VALUE", options_.value,
+              "The value; - reads it from standard input")
+      ->required();
   CLI::App* const load = Add(CommandName::kLoad, "load", "Sets rows from JSON lines on standard input",
                              "varnix -g line-4 -d plant load < rows.json");
   CLI::App* const replay = Add(CommandName::kReplay, "replay", "Sets the rows of a recording, at its pace",
@@ -212,6 +216,7 @@ Options CommandLine::Result() {
   if (given("KEY")) options_.key = key_;
   if (given("--count")) options_.count = count_;
   options_.broadcast = ParseBroadcast(broadcast_);
+  options_.limit_mib = std::min(options_.limit_mib, SIZE_MAX >> 20);  // In bytes it must have its place, too.
   CheckNeeds();
   return options_;
 }
