@@ -217,6 +217,16 @@ def test_a_torn_last_line_is_reported_and_left_out(share, tmp_path):
     assert press.gets_row(b"plant", b"status", b"speed", b"42")
 
 
+def test_a_line_that_is_too_long_ends_a_load_and_is_told(share):
+    press = share(b"press")
+
+    done = run("load", data=row_line("speed", "42") + b"x" * (17 << 20) + b"\n" + row_line("speed", "43"))
+
+    assert (done.status, done.errors) == (
+        1, "varnix: line 2 is longer than 16 MiB: it and all behind it are left out\nvarnix: 1 row taken by 1 member\n")
+    assert press.gets_row(b"plant", b"status", b"speed", b"42")
+
+
 def test_rows_are_set_while_more_of_them_come(share, start):
     press = share(b"press")
     loading = start("load", stdin=subprocess.PIPE)

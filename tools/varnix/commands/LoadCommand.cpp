@@ -84,9 +84,12 @@ void LoadCommand::SetPending() {
 
 // Says what was not a whole line; a recording that was cut off ends so.
 bool LoadCommand::End() {
+  const std::string line = "line " + std::to_string(lines_.LineNumber() + 1);
   if (lines_.Error() != 0) Fail(std::string("cannot read further: ") + std::strerror(lines_.Error()));
-  if (!lines_.Torn().empty()) {
-    session_.progress.Note("line " + std::to_string(lines_.LineNumber() + 1) + " is torn: left out");
+  if (lines_.IsTooLong()) {
+    Fail(line + " is longer than 16 MiB: it and all behind it are left out");
+  } else if (!lines_.Torn().empty()) {
+    session_.progress.Note(line + " is torn: left out");
   }
   return true;
 }

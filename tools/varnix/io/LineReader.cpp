@@ -11,8 +11,8 @@
 namespace {
 
 constexpr std::size_t kReadAtOnce = 1 << 16;
-// The largest row needs less, even if every byte of it is written as \u00XX. A longer line is taken for torn, so that
-// no input takes all memory.
+// The largest row needs less, even if every byte of it is written as \u00XX. A longer line is the end, so that no input
+// takes all memory.
 constexpr std::size_t kMostLine = 16 << 20;
 
 }  // namespace
@@ -44,5 +44,6 @@ void LineReader::OnReady(short) {
   text_.resize(searched_ + static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
   if (size < 0 && (errno == EINTR || errno == EAGAIN)) return;
   if (size < 0) error_ = errno;
-  at_end_ = size <= 0 || text_.size() > kMostLine;
+  too_long_ = text_.size() > kMostLine && text_.find('\n', searched_) == std::string::npos;
+  at_end_ = size <= 0 || too_long_;
 }

@@ -22,6 +22,9 @@ class LineReader : public Waiter {
   bool IsAtEnd() const { return at_end_; }
   std::string_view Torn() const { return std::string_view(text_).substr(taken_); }
 
+  // Whether that is so because a line is too long. It is left then, and all behind it.
+  bool IsTooLong() const { return too_long_; }
+
   // 0, or the error number with which reading failed, which is the end, too.
   int Error() const { return error_; }
 
@@ -36,6 +39,6 @@ class LineReader : public Waiter {
   std::string text_;
   std::size_t taken_ = 0, searched_ = 0;  // So much of text_ was returned; so much of it has no newline behind that.
   std::size_t line_number_ = 0;
-  bool at_end_ = false;
+  bool at_end_ = false, too_long_ = false;
   int error_ = 0;
 };
