@@ -1,18 +1,23 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// Lines that are read.
+// Lines that are read, and the pace at which rows are set again.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <limits>
 #include <string>
 #include <vector>
 
+#include "commands/Pace.h"
 #include "io/LineReader.h"
 #include "net/FileDescriptor.h"
 
 namespace {
+
+using std::chrono::milliseconds;
 
 constexpr std::size_t kLongestLine = 16 << 20;
 
@@ -63,6 +68,48 @@ TEST(LineReader, ReadsBehindTheLongestLine) {
 
   EXPECT_EQ(read.sizes, (std::vector<std::size_t>{kLongestLine, 1 << 17, 3}));
   EXPECT_FALSE(read.too_long);
+}
+
+const TimePoint kStart = Clock::now();
+
+TEST(Pace, IsThatOfTheRecordingOrSoManyTimesAsFast) {
+  for (const double speed : {1.0, 4.0}) {
+    Pace pace(kStart, speed);
+
+    EXPECT_EQ(pace.DueTime(5'000'000), kStart);
+    EXPECT_EQ(pace.DueTime(5'400'000), kStart + milliseconds(400) / static_cast<int>(speed));
+    EXPECT_EQ(pace.DueTime(std::nullopt), kStart + milliseconds(400) / static_cast<int>(speed));
+    EXPECT_EQ(pace.DueTime(5'800'000), kStart + milliseconds(800) / static_cast<int>(speed));
+  }
+}
+
+TEST(Pace, OfSpeedZeroIsAtOnce) {
+  Pace pace(kStart, 0);
+
+  EXPECT_EQ(pace.DueTime(0), kStart);
+  EXPECT_EQ(pace.DueTime(5'400'000), kStart);
+}
+
+TEST(Pace, GoesOnAtOnceWhereTheClockWasSetBack) {
+  Pace pace(kStart, 1);
+  pace.DueTime(5'000'000);
+
+  EXPECT_EQ(pace.DueTime(0), kStart);
+  EXPECT_EQ(pace.DueTime(100'000), kStart + milliseconds(100));
+}
+
+TEST(Pace, StaysWithinTheRangeOfTheClock) {
+  constexpr std::int64_t kTenThousandYears = 315'569'520'000'000'000;
+  for (const double speed : {1.0, 1e-300, std::numeric_limits<double>::denorm_min()}) {
+    Pace pace(kStart, speed);
+    TimePoint last = pace.DueTime(0);
+    for (int i = 1; i <= 20; ++i) {
+      const TimePoint due = pace.DueTime(i % 2 * kTenThousandYears);
+      EXPECT_GE(due, last);
+      last = due;
+    }
+    EXPECT_GT(last, kStart + std::chrono::hours(24 * 365));
+  }
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -34,8 +33,7 @@ LoadCommand::LoadCommand(const Options& options, FileDescriptor file)
     : SettingCommand(options),
       file_(std::move(file)),
       lines_(session_.loop, file_.Get()),
-      speed_(options.command == CommandName::kReplay ? options.speed : 0),
-      last_due_(session_.begun) {}
+      pace_(session_.begun, options.command == CommandName::kReplay ? options.speed : 0) {}
 
 bool LoadCommand::Feed() {
   more_ = false;
@@ -44,7 +42,7 @@ bool LoadCommand::Feed() {
     if (pending_) SetPending();
     const auto line = lines_.Next();
     if (!line) return lines_.IsAtEnd() && End();
-    if (Parse(*line)) pending_due_ = DueTime(*pending_);
+    if (Parse(*line)) pending_due_ = pace_.DueTime(pending_->time_us);
   }
   more_ = true;
   return false;
@@ -64,16 +62,6 @@ bool LoadCommand::Parse(std::string_view line) {
     Fail("line " + std::to_string(lines_.LineNumber()) + ": " + error + ": left out");
   }
   return error.empty();
-}
-
-// As long after the row before it as it was recorded; where the clock was set back, at once.
-TimePoint LoadCommand::DueTime(const JsonRow& row) {
-  if (speed_ == 0 || !row.time_us) return last_due_;
-  const double gap_us = static_cast<double>(*row.time_us - last_time_us_.value_or(*row.time_us)) / speed_;
-  last_time_us_ = row.time_us;
-  last_due_ +=
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double, std::micro>(std::max(gap_us, 0.0)));
-  return last_due_;
 }
 
 void LoadCommand::SetPending() {

@@ -5,6 +5,7 @@
 
 #include <optional>
 
+#include "commands/Pace.h"
 #include "commands/SettingCommand.h"
 #include "io/LineReader.h"
 #include "net/FileDescriptor.h"
@@ -22,16 +23,13 @@ class LoadCommand : public SettingCommand {
   TimePoint NextRow() const override;
 
   bool Parse(std::string_view line);
-  TimePoint DueTime(const JsonRow& row);
   void SetPending();
   bool End();
 
   FileDescriptor file_;
   LineReader lines_;
-  const double speed_;  // 0: at once.
+  Pace pace_;
   std::optional<JsonRow> pending_;
   TimePoint pending_due_;
-  std::optional<std::int64_t> last_time_us_;  // Of the last row that had one.
-  TimePoint last_due_;
   bool more_ = false;  // There may be lines that were not looked at, only because there were many.
 };
