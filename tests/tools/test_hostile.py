@@ -240,6 +240,19 @@ def test_rows_of_one_that_has_a_long_name_are_shown(fake, look):
     assert tables.lines == [name + b"  status  1 row  6 bytes"]
 
 
+def test_a_value_that_changes_counts_once(fake, look):
+    def change(connected):
+        connected.sendall(fakes.GREETING)
+        for number in range(20):
+            connected.sendall(wire.record(b"\x06statusspeed", b"%d" % number + b"x" * 100_000))
+        fakes.wait_for_end(connected)
+
+    status, get = look([fake(change)], "get", "status", "speed", "-w", "50", "--limit", "1")
+
+    assert (status, get.errors) == (0, "")
+    assert get.lines == [b"19" + b"x" * 100_000]
+
+
 def keys_of_one_hash(count):
     """Of 16 bytes, which std::hash of the standard library for 64-bit machines does not tell from each other."""
     mask, factor = (1 << 64) - 1, 0xc6a4a7935bd1e995

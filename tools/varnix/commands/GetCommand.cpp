@@ -14,8 +14,10 @@ GetCommand::GetCommand(const Options& options) : ObserverCommand(options, {}, ST
 
 std::size_t GetCommand::OnRow(const Member& member, const Row& row) {
   if (row.table != *session_.options.table || row.key != *session_.options.key) return 0;
-  values_[member.place] = {member, std::string(row.value), row.time_us, ++arrived_};
-  return row.value.size();
+  Value& value = values_[member.place];
+  const std::size_t kept_before = value.value.size();
+  value = {member, std::string(row.value), row.time_us, ++arrived_};
+  return value.value.size() - kept_before;
 }
 
 void GetCommand::OnEnd(const Member& member, const End& end) {
