@@ -227,6 +227,16 @@ def test_a_line_that_is_too_long_ends_a_load_and_is_told(share):
     assert press.gets_row(b"plant", b"status", b"speed", b"42")
 
 
+def test_words_that_begin_with_a_hyphen_stand_behind_two(share):
+    press = share(b"press")
+
+    assert run("set", "--", "status", "-speed", "-x").status == 0
+    assert run("set", "status", "speed", "-5").status == 0
+
+    assert press.gets_row(b"plant", b"status", b"-speed", b"-x")
+    assert press.gets_row(b"plant", b"status", b"speed", b"-5")
+
+
 def test_rows_are_set_while_more_of_them_come(share, start):
     press = share(b"press")
     loading = start("load", stdin=subprocess.PIPE)

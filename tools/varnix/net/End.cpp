@@ -23,8 +23,6 @@ std::string EndText(const End& end) {
       return "is received by way of another address";
     case End::Kind::kOverLimit:
       return "sends more than --limit allows: left out";
-    case End::Kind::kEnough:
-      return "is complete";
   }
   return "";
 }

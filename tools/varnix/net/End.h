@@ -16,7 +16,6 @@ struct End {
     kNotLookedFor,  // It is of another group, or serves another database.
     kDuplicate,     // It is received already, by way of another address.
     kOverLimit,     // It needed more memory than it may.
-    kEnough,        // All that was wanted has come.
   };
   Kind kind = Kind::kClosed;
   int error = 0;
