@@ -15,6 +15,8 @@
 
 #include "net/Acceptor.h"
 #include "net/Observer.h"
+#include "net/OwnTable.h"
+#include "net/SendingStream.h"
 #include "net/Snapshot.h"
 #include "net/Sockets.h"
 #include "support/SystemCallHooks.h"
@@ -193,6 +195,44 @@ TEST(ReceivingStream, LetsOthersHaveTheirTurnHoweverLongItsRowsTake) {
     turn_until([&] { return owner.rows >= rows; });
     EXPECT_EQ(owner.rows, rows);
   }
+}
+
+TEST(SendingStream, SharesALargeValueWithAllOthersUntilItIsSent) {
+  struct Guest {
+    FileDescriptor ours, its;
+    explicit Guest(const std::string& answer) {
+      int ends[2];
+      EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+      ours = FileDescriptor(ends[0]);
+      its = FileDescriptor(ends[1]);
+      EXPECT_EQ(send(its.Get(), answer.data(), answer.size(), 0), static_cast<ssize_t>(answer.size()));
+    }
+  };
+  std::string answer, rest;
+  AppendRecord(answer, {"line-4", {"\0\x09", 2}});
+  OwnTable rows;
+  const std::string large(kMostBytesOfB, 'x');
+  rows.Set("a", "1");
+  rows.Set("b", large);
+  rows.Set("c", "3");
+  for (const Record& record : {Record{"a", "1"}, Record{"b", large}, Record{"c", "3"}}) AppendRecord(rest, record);
+
+  Loop loop;
+  Guest reading(answer), silent(answer);
+  const SendingStream to_reading(loop, std::move(reading.ours), INADDR_LOOPBACK, "", rows);
+  const SendingStream to_silent(loop, std::move(silent.ours), INADDR_LOOPBACK, "", rows);
+  for (int i = 0; i < 10; ++i) loop.Turn(Clock::now());
+  EXPECT_EQ(rows.After(1)->second.value.use_count(), 3);  // One of the table, one of each stream.
+
+  std::string received;
+  for (int i = 0; i < 10000 && received.size() < rest.size(); ++i) {
+    char piece[1 << 16];
+    const ssize_t size = recv(reading.its.Get(), piece, sizeof piece, 0);
+    if (size > 0) received.append(piece, static_cast<std::size_t>(size));
+    loop.Turn(Clock::now());
+  }
+  EXPECT_EQ(received, rest);
+  EXPECT_EQ(rows.After(1)->second.value.use_count(), 2);
 }
 
 TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {

@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 std::vector<std::string> RowsAfter(const OwnTable& table, std::uint64_t change) {
   std::vector<std::string> rows;
   for (auto row = table.After(change); row != table.end(); ++row)
-    rows.push_back(row->second.key + "=" + row->second.value);
+    rows.push_back(row->second.key + "=" + *row->second.value);
   return rows;
 }
 

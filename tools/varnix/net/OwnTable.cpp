@@ -9,9 +9,9 @@ void OwnTable::Set(const std::string& key, std::string value) {
   std::uint64_t& change = changes_[key];
   const auto known = rows_.find(change);
   if (known != rows_.end()) {
-    if (known->second.value == value) return;
+    if (*known->second.value == value) return;
     rows_.erase(known);
   }
   change = ++last_change_;
-  rows_.emplace_hint(rows_.end(), change, Row{key, std::move(value)});
+  rows_.emplace_hint(rows_.end(), change, Row{key, std::make_shared<const std::string>(std::move(value))});
 }

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -12,8 +13,8 @@
 class OwnTable {
  public:
   struct Row {
-    std::string key;  // A combined one.
-    std::string value;
+    std::string key;                           // A combined one.
+    std::shared_ptr<const std::string> value;  // Shared with those that are sending it.
   };
   using Rows = std::map<std::uint64_t, Row>;
 

@@ -7,7 +7,9 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 #include "net/Sockets.h"
@@ -16,7 +18,7 @@
 namespace {
 
 constexpr std::chrono::seconds kMostForTheAnswer{5};
-constexpr std::size_t kMostUnsent = 1 << 16;
+constexpr std::size_t kMostUnsent = 1 << 16, kLargeValue = 1 << 12;
 // Header, group, port: no answer is longer.
 constexpr std::size_t kMostAnswer = 4 + kMostBytesOfA + kPortBytes;
 
@@ -39,7 +41,7 @@ pollfd SendingStream::Awaited() const {
 }
 
 bool SendingStream::HasMore() const {
-  return !unsent_.empty() || (state_ == State::kSending && (fetched_ != rows_.LastChange() || finishing_));
+  return HasUnsent() || (state_ == State::kSending && (fetched_ != rows_.LastChange() || finishing_));
 }
 
 void SendingStream::OnReady(short events) {
@@ -83,22 +85,36 @@ void SendingStream::OnNothingRead(ssize_t size) {
 
 void SendingStream::Send() {
   if (state_ == State::kSending) FetchRows();
-  if (!unsent_.empty()) SendWhatItTakes();
-  const bool all_sent = unsent_.empty() && fetched_ == rows_.LastChange();
+  if (HasUnsent()) SendWhatItTakes();
+  const bool all_sent = !HasUnsent() && fetched_ == rows_.LastChange();
   if (finishing_ && state_ == State::kSending && all_sent) CloseOurDirection();
 }
 
 void SendingStream::SendWhatItTakes() {
-  const ssize_t size = send(socket_.Get(), unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
+  const bool is_value = unsent_.empty();
+  const std::string_view rest = is_value ? std::string_view(*value_).substr(value_sent_) : unsent_;
+  const ssize_t size = send(socket_.Get(), rest.data(), rest.size(), MSG_NOSIGNAL);
   if (size < 0 && errno != EAGAIN && errno != EINTR) return EndAs(State::kLost);
-  if (size > 0) unsent_.erase(0, static_cast<std::size_t>(size));
+  const auto sent = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+  if (!is_value) {
+    unsent_.erase(0, sent);
+  } else if (value_sent_ += sent; value_sent_ == value_->size()) {
+    value_.reset();
+  }
 }
 
 void SendingStream::FetchRows() {
-  for (auto row = rows_.After(fetched_); row != rows_.end() && unsent_.size() < kMostUnsent; ++row) {
-    AppendRecord(unsent_, {row->second.key, row->second.value});
+  for (auto row = rows_.After(fetched_); row != rows_.end() && !value_ && unsent_.size() < kMostUnsent; ++row) {
+    Fetch(row->second);
     fetched_ = row->first;
   }
+}
+
+void SendingStream::Fetch(const OwnTable::Row& row) {
+  if (row.value->size() < kLargeValue) return AppendRecord(unsent_, {row.key, *row.value});
+  AppendRecordUpToB(unsent_, {row.key, *row.value});
+  value_ = row.value;
+  value_sent_ = 0;
 }
 
 void SendingStream::CloseOurDirection() {
@@ -116,4 +132,5 @@ void SendingStream::EndAs(State state) {
   state_ = state;
   socket_ = FileDescriptor();
   unsent_ = std::string();
+  value_.reset();
 }

@@ -55,8 +55,10 @@ class SendingStream : public Waiter {
   void LookForEnd();
   void OnNothingRead(ssize_t size);
   void Send();
+  bool HasUnsent() const { return !unsent_.empty() || value_; }
   void SendWhatItTakes();
   void FetchRows();
+  void Fetch(const OwnTable::Row& row);
   void CloseOurDirection();
   bool IsAllAcknowledged() const;
   void EndAs(State state);
@@ -70,5 +72,8 @@ class SendingStream : public Waiter {
   bool finishing_ = false;
   RecordReader answer_;
   std::string unsent_;
-  std::uint64_t fetched_ = 0;  // The number of the last change that was put into unsent_.
+  // A large value that comes behind it. It is not copied: many may be slow, or never read at all.
+  std::shared_ptr<const std::string> value_;
+  std::size_t value_sent_ = 0;
+  std::uint64_t fetched_ = 0;  // The number of the last change that was put there.
 };

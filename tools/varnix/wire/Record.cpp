@@ -21,10 +21,15 @@ Header DecodeHeader(std::string_view bytes) {
 
 }  // namespace
 
-void AppendRecord(std::string& stream, const Record& record) {
+void AppendRecordUpToB(std::string& stream, const Record& record) {
   const auto header = static_cast<std::uint32_t>(record.a.size() << 20 | record.b.size());
   for (int shift = 24; shift >= 0; shift -= 8) stream += static_cast<char>(header >> shift & 0xFF);
-  stream.append(record.a).append(record.b);
+  stream.append(record.a);
+}
+
+void AppendRecord(std::string& stream, const Record& record) {
+  AppendRecordUpToB(stream, record);
+  stream.append(record.b);
 }
 
 void RecordReader::Append(std::string_view piece) {

@@ -15,7 +15,8 @@ struct Record {
 
 constexpr std::size_t kMostBytesOfA = 4095, kMostBytesOfB = 1'048'575;
 
-// Both fields must be within their limits.
+// Both fields must be within their limits. Field B, which may be large, can follow in another way.
+void AppendRecordUpToB(std::string& stream, const Record& record);
 void AppendRecord(std::string& stream, const Record& record);
 
 // Takes the records out of a stream that comes in pieces of any size.
