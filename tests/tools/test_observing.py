@@ -157,6 +157,16 @@ def test_bytes_that_are_no_text_are_in_base64_in_json(share):
         assert base64.b64decode(row[name + "64"], validate=True) == expected
 
 
+def test_names_of_members_that_are_no_text_are_in_base64_in_json(share):
+    share(b"pr\xff", process=b"\x80", group=b"li\xfd", database=b"pl\xfe")
+
+    member, = run("members", "--json", "-g", b"li\xfd", "-d", b"pl\xfe").rows()
+
+    assert {name: base64.b64decode(text) for name, text in member.items() if name.endswith("64")} == {
+        "device64": b"pr\xff", "process64": b"\x80", "group64": b"li\xfd", "database64": b"pl\xfe"}
+    assert {name for name in member if not name.endswith("64")} == {"address", "port"}
+
+
 def test_text_of_every_kind_survives_json(share):
     value = "42 °C \u0000\u001b[31m \u009b \"quoted\" \\ \u2028 \U0001f600 \ufeff\x7f"
     share("Größe".encode(), [(b"status", b"", value.encode())])
@@ -181,6 +191,15 @@ def test_get_prints_the_value_as_it_is_and_a_newline(share):
 
     assert (shown.status, shown.output, shown.errors) == (0, EVERY_BYTE + b"\n", "")
     assert run("get", "-r", "status", "speed").output == EVERY_BYTE
+
+
+def test_get_as_json_is_the_whole_row(share):
+    share(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto")])
+
+    row, = run("get", "--json", "status", "speed").rows()
+
+    assert parts(row) == ("press", "ctl", "status", "speed", "42")
+    assert row["address"] == "127.0.0.1" and row["time"].startswith("20")
 
 
 def test_get_of_a_row_that_several_have_set_names_them(share):

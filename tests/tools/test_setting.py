@@ -5,7 +5,9 @@
 
 import json
 import random
+import re
 import signal
+import socket
 import subprocess
 import time
 
@@ -51,6 +53,15 @@ def test_set_says_who_it_is(share):
     run("--device", "bench", "set", "--process", "me", "status", "speed", "42")
 
     assert press.logs(7, "tblrcvr.gotuid", ".* got uid: bench::me")
+
+
+def test_set_is_the_host_and_its_own_process_number_by_default(share, start):
+    press = share(b"press")
+
+    setting = start("set", "status", "speed", "42")
+
+    assert setting.ends() == 0
+    assert press.logs(7, "tblrcvr.gotuid", f".* got uid: {re.escape(socket.gethostname())}::varnix-{setting.pid}")
 
 
 def test_a_value_is_read_from_standard_input_as_it_is(share):

@@ -134,6 +134,15 @@ TEST_F(Checks, TellWhoHasLeftAndIsNotKnownFromWhoIsKnown) {
             "not known until it announces itself: 1 member at 10.0.0.2, 1 member at 10.0.0.3");
 }
 
+TEST_F(Checks, FindDatabasesWhoseNamesLookTheSame) {
+  Press().member.database = "plant \0"s;
+  EXPECT_EQ(Faults(),
+            "database: press::ctl at 10.0.0.2:1000 has the database \"plant \\x00\", which differs from \"plant\" in "
+            "blanks and zero bytes\n"
+            "database: nobody of the group has \"plant\"; other databases: \"plant \\x00\" of press::ctl at "
+            "10.0.0.2:1000\n");
+}
+
 TEST_F(Checks, TakeOneNameAtTwoPortsForTwoMembersAndAtTwoAddressesForOne) {
   Add({0x0A000003, 1000}, "press");
   EXPECT_EQ(Faults(), "");
