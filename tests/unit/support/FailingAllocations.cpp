@@ -10,8 +10,8 @@
 
 namespace {
 
-thread_local long left = 0;  // 0: none fails.
-thread_local bool failed = false;
+thread_local long countdown = 0;  // 0: none fails.
+thread_local bool has_failed = false;
 thread_local long live = 0;
 thread_local bool spared = false;
 std::atomic<const std::function<bool()>*> fails_elsewhere{nullptr};
@@ -24,13 +24,13 @@ bool FailsElsewhere() {
 }  // namespace
 
 FailingAllocation::FailingAllocation(long n) {
-  failed = false;
-  left = n;
+  has_failed = false;
+  countdown = n;
 }
 
-FailingAllocation::~FailingAllocation() { left = 0; }
+FailingAllocation::~FailingAllocation() { countdown = 0; }
 
-bool FailingAllocation::HasFailed() const { return failed; }
+bool FailingAllocation::HasFailed() const { return has_failed; }
 
 long LiveAllocations() { return live; }
 
@@ -40,8 +40,8 @@ void FailAllocationsOfOtherThreads(std::function<bool()> fails) {
 }
 
 void* operator new(std::size_t size) {
-  if (left > 0 && --left == 0) {
-    failed = true;
+  if (countdown > 0 && --countdown == 0) {
+    has_failed = true;
     throw std::bad_alloc();
   }
   if (FailsElsewhere()) throw std::bad_alloc();
