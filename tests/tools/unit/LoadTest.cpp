@@ -70,45 +70,45 @@ TEST(LineReader, ReadsBehindTheLongestLine) {
   EXPECT_FALSE(read.too_long);
 }
 
-const TimePoint kStart = Clock::now();
+const TimePoint kOutset = Clock::now();
 
 TEST(Pace, IsThatOfTheRecordingOrSoManyTimesAsFast) {
   for (const double speed : {1.0, 4.0}) {
-    Pace pace(kStart, speed);
+    Pace pace(kOutset, speed);
 
-    EXPECT_EQ(pace.DueTime(5'000'000), kStart);
-    EXPECT_EQ(pace.DueTime(5'400'000), kStart + milliseconds(400) / static_cast<int>(speed));
-    EXPECT_EQ(pace.DueTime(std::nullopt), kStart + milliseconds(400) / static_cast<int>(speed));
-    EXPECT_EQ(pace.DueTime(5'800'000), kStart + milliseconds(800) / static_cast<int>(speed));
+    EXPECT_EQ(pace.DueTime(5'000'000), kOutset);
+    EXPECT_EQ(pace.DueTime(5'400'000), kOutset + milliseconds(400) / static_cast<int>(speed));
+    EXPECT_EQ(pace.DueTime(std::nullopt), kOutset + milliseconds(400) / static_cast<int>(speed));
+    EXPECT_EQ(pace.DueTime(5'800'000), kOutset + milliseconds(800) / static_cast<int>(speed));
   }
 }
 
 TEST(Pace, OfSpeedZeroIsAtOnce) {
-  Pace pace(kStart, 0);
+  Pace pace(kOutset, 0);
 
-  EXPECT_EQ(pace.DueTime(0), kStart);
-  EXPECT_EQ(pace.DueTime(5'400'000), kStart);
+  EXPECT_EQ(pace.DueTime(0), kOutset);
+  EXPECT_EQ(pace.DueTime(5'400'000), kOutset);
 }
 
 TEST(Pace, GoesOnAtOnceWhereTheClockWasSetBack) {
-  Pace pace(kStart, 1);
+  Pace pace(kOutset, 1);
   pace.DueTime(5'000'000);
 
-  EXPECT_EQ(pace.DueTime(0), kStart);
-  EXPECT_EQ(pace.DueTime(100'000), kStart + milliseconds(100));
+  EXPECT_EQ(pace.DueTime(0), kOutset);
+  EXPECT_EQ(pace.DueTime(100'000), kOutset + milliseconds(100));
 }
 
 TEST(Pace, StaysWithinTheRangeOfTheClock) {
   constexpr std::int64_t kTenThousandYears = 315'569'520'000'000'000;
   for (const double speed : {1.0, 1e-300, std::numeric_limits<double>::denorm_min()}) {
-    Pace pace(kStart, speed);
+    Pace pace(kOutset, speed);
     TimePoint last = pace.DueTime(0);
     for (int i = 1; i <= 20; ++i) {
       const TimePoint due = pace.DueTime(i % 2 * kTenThousandYears);
       EXPECT_GE(due, last);
       last = due;
     }
-    EXPECT_GT(last, kStart + std::chrono::hours(24 * 365));
+    EXPECT_GT(last, kOutset + std::chrono::hours(24 * 365));
   }
 }
 

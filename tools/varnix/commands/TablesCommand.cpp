@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kBesidesKey = 96;    // What an entry takes in memory besides its key,
 constexpr std::size_t kBesidesName = 256;  // and a table besides its name and its entries.
-constexpr std::size_t kMostWidth = 40;     // One long name does not push everything else to the right.
+constexpr std::size_t kMostColumns = 40;   // One long name does not push everything else to the right.
 
 std::string Padded(const std::string& text, std::size_t width) {
   return text + std::string(width - std::min(width, Columns(text)), ' ');
@@ -43,8 +43,8 @@ bool TablesCommand::Finish() {
     member_width_ = std::max(member_width_, Columns(tables.name));
     for (const auto& entry : tables.sizes) table_width_ = std::max(table_width_, Columns(Printable(entry.first)));
   }
-  member_width_ = std::min(member_width_, kMostWidth);
-  table_width_ = std::min(table_width_, kMostWidth);
+  member_width_ = std::min(member_width_, kMostColumns);
+  table_width_ = std::min(table_width_, kMostColumns);
   for (const auto& [place, tables] : tables_) {
     for (const auto& [table, sizes] : tables.sizes) {
       if (IsEndedFromOutside()) return false;
