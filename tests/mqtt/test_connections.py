@@ -12,7 +12,7 @@ import socket
 import subprocess
 
 import pytest
-from programs import DEADLINE, EMULATOR
+from programs import DEADLINE, EMULATOR, only_natively
 from sites import DATABASE, PROGRAM, TABLE, topic
 
 IMPORTED = b"plant@hall1"
@@ -271,6 +271,7 @@ def test_a_wrong_option_ends_the_bridge_with_words_and_status_2(make_site, start
     assert bridge.lines == [f"varnix-mqtt: {words}", "Try 'varnix-mqtt --help'."]
 
 
+@only_natively  # The sanitizers need more descriptors.
 def test_an_error_of_the_system_ends_the_bridge_with_words_and_status_1(make_site):
     """It may have three descriptors: one, which is closed at first, is enough to be loaded with, and not to run."""
     hall = make_site(b"hall1")
