@@ -41,11 +41,18 @@ std::string NameOfStandardError() {
   return std::to_string(file.st_dev) + ':' + std::to_string(file.st_ino);
 }
 
-TEST(Log, GivesTheJournalTheLevelAndNoTime) {
-  CaptureStderr();
-  setenv("JOURNAL_STREAM", NameOfStandardError().c_str(), 1);
+Log LogWithJournal(const std::string& stream) {
+  // NOLINTBEGIN(concurrency-mt-unsafe): no other thread reads variables meanwhile.
+  setenv("JOURNAL_STREAM", stream.c_str(), 1);
   const Log log(Log::Level::Debug);
   unsetenv("JOURNAL_STREAM");
+  // NOLINTEND(concurrency-mt-unsafe)
+  return log;
+}
+
+TEST(Log, GivesTheJournalTheLevelAndNoTime) {
+  CaptureStderr();
+  const Log log = LogWithJournal(NameOfStandardError());
   log.Error("a");
   log.Warning("b");
   log.Notice("c");
@@ -56,9 +63,7 @@ TEST(Log, GivesTheJournalTheLevelAndNoTime) {
 
 TEST(Log, GivesTheTimeWhereStandardErrorIsNotTheJournal) {
   CaptureStderr();
-  setenv("JOURNAL_STREAM", (NameOfStandardError() + '0').c_str(), 1);
-  const Log log(Log::Level::Warning);
-  unsetenv("JOURNAL_STREAM");
+  const Log log = LogWithJournal(NameOfStandardError() + '0');
   log.Warning("this");
   EXPECT_THAT(GetCapturedStderr(), EndsWith(" warning: this\n"));
 }
