@@ -60,6 +60,32 @@ std::uint32_t ParseBroadcast(const std::string& text) {
   return address.s_addr == 0 ? 0xFFFFFFFF : ntohl(address.s_addr);
 }
 
+#ifdef VARNIX_TOOL_WEB
+// "127.0.0.1:8075", or one of the two; what is left out stays as it is. Whether that is what it is.
+bool ParsePlace(const std::string& text, Place& place) {
+  const bool has_address = text.find('.') != std::string::npos;
+  const std::size_t colon = text.find(':');
+  const std::string address = has_address ? text.substr(0, colon) : "";
+  const std::string port = !has_address ? text : colon == std::string::npos ? "" : text.substr(colon + 1);
+  if (has_address) {
+    in_addr parsed{};
+    if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) return false;
+    place.address = ntohl(parsed.s_addr);
+  }
+  if (has_address && colon == std::string::npos) return true;
+  return CLI::detail::lexical_cast(port, place.port);
+}
+
+CLI::Validator PlaceToListenAt() {
+  return CLI::Validator(
+      [](const std::string& text) {
+        Place place;
+        return ParsePlace(text, place) ? std::string() : "must be an IPv4 address, a port, or ADDRESS:PORT";
+      },
+      "");
+}
+#endif
+
 CLI::Option* AddArgument(CLI::App* command, const char* name, std::string& text, const char* description) {
   return command->add_option(name, text, description)->type_name("");
 }
@@ -80,10 +106,11 @@ class CommandLine {
   void AddReadingCommands();
   void AddSettingCommands();
   void AddLivingCommands();
+  void AddWebCommand();
   void CheckNeeds() const;
 
   Options options_;
-  std::string group_, database_, broadcast_ = "255.255.255.255";
+  std::string group_, database_, broadcast_ = "255.255.255.255", listen_ = "127.0.0.1:8075";
   double wait_seconds_ = 0;
   std::string table_, key_;
   std::uint64_t count_ = 0;
@@ -106,6 +133,7 @@ CommandLine::CommandLine() {
   AddReadingCommands();
   AddSettingCommands();
   AddLivingCommands();
+  AddWebCommand();
 }
 
 void CommandLine::AddCommonOptions() {
@@ -203,6 +231,17 @@ void CommandLine::AddLivingCommands() {
       "varnix -g line-4 -d plant doctor\n  varnix -g line-4 -d plant doctor --wait 61    # hears every member once");
 }
 
+void CommandLine::AddWebCommand() {
+#ifdef VARNIX_TOOL_WEB
+  CLI::App* const web = Add(CommandName::kWeb, "web", "Serves a page that shows the group as it lives, to browsers",
+                            "varnix -g line-4 -d plant web\n  varnix -g line-4 -d plant web --listen 0.0.0.0:8075");
+  web->add_option("-l,--listen", listen_, "Where browsers find it")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str()
+      ->check(PlaceToListenAt());
+#endif
+}
+
 Options CommandLine::Result() {
   if (app_.get_subcommands().empty()) throw CLI::ValidationError("no command is given");
   options_.command = names_.at(app_.get_subcommands().front());
@@ -219,6 +258,9 @@ Options CommandLine::Result() {
   if (given("--count")) options_.count = count_;
   options_.broadcast = ParseBroadcast(broadcast_);
   options_.limit_mib = std::min(options_.limit_mib, SIZE_MAX >> 20);  // In bytes it must have its place, too.
+#ifdef VARNIX_TOOL_WEB
+  ParsePlace(listen_, options_.listen);
+#endif
   CheckNeeds();
   return options_;
 }

@@ -7,7 +7,9 @@
 #include <optional>
 #include <string>
 
-enum class CommandName { kMembers, kTables, kDump, kGet, kWatch, kSet, kLoad, kRecord, kReplay, kTop, kDoctor };
+#include "net/Place.h"
+
+enum class CommandName { kMembers, kTables, kDump, kGet, kWatch, kSet, kLoad, kRecord, kReplay, kTop, kDoctor, kWeb };
 
 // Exit statuses.
 enum Status : int { kDone = 0, kFailed = 1, kUsage = 2, kNothing = 3 };
@@ -34,6 +36,7 @@ struct Options {
   bool only_new = false;
   std::optional<std::uint64_t> count;
   double speed = 1;  // 0: at once.
+  Place listen{0x7F000001, 8075};
 };
 
 // Reads the command line. If there is nothing more to do, because help was asked for or because of an error, which has

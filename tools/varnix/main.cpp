@@ -22,6 +22,9 @@
 #include "doctor/DoctorCommand.h"
 #include "text/Printable.h"
 #include "top/TopCommand.h"
+#ifdef VARNIX_TOOL_WEB
+#include "web/WebCommand.h"
+#endif
 
 namespace {
 
@@ -62,6 +65,12 @@ int Run(const Options& options) {
       return DoctorCommand(options).Run();
     case CommandName::kTop:
       return TopCommand(options).Run();
+    case CommandName::kWeb:
+#ifdef VARNIX_TOOL_WEB
+      return WebCommand(options).Run();
+#else
+      break;
+#endif
   }
   return kFailed;
 }

@@ -6,37 +6,21 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "commands/Description.h"
 #include "commands/Session.h"
-#include "text/JsonObject.h"
 #include "text/Printable.h"
-#include "text/Time.h"
 
 namespace {
 
 constexpr char kMemberColour[] = "\x1b[36m", kTableColour[] = "\x1b[33m", kKeyColour[] = "\x1b[1m";
 constexpr std::size_t kMostWidth = 40;  // One long name does not push everything else to the right for good.
 
-void PrintJson(std::string& out, const Member& member, const Row& row) {
-  JsonObject(out)
-      .Text("time", TimeText(row.time_us))
-      .Text("device", member.device)
-      .Text("process", member.process)
-      .Text("address", AddressText(member.place.address))
-      .Text("table", row.table)
-      .Text("key", row.key)
-      .Text("value", row.value)
-      .End();
-}
-
-void PrintJson(std::string& out, const Member& member) {
-  JsonObject(out)
-      .Text("device", member.device)
-      .Text("process", member.process)
-      .Text("address", AddressText(member.place.address))
-      .Number("port", member.place.port)
-      .Text("group", member.group)
-      .Text("database", member.database)
-      .End();
+// As a line of JSON.
+template <typename... What>
+void PrintJson(std::string& out, const What&... what) {
+  JsonObject object(out);
+  Describe(object, what...);
+  object.End();
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "net/Place.h"
 #include "net/Sockets.h"
 
 namespace {
@@ -20,6 +19,9 @@ constexpr int kMostConnections = 64;
 }  // namespace
 
 Acceptor::Acceptor(Loop& loop, Owner& owner) : Waiter(loop), owner_(owner), socket_(Listen(port_)) {}
+
+Acceptor::Acceptor(Loop& loop, Owner& owner, const Place& place)
+    : Waiter(loop), owner_(owner), socket_(ListenAt(place, port_)) {}
 
 pollfd Acceptor::Awaited() const { return {IsPaused() ? -1 : socket_.Get(), POLLIN, 0}; }
 

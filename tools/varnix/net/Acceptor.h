@@ -7,6 +7,7 @@
 
 #include "net/FileDescriptor.h"
 #include "net/Loop.h"
+#include "net/Place.h"
 
 // A TCP port on which everybody is accepted, until it is closed.
 class Acceptor : public Waiter {
@@ -18,7 +19,8 @@ class Acceptor : public Waiter {
     virtual void OnAccepted(FileDescriptor socket, std::uint32_t address) = 0;
   };
 
-  Acceptor(Loop& loop, Owner& owner);
+  Acceptor(Loop& loop, Owner& owner);  // On a port of the system's choice.
+  Acceptor(Loop& loop, Owner& owner, const Place& place);
 
   std::uint16_t Port() const { return port_; }
   void Close() { socket_ = FileDescriptor(); }

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "net/Sockets.h"
+#include "text/Time.h"
 #include "wire/CombinedKey.h"
 
 namespace {
@@ -20,11 +21,6 @@ constexpr char kObserver[] = "(observer)", kOtherObserver[] = "(another observer
 
 // As members try again.
 constexpr std::chrono::seconds kRetryPause{2}, kRetryPeriod{30}, kLongStream{9};
-
-std::int64_t Microseconds() {
-  using std::chrono::system_clock;
-  return std::chrono::duration_cast<std::chrono::microseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 }  // namespace
 
@@ -143,7 +139,7 @@ void Observer::OnRow(ReceivingStream& stream, std::string_view key, std::string_
   Contact& contact = found->second;
   const bool fresh = !contact.snapshot || contact.snapshot->OnRow(key);
   const NameAndKey parts = SplitCombinedKey(key);
-  contact.kept += audience_.OnRow(contact.member, {parts.name, parts.key, value, Microseconds(), fresh});
+  contact.kept += audience_.OnRow(contact.member, {parts.name, parts.key, value, TimeNow(), fresh});
 }
 
 void Observer::OnBytes(ReceivingStream& stream) {

@@ -35,6 +35,15 @@ FileDescriptor OpenSocket(int type) {
   return FileDescriptor(Checked(socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket"));
 }
 
+// The result is the port.
+std::uint16_t BeginListening(const FileDescriptor& socket) {
+  Checked(listen(socket.Get(), kBacklog), "listen");
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  Checked(getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
+  return ToPlace(address).port;
+}
+
 // Where nobody listens at a port of the own host, TCP may give the connecting socket this very port.
 bool IsConnectedToItself(const FileDescriptor& socket) {
   sockaddr_in here{}, there{};
@@ -57,11 +66,16 @@ int BindToDiscoveryPort(const FileDescriptor& socket) { return Bind(socket, {INA
 
 FileDescriptor Listen(std::uint16_t& port) {
   FileDescriptor socket = OpenSocket(SOCK_STREAM);
-  Checked(listen(socket.Get(), kBacklog), "listen");
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  Checked(getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
-  port = ToPlace(address).port;
+  port = BeginListening(socket);
+  return socket;
+}
+
+FileDescriptor ListenAt(const Place& place, std::uint16_t& port) {
+  FileDescriptor socket = OpenSocket(SOCK_STREAM);
+  SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);  // Connections that have just ended keep nobody out.
+  const int error = Bind(socket, place);
+  if (error != 0) throw std::system_error(error, std::generic_category(), "bind");
+  port = BeginListening(socket);
   return socket;
 }
 
@@ -90,6 +104,10 @@ void KeepAlive(const FileDescriptor& socket) {
 }
 
 void SendAtOnce(const FileDescriptor& socket) { SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1); }
+
+void LimitSendBuffer(const FileDescriptor& socket, int size_bytes) {
+  SetOption(socket, SOL_SOCKET, SO_SNDBUF, size_bytes);
+}
 
 bool IsOwnAddress(std::uint32_t address) {
   const FileDescriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

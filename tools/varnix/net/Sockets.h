@@ -23,6 +23,9 @@ int BindToDiscoveryPort(const FileDescriptor& socket);
 // A listening socket on a port of the system's choice, which `port` gets.
 FileDescriptor Listen(std::uint16_t& port);
 
+// One at that place; port 0 leaves the choice to the system.
+FileDescriptor ListenAt(const Place& place, std::uint16_t& port);
+
 // Begins to connect. FinishConnecting() tells, once the socket is writable, what has come of it: 0 or an error number.
 FileDescriptor BeginConnecting(const Place& place, int& error);
 int FinishConnecting(const FileDescriptor& socket);
@@ -32,6 +35,9 @@ void KeepAlive(const FileDescriptor& socket);
 
 // Has the kernel send small segments without waiting for acknowledgements of earlier ones.
 void SendAtOnce(const FileDescriptor& socket);
+
+// Has the kernel keep about so many bytes of what is not yet taken, and no more.
+void LimitSendBuffer(const FileDescriptor& socket, int size_bytes);
 
 // Whether the address is one of this host's own.
 bool IsOwnAddress(std::uint32_t address);

@@ -3,6 +3,7 @@
 
 #include "text/Time.h"
 
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 
@@ -31,6 +32,11 @@ std::optional<std::int64_t> ParseSeconds(const std::string& text) {
 }
 
 }  // namespace
+
+std::int64_t TimeNow() {
+  using std::chrono::system_clock;
+  return std::chrono::duration_cast<std::chrono::microseconds>(system_clock::now().time_since_epoch()).count();
+}
 
 std::string TimeText(std::int64_t time_us) {
   const std::time_t seconds = static_cast<std::time_t>(time_us / kSecond);

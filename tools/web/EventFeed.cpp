@@ -1,0 +1,117 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#include "web/EventFeed.h"
+
+#include <utility>
+
+#include "commands/Description.h"
+#include "text/JsonObject.h"
+#include "text/Time.h"
+
+namespace {
+
+// Ends the lines of data of an event, and the event.
+constexpr char kEnd[] = "\n";
+
+void BeginEvent(std::string& out, const char* name) { out.append("event: ").append(name).append("\n"); }
+
+JsonObject BeginData(std::string& out) {
+  out += "data: ";
+  return JsonObject(out);
+}
+
+void Tell(std::string& out, const WebModel::MemberEntry& member) {
+  BeginEvent(out, "member");
+  JsonObject data = BeginData(out);
+  Describe(data, member.member);
+  data.Text("since", TimeText(member.since_us)).End();
+  out += kEnd;
+}
+
+void Tell(std::string& out, const WebModel::Departure& departure) {
+  BeginEvent(out, "left");
+  JsonObject data = BeginData(out);
+  Describe(data, departure.member);
+  data.Text("since", TimeText(departure.since_us))
+      .Text("left", TimeText(departure.left_us))
+      .Text("reason", EndText(departure.end))
+      .End();
+  out += kEnd;
+}
+
+void TellRow(std::string& out, const WebModel::RowEntry& row) {
+  const Member& member = row.member->member;
+  JsonObject data = BeginData(out);
+  Describe(data, member, {row.table, row.key, row.value, row.time_us});
+  data.Number("port", member.place.port).End();
+}
+
+// Rows that follow each other are one event. The result is whether such an event is open.
+bool TellChange(std::string& out, const WebModel::Change& change, bool in_rows) {
+  if (const auto* const row = std::get_if<const WebModel::RowEntry*>(&change)) {
+    if (!in_rows) BeginEvent(out, "rows");
+    TellRow(out, **row);
+    return true;
+  }
+  if (in_rows) out += kEnd;
+  if (const auto* const member = std::get_if<const WebModel::MemberEntry*>(&change)) {
+    Tell(out, **member);
+  } else {
+    Tell(out, *std::get<const WebModel::Departure*>(change));
+  }
+  return false;
+}
+
+}  // namespace
+
+EventFeed::EventFeed(const WebModel& model, std::string hello) : model_(model), hello_(std::move(hello)) {}
+
+bool EventFeed::HasMore() const { return !begun_ || !ready_ || told_ < model_.LastChange(); }
+
+void EventFeed::Fill(std::string& out) {
+  if (!begun_ || HasMissedADeparture()) Begin(out);
+  const std::size_t enough = out.size() + kPiece;
+  bool in_rows = false;
+  auto change = model_.After(told_);
+  for (; change != model_.End() && !IsAtReady(change) && out.size() < enough; ++change) {
+    in_rows = TellChange(out, change->second, in_rows);
+    told_ = change->first;
+  }
+  if (in_rows) out += kEnd;
+  if (IsAtReady(change)) {
+    ready_ = true;
+    out += "event: ready\ndata: {}\n\n";
+  } else if (change == model_.End()) {
+    told_ = model_.LastChange();  // Those with the last numbers may be gone.
+  }
+}
+
+// More departures than are kept: nothing but a new beginning tells who is left.
+bool EventFeed::HasMissedADeparture() const {
+  return model_.LastForgotten() > forgotten_before_ && model_.LastForgotten() > told_;
+}
+
+// Whether everything that there was at the beginning stands before this change.
+bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
+  return !ready_ && (change == model_.End() || change->first > first_part_);
+}
+
+void EventFeed::Begin(std::string& out) {
+  begun_ = true;
+  ready_ = false;
+  told_ = 0;
+  first_part_ = model_.LastChange();
+  forgotten_before_ = model_.LastForgotten();
+  out += SignOfLife();
+  BeginEvent(out, "hello");
+  out.append("data: ").append(hello_).append(kEnd);
+}
+
+std::string EventFeed::SignOfLife() const {
+  std::string out;
+  BeginEvent(out, "time");
+  JsonObject data = BeginData(out);
+  data.Text("time", TimeText(TimeNow())).End();
+  return out + kEnd;
+}

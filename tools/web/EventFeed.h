@@ -1,0 +1,44 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "web/Feed.h"
+#include "web/WebModel.h"
+
+// The changes of a model as server-sent events, from the beginning on: first everything that there is, then what
+// changes. Each line of data is one JSON object.
+//
+//   hello    the group and the database. What was told before counts no more.
+//   member   a member has come, `since` when. What was told of its address and port counts no more.
+//   left     it has left, with its rows, and why.
+//   rows     one or more rows, one a line, as the command prints them, each with its member's port.
+//   ready    everything that there was has been told.
+//   time     the server's clock, at the beginning and every few seconds.
+//
+// Nothing is kept for a reader but the number of the last change that it has been told.
+class EventFeed : public Feed {
+ public:
+  // `hello` is the JSON object of that event, and a newline.
+  EventFeed(const WebModel& model, std::string hello);
+
+  bool HasMore() const override;
+  void Fill(std::string& out) override;
+  bool IsLiving() const override { return true; }
+  std::string SignOfLife() const override;
+
+ private:
+  void Begin(std::string& out);
+  bool HasMissedADeparture() const;
+  bool IsAtReady(WebModel::Changes::const_iterator change) const;
+
+  const WebModel& model_;
+  const std::string hello_;
+  bool begun_ = false, ready_ = false;
+  std::uint64_t told_ = 0;              // The number of the last change that was told.
+  std::uint64_t first_part_ = 0;        // The number of the last change that there was at the beginning,
+  std::uint64_t forgotten_before_ = 0;  // and of the last departure that was forgotten by then.
+};

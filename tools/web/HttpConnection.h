@@ -1,0 +1,56 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+#pragma once
+
+#include <string>
+
+#include "net/FileDescriptor.h"
+#include "net/Loop.h"
+#include "web/Feed.h"
+#include "web/Site.h"
+
+// One request and its answer. Whoever is slow to ask is given up; whoever is slow to read a living answer gets what is
+// newest by then, because a piece of it is made only when the one before has gone.
+class HttpConnection : public Waiter {
+ public:
+  static constexpr std::size_t kMostRequest = 8192;
+
+  HttpConnection(Loop& loop, FileDescriptor socket, Site& site);
+
+  // Whether it reads an answer that goes on as long as it wants.
+  bool IsBrowser() const { return state_ == State::kAnswering && feed_ && feed_->IsLiving(); }
+  bool IsEnded() const { return state_ == State::kEnded; }
+
+  pollfd Awaited() const override;
+  void OnReady(short events) override;
+  TimePoint Deadline() const override;
+  void OnDeadline() override;
+
+ private:
+  enum class State {
+    kAsking,
+    kAnswering,
+    kLeaving,  // Everything is sent. Closing before the other side does could take the answer away from it.
+    kEnded,
+  };
+
+  bool HasUnsent() const { return sent_ < unsent_.size(); }
+  bool WantsToWrite() const;
+  void ReadRequest();
+  void Begin(Site::Answer answer);
+  void LookForEnd();
+  void Write();
+  bool SendUnsent();
+  void EndAs(State state, TimePoint due);
+
+  Site& site_;
+  FileDescriptor socket_;
+  State state_ = State::kAsking;
+  TimePoint due_;  // When it must ask, take something, or leave.
+  std::string request_;
+  std::unique_ptr<Feed> feed_;
+  std::string unsent_;
+  std::size_t sent_ = 0;  // So much of unsent_.
+  TimePoint not_before_{}, next_sign_ = TimePoint::max();
+};

@@ -1,0 +1,833 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+// Shows what the server tells (see EventFeed.h). Everything from members is written as text, never as markup.
+//
+// Messages are read when they come and understood frame by frame, for a few milliseconds each, so that keys are always
+// answered. Only the rows that are seen are drawn.
+"use strict";
+
+const WORK_PER_FRAME = 8;  // Milliseconds.
+const MOST_WAITING = 4 << 20;  // Characters that wait to be understood; beyond that they are not put off any more.
+const MOST_VALUE = 4096;  // Characters of a value that are kept here.
+const MOST_POINTS = 48, MOST_TEXTS = 8, MOST_OF_TEXT = 120;  // Of a row's history.
+const MOST_LOG = 100, MOST_TABLES = 200;
+const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen one are drawn.
+const BETWEEN_SORTINGS = 400, BETWEEN_FLASHES = 250, GONE_IS_SHOWN = 60000;  // Milliseconds.
+const SILENCE = 30000, PAUSE = 2000;  // The server tells the time every 10 seconds.
+
+const $ = (id) => document.getElementById(id);
+const SVG = "http://www.w3.org/2000/svg";
+
+function make(name, classes, text) {
+  const element = document.createElement(name);
+  if (classes) element.className = classes;
+  if (text !== undefined) element.textContent = text;
+  return element;
+}
+
+function draw(name, attributes) {
+  const element = document.createElementNS(SVG, name);
+  for (const [key, value] of Object.entries(attributes)) element.setAttribute(key, value);
+  return element;
+}
+
+function setText(element, text) {
+  if (element.textContent !== text) element.textContent = text;
+}
+
+
+// Texts
+
+// Characters that cannot be seen, or change how those around them look.
+const HIDDEN = new RegExp("[\\\\\\x00-\\x1f\\x7f-\\x9f\\xad\\u061c\\u200b-\\u200f\\u2028-\\u202e\\u2060-\\u206f" +
+                          "\\ufeff\\ufff0-\\ufffb\\ue000-\\uf8ff]|[\\u{e0000}-\\u{e0fff}\\u{f0000}-\\u{10ffff}]", "gu");
+
+function escaped(character) {
+  const code = character.codePointAt(0);
+  if (character === "\\") return "\\\\";
+  return code < 0x100 ? "\\x" + code.toString(16).padStart(2, "0") : "\\u{" + code.toString(16) + "}";
+}
+
+function printable(text) {
+  return text.replace(HIDDEN, escaped);
+}
+
+function hex(base64) {
+  const bytes = atob(base64.slice(0, 4 * 64));
+  let text = "";
+  for (let i = 0; i < bytes.length; ++i) text += (i ? " " : "") + bytes.charCodeAt(i).toString(16).padStart(2, "0");
+  return base64.length > 4 * 64 ? text + " …" : text;
+}
+
+// A text of the server's, or in base64 what is none: its own name, what is shown, and whether it is bytes.
+function read(object, name) {
+  const text = object[name];
+  if (text !== undefined) return { id: "t" + text, shown: printable(text), bytes: false, size: text.length };
+  const base64 = object[name + "64"] || "";
+  const padding = base64.endsWith("==") ? 2 : base64.endsWith("=") ? 1 : 0;
+  return { id: "b" + base64, shown: hex(base64), bytes: true, size: base64.length / 4 * 3 - padding };
+}
+
+function number(text) {
+  return /^\s*[-+]?\d+(\.\d+)?([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
+}
+
+const count = (n) => n.toLocaleString("en");
+const plural = (n, noun) => count(n) + " " + noun + (n === 1 ? "" : "s");
+const clock = (time) => new Date(time).toLocaleTimeString("en-GB");
+
+function age(milliseconds) {
+  const seconds = Math.max(0, Math.floor(milliseconds / 1000));
+  if (seconds < 2) return "now";
+  if (seconds < 100) return seconds + " s";
+  if (seconds < 6000) return Math.floor(seconds / 60) + " min";
+  if (seconds < 172800) return Math.floor(seconds / 3600) + " h";
+  return Math.floor(seconds / 86400) + " d";
+}
+
+
+// What there is
+
+const members = new Map();  // By place.
+const gone = new Map();     // The same, for a while.
+const rows = new Map();
+const setters = new Map();  // The rows with one table and key, where there are several.
+const tables = new Map();   // How many rows each has, by the name that is shown.
+let generation = 0;         // A new one with each connection. What has an older one is no more.
+let changes = 0;            // The number of the last change.
+let lead = 0;               // How far the clock of the server is ahead of ours.
+let log = [];
+
+const now = () => Date.now() + lead;
+
+class Row {
+  constructor(id, member, table, key) {
+    this.id = id;
+    this.member = member;
+    this.table = table.shown;
+    this.key = key.shown;
+    this.keyId = table.id + "\0" + key.id;
+    this.sort = table.shown + "\0" + key.shown + "\0" + member.label;
+    this.value = null;
+    this.times = this.numbers = this.texts = null;
+    this.gap = 0;
+    this.gone = false;
+  }
+
+  set(value, time, fresh) {
+    const before = this.value;
+    const shown = value.shown.length > MOST_VALUE ? value.shown.slice(0, MOST_VALUE) : value.shown;
+    if (before !== null && before !== shown && fresh) this.flash = performance.now();
+    if (before === shown && this.time === time) return;
+    this.value = shown;
+    this.bytes = value.bytes;
+    this.size = value.size;
+    this.time = time;
+    this.hay = null;
+    const figure = value.bytes ? NaN : number(shown);
+    if (isNaN(figure)) {
+      this.times = this.numbers = null;
+      this.addText(shown, time);
+    } else {
+      this.texts = null;
+      this.addPoint(figure, time);
+    }
+  }
+
+  // When there are too many, every second one goes, so the line reaches back as far as the page does.
+  addPoint(figure, time) {
+    if (!this.times) this.times = [], this.numbers = [], this.gap = 0;
+    const last = this.times.length - 1;
+    if (last > 0 && time - this.times[last - 1] < this.gap) {
+      this.times[last] = time;
+      this.numbers[last] = figure;
+      return;
+    }
+    this.times.push(time);
+    this.numbers.push(figure);
+    if (this.times.length < MOST_POINTS) return;
+    this.gap = Math.max(1, 2 * (time - this.times[0]) / MOST_POINTS);
+    this.times = this.times.filter((_, i) => i % 2 === 0 || i === last + 1);
+    this.numbers = this.numbers.filter((_, i) => i % 2 === 0 || i === last + 1);
+  }
+
+  addText(shown, time) {
+    if (!this.texts) this.texts = [];
+    this.texts.push({ time, text: shown.slice(0, MOST_OF_TEXT) });
+    if (this.texts.length > MOST_TEXTS) this.texts.shift();
+  }
+
+  get others() {
+    const all = setters.get(this.keyId);
+    return all ? all.filter((row) => row !== this) : [];
+  }
+
+  get words() {
+    if (this.hay === null) {
+      this.hay = (this.table + "\n" + this.key + "\n" + this.value.slice(0, 512) + "\n" + this.member.label).toLowerCase();
+    }
+    return this.hay;
+  }
+}
+
+function addSetter(row) {
+  const first = setters.get(row.keyId);
+  if (first) first.push(row);
+  else setters.set(row.keyId, [row]);
+  tables.set(row.table, (tables.get(row.table) || 0) + 1);
+}
+
+function removeRow(row) {
+  row.gone = true;
+  rows.delete(row.id);
+  const left = row.others;
+  if (left.length) setters.set(row.keyId, left);
+  else setters.delete(row.keyId);
+  const rest = tables.get(row.table) - 1;
+  if (rest) tables.set(row.table, rest);
+  else tables.delete(row.table);
+}
+
+const placeOf = (data) => data.address + ":" + data.port;
+
+const on = {
+  time(data) {
+    lead = Date.parse(data.time) - Date.now();
+  },
+
+  hello(data) {
+    const name = placeName(data);
+    if (on.name !== undefined && on.name !== name) forgetAll();
+    on.name = name;
+    ++generation;
+    lost("");
+    setText($("group"), read(data, "group").shown);
+    setText($("database"), read(data, "database").shown);
+    document.title = read(data, "group").shown + " – Varnix";
+  },
+
+  member(data) {
+    const place = placeOf(data), known = members.get(place);
+    const device = read(data, "device").shown, process = read(data, "process").shown;
+    const since = Date.parse(data.since);
+    if (known && known.since === since) {
+      known.generation = generation;
+      return;
+    }
+    if (known) removeMember(known, now(), "has left");
+    gone.delete(place);
+    const member = { place, device, process, label: device + "::" + process, since, rows: new Set(), generation,
+                     changes: 0, busy: false };
+    members.set(place, member);
+    note(since, member, "came", "");
+  },
+
+  left(data) {
+    const member = members.get(placeOf(data));
+    if (member && member.since === Date.parse(data.since)) removeMember(member, Date.parse(data.left), data.reason);
+  },
+
+  row(data) {
+    const member = members.get(placeOf(data));
+    if (!member) return;
+    const table = read(data, "table"), key = read(data, "key");
+    const id = member.place + "\0" + table.id + "\0" + key.id;
+    let row = rows.get(id);
+    if (!row) {
+      row = new Row(id, member, table, key);
+      rows.set(id, row);
+      member.rows.add(row);
+      addSetter(row);
+      view.added.push(row);
+    }
+    row.order = ++changes;
+    row.generation = generation;
+    row.set(read(data, "value"), Date.parse(data.time), view.ready);
+    if (view.ready) ++member.changes;
+    view.changed = true;
+  },
+
+  // What was there before the connection was lost, and is there no more, was not told again.
+  ready() {
+    view.ready = true;
+    for (const member of [...members.values()]) {
+      if (member.generation !== generation) removeMember(member, now(), "has left");
+    }
+    for (const row of [...rows.values()]) {
+      if (row.generation === generation) continue;
+      row.member.rows.delete(row);
+      removeRow(row);
+      view.removed = true;
+    }
+  },
+};
+
+const placeName = (data) => read(data, "group").id + "\0" + read(data, "database").id;
+
+function removeMember(member, time, reason) {
+  members.delete(member.place);
+  gone.set(member.place, Object.assign(member, { left: time }));
+  for (const row of member.rows) removeRow(row);
+  member.rows = new Set();
+  view.removed = true;
+  note(time, member, "left", reason === "has left" ? "" : reason);
+}
+
+function forgetAll() {
+  for (const map of [members, gone, rows, setters, tables]) map.clear();
+  log = [];
+  view.sorted = view.added = view.shown = [];
+  view.chosenMember = view.chosen = null;
+  view.removed = view.logged = true;
+}
+
+function note(time, member, what, reason) {
+  log.push({ time, member: member.label, what, reason });
+  if (log.length > MOST_LOG) log.shift();
+  view.logged = view.graph = true;
+}
+
+
+// The connection
+
+let source = null, heard = 0, waiting = [], waitingSize = 0;
+
+function connect() {
+  source = new EventSource("/events");
+  heard = Date.now();
+  for (const kind of ["time", "hello", "member", "left", "rows", "ready"]) {
+    source.addEventListener(kind, (event) => {
+      heard = Date.now();
+      waiting.push({ kind, data: event.data, at: 0 });
+      waitingSize += event.data.length;
+      if (document.hidden || waitingSize > MOST_WAITING) understand(Infinity);
+      else frame();
+    });
+  }
+  source.onerror = reconnect;
+}
+
+// Not left to the browser: it gives up for good when the server refuses.
+function reconnect() {
+  if (!source) return;
+  source.close();
+  source = null;
+  understand(Infinity);
+  view.ready = false;
+  lost("no answer since " + clock(heard + lead) + ", trying again");
+  setTimeout(connect, PAUSE);
+}
+
+function lost(text) {
+  document.body.classList.toggle("lost", text !== "");
+  setText($("state"), text || "live");
+}
+
+// Until a point in time. Rows come one a line.
+function understand(end) {
+  while (waiting.length && performance.now() < end) {
+    const message = waiting[0];
+    if (message.kind === "rows") {
+      if (!understandRows(message, end)) return;
+    } else {
+      on[message.kind](JSON.parse(message.data));
+    }
+    waitingSize -= message.data.length;
+    waiting.shift();
+  }
+}
+
+function understandRows(message, end) {
+  const text = message.data;
+  for (let lines = 0; message.at < text.length; ++lines) {
+    if (lines % 32 === 31 && performance.now() >= end) return false;
+    const newline = text.indexOf("\n", message.at);
+    const stop = newline < 0 ? text.length : newline;
+    on.row(JSON.parse(text.slice(message.at, stop)));
+    message.at = stop + 1;
+  }
+  return true;
+}
+
+
+// The view
+
+const view = {
+  ready: false,       // Everything that was there has been told.
+  sorted: [],         // All rows, by name.
+  added: [],          // Those that are not in there yet.
+  shown: [],          // Those that the filter lets through, in their order.
+  work: null,         // What is filtered at the moment.
+  words: [],          // Of the filter.
+  table: null,        // That alone is shown.
+  chosenMember: null,  // Whose rows alone are shown.
+  byChange: false,
+  chosen: null,       // A row.
+  changed: true, removed: true, logged: true, graph: true, wanted: true,
+  sortedAt: 0, drawnAt: 0,
+  pool: [],
+  detail: null,
+};
+
+const byName = (left, right) => (left.sort < right.sort ? -1 : left.sort > right.sort ? 1 : 0);
+
+function merge(left, right) {
+  const merged = [];
+  let i = 0, j = 0;
+  while (i < left.length || j < right.length) {
+    const row = j >= right.length || (i < left.length && byName(left[i], right[j]) <= 0) ? left[i++] : right[j++];
+    if (!row.gone) merged.push(row);
+  }
+  return merged;
+}
+
+function isWanted(row) {
+  if (row.gone || (view.table !== null && row.table !== view.table)) return false;
+  if (view.chosenMember && row.member.place !== view.chosenMember) return false;
+  for (const word of view.words) if (!row.words.includes(word)) return false;
+  return true;
+}
+
+// In slices, so that a long list does not keep anybody waiting.
+function arrange(end) {
+  if (!view.work) {
+    const due = view.wanted || performance.now() - view.sortedAt > BETWEEN_SORTINGS;
+    const reason = view.added.length || view.removed || (view.changed && (view.byChange || view.words.length));
+    if (!view.wanted && !(due && reason)) return;
+    if (view.added.length || view.removed) view.sorted = merge(view.sorted, view.added.sort(byName));
+    view.added = [];
+    view.work = { at: 0, found: [] };
+    view.wanted = view.removed = view.changed = false;
+  }
+  const { work, sorted } = view;
+  while (work.at < sorted.length) {
+    const row = sorted[work.at++];
+    if (isWanted(row)) work.found.push(row);
+    if (work.at % 64 === 0 && performance.now() >= end) return frame();
+  }
+  if (view.byChange) work.found.sort((left, right) => right.order - left.order);
+  view.shown = work.found;
+  view.work = null;
+  view.sortedAt = performance.now();
+  view.moved = true;
+}
+
+function wish() {
+  view.work = null;
+  view.wanted = true;
+  frame();
+}
+
+let framed = false;
+
+function frame() {
+  if (framed) return;
+  framed = true;
+  requestAnimationFrame(() => {
+    framed = false;
+    const end = performance.now() + WORK_PER_FRAME;
+    understand(end);
+    arrange(end + WORK_PER_FRAME / 2);
+    drawRows();
+    if (view.graph) drawGraph();
+    if (view.logged) drawLog();
+    if (waiting.length || view.added.length || view.removed || view.work) frame();
+  });
+}
+
+
+// The rows that are seen
+
+const grid = $("grid"), space = $("space");
+let rowHeight = 34, viewHeight = 0;
+
+function measure() {
+  rowHeight = parseFloat(getComputedStyle(document.documentElement).getPropertyValue("--row"));
+  viewHeight = grid.clientHeight;
+  view.moved = true;
+  frame();
+}
+
+function makeRow() {
+  const element = make("div", "row");
+  element.setAttribute("role", "row");
+  const cell = (classes, parent = element) => {
+    const span = parent.appendChild(make("span", classes));
+    if (parent === element) span.setAttribute("role", "gridcell");
+    return span;
+  };
+  const name = cell("name");
+  const parts = { element, table: cell("table", name), key: cell("key", name), two: cell("mark set", name) };
+  const value = cell("value");
+  cell("mark raw", name).textContent = "bytes";
+  const line = element.appendChild(draw("svg", { class: "line", viewBox: "0 0 100 22", "aria-hidden": "true" }));
+  parts.path = line.appendChild(draw("path", {}));
+  Object.assign(parts, { value, by: cell("by"), age: cell("age"), row: null, index: -1, order: -1, flashed: 0 });
+  element.addEventListener("click", () => {
+    choose(parts.index);
+    showDetail(parts.row);
+  });
+  space.appendChild(element);
+  return parts;
+}
+
+function drawRows() {
+  const { shown, pool } = view;
+  const time = performance.now();
+  const first = Math.max(0, Math.floor(grid.scrollTop / rowHeight) - 2);
+  const last = Math.min(shown.length, Math.ceil((grid.scrollTop + viewHeight) / rowHeight) + 2);
+  if (view.moved) {
+    const height = shown.length * rowHeight + "px";
+    if (space.style.height !== height) space.style.height = height;
+    grid.setAttribute("aria-rowcount", shown.length);
+    drawFound();
+    drawTables();
+  }
+  view.moved = false;
+  while (pool.length < last - first) pool.push(makeRow());
+  for (const parts of pool) {
+    if (parts.index < first || parts.index >= last) parts.free = true;
+  }
+  // A row keeps its element while it is seen, wherever it is.
+  const elements = new Map();
+  for (const parts of pool) if (parts.row) elements.set(parts.row, parts);
+  const used = new Set();
+  for (let i = first; i < last; ++i) if (elements.has(shown[i])) used.add(elements.get(shown[i]));
+  const spare = pool.filter((parts) => !used.has(parts));
+  for (let i = first; i < last; ++i) drawRow(elements.get(shown[i]) || spare.pop(), shown[i], i, time);
+  for (const parts of spare) {
+    parts.element.hidden = true;
+    parts.row = null;
+    parts.index = -1;
+  }
+  if (view.detail && view.detail.order !== view.detailOrder) drawDetail();
+}
+
+function drawRow(parts, row, index, time) {
+  const { element } = parts;
+  const isNew = parts.row !== row;
+  if (isNew) {
+    parts.row = row;
+    parts.order = -1;
+    element.hidden = false;
+    element.id = "row" + (view.ids = (view.ids || 0) + 1);
+    setText(parts.table, row.table);
+    setText(parts.key, row.key);
+    setText(parts.by, row.member.label);
+  }
+  if (parts.index !== index) {
+    parts.index = index;
+    element.style.transform = "translateY(" + index * rowHeight + "px)";
+    element.setAttribute("aria-rowindex", index + 1);
+  }
+  const others = row.others.length;
+  const classes = "row" + (row === view.chosen ? " chosen" : "") + (others ? " two" : "") + (row.bytes ? " bytes" : "");
+  if (element.className !== classes) element.className = classes;
+  if (others) setText(parts.two, others + 1 + " set this");
+  if (parts.order !== row.order) {
+    parts.order = row.order;
+    setText(parts.value, row.value.slice(0, 300));
+    parts.path.setAttribute("d", row.numbers && row.numbers.length > 1 ? steps(row, 100, 22) : "");
+  }
+  setText(parts.age, age(now() - row.time));
+  if (isNew) parts.flashed = row.flash || 0;
+  if (row.flash > parts.flashed && time - row.flash < 1000 && time - parts.flashed > BETWEEN_FLASHES) {
+    parts.flashed = row.flash;
+    flash(parts.value);
+  }
+}
+
+function flash(element) {
+  const colour = getComputedStyle(document.documentElement).getPropertyValue("--flash");
+  for (const running of element.getAnimations()) running.cancel();
+  element.animate([{ backgroundColor: colour }, { backgroundColor: "transparent" }], { duration: 1200, easing: "ease-out" });
+}
+
+// A value holds until the next one.
+function steps(row, width, height) {
+  const { times, numbers } = row;
+  const start = times[0], end = Math.max(times[times.length - 1] + 1, start + 1);
+  const low = Math.min(...numbers), high = Math.max(...numbers);
+  const x = (time) => ((time - start) / (end - start) * (width - 2) + 1).toFixed(1);
+  const y = (figure) => (high === low ? height / 2 : height - 2 - (figure - low) / (high - low) * (height - 4)).toFixed(1);
+  let path = "M" + x(start) + " " + y(numbers[0]);
+  for (let i = 1; i < times.length; ++i) path += "H" + x(times[i]) + "V" + y(numbers[i]);
+  return path + "H" + (width - 1);
+}
+
+function drawFound() {
+  const all = rows.size, some = view.shown.length;
+  setText($("found"), isFiltered() ? count(some) + " of " + plural(all, "row") : all ? "" : view.ready ? "No rows yet." : "");
+}
+
+const isFiltered = () => view.words.length > 0 || view.table !== null || view.chosenMember !== null;
+
+function drawTables() {
+  const names = [...tables.keys()].sort().slice(0, MOST_TABLES);
+  const state = JSON.stringify([view.table, names, names.map((name) => tables.get(name))]);
+  if (state === view.tablesDrawn) return;
+  view.tablesDrawn = state;
+  const had = document.activeElement && document.activeElement.dataset.table;
+  const nav = $("choice");
+  nav.hidden = names.length < 2 && view.table === null;
+  const buttons = [null, ...names].map((name) => {
+    const button = make("button", "", name === null ? "All tables" : name || "(no name)");
+    if (name !== null) button.appendChild(make("small", "", count(tables.get(name))));
+    button.type = "button";
+    button.dataset.table = name === null ? "" : "t" + name;
+    button.setAttribute("aria-pressed", view.table === name);
+    button.addEventListener("click", () => {
+      view.table = name;
+      grid.scrollTop = 0;
+      wish();
+    });
+    return button;
+  });
+  nav.replaceChildren(...buttons);
+  if (had !== undefined) buttons.forEach((button) => button.dataset.table === had && button.focus());
+}
+
+function choose(index) {
+  if (!view.shown.length) return;
+  index = Math.max(0, Math.min(view.shown.length - 1, index));
+  view.chosen = view.shown[index];
+  const top = index * rowHeight;
+  if (top < grid.scrollTop) grid.scrollTop = top;
+  else if (top + rowHeight > grid.scrollTop + grid.clientHeight) grid.scrollTop = top + rowHeight - grid.clientHeight;
+  drawRows();
+  const parts = view.pool.find((one) => one.row === view.chosen);
+  if (parts) grid.setAttribute("aria-activedescendant", parts.element.id);
+}
+
+
+// One row
+
+function showDetail(row) {
+  if (!row) return;
+  view.detail = row;
+  drawDetail();
+  if (!$("detail").open) $("detail").showModal();
+}
+
+function drawDetail() {
+  const row = view.detail;
+  view.detailOrder = row.order;
+  setText($("detail-table"), row.table);
+  setText($("detail-key"), row.key);
+  setText($("detail-by"), row.member.label + " at " + row.member.place + ", " + clock(row.time) +
+                          (row.gone ? " – this member has left" : ""));
+  setText($("detail-value"), row.value);
+  const cut = row.value.length === MOST_VALUE ? ", of which the beginning is shown" : "";
+  setText($("detail-size"), plural(row.size, row.bytes ? "byte" : "character") + cut);
+  const line = row.numbers && row.numbers.length > 1;
+  $("detail-line").toggleAttribute("hidden", !line);
+  setText($("detail-range"), line ? range(row) : "");
+  if (line) $("detail-line").firstElementChild.setAttribute("d", steps(row, 480, 120));
+  const past = row.texts && row.texts.length > 1 ? row.texts.slice(0, -1).reverse() : [];
+  $("detail-past").replaceChildren(...past.map(({ time, text }) => {
+    const item = make("li");
+    item.append(make("time", "", clock(time)), make("span", "", text));
+    return item;
+  }));
+  $("detail-others").replaceChildren(...row.others.map((other) =>
+    make("div", "", other.member.label + " sets this, too: " + other.value.slice(0, MOST_OF_TEXT))));
+}
+
+function range(row) {
+  return clock(row.times[0]) + " to " + clock(row.time) + ", " + Math.min(...row.numbers) + " to " +
+         Math.max(...row.numbers);
+}
+
+
+// The members
+
+function drawGraph() {
+  view.graph = false;
+  for (const [place, member] of gone) if (now() - member.left > GONE_IS_SHOWN) gone.delete(place);
+  const all = [...members.values(), ...gone.values()];
+  all.sort((left, right) => (left.label < right.label ? -1 : left.label > right.label ? 1 : left.place < right.place ? -1 : 1));
+  all.forEach((member, i) => {
+    const angle = 2 * Math.PI * i / all.length - Math.PI / 2;
+    member.x = 140 * Math.cos(angle);
+    member.y = 102 * Math.sin(angle);
+  });
+  const had = document.activeElement && document.activeElement.dataset.place;
+  drawEdges(all.filter((member) => !member.left || members.has(member.place)));
+  $("nodes").replaceChildren(drawMe(), ...all.map(drawNode));
+  if (had !== undefined) for (const node of $("nodes").children) if (node.dataset.place === had) node.focus();
+  setText($("legend"), members.size === 0 ? "Nobody is there." :
+    "Full lines: what this page receives. Dotted: the two streams of each pair, which nobody else can see" +
+    (members.size > MOST_PAIRS_OF && !view.chosenMember ? "; choose a member to see its own." : "."));
+}
+
+function drawMe() {
+  const me = draw("g", { class: "me" });
+  me.append(draw("rect", { x: -5, y: -5, width: 10, height: 10, rx: 3 }));
+  return me;
+}
+
+function drawEdges(present) {
+  const edges = present.map((member) => draw("path", { class: "pair seen", d: arc(member, { x: 0, y: 0 }, 0, 14) }));
+  present.forEach((left, i) => present.slice(i + 1).forEach((right) => {
+    const chosen = view.chosenMember === left.place || view.chosenMember === right.place;
+    if (!chosen && (view.chosenMember || present.length > MOST_PAIRS_OF)) return;
+    for (const [from, to] of [[left, right], [right, left]]) {
+      edges.push(draw("path", { class: "pair", d: arc(from, to, 9, 14), "marker-end": "url(#tip)" }));
+    }
+  }));
+  for (const edge of edges) if (edge.classList.contains("seen")) edge.setAttribute("stroke-dasharray", "none");
+  $("edges").replaceChildren(...edges);
+}
+
+// From one point to the other, bent to the side, and ending before the circle.
+function arc(from, to, bend, short) {
+  const dx = to.x - from.x, dy = to.y - from.y, length = Math.hypot(dx, dy) || 1;
+  const ux = dx / length, uy = dy / length;
+  const x = (from.x + to.x) / 2 - uy * bend, y = (from.y + to.y) / 2 + ux * bend;
+  const point = (a, b) => a.toFixed(1) + " " + b.toFixed(1);
+  return "M" + point(from.x + ux * short, from.y + uy * short) + "Q" + point(x, y) + " " +
+         point(to.x - ux * short, to.y - uy * short);
+}
+
+function drawNode(member) {
+  const here = members.get(member.place) === member;
+  const chosen = view.chosenMember === member.place;
+  const node = draw("g", { class: "node" + (here ? "" : " gone") + (chosen ? " chosen" : "") + (member.busy ? " busy" : ""),
+                           tabindex: 0, role: "button", "aria-pressed": chosen,
+                           transform: "translate(" + member.x.toFixed(1) + " " + member.y.toFixed(1) + ")" });
+  node.dataset.place = member.place;
+  node.setAttribute("aria-label", member.label + (here ? ", " + plural(member.rows.size, "row") : ", has left"));
+  node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }));
+  if (members.size + gone.size <= 2 * MOST_PAIRS_OF || chosen) {
+    const below = member.y > -20;
+    const label = draw("text", { y: below ? 24 : -24 }), sub = draw("text", { class: "sub", y: below ? 36 : -13 });
+    label.textContent = cut(member.label, 24);
+    sub.textContent = here ? plural(member.rows.size, "row") : "has left";
+    node.append(label, sub);
+  }
+  const title = draw("title", {});
+  title.textContent = member.label + "\n" + member.place;
+  node.append(title);
+  const press = () => {
+    view.chosenMember = chosen || !here ? null : member.place;
+    view.graph = true;
+    grid.scrollTop = 0;
+    wish();
+  };
+  node.addEventListener("click", press);
+  node.addEventListener("keydown", (event) => {
+    if (event.key !== "Enter" && event.key !== " ") return;
+    event.preventDefault();
+    event.stopPropagation();
+    press();
+  });
+  return node;
+}
+
+const cut = (text, most) => (text.length > most ? text.slice(0, most - 1) + "…" : text);
+
+function drawLog() {
+  view.logged = false;
+  $("log").replaceChildren(...log.slice().reverse().map(({ time, member, what, reason }) => {
+    const item = make("li", what);
+    item.append(make("time", "", clock(time)), make("span", "", member + " " + what + (reason ? ": " + reason : "")));
+    return item;
+  }));
+}
+
+
+// Once a second: ages, rates, and whether the server is still there
+
+let countedChanges = 0, countedAt = performance.now();
+
+function tick() {
+  const time = performance.now(), seconds = (time - countedAt) / 1000;
+  setText($("members"), count(members.size));
+  setText($("tables"), count(tables.size));
+  setText($("rows"), count(rows.size));
+  setText($("rate"), view.ready ? count(Math.round((changes - countedChanges) / seconds)) : "–");
+  countedChanges = changes;
+  countedAt = time;
+  for (const node of $("nodes").children) {
+    const member = members.get(node.dataset.place);
+    node.classList.toggle("busy", Boolean(member && member.changes));
+    if (!member) continue;
+    const sub = node.querySelector(".sub");
+    if (sub) setText(sub, plural(member.rows.size, "row"));
+  }
+  for (const member of members.values()) {
+    member.busy = member.changes > 0;
+    member.changes = 0;
+  }
+  if (gone.size) view.graph = true;
+  if (source && Date.now() - heard > SILENCE) reconnect();
+  frame();
+}
+
+
+// Keys
+
+const filter = $("filter");
+
+function setFilter(text) {
+  view.words = text.toLowerCase().split(/\s+/).filter(Boolean);
+  grid.scrollTop = 0;
+  wish();
+}
+
+function changeOrder() {
+  view.byChange = !view.byChange;
+  setText($("order"), view.byChange ? "last change first" : "by name");
+  grid.scrollTop = 0;
+  wish();
+}
+
+function onGridKey(event) {
+  const at = view.shown.indexOf(view.chosen), page = Math.max(1, Math.floor(viewHeight / rowHeight) - 1);
+  const moves = { ArrowDown: at + 1, ArrowUp: at - 1, PageDown: at + page, PageUp: at - page, Home: 0, End: Infinity };
+  if (event.key in moves) choose(moves[event.key]);
+  else if (event.key === "Enter") showDetail(view.chosen);
+  else return false;
+  return true;
+}
+
+document.addEventListener("keydown", (event) => {
+  if (event.ctrlKey || event.altKey || event.metaKey || $("detail").open) return;
+  const typing = event.target === filter;
+  let done = true;
+  if (event.key === "Escape") {
+    filter.value = "";
+    view.table = view.chosenMember = null;
+    view.graph = true;
+    setFilter("");
+    grid.focus();
+  } else if (typing) {
+    done = event.key === "ArrowDown" || event.key === "Enter";
+    if (done) grid.focus(), choose(0);
+  } else if (event.key === "/") {
+    filter.focus();
+    filter.select();
+  } else if (event.key === "s") {
+    changeOrder();
+  } else if (event.target === grid || event.target === document.body) {
+    done = onGridKey(event);
+  } else {
+    done = false;
+  }
+  if (done) event.preventDefault();
+});
+filter.addEventListener("input", () => setFilter(filter.value));
+$("order").addEventListener("click", changeOrder);
+$("detail").addEventListener("close", () => {
+  view.detail = null;
+  grid.focus();
+});
+grid.addEventListener("scroll", frame, { passive: true });
+document.addEventListener("visibilitychange", frame);
+new ResizeObserver(measure).observe(grid);
+
+measure();
+connect();
+setInterval(tick, 1000);
+tick();
