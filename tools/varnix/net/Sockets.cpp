@@ -74,7 +74,7 @@ FileDescriptor ListenAt(const Place& place, std::uint16_t& port) {
   FileDescriptor socket = OpenSocket(SOCK_STREAM);
   SetOption(socket, SOL_SOCKET, SO_REUSEADDR, 1);  // Connections that have just ended keep nobody out.
   const int error = Bind(socket, place);
-  if (error != 0) throw std::system_error(error, std::generic_category(), "bind");
+  if (error != 0) throw std::system_error(error, std::generic_category(), "cannot listen at " + PlaceText(place));
   port = BeginListening(socket);
   return socket;
 }

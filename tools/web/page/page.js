@@ -3,8 +3,8 @@
 
 // Shows what the server tells (see EventFeed.h). Everything from members is written as text, never as markup.
 //
-// Messages are read when they come and understood frame by frame, for a few milliseconds each, so that keys are always
-// answered. Only the rows that are seen are drawn.
+// Messages are understood frame by frame, for a few milliseconds each, so that keys are always answered. Only the rows
+// that are seen are drawn.
 "use strict";
 
 const WORK_PER_FRAME = 8;  // Milliseconds.
@@ -165,7 +165,8 @@ class Row {
 
   get words() {
     if (this.hay === null) {
-      this.hay = (this.table + "\n" + this.key + "\n" + this.value.slice(0, 512) + "\n" + this.member.label).toLowerCase();
+      const parts = [this.table, this.key, this.value.slice(0, 512), this.member.label];
+      this.hay = parts.join("\n").toLowerCase();
     }
     return this.hay;
   }
@@ -267,7 +268,7 @@ const placeName = (data) => read(data, "group").id + "\0" + read(data, "database
 
 function removeMember(member, time, reason) {
   members.delete(member.place);
-  gone.set(member.place, Object.assign(member, { left: time }));
+  gone.set(member.place, Object.assign(member, { left: time, busy: false }));
   for (const row of member.rows) removeRow(row);
   member.rows = new Set();
   view.removed = true;
@@ -432,7 +433,8 @@ function frame() {
     drawRows();
     if (view.graph) drawGraph();
     if (view.logged) drawLog();
-    if (waiting.length || view.added.length || view.removed || view.work) frame();
+    const stale = view.added.length || view.removed || (view.changed && (view.byChange || view.words.length));
+    if (waiting.length || stale || view.work) frame();
   });
 }
 
@@ -541,7 +543,8 @@ function drawRow(parts, row, index, time) {
 function flash(element) {
   const colour = getComputedStyle(document.documentElement).getPropertyValue("--flash");
   for (const running of element.getAnimations()) running.cancel();
-  element.animate([{ backgroundColor: colour }, { backgroundColor: "transparent" }], { duration: 1200, easing: "ease-out" });
+  element.animate([{ backgroundColor: colour }, { backgroundColor: "transparent" }],
+                  { duration: 1200, easing: "ease-out" });
 }
 
 // A value holds until the next one.
@@ -550,7 +553,8 @@ function steps(row, width, height) {
   const start = times[0], end = Math.max(times[times.length - 1] + 1, start + 1);
   const low = Math.min(...numbers), high = Math.max(...numbers);
   const x = (time) => ((time - start) / (end - start) * (width - 2) + 1).toFixed(1);
-  const y = (figure) => (high === low ? height / 2 : height - 2 - (figure - low) / (high - low) * (height - 4)).toFixed(1);
+  const up = (figure) => (high === low ? height / 2 - 2 : (figure - low) / (high - low) * (height - 4));
+  const y = (figure) => (height - 2 - up(figure)).toFixed(1);
   let path = "M" + x(start) + " " + y(numbers[0]);
   for (let i = 1; i < times.length; ++i) path += "H" + x(times[i]) + "V" + y(numbers[i]);
   return path + "H" + (width - 1);
@@ -558,7 +562,8 @@ function steps(row, width, height) {
 
 function drawFound() {
   const all = rows.size, some = view.shown.length;
-  setText($("found"), isFiltered() ? count(some) + " of " + plural(all, "row") : all ? "" : view.ready ? "No rows yet." : "");
+  const none = view.ready && !all ? "No rows yet." : "";
+  setText($("found"), isFiltered() ? count(some) + " of " + plural(all, "row") : none);
 }
 
 const isFiltered = () => view.words.length > 0 || view.table !== null || view.chosenMember !== null;
@@ -646,11 +651,12 @@ function drawGraph() {
   view.graph = false;
   for (const [place, member] of gone) if (now() - member.left > GONE_IS_SHOWN) gone.delete(place);
   const all = [...members.values(), ...gone.values()];
-  all.sort((left, right) => (left.label < right.label ? -1 : left.label > right.label ? 1 : left.place < right.place ? -1 : 1));
+  const nameOf = (member) => member.label + "\0" + member.place;
+  all.sort((left, right) => (nameOf(left) < nameOf(right) ? -1 : 1));
   all.forEach((member, i) => {
     const angle = 2 * Math.PI * i / all.length - Math.PI / 2;
-    member.x = 140 * Math.cos(angle);
-    member.y = 102 * Math.sin(angle);
+    member.x = 112 * Math.cos(angle);
+    member.y = 86 * Math.sin(angle);
   });
   const had = document.activeElement && document.activeElement.dataset.place;
   drawEdges(all.filter((member) => !member.left || members.has(member.place)));
@@ -673,10 +679,9 @@ function drawEdges(present) {
     const chosen = view.chosenMember === left.place || view.chosenMember === right.place;
     if (!chosen && (view.chosenMember || present.length > MOST_PAIRS_OF)) return;
     for (const [from, to] of [[left, right], [right, left]]) {
-      edges.push(draw("path", { class: "pair", d: arc(from, to, 9, 14), "marker-end": "url(#tip)" }));
+      edges.push(draw("path", { class: "pair", d: arc(from, to, 12, 14), "marker-end": "url(#tip)" }));
     }
   }));
-  for (const edge of edges) if (edge.classList.contains("seen")) edge.setAttribute("stroke-dasharray", "none");
   $("edges").replaceChildren(...edges);
 }
 
@@ -693,16 +698,16 @@ function arc(from, to, bend, short) {
 function drawNode(member) {
   const here = members.get(member.place) === member;
   const chosen = view.chosenMember === member.place;
-  const node = draw("g", { class: "node" + (here ? "" : " gone") + (chosen ? " chosen" : "") + (member.busy ? " busy" : ""),
-                           tabindex: 0, role: "button", "aria-pressed": chosen,
-                           transform: "translate(" + member.x.toFixed(1) + " " + member.y.toFixed(1) + ")" });
+  const classes = "node" + (here ? "" : " gone") + (chosen ? " chosen" : "") + (member.busy ? " busy" : "");
+  const at = "translate(" + member.x.toFixed(1) + " " + member.y.toFixed(1) + ")";
+  const node = draw("g", { class: classes, tabindex: 0, role: "button", "aria-pressed": chosen, transform: at });
   node.dataset.place = member.place;
   node.setAttribute("aria-label", member.label + (here ? ", " + plural(member.rows.size, "row") : ", has left"));
   node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }));
   if (members.size + gone.size <= 2 * MOST_PAIRS_OF || chosen) {
     const below = member.y > -20;
     const label = draw("text", { y: below ? 24 : -24 }), sub = draw("text", { class: "sub", y: below ? 36 : -13 });
-    label.textContent = cut(member.label, 24);
+    label.textContent = cut(member.label, 20);
     sub.textContent = here ? plural(member.rows.size, "row") : "has left";
     node.append(label, sub);
   }
@@ -786,7 +791,7 @@ function changeOrder() {
 function onGridKey(event) {
   const at = view.shown.indexOf(view.chosen), page = Math.max(1, Math.floor(viewHeight / rowHeight) - 1);
   const moves = { ArrowDown: at + 1, ArrowUp: at - 1, PageDown: at + page, PageUp: at - page, Home: 0, End: Infinity };
-  if (event.key in moves) choose(moves[event.key]);
+  if (Object.hasOwn(moves, event.key)) choose(moves[event.key]);
   else if (event.key === "Enter") showDetail(view.chosen);
   else return false;
   return true;

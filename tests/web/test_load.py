@@ -1,0 +1,139 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
+"""The page with many rows, under many changes, and after a long time."""
+
+import statistics
+import threading
+import time
+
+from programs import figure
+
+ROWS = 50_000
+CHANGES_PER_SECOND = 5_000
+SECONDS = 10
+BATCH = 250
+
+# How long each key waits: from when it was pressed until the frame behind it is drawn.
+TIMING = """
+    window.waits = [];
+    addEventListener("keydown", (event) => {
+      const pressed = event.timeStamp;
+      requestAnimationFrame(() => setTimeout(() => window.waits.push(performance.now() - pressed)));
+    }, true);
+"""
+
+# A source of events that the test feeds, and clocks that it sets.
+DRIVEN = """
+    window.ahead = 0;
+    const dateNow = Date.now, performanceNow = performance.now.bind(performance);
+    Date.now = () => dateNow() + window.ahead;
+    window.EventSource = class {
+      constructor() { this.listeners = {}; window.source = this; }
+      addEventListener(kind, listener) { this.listeners[kind] = listener; }
+      close() {}
+    };
+    window.tell = (kind, ...objects) =>
+      window.source.listeners[kind]({ data: objects.map((one) => JSON.stringify(one)).join("\\n") });
+    window.stamp = () => new Date(Date.now()).toISOString();
+    window.member = (port, since) => ({ device: "press", process: "ctl-" + port, address: "10.0.0.1", port, since,
+                                        group: "line-4", database: "plant" });
+    window.begin = () => {
+      tell("time", { time: stamp() });
+      tell("hello", { group: "line-4", database: "plant" });
+      tell("member", member(1, stamp()));
+      tell("ready", {});
+    };
+    window.hour = (number) => {
+      for (let second = 0; second < 3600; second += 5) {
+        window.ahead += 5000;
+        if (second % 10 === 0) tell("time", { time: stamp() });
+        const rows = [];
+        for (let i = 0; i < 12; ++i) {
+          const value = i % 2 ? String(second + i) : "text " + second;
+          rows.push({ time: stamp(), address: "10.0.0.1", port: 1, table: "status", key: "key-" + i, value });
+        }
+        tell("rows", ...rows);
+        if (second % 60) continue;
+        const guest = member(2 + second, stamp());
+        tell("member", guest);
+        tell("left", { ...guest, left: stamp(), reason: "has left" });
+      }
+      return new Promise((resolve) => setTimeout(resolve, 50));
+    };
+"""
+
+
+def rows(value):
+    return [(b"table-%d" % (number % 8), b"key-%05d" % number, b"%d" % value) for number in range(ROWS)]
+
+
+def change_all(press, changes, stop):
+    """Steadily: each change is of another row, so that none takes the place of another."""
+    begun = time.monotonic()
+    for sent in range(0, changes, BATCH):
+        if stop.wait(max(0, begun + sent / CHANGES_PER_SECOND - time.monotonic())):
+            return
+        press.set_all([(b"table-%d" % (n % 8), b"key-%05d" % n, b"1") for n in range(sent, sent + BATCH)])
+
+
+def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, show, member):
+    press = member(b"press", rows(0))
+    page = show(web, script=TIMING)
+    assert page.shows("#rows", f"{ROWS:,}")
+    drawn = page.run("document.querySelectorAll('.row').length")
+    stop = threading.Event()
+    changing = threading.Thread(target=change_all, args=(press, CHANGES_PER_SECOND * SECONDS, stop))
+    changing.start()
+    try:
+        page.press("/")
+        while changing.is_alive():
+            for key in "key-04", "Escape", "/":
+                for one in [key] if key == "Escape" else key:
+                    page.press(one)
+                    time.sleep(0.05)  # As fast as one types; nothing is waited for.
+    finally:
+        stop.set()
+        changing.join()
+    page.press("Escape")
+
+    assert page.eventually("""[...document.querySelectorAll(".row:not([hidden]) .value")].length > 0 &&
+        [...document.querySelectorAll(".row:not([hidden]) .value")].every((value) => value.textContent === "1")""")
+    waits = page.run("window.waits")
+    figure(f"with {ROWS} rows and {CHANGES_PER_SECOND} changes a second a key is answered within "
+           f"{statistics.median(waits):.0f} ms, 9 of 10 within {sorted(waits)[len(waits) * 9 // 10]:.0f} ms")
+    assert len(waits) >= 20
+    assert statistics.median(waits) <= 100, waits  # A busy machine delays some.
+    assert drawn < 100  # Only what is seen.
+    page.press("End")
+    assert page.eventually(f"document.querySelector('.row[aria-rowindex=\"{ROWS}\"]:not([hidden])') !== null")
+    assert page.run("document.querySelectorAll('.row').length") < 100
+
+
+def test_a_page_that_was_open_for_a_day_has_kept_no_more_than_one_of_an_hour(web, chromium):
+    page = chromium.open(web.url, script=DRIVEN)
+    assert page.eventually("'source' in window && Object.keys(window.source.listeners).length === 6")
+
+    def heap():
+        page.call("HeapProfiler.collectGarbage")
+        return page.call("Runtime.getHeapUsage")["usedSize"]
+
+    page.run("begin()")
+    for hour in range(2):
+        page.run(f"hour({hour})")
+    after_two_hours = heap()
+    elements = page.run("document.querySelectorAll('*').length")
+    for hour in range(2, 24):
+        page.run(f"hour({hour})")
+
+    assert heap() < after_two_hours + 2_000_000
+    assert page.run("document.querySelectorAll('*').length") < elements + 100
+    assert page.run("document.querySelectorAll('#log li').length") == 100
+    lengths = page.run("[...document.querySelectorAll('.row:not([hidden]) path')]"
+                       ".map((path) => (path.getAttribute('d') || '').split('V').length)")
+    assert 20 < max(lengths) <= 48
+    page.run("tell('rows', { time: new Date(Date.now() - 86400000 * 3).toISOString(), address: '10.0.0.1', port: 1, "
+             "table: 'a', key: 'old', value: '1' })")
+    assert page.eventually("document.querySelector('.row[aria-rowindex=\"1\"] .age').textContent === '3 d'")
+    assert page.faults() == []
+    page.close()

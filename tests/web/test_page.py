@@ -1,0 +1,307 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
+"""The page in Chromium: what a person sees, and what keys do."""
+
+import json
+import statistics
+import time
+
+import client
+from programs import eventually, figure
+
+MARKUP = b"<script>window.caught=1</script>"
+HANDLER = b"\"><img src=x onerror='window.caught=1'>"
+ESCAPES = b"\x1b]0;title\x07\x1b[2J"
+TURNED = "\u202egnp.exe".encode()
+
+# Notes when each value of the row "pulse" is first drawn.
+NOTING = """
+    window.drawn = {};
+    new MutationObserver(() => {
+      for (const row of document.querySelectorAll(".row:not([hidden])")) {
+        if (row.querySelector(".key").textContent !== "pulse") continue;
+        const value = row.querySelector(".value").textContent;
+        if (!(value in window.drawn)) window.drawn[value] = Date.now();
+      }
+    }).observe(document, { subtree: true, childList: true, characterData: true });
+"""
+
+# Counts the animations that begin.
+COUNTING = """
+    window.flashes = 0;
+    const animate = Element.prototype.animate;
+    Element.prototype.animate = function (...what) { ++window.flashes; return animate.apply(this, what); };
+"""
+
+
+def keys(page):
+    return [row[1] for row in page.rows()]
+
+
+def nodes(page):
+    return dict(page.run("""[...document.querySelectorAll(".node")].map((node) =>
+        [node.querySelector("text").textContent, node.classList.contains("gone") ? "gone" : "there"])"""))
+
+
+def test_a_row_appears_within_200_milliseconds_of_its_set(web, show, make_host):
+    host = make_host()
+    host.set(b"plant", b"status", b"pulse", b"begin")
+    host.share(b"plant", b"line-4", b"press", b"ctl")
+    page = show(web, script=NOTING)
+    assert page.eventually("'begin' in window.drawn")
+    delays = []
+
+    for number in range(40):
+        before = time.time() * 1000
+        host.set(b"plant", b"status", b"pulse", b"value %d" % number)
+        assert page.eventually(f"'value {number}' in window.drawn")
+        delays.append(page.run(f"window.drawn['value {number}']") - before)
+        if number >= 10 and min(delays) <= 200:
+            break
+
+    figure(f"a row is drawn {statistics.median(delays):.0f} ms after it was set")
+    assert min(delays) <= 200, delays  # Each beyond that is one that the machine has kept waiting.
+
+
+def test_rows_show_who_set_them_and_flash_when_they_change(web, show, member):
+    press = member(b"press", [(b"status", b"speed", b"42"), (b"log", b"today", b"calm")])
+    page = show(web, script=COUNTING)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+    assert page.rows() == [["log", "today", "calm", "press::ctl", "row"],
+                           ["status", "speed", "42", "press::ctl", "row"]]
+    assert page.run("window.flashes") == 0
+
+    press.set(b"status", b"speed", b"43")
+
+    assert page.eventually("window.flashes === 1")
+    assert page.rows()[1][2] == "43"
+    assert [page.text(f"#{part}") for part in ("group", "database")] == ["line-4", "plant"]
+    assert page.shows("#members", "1") and page.shows("#tables", "2") and page.shows("#rows", "2")
+
+
+def test_numbers_draw_a_line_and_other_values_leave_a_list(web, show, member):
+    press = member(b"press", [(b"status", b"mode", b"auto"), (b"status", b"speed", b"1")])
+    page = show(web)
+    for number in range(2, 8):
+        press.set_all([(b"status", b"speed", b"%d" % number), (b"status", b"mode", b"step %d" % number)])
+        assert page.eventually("[...document.querySelectorAll('.value')].some((value) => "
+                               f"value.textContent === '{number}')")
+
+    lines = page.run("[...document.querySelectorAll('.row:not([hidden])')].map((row) => "
+                     "[row.querySelector('.key').textContent, row.querySelector('path').getAttribute('d') || ''])")
+    page.run("document.getElementById('grid').focus()")
+    page.press("Home", "Enter")
+
+    path = dict(lines)["speed"]
+    assert path.count("V") == 6 and dict(lines)["mode"] == ""
+    assert page.eventually("document.getElementById('detail').open")
+    assert page.text("#detail-key") == "mode" and page.text("#detail-value") == "step 7"
+    past = page.run("[...document.querySelectorAll('#detail-past span')].map((item) => item.textContent)")
+    assert past == [f"step {number}" for number in range(6, 1, -1)] + ["auto"]
+
+
+def test_the_filter_narrows_as_one_types(web, show, member):
+    member(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto"), (b"log", b"today", b"calm")])
+    member(b"pump", [(b"status", b"pressure", b"3.5")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 4")
+    seen = []
+
+    page.press("/")
+    for letter in "press":  # In the name of a member, and in a key.
+        page.type(letter)
+    assert page.shows("#found", "4 of 4 rows")
+    for letter in " STATUS p":
+        page.type(letter)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+    seen = keys(page)
+    page.type("u")
+
+    assert seen == ["mode", "pressure", "speed"]
+    assert page.shows("#found", "1 of 4 rows")
+    assert keys(page) == ["pressure"]
+    page.press("Escape")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 4")
+    assert page.run("document.getElementById('filter').value") == ""
+
+
+def test_one_table_and_one_member_can_be_chosen(web, show, member):
+    member(b"press", [(b"status", b"speed", b"42"), (b"log", b"today", b"calm")])
+    member(b"pump", [(b"status", b"pressure", b"3.5")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('#choice button').length === 3")
+
+    page.click("#choice button:nth-child(2)")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert keys(page) == ["today"]
+    page.press("Escape")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+    page.run("[...document.querySelectorAll('.node')].find((node) => node.textContent.includes('pump')).focus()")
+    page.press("Enter")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert keys(page) == ["pressure"]
+
+
+def test_the_graph_shows_who_is_there_their_streams_and_who_has_gone(web, show, member):
+    page = show(web)
+    press, pump = member(b"press", [(b"status", b"speed", b"1")]), member(b"pump")
+    assert page.eventually("document.querySelectorAll('.node').length === 2")
+    assert nodes(page) == {"press::ctl": "there", "pump::ctl": "there"}
+    assert page.run("document.querySelectorAll('.pair:not(.seen)').length") == 2  # One each way,
+    assert page.run("document.querySelectorAll('.pair.seen').length") == 2  # and those that this page reads.
+
+    press.leave()
+
+    assert page.eventually("document.querySelectorAll('.node.gone').length === 1")
+    assert nodes(page) == {"press::ctl": "gone", "pump::ctl": "there"}
+    assert page.run("document.querySelectorAll('.pair').length") == 1
+    log = page.run("[...document.querySelectorAll('#log span')].map((entry) => entry.textContent)")
+    assert log[0] == "press::ctl left" and sorted(log[1:]) == ["press::ctl came", "pump::ctl came"]
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 0")
+
+    member(b"press", [(b"status", b"speed", b"2")])
+    assert page.eventually("document.querySelectorAll('.node:not(.gone)').length === 2")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+
+
+def test_members_that_set_one_key_are_marked(web, show, member):
+    member(b"press", [(b"status", b"mode", b"auto"), (b"status", b"speed", b"1")])
+    pump = member(b"pump", [(b"status", b"mode", b"manual"), (b"log", b"mode", b"-")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 4")
+
+    assert [row[1] for row in page.rows() if "two" in row[4].split()] == ["mode", "mode"]
+    assert page.run("getComputedStyle(document.querySelector('.two .set')).display") != "none"
+    assert page.text(".two .set") == "2 set this"
+    page.press("Home", "ArrowDown", "Enter")
+    assert page.eventually("document.getElementById('detail').open")
+    assert page.text("#detail-others") == "pump::ctl sets this, too: manual"
+
+    pump.leave()
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+    assert page.run("document.querySelectorAll('.row.two:not([hidden])').length") == 0
+
+
+def test_bytes_that_are_no_text_are_shown_as_such(web, show, member):
+    member(b"press", [(b"status", b"raw", bytes(range(0xf8, 0x100))), (b"\xff", b"\xfe", b"text")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+
+    assert page.rows() == [["ff", "fe", "text", "press::ctl", "row"],
+                           ["status", "raw", "f8 f9 fa fb fc fd fe ff", "press::ctl", "row bytes"]]
+    assert page.run("getComputedStyle(document.querySelector('.bytes .raw')).display") != "none"
+
+
+def test_whatever_members_call_things_stays_text(web, show, member):
+    for device in (MARKUP, HANDLER, ESCAPES, TURNED):
+        member(device, [(MARKUP, HANDLER, ESCAPES), (HANDLER, MARKUP, TURNED), (b"__proto__", b"constructor", MARKUP)],
+               process=HANDLER)
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 12")
+    page.run("document.querySelector('.row').click()")
+    page.press("Escape", "s")
+
+    shown = page.run("document.body.innerText")
+    page.press("/")
+    page.type("constructor <SCRIPT>")
+    assert page.shows("#found", "4 of 12 rows")
+    assert MARKUP.decode() in shown and HANDLER.decode() in shown
+    assert r"\x1b]0;title\x07\x1b[2J" in shown and r"\u{202e}gnp.exe" in shown
+    assert not set("\x1b\x07\u202e") & set(page.run("document.documentElement.outerHTML"))
+    assert page.run("window.caught") is None
+    assert page.run("document.scripts.length") == 1 and page.run("document.querySelectorAll('img').length") == 1
+
+
+def test_everything_can_be_done_by_keyboard(web, show, member):
+    member(b"press", [(b"status", b"key-%02d" % number, b"%d" % number) for number in range(60)])
+    page = show(web)
+    assert page.eventually("document.getElementById('rows').textContent === '60'")
+
+    def chosen():
+        return page.run("document.querySelector('.row.chosen:not([hidden]) .key')?.textContent")
+
+    page.press("ArrowDown", "ArrowDown")
+    assert chosen() == "key-01"
+    page.press("End")
+    assert chosen() == "key-59"
+    page.press("PageUp", "Home", "ArrowDown", "Enter")
+    assert page.eventually("document.getElementById('detail').open")
+    assert page.text("#detail-value") == "1"
+    page.press("Escape")
+    assert page.eventually("!document.getElementById('detail').open")
+    page.press("/")
+    assert page.run("document.activeElement.id") == "filter"
+    page.type("key-3")
+    page.press("Enter")
+    assert page.eventually("document.activeElement.id === 'grid'")
+    page.press("Escape", "s")
+    assert page.shows("#order", "last change first")
+
+
+def test_the_last_change_can_stand_first(web, show, member):
+    press = member(b"press", [(b"status", b"key-%d" % number, b"0") for number in range(5)])
+    page = show(web)
+    page.press("s")
+    for number in (3, 1, 4):
+        press.set(b"status", b"key-%d" % number, b"1")
+        assert page.shows(".row[aria-rowindex='1']:not([hidden]) .key", f"key-{number}")
+
+    assert keys(page)[:3] == ["key-4", "key-1", "key-3"]
+
+
+def test_it_fits_a_phone(web, show, member):
+    member(b"p" * 200, [(b"t" * 200, b"k" * 200, b"v" * 2000), (b"status", b"speed", b"1")])
+    page = show(web, width=360, height=640)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+
+    assert page.run("document.documentElement.scrollWidth") <= 360
+    assert page.run("""[...document.querySelectorAll("body *")].filter((one) => !one.closest("svg, #choice"))
+        .every((one) => one.getBoundingClientRect().right <= 361)""")
+    assert page.run("document.getElementById('grid').clientHeight") >= 150
+
+
+def test_it_is_light_or_dark_as_the_system_is(web, show):
+    def lightness(page):
+        red, green, blue = json.loads("[" + page.run("getComputedStyle(document.body).backgroundColor")[4:-1] + "]")
+        return red + green + blue
+
+    assert lightness(show(web)) > 600 and lightness(show(web, dark=True)) < 150
+
+
+def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, member):
+    web = serve()
+    press = member(b"press", [(b"status", b"speed", b"1")])
+    pump = member(b"pump", [(b"status", b"pressure", b"1")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+
+    assert web.ends() == 0
+    assert page.eventually("document.body.classList.contains('lost')")
+    assert page.eventually("document.getElementById('state').textContent.startsWith('no answer since')")
+    assert len(page.rows()) == 2  # What was known is still shown.
+    pump.leave()
+    press.set(b"status", b"speed", b"2")
+    again = serve(f"127.0.0.1:{web.port}")
+    press.meets()
+
+    assert page.eventually("!document.body.classList.contains('lost')")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert page.rows()[0][1:3] == ["speed", "2"]
+    assert page.eventually("document.querySelectorAll('.node:not(.gone)').length === 1")
+    assert eventually(lambda: b"\nvarnix_web_browsers 1\n" in client.get(again.port, "/metrics").body)
+
+
+def test_a_page_that_is_one_too_many_waits_for_its_turn(web, show, chromium, member):
+    member(b"press", [(b"status", b"speed", b"1")])
+    others = [client.Events(web.port) for _ in range(32)]
+    for events in others:
+        assert events.head().status == 200
+    page = chromium.open(web.url)
+    assert page.eventually("document.getElementById('state').textContent.startsWith('no answer since')")
+
+    for events in others:
+        events.close()
+
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    page.close()

@@ -1,0 +1,290 @@
+# SPDX-FileCopyrightText: 2026 the Varnix authors
+# SPDX-License-Identifier: BSD-3-Clause
+
+"""What `varnix web` answers, and what it refuses: asked by scripts, without a browser."""
+
+import os
+import random
+import re
+import socket
+import subprocess
+import urllib.parse
+
+import pytest
+
+import client
+import command
+import programs
+from programs import eventually
+
+MOST_BROWSERS = 32
+
+
+def without_times(rows):
+    return sorted(({name: text for name, text in row.items() if name != "time"} for row in rows), key=str)
+
+
+def is_ready(name, _):
+    return name == "ready"
+
+
+def told(events, *kinds):
+    return [(name, data) for name, data in events if name in kinds]
+
+
+def test_it_says_where_it_is_and_nothing_else(web):
+    assert re.fullmatch(r"http://127\.0\.0\.1:[0-9]+/", web.url)
+
+    assert web.ends() == 0
+
+    assert web.running.errors == ""
+
+
+def test_where_others_can_reach_it_it_says_what_that_means(serve):
+    web = serve("0.0.0.0:0")
+
+    assert web.running.says("^varnix: whoever reaches 0.0.0.0:[0-9]+ sees every row: no password, no encryption\n$")
+    assert client.get(web.port, "/").status == 200
+
+
+def test_a_port_that_is_taken_is_an_error(web):
+    second = command.run("web", "--listen", f"127.0.0.1:{web.port}")
+
+    assert second.status == 1
+    assert re.fullmatch(r"varnix: cannot listen at 127\.0\.0\.1:[0-9]+: Address already in use\n", second.errors)
+
+
+@pytest.mark.parametrize("listen", ["here", "127.0.0.1:", "127.0.0.1:65536", "1.2.3:80", "[::1]:80", "", ":"])
+def test_what_is_no_place_is_refused(network, listen):
+    refused = command.run("web", "--listen", listen)
+
+    assert refused.status == 2
+    assert "must be an IPv4 address, a port, or ADDRESS:PORT" in refused.errors, refused
+
+
+def test_members_and_rows_are_those_that_the_command_prints(web, member):
+    member(b"press", [(b"status", b"speed", b"42"), (b"log", b"raw", b"\xff\x00")])
+    pump = member(b"pump", [(b"status", b"speed", b"7")])
+    assert eventually(lambda: len(client.get(web.port, "/rows").lines()) == 3)
+
+    members = client.get(web.port, "/members")
+    rows = client.get(web.port, "/rows")
+
+    assert members.headers["content-type"] == rows.headers["content-type"] == "application/x-ndjson"
+    dumped = command.Running("dump", "--json")
+    pump.meets()  # The fakes announce themselves when they are told to.
+    assert {member["device"] for member in members.lines()} == {"press", "pump"}
+    assert dumped.ends() == 0
+    of_pump = [row for row in command.json_lines(b"\n".join(dumped.lines))]
+    assert without_times(of_pump) == without_times(row for row in rows.lines() if row["device"] == "pump")
+    assert all(list(row) == list(of_pump[0]) for row in rows.lines() if row["device"] == "pump")
+    assert [row["value64"] for row in rows.lines() if row["table"] == "log"] == ["/wA="]
+
+
+def test_the_rows_of_one_table_can_be_asked_for_whatever_its_name_is(web, member):
+    names = [b"status", b"a b&c=d", "ö".encode(), b"\xff\x00", b""]
+    member(b"press", [(name, b"k", b"%d" % number) for number, name in enumerate(names)])
+    assert eventually(lambda: len(client.get(web.port, "/rows").lines()) == len(names))
+
+    for number, name in enumerate(names):
+        asked = client.get(web.port, "/rows?table=" + urllib.parse.quote_from_bytes(name, safe=""))
+        assert [row["value"] for row in asked.lines()] == [str(number)]
+    assert client.get(web.port, "/rows?table=none").body == b""
+
+
+def test_rows_by_the_ten_thousand_are_served_whole(web, member):
+    count = 20_000
+    member(b"press", [(b"status", b"key-%05d" % number, b"%d" % number) for number in range(count)])
+    events = client.Events(web.port)
+    events.head()
+
+    assert eventually(lambda: b"\nvarnix_rows %d\n" % count in client.get(web.port, "/metrics").body)
+
+    rows = client.get(web.port, "/rows").lines()
+    assert [(row["key"], row["value"]) for row in rows] == [(f"key-{n:05}", str(n)) for n in range(count)]
+    seen = {}
+    while len(seen) < count:
+        name, data = events.next()
+        seen.update((row["key"], row["value"]) for row in data if name == "rows")
+    assert all(key == f"key-{int(value):05}" for key, value in seen.items())
+    events.close()
+
+
+def test_a_reader_is_told_what_there_is_and_then_what_changes(web, member):
+    press = member(b"press", [(b"status", b"speed", b"42")])
+    events = client.Events(web.port)
+    head = events.head()
+    assert head.headers["content-type"] == "text/event-stream"
+
+    first = events.until(is_ready)
+    press.set(b"status", b"speed", b"43")
+    second = events.until(lambda name, data: name == "rows" and data[-1]["value"] == "43")
+    press.leave()
+    third = events.until(lambda name, data: name == "left")
+
+    assert [name for name, _ in first][:2] == ["time", "hello"]
+    assert told(first, "hello")[0][1][0]["group"] == "line-4"
+    place = press.place.rpartition(":")
+    everything = first + second
+    came = told(everything, "member")[0][1][0]
+    assert (came["device"], came["address"], came["port"]) == ("press", place[0], int(place[2]))
+    row = told(everything, "rows")[0][1][0]
+    assert list(row) == ["time", "device", "process", "address", "table", "key", "value", "port"]
+    assert (row["value"], row["port"]) == ("42", int(place[2]))
+    left = third[-1][1][0]
+    assert (left["port"], left["since"], left["reason"]) == (int(place[2]), came["since"], "has left")
+    assert client.get(web.port, "/rows").body == client.get(web.port, "/members").body == b""
+    events.close()
+
+
+def test_a_slow_reader_gets_the_newest_state_and_no_backlog(web, member):
+    press = member(b"press", [(b"status", b"speed", b"0")])
+    fast, slow = client.Events(web.port), client.Events(web.port, SO_RCVBUF=4096)
+    for events in (fast, slow):
+        events.head()
+    text = b"x" * 1000
+    before = web.running.memory()
+    sent = 0
+
+    for number in range(1, 151):
+        rows = [(b"status", b"key-%d" % key, b"%d %s" % (number, text)) for key in range(100)]
+        press.set_all(rows)
+        sent += len(rows) * len(text)
+    fast.until(lambda name, data: name == "rows" and any(row["value"].startswith("150 ") for row in data))
+
+    newest = {}
+    while sum(value == "150" for value in newest.values()) < 100:
+        name, data = slow.next()
+        newest.update((row["key"], row["value"].split()[0]) for row in data if name == "rows")
+    assert slow.size < sent / 10
+    if programs.NATIVE:
+        assert web.running.memory() - before < 8 << 20
+    fast.close()
+    slow.close()
+
+
+def test_no_more_browsers_than_it_can_serve_well_are_let_in(web):
+    first = [client.Events(web.port) for _ in range(MOST_BROWSERS)]
+    assert [events.head().status for events in first] == [200] * MOST_BROWSERS
+
+    late = client.get(web.port, "/events")
+
+    assert (late.status, late.headers["retry-after"]) == (503, "5")
+    assert client.get(web.port, "/members").status == 200
+    first.pop().close()
+
+    def comes_in():
+        events = client.Events(web.port)
+        first.append(events)
+        return events.head().status == 200
+    assert eventually(comes_in)
+    for events in first:
+        events.close()
+
+
+def test_a_request_may_have_8192_bytes(web):
+    padding = 8192 - len(client.request("/", headers="X: \r\n"))
+
+    assert client.get(web.port, "/", headers=f"X: {'x' * padding}\r\n").status == 200
+    assert client.get(web.port, "/", headers=f"X: {'x' * (padding + 1)}\r\n").status == 431
+
+
+def test_a_request_that_never_ends_is_given_up(web):
+    slow = client.connect(web.port)
+    slow.sendall(b"GET / HTTP/1.1\r\nHost: local")
+
+    assert client.get(web.port, "/").status == 200  # Nobody waits for it.
+    assert client.read_all(slow) == b""
+    slow.close()
+
+
+OTHERS = ["evil.example", "evil.example:8075", "localhost.evil.example", "127.0.0.1.evil.example", "localhost:80:80",
+          "localhost@evil.example", "[evil.example]", "", "local host", "localhost:80x"]
+
+
+@pytest.mark.parametrize("host", OTHERS)
+def test_a_request_for_another_name_is_refused(web, host):
+    for path in ("/", "/rows", "/events", "/metrics", "/none"):
+        assert client.get(web.port, path, host=host).status == 403
+
+
+@pytest.mark.parametrize("host", ["localhost", "LocalHost:8075", "127.0.0.1", "192.168.1.5:8075", "[::1]:8075",
+                                  socket.gethostname(), socket.gethostname() + ".local:80"])
+def test_a_request_for_this_host_or_an_address_is_answered(web, host):
+    assert client.get(web.port, "/", host=host).status == 200
+
+
+def test_a_request_without_one_host_is_refused(web):
+    assert client.exchange(web.port, b"GET / HTTP/1.1\r\n\r\n").status == 400
+    assert client.get(web.port, "/", headers="host: localhost\r\n").status == 400
+
+
+@pytest.mark.parametrize("method", ["POST", "PUT", "DELETE", "PATCH", "OPTIONS"])
+def test_nothing_can_be_changed(web, method):
+    refused = client.get(web.port, "/rows", method=method)
+
+    assert (refused.status, refused.headers["allow"]) == (405, "GET, HEAD")
+
+
+def test_a_head_is_answered_without_a_body(web):
+    for path in ("/", "/members", "/rows", "/events", "/metrics"):
+        answer = client.get(web.port, path, method="HEAD")
+        assert (answer.status, answer.body) == (200, b"")
+
+
+def test_no_answer_lets_a_page_run_what_is_not_a_file_of_ours(web):
+    for path in ("/", "/page.js", "/rows", "/none"):
+        headers = client.get(web.port, path).headers
+        policy = dict(part.strip().split(" ", 1) for part in headers["content-security-policy"].split(";"))
+        assert policy["default-src"] == "'none'" and policy["script-src"] == policy["style-src"] == "'self'"
+        assert policy["frame-ancestors"] == "'none'"
+        assert headers["x-content-type-options"] == "nosniff"
+    page = re.sub("<!--.*?-->", "", client.get(web.port, "/").body.decode())
+    assert re.findall("<script.*?>(.*?)</script>", page) == [""]
+    assert not re.search(r"<style|\son[a-z]+=|\sstyle=|javascript:", page)
+    assert set(re.findall(r'(?:src|href)="(.*?)"', page)) == {"/page.js", "/page.css", "/icon.svg"} and "//" not in page
+
+
+def test_bytes_that_are_no_request_do_it_no_harm(web):
+    generator = random.Random(programs.SEED)
+    pieces = [b"GET ", b"/", b"/rows?table=%", b" HTTP/1.1", b"\r\n", b"\n", b"Host: localhost", b"Range: bytes=0-",
+              b":", b"\0", b"\xff", b"%00", b"Content-Length: 99999999999", b"Transfer-Encoding: chunked", b"?",
+              b"&=&="]
+    statuses = set()
+    for _ in range(200 if programs.NATIVE else 40):
+        data = b"".join(generator.choice(pieces) for _ in range(generator.randrange(1, 40)))
+        statuses.add(client.exchange(web.port, data + b"\r\n\r\n").status)
+    assert statuses <= {200, 400, 403, 404, 405}, (programs.SEED, statuses)
+
+    assert client.get(web.port, "/").status == 200
+
+
+def test_metrics_have_base_units_and_no_key_or_table_as_a_label(web, member):
+    press = member(b'pr"ess\\\n\xff', [(b"secret-table", b"secret-key", b"12345")])
+    assert eventually(lambda: b"\nvarnix_rows 1\n" in client.get(web.port, "/metrics").body)
+
+    answer = client.get(web.port, "/metrics")
+
+    assert answer.headers["content-type"].startswith("text/plain; version=0.0.4")
+    text = answer.body.decode()
+    assert "secret" not in text
+    samples = dict(re.findall(r"^(varnix_[a-z_]+(?:\{.*\})?) ([0-9.]+)$", text, re.MULTILINE))
+    assert len(samples) == len([line for line in text.splitlines() if not line.startswith("#")])
+    label = r'{device="pr\"ess\\\\\\x0a\\xff",process="ctl",place="%s"}' % press.place
+    assert samples["varnix_members"] == samples["varnix_members_met_total"] == "1"
+    assert samples["varnix_rows_size_bytes"] == samples["varnix_member_rows_size_bytes" + label] == "15"
+    names = set(re.match("[a-z_]+", name)[0] for name in samples)
+    assert names == set(re.findall("^# HELP ([a-z_]+) [A-Z].*\\.$", text, re.MULTILINE))
+    types = dict(re.findall("^# TYPE ([a-z_]+) ([a-z]+)$", text, re.MULTILINE))
+    assert {name for name, kind in types.items() if kind == "counter"} == {
+        name for name in names if name.endswith("_total")}
+
+
+@pytest.mark.skipif(not os.environ.get("VARNIX_PROMTOOL"), reason="no promtool here")
+def test_promtool_has_nothing_to_say_about_the_metrics(web, member):
+    member(b'pr"ess\\\n\xff', [(b"status", b"speed", b"1")])
+    text = client.get(web.port, "/metrics").body
+
+    done = subprocess.run([os.environ["VARNIX_PROMTOOL"], "check", "metrics"], input=text, capture_output=True)
+
+    assert (done.returncode, done.stdout, done.stderr) == (0, b"", b"")

@@ -1,0 +1,176 @@
+// SPDX-FileCopyrightText: 2026 the Varnix authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+// What readers are told.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "web/EventFeed.h"
+#include "web/RowsFeed.h"
+#include "web/WebModel.h"
+
+namespace {
+
+Member PressAt(std::uint16_t port) {
+  Member member;
+  member.place = {0x7F000001, port};
+  member.device = "press";
+  member.process = "ctl";
+  return member;
+}
+
+std::size_t Count(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+  return count;
+}
+
+// The names of the events; for each row the value.
+std::vector<std::string> Told(const std::string& text) {
+  std::vector<std::string> told;
+  std::size_t begin = 0;
+  for (std::size_t end = text.find('\n'); end != std::string::npos; begin = end + 1, end = text.find('\n', begin)) {
+    const std::string line = text.substr(begin, end - begin);
+    const std::size_t value = line.find("\"value\":\"");
+    if (line.rfind("event: ", 0) == 0 && line != "event: rows") told.push_back(line.substr(7));
+    if (value != std::string::npos) told.push_back(line.substr(value + 9, line.find('"', value + 9) - value - 9));
+  }
+  return told;
+}
+
+std::string Fill(Feed& feed) {
+  std::string out;
+  feed.Fill(out);
+  return out;
+}
+
+std::string FillAll(Feed& feed) {
+  std::string out;
+  while (feed.HasMore()) feed.Fill(out);
+  return out;
+}
+
+using Texts = std::vector<std::string>;
+
+class FeedsTest : public testing::Test {
+ protected:
+  FeedsTest() { model_.AddMember(press_, 7); }
+
+  void Set(const std::string& key, const std::string& value, const char* table = "status") {
+    model_.SetRow(press_, {table, key, value, 1});
+  }
+  void SetMany(const std::string& value, int count) {
+    for (int i = 0; i < count; ++i) Set("key-" + std::to_string(i), value);
+  }
+
+  const Member press_ = PressAt(1);
+  WebModel model_;
+};
+
+TEST_F(FeedsTest, EventsBeginWithWhatThereIs) {
+  Set("speed", "1");
+  EventFeed feed(model_, "{}\n");
+
+  EXPECT_EQ(Told(FillAll(feed)), (Texts{"time", "hello", "member", "1", "ready"}));
+  EXPECT_FALSE(feed.HasMore());
+}
+
+TEST_F(FeedsTest, EventsGoOnWithWhatChanges) {
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  Set("speed", "1");
+  Set("speed", "2");
+  Set("mode", "auto");
+
+  EXPECT_EQ(Told(FillAll(feed)), (Texts{"2", "auto"}));
+}
+
+TEST_F(FeedsTest, RowsThatFollowEachOtherAreOneEvent) {
+  SetMany("1", 3);
+  EventFeed feed(model_, "{}\n");
+
+  const std::string text = FillAll(feed);
+
+  EXPECT_EQ(Count(text, "event: rows\ndata: {"), 1U);
+  EXPECT_EQ(Count(text, "}\ndata: {"), 2U);
+  EXPECT_EQ(Count(text, "}\n\n"), 5U);
+}
+
+TEST_F(FeedsTest, OneThatIsSlowIsToldTheNewestValuesOnce) {
+  SetMany("old", 2000);
+  EventFeed feed(model_, "{}\n");
+  const Texts first = Told(Fill(feed));
+  ASSERT_LT(first.size(), 1000U);
+  for (int round = 0; round < 10; ++round) SetMany("new", 2000);
+
+  const Texts rest = Told(FillAll(feed));
+
+  EXPECT_EQ(rest.size(), 2001U);
+  EXPECT_EQ(rest.front(), "ready");  // All that there was has changed, and is told as a change.
+  EXPECT_EQ(rest.back(), "new");
+}
+
+TEST_F(FeedsTest, OneThatHasMissedWhoLeftBeginsAnew) {
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  for (std::uint16_t port = 2; port < 1000; ++port) {
+    model_.AddMember(PressAt(port), 8);
+    model_.RemoveMember(PressAt(port).place, {}, 9);
+  }
+
+  const Texts told = Told(FillAll(feed));
+
+  EXPECT_EQ((Texts{told.begin(), told.begin() + 3}), (Texts{"time", "hello", "member"}));
+  EXPECT_EQ(told.back(), "ready");
+  EXPECT_FALSE(feed.HasMore());
+}
+
+TEST_F(FeedsTest, WhoLeavesBeforeItIsToldIsNotWaitedFor) {
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  model_.AddMember(PressAt(2), 8);
+  model_.RemoveMember(PressAt(2).place, {}, 9);
+
+  EXPECT_EQ(Told(FillAll(feed)), Texts{"left"});
+}
+
+TEST_F(FeedsTest, RowsAreToldByTableAndKeyAndOnceThoughTheyChange) {
+  SetMany("old", 2000);
+  Set("other", "1", "another");
+  RowsFeed feed(model_, "status");
+  std::string text = Fill(feed);
+  ASSERT_TRUE(feed.HasMore());
+  SetMany("new", 2000);
+  text += FillAll(feed);
+
+  const Texts told = Told(text);
+  EXPECT_EQ(told.size(), 2000U);
+  EXPECT_EQ(told.front(), "old");
+  EXPECT_EQ(told.back(), "new");
+  EXPECT_EQ(Count(text, "\"key\":\"key-1999\""), 1U);
+}
+
+TEST_F(FeedsTest, RowsOfEveryTableAreToldWhereNoneIsNamed) {
+  Set("speed", "1");
+  Set("speed", "2", "");
+  Set("speed", "3", "log");
+  RowsFeed feed(model_, std::nullopt);
+
+  EXPECT_EQ(Told(FillAll(feed)), (Texts{"2", "3", "1"}));
+}
+
+TEST_F(FeedsTest, RowsOfWhoLeavesWhileTheyAreToldAreLeftOut) {
+  const Member pump = PressAt(2);
+  model_.AddMember(pump, 8);
+  model_.SetRow(pump, {"status", "last", "of-pump", 1});
+  SetMany("old", 2000);
+  RowsFeed feed(model_, std::nullopt);
+  Fill(feed);
+  model_.RemoveMember(press_.place, {}, 9);
+
+  EXPECT_EQ(Told(FillAll(feed)), Texts{"of-pump"});
+}
+
+}  // namespace
