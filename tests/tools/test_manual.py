@@ -64,7 +64,7 @@ def test_the_manual_names_every_command_and_every_option():
 
 
 def test_every_command_is_completed():
-    assert complete("") == set(commands())
+    assert complete("") - {"web"} == set(commands()) - {"web"}  # Which some builds lack.
     assert complete("-g", "line-4", "--json", "re") == {"record", "replay"}
 
 

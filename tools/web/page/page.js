@@ -706,7 +706,7 @@ function drawNode(member) {
   node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }));
   if (members.size + gone.size <= 2 * MOST_PAIRS_OF || chosen) {
     const below = member.y > -20;
-    const label = draw("text", { y: below ? 24 : -24 }), sub = draw("text", { class: "sub", y: below ? 36 : -13 });
+    const label = draw("text", { y: below ? 28 : -29 }), sub = draw("text", { class: "sub", y: below ? 40 : -18 });
     label.textContent = cut(member.label, 20);
     sub.textContent = here ? plural(member.rows.size, "row") : "has left";
     node.append(label, sub);
