@@ -275,6 +275,8 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     pump = member(b"pump", [(b"status", b"pressure", b"1")])
     page = show(web)
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+    press.set(b"status", b"speed", b"3")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden]) path[d*=V]').length === 1")
 
     assert web.ends() == 0
     assert page.eventually("document.body.classList.contains('lost')")
@@ -288,8 +290,23 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     assert page.eventually("!document.body.classList.contains('lost')")
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
     assert page.rows()[0][1:3] == ["speed", "2"]
-    assert page.eventually("document.querySelectorAll('.node:not(.gone)').length === 1")
+    assert page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d').split('V').length") == 3
+    assert nodes(page) == {"press::ctl": "there", "pump::ctl": "gone"}
     assert eventually(lambda: b"\nvarnix_web_browsers 1\n" in client.get(again.port, "/metrics").body)
+
+
+def test_a_server_that_comes_back_with_another_group_is_shown_from_the_beginning(serve, show, member):
+    web = serve()
+    member(b"press", [(b"status", b"speed", b"1")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+
+    assert web.ends() == 0
+    serve(f"127.0.0.1:{web.port}", "--group", "line-5")
+
+    assert page.shows("#group", "line-5")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 0")
+    assert page.run("document.querySelectorAll('.node, #log li').length") == 0
 
 
 def test_a_page_that_is_one_too_many_waits_for_its_turn(web, show, chromium, member):

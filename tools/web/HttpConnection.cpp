@@ -5,7 +5,6 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -54,14 +53,14 @@ void HttpConnection::OnReady(short events) {
 
 TimePoint HttpConnection::Deadline() const {
   if (state_ == State::kEnded) return TimePoint::max();
-  if (state_ != State::kAnswering || HasUnsent() || !feed_) return due_;
-  return feed_->HasMore() ? std::max(not_before_, Clock::now()) : next_sign_;
+  if (state_ != State::kAnswering || WantsToWrite()) return due_;
+  return feed_->HasMore() ? not_before_ : next_sign_;
 }
 
-// For a piece that was too early nothing is to be done: it is waited for from now on.
+// For a piece that was too early nothing is to be done: the socket is waited for from now on.
 void HttpConnection::OnDeadline() {
   const TimePoint now = Clock::now();
-  if (state_ != State::kAnswering || HasUnsent() || !feed_) {
+  if (state_ != State::kAnswering || WantsToWrite()) {
     if (now >= due_) EndAs(State::kEnded, now);
   } else if (!feed_->HasMore() && now >= next_sign_) {
     unsent_ = feed_->SignOfLife();

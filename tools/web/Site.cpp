@@ -75,6 +75,7 @@ Head Read(std::string_view text) {
     const std::string_view line = text.substr(0, end);
     text.remove_prefix(end + 1);
     if (number == 0) head.request = Trimmed(line);
+    if (number > 0 && Trimmed(line).empty()) break;
     if (number == 0 || !IsHostHeader(line)) continue;
     head.host = Trimmed(line.substr(line.find(':') + 1));
     ++head.hosts;

@@ -15,6 +15,7 @@ const MOST_LOG = 100, MOST_TABLES = 200;
 const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen one are drawn.
 const BETWEEN_SORTINGS = 400, BETWEEN_FLASHES = 250, GONE_IS_SHOWN = 60000;  // Milliseconds.
 const SILENCE = 30000, PAUSE = 2000;  // The server tells the time every 10 seconds.
+const TO_MEET = 5000;  // So long a server that has begun anew may take to meet the members.
 
 const $ = (id) => document.getElementById(id);
 const SVG = "http://www.w3.org/2000/svg";
@@ -94,6 +95,7 @@ const gone = new Map();     // The same, for a while.
 const rows = new Map();
 const setters = new Map();  // The rows with one table and key, where there are several.
 const tables = new Map();   // How many rows each has, by the name that is shown.
+let whose = null;           // The group and the database.
 let generation = 0;         // A new one with each connection. What has an older one is no more.
 let changes = 0;            // The number of the last change.
 let lead = 0;               // How far the clock of the server is ahead of ours.
@@ -198,9 +200,9 @@ const on = {
   },
 
   hello(data) {
-    const name = placeName(data);
-    if (on.name !== undefined && on.name !== name) forgetAll();
-    on.name = name;
+    const whole = read(data, "group").id + "\0" + read(data, "database").id;
+    if (whose !== null && whose !== whole) forgetAll();
+    whose = whole;
     ++generation;
     lost("");
     setText($("group"), read(data, "group").shown);
@@ -211,15 +213,15 @@ const on = {
   member(data) {
     const place = placeOf(data), known = members.get(place);
     const device = read(data, "device").shown, process = read(data, "process").shown;
-    const since = Date.parse(data.since);
-    if (known && known.since === since) {
-      known.generation = generation;
+    const since = Date.parse(data.since), label = device + "::" + process;
+    // A server that has begun anew has met it anew.
+    if (known && known.label === label && (known.since === since || known.generation !== generation)) {
+      Object.assign(known, { since, generation });
       return;
     }
     if (known) removeMember(known, now(), "has left");
     gone.delete(place);
-    const member = { place, device, process, label: device + "::" + process, since, rows: new Set(), generation,
-                     changes: 0, busy: false };
+    const member = { place, label, since, rows: new Set(), generation, changes: 0, busy: false };
     members.set(place, member);
     note(since, member, "came", "");
   },
@@ -249,28 +251,33 @@ const on = {
     view.changed = true;
   },
 
-  // What was there before the connection was lost, and is there no more, was not told again.
   ready() {
     view.ready = true;
-    for (const member of [...members.values()]) {
-      if (member.generation !== generation) removeMember(member, now(), "has left");
-    }
-    for (const row of [...rows.values()]) {
-      if (row.generation === generation) continue;
-      row.member.rows.delete(row);
-      removeRow(row);
-      view.removed = true;
-    }
+    const told = generation;
+    setTimeout(() => told === generation && view.ready && forgetOlder(), TO_MEET);
   },
 };
 
-const placeName = (data) => read(data, "group").id + "\0" + read(data, "database").id;
+// What was there before the connection was lost, and is there no more, was not told again.
+function forgetOlder() {
+  for (const member of [...members.values()]) {
+    if (member.generation !== generation) removeMember(member, now(), "has left");
+  }
+  for (const row of [...rows.values()]) {
+    if (row.generation === generation) continue;
+    row.member.rows.delete(row);
+    removeRow(row);
+    view.removed = true;
+  }
+  frame();
+}
 
 function removeMember(member, time, reason) {
   members.delete(member.place);
   gone.set(member.place, Object.assign(member, { left: time, busy: false }));
   for (const row of member.rows) removeRow(row);
   member.rows = new Set();
+  if (view.chosenMember === member.place) view.chosenMember = null, view.wanted = true;
   view.removed = true;
   note(time, member, "left", reason === "has left" ? "" : reason);
 }
@@ -278,9 +285,8 @@ function removeMember(member, time, reason) {
 function forgetAll() {
   for (const map of [members, gone, rows, setters, tables]) map.clear();
   log = [];
-  view.sorted = view.added = view.shown = [];
-  view.chosenMember = view.chosen = null;
-  view.removed = view.logged = true;
+  Object.assign(view, { sorted: [], added: [], shown: [], work: null, table: null, chosenMember: null, chosen: null });
+  view.wanted = view.logged = view.graph = true;
 }
 
 function note(time, member, what, reason) {
@@ -569,6 +575,7 @@ function drawFound() {
 const isFiltered = () => view.words.length > 0 || view.table !== null || view.chosenMember !== null;
 
 function drawTables() {
+  if (view.table !== null && !tables.has(view.table)) view.table = null, wish();
   const names = [...tables.keys()].sort().slice(0, MOST_TABLES);
   const state = JSON.stringify([view.table, names, names.map((name) => tables.get(name))]);
   if (state === view.tablesDrawn) return;
@@ -765,7 +772,7 @@ function tick() {
     member.busy = member.changes > 0;
     member.changes = 0;
   }
-  if (gone.size) view.graph = true;
+  if ([...gone.values()].some((member) => now() - member.left > GONE_IS_SHOWN)) view.graph = true;
   if (source && Date.now() - heard > SILENCE) reconnect();
   frame();
 }
