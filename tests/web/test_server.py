@@ -47,6 +47,12 @@ def test_where_others_can_reach_it_it_says_what_that_means(serve):
     assert client.get(web.port, "/").status == 200
 
 
+def test_an_address_or_a_port_alone_will_do(serve):
+    assert serve("127.0.0.2").url == "http://127.0.0.2:8075/"
+    assert re.fullmatch(r"http://127\.0\.0\.1:[0-9]+/", serve("0").url)
+    assert serve("127.0.0.1:0", "--passive").url  # It does not wait for members first.
+
+
 def test_a_port_that_is_taken_is_an_error(web):
     second = command.run("web", "--listen", f"127.0.0.1:{web.port}")
 

@@ -44,6 +44,7 @@ WebCommand::WebCommand(const Options& options)
   }
   if (place.address == 0) place.address = 0x7F000001;  // One that a browser of this host reaches.
   session_.output.Text() += "http://" + PlaceText(place) + "/\n";
+  session_.output.Flush();  // Before anything is waited for.
 }
 
 void WebCommand::OnMet(const Member& member) { model_.AddMember(member, TimeNow()); }
