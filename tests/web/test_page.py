@@ -216,7 +216,7 @@ def test_whatever_members_call_things_stays_text(web, show, member):
 def test_everything_can_be_done_by_keyboard(web, show, member):
     member(b"press", [(b"status", b"key-%02d" % number, b"%d" % number) for number in range(60)])
     page = show(web)
-    assert page.eventually("document.getElementById('rows').textContent === '60'")
+    assert page.eventually("document.getElementById('grid').ariaRowCount === '60'")
 
     def chosen():
         return page.run("document.querySelector('.row.chosen:not([hidden]) .key')?.textContent")
