@@ -42,7 +42,7 @@ pollfd HttpConnection::Awaited() const {
 
 bool HttpConnection::WantsToWrite() const {
   if (state_ != State::kAnswering) return false;
-  return HasUnsent() || !feed_ || (feed_->HasMore() && Clock::now() >= not_before_);
+  return HasUnsent() || !feed_ || (feed_->HasMore() && !pausing_);
 }
 
 void HttpConnection::OnReady(short events) {
@@ -57,12 +57,13 @@ TimePoint HttpConnection::Deadline() const {
   return feed_->HasMore() ? not_before_ : next_sign_;
 }
 
-// For a piece that was too early nothing is to be done: the socket is waited for from now on.
 void HttpConnection::OnDeadline() {
   const TimePoint now = Clock::now();
   if (state_ != State::kAnswering || WantsToWrite()) {
     if (now >= due_) EndAs(State::kEnded, now);
-  } else if (!feed_->HasMore() && now >= next_sign_) {
+  } else if (feed_->HasMore()) {
+    pausing_ = now < not_before_;
+  } else if (now >= next_sign_) {
     unsent_ = feed_->SignOfLife();
     next_sign_ = now + kBetweenSigns;
     due_ = now + kMostWithoutProgress;
@@ -101,7 +102,8 @@ void HttpConnection::Write() {
     sent_ = 0;
     feed_->Fill(unsent_);
     const TimePoint now = Clock::now();
-    if (!feed_->HasMore()) not_before_ = now + kBetweenPieces;
+    pausing_ = !feed_->HasMore();
+    not_before_ = now + kBetweenPieces;
     next_sign_ = now + kBetweenSigns;
     due_ = now + kMostWithoutProgress;
   }

@@ -52,5 +52,6 @@ class HttpConnection : public Waiter {
   std::unique_ptr<Feed> feed_;
   std::string unsent_;
   std::size_t sent_ = 0;  // So much of unsent_.
+  bool pausing_ = false;  // A piece has just gone; the next one waits until then:
   TimePoint not_before_{}, next_sign_ = TimePoint::max();
 };

@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "web/HttpConnection.h"
@@ -22,11 +24,28 @@ class Spring : public Feed {
   bool IsLiving() const override { return true; }
 };
 
+// Something that has as much to tell as a test says.
+class Drops : public Feed {
+ public:
+  explicit Drops(const int& drops) : drops_(drops) {}
+  bool HasMore() const override { return told_ < drops_; }
+  void Fill(std::string& out) override { out += "drop " + std::to_string(++told_); }
+  bool IsLiving() const override { return true; }
+
+ private:
+  const int& drops_;
+  int told_ = 0;
+};
+
 class Springs : public Site::Content {
  public:
+  int drops = 0;
+
   std::string Members() const override { return "{}\n"; }
   std::string Metrics() const override { return ""; }
-  std::unique_ptr<Feed> Rows(const std::optional<std::string>&) const override { return nullptr; }
+  std::unique_ptr<Feed> Rows(const std::optional<std::string>&) const override {
+    return std::make_unique<Drops>(drops);
+  }
   std::unique_ptr<Feed> Events() override { return std::make_unique<Spring>(); }
 };
 
@@ -86,6 +105,25 @@ TEST_F(HttpConnectionTest, AReaderThatTakesNothingIsWaitedForWithoutSpinning) {
   EXPECT_FALSE(Taken().empty());
   Turn();
   EXPECT_FALSE(Taken().empty());  // It goes on where it has stopped.
+}
+
+TEST_F(HttpConnectionTest, APieceThatFollowsAnotherAtOnceWaitsForALittle) {
+  Ask("/rows");
+  Taken();
+  springs_.drops = 1;
+  Turn();
+  EXPECT_EQ(Taken(), "drop 1");
+
+  springs_.drops = 2;
+
+  EXPECT_EQ(connection_->Awaited().events & POLLOUT, 0);
+  EXPECT_LE(connection_->Deadline(), Clock::now() + std::chrono::milliseconds(50));
+  std::string taken;
+  for (int turns = 0; taken.empty() && turns < 10; ++turns) {
+    loop_.Turn(TimePoint::max());
+    taken = Taken();
+  }
+  EXPECT_EQ(taken, "drop 2");
 }
 
 TEST_F(HttpConnectionTest, WhoHasAskedForNothingIsWaitedForAFewSeconds) {
