@@ -101,6 +101,38 @@ def test_numbers_draw_a_line_and_other_values_leave_a_list(web, show, member):
     assert past == [f"step {number}" for number in range(6, 1, -1)] + ["auto"]
 
 
+def test_numbers_of_any_size_are_drawn_or_taken_for_text(web, show, member):
+    press = member(b"press", [(b"status", b"speed", b"0")])
+    page = show(web)
+    for value in ("1e308", "-1e308"):
+        press.set(b"status", b"speed", value.encode())
+        assert page.shows(".row:not([hidden]) .value", value)
+    path = page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d')")
+    press.set(b"status", b"speed", b"1e309")
+    assert page.shows(".row:not([hidden]) .value", "1e309")
+
+    assert path.count("V") == 2 and "NaN" not in path and "Infinity" not in path
+    assert page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d')") == ""
+
+
+def test_of_a_long_value_the_beginning_is_shown(web, show, member):
+    member(b"press", [(b"status", b"text", b"x" * 1_000_000), (b"status", b"bytes", b"\xff" * 1_000_000)])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+
+    sizes = []
+    for key in ("Home", "End"):
+        page.run("document.getElementById('grid').focus()")
+        page.press(key, "Enter")
+        assert page.eventually("document.getElementById('detail').open")
+        sizes.append((len(page.text("#detail-value")), page.text("#detail-size")))
+        page.press("Escape")
+        assert page.eventually("!document.getElementById('detail').open")
+
+    assert sizes == [(768 * 3 - 1 + 2, "1,000,000 bytes, of which the beginning is shown"),
+                     (4096, "1,000,000 characters, of which the beginning is shown")]
+
+
 def test_the_filter_narrows_as_one_types(web, show, member):
     member(b"press", [(b"status", b"speed", b"42"), (b"status", b"mode", b"auto"), (b"log", b"today", b"calm")])
     member(b"pump", [(b"status", b"pressure", b"3.5")])

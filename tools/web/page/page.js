@@ -9,7 +9,8 @@
 
 const WORK_PER_FRAME = 8;  // Milliseconds.
 const MOST_WAITING = 4 << 20;  // Characters that wait to be understood; beyond that they are not put off any more.
-const MOST_VALUE = 4096;  // Characters of a value that are kept here.
+const MOST_VALUE = 4096;  // Characters of a text that are kept here,
+const MOST_BASE64 = 1024;  // and of what is no text; four for each three bytes.
 const MOST_POINTS = 48, MOST_TEXTS = 8, MOST_OF_TEXT = 120;  // Of a row's history.
 const MOST_LOG = 100, MOST_TABLES = 200;
 const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen one are drawn.
@@ -55,23 +56,28 @@ function printable(text) {
 }
 
 function hex(base64) {
-  const bytes = atob(base64.slice(0, 4 * 64));
-  let text = "";
-  for (let i = 0; i < bytes.length; ++i) text += (i ? " " : "") + bytes.charCodeAt(i).toString(16).padStart(2, "0");
-  return base64.length > 4 * 64 ? text + " …" : text;
+  const bytes = Array.from(atob(base64), (byte) => byte.charCodeAt(0).toString(16).padStart(2, "0"));
+  return bytes.join(" ");
 }
 
-// A text of the server's, or in base64 what is none: its own name, what is shown, and whether it is bytes.
+// A text of the server's, or in base64 what is none: what it is known by, what is shown of it, whether that is its
+// beginning alone, and whether it is bytes.
 function read(object, name) {
   const text = object[name];
-  if (text !== undefined) return { id: "t" + text, shown: printable(text), bytes: false, size: text.length };
-  const base64 = object[name + "64"] || "";
+  if (text !== undefined) {
+    const cut = text.length > MOST_VALUE, shown = printable(cut ? text.slice(0, MOST_VALUE) : text);
+    return { id: "t" + text, shown, cut, bytes: false, size: text.length };
+  }
+  const base64 = object[name + "64"] || "", cut = base64.length > MOST_BASE64;
   const padding = base64.endsWith("==") ? 2 : base64.endsWith("=") ? 1 : 0;
-  return { id: "b" + base64, shown: hex(base64), bytes: true, size: base64.length / 4 * 3 - padding };
+  const shown = hex(base64.slice(0, MOST_BASE64)) + (cut ? " …" : "");
+  return { id: "b" + base64, shown, cut, bytes: true, size: base64.length / 4 * 3 - padding };
 }
 
+// What is no number, or none that can be drawn, is NaN.
 function number(text) {
-  return /^\s*[-+]?\d+(\.\d+)?([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
+  const figure = /^\s*[-+]?\d+(\.\d+)?([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
+  return Number.isFinite(figure) ? figure : NaN;
 }
 
 const count = (n) => n.toLocaleString("en");
@@ -93,7 +99,7 @@ function age(milliseconds) {
 const members = new Map();  // By place.
 const gone = new Map();     // The same, for a while.
 const rows = new Map();
-const setters = new Map();  // The rows with one table and key, where there are several.
+const setters = new Map();  // The rows with one table and key.
 const tables = new Map();   // How many rows each has, by the name that is shown.
 let whose = null;           // The group and the database.
 let generation = 0;         // A new one with each connection. What has an older one is no more.
@@ -118,16 +124,16 @@ class Row {
   }
 
   set(value, time, fresh) {
-    const before = this.value;
-    const shown = value.shown.length > MOST_VALUE ? value.shown.slice(0, MOST_VALUE) : value.shown;
+    const before = this.value, shown = value.shown;
     if (before !== null && before !== shown && fresh) this.flash = performance.now();
     if (before === shown && this.time === time) return;
     this.value = shown;
     this.bytes = value.bytes;
+    this.cut = value.cut;
     this.size = value.size;
     this.time = time;
     this.hay = null;
-    const figure = value.bytes ? NaN : number(shown);
+    const figure = value.bytes || value.cut ? NaN : number(shown);
     if (isNaN(figure)) {
       this.times = this.numbers = null;
       this.addText(shown, time);
@@ -368,13 +374,16 @@ const view = {
   work: null,         // What is filtered at the moment.
   words: [],          // Of the filter.
   table: null,        // That alone is shown.
-  chosenMember: null,  // Whose rows alone are shown.
+  chosenMember: null, // Whose rows alone are shown.
   byChange: false,
   chosen: null,       // A row.
   changed: true, removed: true, logged: true, graph: true, wanted: true,
-  sortedAt: 0, drawnAt: 0,
-  pool: [],
-  detail: null,
+  moved: true,        // Other rows are shown, or at other places.
+  sortedAt: 0,
+  pool: [],           // The elements of rows, those that are free included.
+  ids: 0,             // The last number that an element got.
+  tablesDrawn: "",
+  detail: null, detailOrder: 0, detailGone: false,  // The row that is shown alone, as it was when it was drawn.
 };
 
 const byName = (left, right) => (left.sort < right.sort ? -1 : left.sort > right.sort ? 1 : 0);
@@ -494,9 +503,6 @@ function drawRows() {
   }
   view.moved = false;
   while (pool.length < last - first) pool.push(makeRow());
-  for (const parts of pool) {
-    if (parts.index < first || parts.index >= last) parts.free = true;
-  }
   // A row keeps its element while it is seen, wherever it is.
   const elements = new Map();
   for (const parts of pool) if (parts.row) elements.set(parts.row, parts);
@@ -509,7 +515,8 @@ function drawRows() {
     parts.row = null;
     parts.index = -1;
   }
-  if (view.detail && view.detail.order !== view.detailOrder) drawDetail();
+  const { detail } = view;
+  if (detail && (detail.order !== view.detailOrder || detail.gone !== view.detailGone)) drawDetail();
 }
 
 function drawRow(parts, row, index, time) {
@@ -519,7 +526,7 @@ function drawRow(parts, row, index, time) {
     parts.row = row;
     parts.order = -1;
     element.hidden = false;
-    element.id = "row" + (view.ids = (view.ids || 0) + 1);
+    element.id = "row" + ++view.ids;
     setText(parts.table, row.table);
     setText(parts.key, row.key);
     setText(parts.by, row.member.label);
@@ -553,13 +560,13 @@ function flash(element) {
                   { duration: 1200, easing: "ease-out" });
 }
 
-// A value holds until the next one.
+// A value holds until the next one. Halves, because the difference of two numbers can be beyond all numbers.
 function steps(row, width, height) {
   const { times, numbers } = row;
   const start = times[0], end = Math.max(times[times.length - 1] + 1, start + 1);
-  const low = Math.min(...numbers), high = Math.max(...numbers);
+  const low = Math.min(...numbers) / 2, high = Math.max(...numbers) / 2;
   const x = (time) => ((time - start) / (end - start) * (width - 2) + 1).toFixed(1);
-  const up = (figure) => (high === low ? height / 2 - 2 : (figure - low) / (high - low) * (height - 4));
+  const up = (figure) => (high === low ? height / 2 - 2 : (figure / 2 - low) / (high - low) * (height - 4));
   const y = (figure) => (height - 2 - up(figure)).toFixed(1);
   let path = "M" + x(start) + " " + y(numbers[0]);
   for (let i = 1; i < times.length; ++i) path += "H" + x(times[i]) + "V" + y(numbers[i]);
@@ -625,13 +632,14 @@ function showDetail(row) {
 function drawDetail() {
   const row = view.detail;
   view.detailOrder = row.order;
+  view.detailGone = row.gone;
   setText($("detail-table"), row.table);
   setText($("detail-key"), row.key);
   setText($("detail-by"), row.member.label + " at " + row.member.place + ", " + clock(row.time) +
                           (row.gone ? " – this member has left" : ""));
   setText($("detail-value"), row.value);
-  const cut = row.value.length === MOST_VALUE ? ", of which the beginning is shown" : "";
-  setText($("detail-size"), plural(row.size, row.bytes ? "byte" : "character") + cut);
+  const rest = row.cut ? ", of which the beginning is shown" : "";
+  setText($("detail-size"), plural(row.size, row.bytes ? "byte" : "character") + rest);
   const line = row.numbers && row.numbers.length > 1;
   $("detail-line").toggleAttribute("hidden", !line);
   setText($("detail-range"), line ? range(row) : "");
@@ -682,13 +690,16 @@ function drawMe() {
 
 function drawEdges(present) {
   const edges = present.map((member) => draw("path", { class: "pair seen", d: arc(member, { x: 0, y: 0 }, 0, 14) }));
-  present.forEach((left, i) => present.slice(i + 1).forEach((right) => {
-    const chosen = view.chosenMember === left.place || view.chosenMember === right.place;
-    if (!chosen && (view.chosenMember || present.length > MOST_PAIRS_OF)) return;
-    for (const [from, to] of [[left, right], [right, left]]) {
-      edges.push(draw("path", { class: "pair", d: arc(from, to, 12, 14), "marker-end": "url(#tip)" }));
+  const few = !view.chosenMember && present.length <= MOST_PAIRS_OF;
+  const some = few ? present : present.filter((member) => member.place === view.chosenMember);
+  some.forEach((left, i) => {
+    for (const right of few ? present.slice(i + 1) : present) {
+      if (right === left) continue;
+      for (const [from, to] of [[left, right], [right, left]]) {
+        edges.push(draw("path", { class: "pair", d: arc(from, to, 12, 14), "marker-end": "url(#tip)" }));
+      }
     }
-  }));
+  });
   $("edges").replaceChildren(...edges);
 }
 
