@@ -844,7 +844,8 @@ filter.addEventListener("input", () => setFilter(filter.value));
 $("order").addEventListener("click", changeOrder);
 $("detail").addEventListener("close", () => {
   view.detail = null;
-  grid.focus();
+  // This comes some time after the key that closed it: the next key may have gone to the filter by then.
+  if (document.activeElement === document.body) grid.focus();
 });
 grid.addEventListener("scroll", frame, { passive: true });
 document.addEventListener("visibilitychange", frame);
