@@ -4,8 +4,10 @@
 """Chromium without a window, in the namespace of the caller. It is driven over a pipe: nothing listens anywhere."""
 
 import base64
+import fcntl
 import json
 import os
+import pathlib
 import shlex
 import subprocess
 import threading
@@ -23,10 +25,18 @@ class PageError(Exception):
     """What a script that the test has sent to the page has thrown."""
 
 
+def move(descriptor):
+    """To a number beyond those that the browser expects something at."""
+    moved = fcntl.fcntl(descriptor, fcntl.F_DUPFD_CLOEXEC, 10)
+    os.close(descriptor)
+    return moved
+
+
 class Browser:
     def __init__(self, profile):
         to_browser, from_test = os.pipe()
         to_test, from_browser = os.pipe()
+        to_browser, from_browser = move(to_browser), move(from_browser)
         command = [os.environ["VARNIX_CHROMIUM"], *OPTIONS, f"--user-data-dir={profile}", "about:blank"]
         # The browser reads its descriptor 3 and writes its 4.
         script = f"exec {shlex.join(command)} 3<&{to_browser} 4>&{from_browser} {to_browser}<&- {from_browser}>&-"
@@ -91,6 +101,18 @@ class Browser:
         if url:
             page.go(url)
         return page
+
+    def main_thread_seconds(self):
+        """The processor time that the scripts and the drawing of all pages have taken so far."""
+        nanoseconds = 0
+        for process in self.call("SystemInfo.getProcessInfo")["processInfo"]:
+            if process["type"] != "renderer":
+                continue
+            try:
+                nanoseconds += int(pathlib.Path(f"/proc/{process['id']}/schedstat").read_text().split()[0])
+            except FileNotFoundError:  # It has just ended.
+                pass
+        return nanoseconds / 1e9
 
     def close(self):
         try:

@@ -16,6 +16,7 @@ import browser
 import command
 import members
 import namespaces
+
 STEPS = 60
 BETWEEN_STEPS = 0.15  # Seconds. The lines need a past.
 

@@ -14,9 +14,12 @@ CHANGES_PER_SECOND = 5_000
 SECONDS = 10
 BATCH = 250
 
-# How long each key waits: from when it was pressed until the frame behind it is drawn.
+# How long each key waits: from when it was pressed until the frame behind it is drawn. And how many frames there are.
 TIMING = """
     window.waits = [];
+    window.frames_drawn = 0;
+    const count = () => { ++window.frames_drawn; requestAnimationFrame(count); };
+    requestAnimationFrame(count);
     addEventListener("keydown", (event) => {
       const pressed = event.timeStamp;
       requestAnimationFrame(() => setTimeout(() => window.waits.push(performance.now() - pressed)));
@@ -83,7 +86,7 @@ def change_all(press, changes, stop):
         press.set_all([(b"table-%d" % (n % 8), b"key-%05d" % n, b"1") for n in range(sent, sent + BATCH)])
 
 
-def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, show, member):
+def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, show, member):
     press = member(b"press", rows(0))
     page = show(web, script=TIMING)
     assert page.shows("#rows", f"{ROWS:,}")
@@ -91,6 +94,7 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, show, memb
     stop = threading.Event()
     changing = threading.Thread(target=change_all, args=(press, CHANGES_PER_SECOND * SECONDS, stop))
     changing.start()
+    frames, seconds = page.run("window.frames_drawn"), chromium.main_thread_seconds()
     try:
         page.press("/")
         while changing.is_alive():
@@ -101,15 +105,19 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, show, memb
     finally:
         stop.set()
         changing.join()
+    frames, seconds = page.run("window.frames_drawn") - frames, chromium.main_thread_seconds() - seconds
     page.press("Escape")
 
     assert page.eventually("""[...document.querySelectorAll(".row:not([hidden]) .value")].length > 0 &&
         [...document.querySelectorAll(".row:not([hidden]) .value")].every((value) => value.textContent === "1")""")
-    waits = page.run("window.waits")
+    waits = sorted(page.run("window.waits"))
     figure(f"with {ROWS} rows and {CHANGES_PER_SECOND} changes a second a key is answered within "
-           f"{statistics.median(waits):.0f} ms, 9 of 10 within {sorted(waits)[len(waits) * 9 // 10]:.0f} ms")
-    assert len(waits) >= 20
-    assert statistics.median(waits) <= 100, waits  # A busy machine delays some.
+           f"{statistics.median(waits):.0f} ms, 9 of 10 within {waits[len(waits) * 9 // 10]:.0f} ms; "
+           f"the page works {seconds / frames * 1000:.0f} ms for a frame")
+    assert len(waits) >= 20 and frames >= 20
+    # A busy machine delays keys as it likes; but a page that worked longer for a frame would delay every one of them.
+    assert seconds / frames <= 0.1, (seconds, frames)
+    assert waits[len(waits) // 10] <= 100, waits
     assert drawn < 100  # Only what is seen.
     assert page.eventually(f"document.getElementById('grid').ariaRowCount === '{ROWS}'")
     page.press("End")

@@ -35,6 +35,15 @@ COUNTING = """
 """
 
 
+# Keeps what is to happen when a server that is back has had time to meet the members, until the test says so.
+MEETING = """
+    const TIME_TO_MEET = 5000, setTimer = window.setTimeout;
+    window.kept = [];
+    window.setTimeout = (what, delay, ...rest) =>
+      delay === TIME_TO_MEET ? window.kept.push(what) : setTimer(what, delay, ...rest);
+"""
+
+
 def keys(page):
     return [row[1] for row in page.rows()]
 
@@ -162,7 +171,7 @@ def test_one_table_and_one_member_can_be_chosen(web, show, member):
     member(b"press", [(b"status", b"speed", b"42"), (b"log", b"today", b"calm")])
     member(b"pump", [(b"status", b"pressure", b"3.5")])
     page = show(web)
-    assert page.eventually("document.querySelectorAll('#choice button').length === 3")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
 
     page.click("#choice button:nth-child(2)")
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
@@ -305,7 +314,7 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     web = serve()
     press = member(b"press", [(b"status", b"speed", b"1")])
     pump = member(b"pump", [(b"status", b"pressure", b"1")])
-    page = show(web)
+    page = show(web, script=MEETING)
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
     press.set(b"status", b"speed", b"3")
     assert page.eventually("document.querySelectorAll('.row:not([hidden]) path[d*=V]').length === 1")
@@ -320,6 +329,10 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     press.meets()
 
     assert page.eventually("!document.body.classList.contains('lost')")
+    assert page.eventually("[...document.querySelectorAll('.value')].some((value) => value.textContent === '2')")
+    assert page.eventually("window.kept.length === 2")  # Of the first beginning, and of this one.
+    assert keys(page) == ["pressure", "speed"]
+    page.run("window.kept.forEach((what) => what())")
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
     assert page.rows()[0][1:3] == ["speed", "2"]
     assert page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d').split('V').length") == 3
