@@ -153,3 +153,22 @@ def test_a_page_that_was_open_for_a_day_has_kept_no_more_than_one_of_an_hour(web
     assert page.shows(".row[aria-rowindex='1']:not([hidden]) .age", "3 d")
     assert page.faults() == []
     page.close()
+
+
+def test_of_members_that_come_and_go_by_the_thousand_the_last_are_drawn(web, chromium):
+    page = chromium.open(web.url, script=DRIVEN)
+    assert page.eventually("'source' in window && Object.keys(window.source.listeners).length === 6")
+    page.run("begin()")
+    page.run("""{
+        for (let port = 2; port < 3002; ++port) {
+            const guest = member(port, stamp());
+            tell("member", guest);
+            tell("left", { ...guest, left: stamp(), reason: "has left" });
+        }
+    }""")
+
+    assert page.eventually("document.querySelector('#log span')?.textContent === 'press::ctl-3001 left'")
+    gone = page.run("[...document.querySelectorAll('.node.gone')].map((node) => node.dataset.place)")
+    assert sorted(gone) == [f"10.0.0.1:{port}" for port in range(2938, 3002)]
+    assert page.run("document.querySelectorAll('.node:not(.gone)').length") == 1
+    page.close()

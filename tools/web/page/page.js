@@ -12,7 +12,7 @@ const MOST_WAITING = 4 << 20;  // Characters that wait to be understood; beyond 
 const MOST_VALUE = 4096;  // Characters of a text that are kept here,
 const MOST_BASE64 = 1024;  // and of what is no text; four for each three bytes.
 const MOST_POINTS = 48, MOST_TEXTS = 8, MOST_OF_TEXT = 120;  // Of a row's history.
-const MOST_LOG = 100, MOST_TABLES = 200;
+const MOST_LOG = 100, MOST_TABLES = 200, MOST_GONE = 64;
 const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen one are drawn.
 const BETWEEN_SORTINGS = 400, BETWEEN_FLASHES = 250, GONE_IS_SHOWN = 60000;  // Milliseconds.
 const SILENCE = 30000, PAUSE = 2000;  // The server tells the time every 10 seconds.
@@ -281,6 +281,7 @@ function forgetOlder() {
 function removeMember(member, time, reason) {
   members.delete(member.place);
   gone.set(member.place, Object.assign(member, { left: time, busy: false }));
+  if (gone.size > MOST_GONE) gone.delete(gone.keys().next().value);
   for (const row of member.rows) removeRow(row);
   member.rows = new Set();
   if (view.chosenMember === member.place) view.chosenMember = null, view.wanted = true;
