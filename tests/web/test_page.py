@@ -280,6 +280,23 @@ def test_everything_can_be_done_by_keyboard(web, show, member):
     assert page.shows("#order", "last change first")
 
 
+def test_the_filter_that_is_chosen_while_a_row_is_closed_stays_chosen(web, show, member):
+    member(b"press", [(b"status", b"speed", b"1")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    page.press("Home", "Enter")
+    assert page.eventually("document.getElementById('detail').open")
+
+    focused = page.run("""new Promise((tell) => {
+        const detail = document.getElementById("detail");
+        detail.addEventListener("close", () => tell(document.activeElement.id));  // After that of the page.
+        detail.close();
+        document.getElementById("filter").focus();
+    })""")
+
+    assert focused == "filter"
+
+
 def test_the_last_change_can_stand_first(web, show, member):
     press = member(b"press", [(b"status", b"key-%d" % number, b"0") for number in range(5)])
     page = show(web)

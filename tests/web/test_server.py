@@ -45,6 +45,7 @@ def test_where_others_can_reach_it_it_says_what_that_means(serve):
 
     assert web.running.says("^varnix: whoever reaches 0.0.0.0:[0-9]+ sees every row: no password, no encryption\n$")
     assert client.get(web.port, "/").status == 200
+    assert client.get(web.port, "/rows", host="evil.example").status == 403  # That name may stand for any address.
 
 
 def test_an_address_or_a_port_alone_will_do(serve):
