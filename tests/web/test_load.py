@@ -54,9 +54,9 @@ DRIVEN = """
       return value;
     };
     window.hour = (number) => {
-      for (let second = 0; second < 3600; second += 5) {
-        window.ahead += 5000;
-        if (second % 10 === 0) tell("time", { time: stamp() });
+      for (let second = 0; second < 3600; second += 10) {
+        window.ahead += 10000;
+        tell("time", { time: stamp() });
         const rows = [];
         for (let i = 0; i < 12; ++i) {
           const value = i % 2 ? String(second + i) : "text " + second;
