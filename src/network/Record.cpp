@@ -27,6 +27,7 @@ bool WriteItem(const void* bytes, std::size_t size, FILE* stream) {
 // Byte by byte: stdio puts each into its buffer without a call, but for the one that finds it full.
 bool WriteHeader(std::uint32_t lengths, FILE* stream) {
   for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is locked.
     if (putc_unlocked(static_cast<unsigned char>(lengths >> shift), stream) == EOF) return false;
   }
   return true;
