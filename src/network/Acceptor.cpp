@@ -12,6 +12,7 @@
 #include "logging/Log.h"
 #include "network/Member.h"
 #include "network/PeerPlace.h"
+#include "network/PeerThreads.h"
 #include "network/SystemCalls.h"
 
 using Varnix::LogLevel;
@@ -64,12 +65,9 @@ void Acceptor::Serve(FileDescriptor socket, unsigned address) {
   for (int tries = 1; error != 0 && tries < kTries && !StopsWithin(kPauseBetweenTries); ++tries) {
     error = incoming_(socket, address);
   }
-  if (error == 0) {
-    shortage_.End();
-  } else if (shortage_.IsNews()) {
-    errno = error;  // The first log hook prints it, too.
-    Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
-  }
+  if (!PeerThreads::IsNewShortageOfSenders(error)) return;
+  errno = error;  // The first log hook prints it, too.
+  Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
 }
 
 bool Acceptor::StopsWithin(std::chrono::milliseconds time) const {

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <functional>
 
-#include "network/Shortage.h"
 #include "threads/FileDescriptor.h"
 
 struct Member;
@@ -34,5 +33,4 @@ class Acceptor {
   const Member& member_;
   const int listener_;
   const Incoming incoming_;
-  Shortage shortage_;  // Lasts until a connection finds a thread.
 };

@@ -88,7 +88,8 @@ struct PeerThreads::Sender {
 };
 
 Mutex PeerThreads::waiting_lock;
-Shortage PeerThreads::shortage;
+Shortage PeerThreads::shortage_of_receivers;
+Shortage PeerThreads::shortage_of_senders;
 
 // They take turns.
 std::list<PeerThreads*>& PeerThreads::ServersWithWaitingPlaces() {
@@ -126,12 +127,13 @@ int PeerThreads::TryToStartReceiver(const FoundPlace& place, std::shared_ptr<Act
 // Returns whether the shortage is to be logged.
 bool PeerThreads::LetWait(const FoundPlace& place) {
   MutexLock lock(waiting_lock);
+  if (!active_esns_) return false;
   try {
-    if (active_esns_) AddToThoseThatWait(place);
+    AddToThoseThatWait(place);
   } catch (const std::bad_alloc&) {
     // The peer's next announcement tries again.
   }
-  return shortage.IsNews();
+  return shortage_of_receivers.IsNews();
 }
 
 void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
@@ -143,7 +145,9 @@ void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
   std::list<PeerThreads*> newcomer(waiting_.empty() ? 1 : 0, this);
   waiting_.push_back(place);
   ServersWithWaitingPlaces().splice(ServersWithWaitingPlaces().end(), newcomer);
-  if (waiting_.size() > kMostWaiting) waiting_.pop_front();  // It has had the most time, and is old the soonest.
+  if (waiting_.size() <= kMostWaiting) return;
+  waiting_.remove_if([&](const FoundPlace& one) { return IsOld(one, place.found_at); });
+  if (waiting_.size() > kMostWaiting) waiting_.pop_front();
 }
 
 // Starts as many as there is room for.
@@ -156,7 +160,7 @@ void PeerThreads::StartThoseThatWait() {
     servers.splice(servers.end(), servers, servers.begin());
     if (threads.waiting_.empty()) servers.pop_back();
   }
-  shortage.End();
+  shortage_of_receivers.End();
 }
 
 // False when there is no room for it.
@@ -174,6 +178,13 @@ int PeerThreads::StartSender(FileDescriptor& socket, unsigned address) {
   const int error = Start(sender);
   if (sender) socket = std::move(sender->socket);
   return error;
+}
+
+bool PeerThreads::IsNewShortageOfSenders(int error) {
+  MutexLock lock(waiting_lock);
+  if (error != 0) return shortage_of_senders.IsNews();
+  shortage_of_senders.End();
+  return false;
 }
 
 // Gives `job` to a thread and returns 0; or returns an error number, with `job` left as it is.
@@ -231,6 +242,7 @@ void PeerThreads::AwaitAll() {
     MutexLock lock(waiting_lock);
     waiting_.clear();
     ServersWithWaitingPlaces().remove(this);
+    if (ServersWithWaitingPlaces().empty()) shortage_of_receivers.End();
     released.swap(active_esns_);
   }
   released.reset();
@@ -250,7 +262,7 @@ void PeerThreads::Unlock() VARNIX_NO_LOCK_ANALYSIS { waiting_lock.unlock(); }
 void PeerThreads::ForgetAllInChild() VARNIX_NO_LOCK_ANALYSIS {
   receivers = 0;
   senders = 0;
-  shortage = Shortage();
+  shortage_of_receivers = shortage_of_senders = Shortage();
   for (PeerThreads* threads : ServersWithWaitingPlaces()) threads->waiting_.clear();
   ServersWithWaitingPlaces().clear();
 }

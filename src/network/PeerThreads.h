@@ -42,9 +42,11 @@ class PeerThreads {
   // than 1,024 of this server wait, the first is forgotten. The shortage is logged once for all servers, until no place
   // is left that waits.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
-  // Takes over the socket and returns 0; or returns an error number, with the socket left as it is: Acceptor
-  // tries again for 100 ms and then closes it.
+  // Takes over the socket and returns 0; or returns an error number, with the socket left as it is.
   int StartSender(FileDescriptor& socket, unsigned address);
+  // For what has become of a connection: StartSender()'s last result. Whether it is to be logged: once for all servers,
+  // until a connection gets a thread again.
+  static bool IsNewShortageOfSenders(int error) VARNIX_EXCLUDES(waiting_lock);
 
   const std::shared_ptr<ActiveESNs>& GetActiveESNs() const { return active_esns_; }
 
@@ -75,7 +77,8 @@ class PeerThreads {
 
   // Of all servers.
   static Mutex waiting_lock;
-  static Shortage shortage VARNIX_GUARDED_BY(waiting_lock);
+  static Shortage shortage_of_receivers VARNIX_GUARDED_BY(waiting_lock);
+  static Shortage shortage_of_senders VARNIX_GUARDED_BY(waiting_lock);
 
   const std::string database_;
   const Receive receive_;

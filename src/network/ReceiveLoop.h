@@ -12,7 +12,7 @@ struct Member;
 
 // Receives from one found peer, again and again, until its retry period is over: 30 seconds from when it was found, or
 // from the end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try.
-// Nothing is remembered of a place that failed or was refused: its next announcement starts a new loop.
+// Nothing is remembered of a place that failed: its next announcement starts a new loop.
 //
 // Threads: one, started for this peer.
 class ReceiveLoop {

@@ -123,13 +123,13 @@ def healthy_peers_go_on(plant, request):
 
 def refused_for_want_of_threads(plant):
     """Many connections and an announcement, when the process has no thread for them."""
+    before = len(plant.host.errors)
     streams, served = [], 0
     for _ in range(20):
         streams.append(wire.connect(plant.port))
         served += streams[-1].receive_record() is not None
     assert served <= 2  # The C library may have kept the stack of a thread that has ended.
     listener = wire.Listener()
-    before = len(plant.host.errors)
     plant.ether.announce(listener.port, GROUP)
     line = "tblsvr.fnd.thread: TableServer: FoundPeer::thread error 11: Resource temporarily unavailable"
     assert plant.host.eventually(lambda: line in plant.host.errors[before:])

@@ -6,11 +6,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <fstream>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -24,7 +24,6 @@
 #include "support/FailingAllocations.h"
 #include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
-#include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
 
 using namespace std::chrono_literals;
@@ -284,19 +283,10 @@ TEST_F(PeerThreadsTest, ShortageIsLoggedOnce) {
   const auto threads = Make();
   Fill(*threads);
 
-  for (unsigned short port = 1000; port < 1100; ++port) Find(*threads, port);
-
-  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
-  End(*threads);
-}
-
-TEST_F(PeerThreadsTest, ShortageThatLastsIsLoggedOnce) {
-  const auto threads = Make();
-  Fill(*threads);
-  Find(*threads, 1000);
-
-  clock_.Advance(20s);
-  Find(*threads, 1001);
+  for (unsigned short port = 1000; port < 1100; ++port) {
+    Find(*threads, port);
+    clock_.Advance(100ms);
+  }
 
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
   End(*threads);
@@ -307,7 +297,7 @@ TEST_F(PeerThreadsTest, NextShortageIsLoggedAgain) {
   Fill(*threads);
   Find(*threads, 1000);
   receivers_.End(1);
-  ASSERT_TRUE(receivers_.Begin(kRoom + 1));
+  EXPECT_TRUE(receivers_.Begin(kRoom + 1));
   clock_.Advance(100ms);
 
   Find(*threads, 1001);
@@ -323,7 +313,7 @@ TEST_F(PeerThreadsTest, ShortagesOfAllServersAreLoggedAtMostOnceInAHundredMillis
   for (unsigned short shortage = 1; shortage <= 20; ++shortage) {
     Find(shortage % 2 == 0 ? *one : *other, static_cast<unsigned short>(1000 + shortage));
     receivers_.End(shortage);
-    ASSERT_TRUE(receivers_.Begin(kRoom + shortage));
+    EXPECT_TRUE(receivers_.Begin(kRoom + shortage));
   }
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(1));
 
@@ -336,6 +326,35 @@ TEST_F(PeerThreadsTest, ShortagesOfAllServersAreLoggedAtMostOnceInAHundredMillis
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
   End(*one);
   End(*other);
+}
+
+TEST_F(PeerThreadsTest, ShortageEndsWithTheLastServerThatHasIt) {
+  const auto one = Make();
+  Fill(*one);
+  Find(*one, 1000);
+  End(*one);
+  clock_.Advance(100ms);
+  const auto next = Make();
+  {
+    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
+    Find(*next, 1001);
+  }
+
+  EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
+  End(*next);
+}
+
+TEST_F(PeerThreadsTest, ShortageOfThreadsThatServeIsNewsOnceUntilOneIsServedAndOnceInAHundredMilliseconds) {
+  EXPECT_TRUE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(0));
+  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+
+  clock_.Advance(100ms);
+
+  EXPECT_TRUE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+  clock_.Advance(100ms);
+  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
 }
 
 TEST_F(PeerThreadsTest, PlaceForWhichThereIsNoMemoryDoesNotWait) {
@@ -368,6 +387,22 @@ TEST_F(PeerThreadsTest, OfMoreThan1024PlacesOfAServerTheFirstDoNotWait) {
   other->AwaitAll();
   EXPECT_THAT(receivers_.Begun(), SizeIs(kRoom + 1 + 1024));
   EXPECT_THAT(receivers_.Begun(), AllOf(Contains(500), Not(Contains(1000)), Not(Contains(1001)), Contains(2025)));
+}
+
+TEST_F(PeerThreadsTest, OfMoreThan1024PlacesOfAServerTheOldGoBeforeTheFirst) {
+  const auto threads = Make();
+  Fill(*threads);
+  for (unsigned short port = 1000; port < 1000 + 1024; ++port) Find(*threads, port);
+  clock_.Advance(20s);
+  Find(*threads, 1000);
+  clock_.Advance(10s);
+  Find(*threads, 3000);
+
+  receivers_.EndAll();
+
+  EXPECT_TRUE(receivers_.Begin(kRoom + 2));
+  threads->AwaitAll();
+  EXPECT_THAT(BegunAfterThoseThatFill(), testing::UnorderedElementsAre(1000, 3000));
 }
 
 TEST_F(PeerThreadsTest, EndForgetsThePlacesThatWait) {
@@ -438,37 +473,6 @@ std::size_t PagesOfAddressSpace() {
 
 }  // namespace
 
-TEST_F(PeerThreadsTest, EndWaitsAlsoForTheLastStepsOfTheLastThread) {
-  struct EndsLate {
-    ~EndsLate() {
-      ending.set_value();
-      may_end.wait();
-    }
-    std::promise<void>& ending;
-    std::shared_future<void> may_end;
-  };
-  std::promise<void> ending;
-  std::promise<void> may_end;
-  const std::shared_future<void> told = may_end.get_future().share();
-  PeerThreads threads(
-      "db",
-      [&](const PeerPlace&, const std::shared_ptr<ActiveESNs>&) {
-        thread_local const EndsLate ends_with_the_thread{ending, told};
-      },
-      [](const FileDescriptor&, unsigned, const std::shared_ptr<ActiveESNs>&) {});
-  Find(threads, 1);
-  ending.get_future().wait();
-  std::atomic<bool> all_have_ended{false};
-
-  const SleepingThread waiting([&] {
-    threads.AwaitAll();
-    all_have_ended = true;
-  });
-
-  EXPECT_FALSE(all_have_ended);
-  may_end.set_value();
-}
-
 TEST_F(PeerThreadsTest, ThreadsThatHaveEndedKeepNoStacks) {
   const auto threads = Make();
   receivers_.EndAll();
@@ -476,7 +480,7 @@ TEST_F(PeerThreadsTest, ThreadsThatHaveEndedKeepNoStacks) {
 
   for (std::size_t count = 1; count <= 1000; ++count) {
     Find(*threads, 1);
-    ASSERT_TRUE(receivers_.Begin(count));
+    EXPECT_TRUE(receivers_.Begin(count));
   }
   threads->AwaitAll();
 
