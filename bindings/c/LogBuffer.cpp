@@ -46,7 +46,7 @@ bool LogBuffer::Take(varnix_log_message* message) {
 void LogBuffer::Wait() {
   // What is written from now on wakes again; what was written before is taken after this.
   if (woken_.exchange(false)) {
-    // Also in a child that was forked while a thread of its parent was about to post, or had waited just now.
+    // In a child that was forked just then, a post may be missing or left over: none is counted on.
     while (sem_trywait(&news_) == 0) continue;
     return;
   }

@@ -110,8 +110,8 @@ class Broker {
   // Notes the end of the connection, if its descriptor has nothing else for us. libmosquitto would notice it, too, but
   // with TLS it cannot tell why.
   void CheckDescriptor();
-  // Notes the end of the connection, if `result` tells of one. errno is read in here, once the call is over: among the
-  // arguments it could be read before. With TLS libmosquitto ends the stream before it returns, and errno is of that.
+  // Notes the end of the connection, if `result` tells of one. Reads errno, so it comes right after the call. With TLS
+  // errno tells nothing: libmosquitto ends the stream before it returns.
   void Check(int result) { Check(result, options_.UsesTls() ? 0 : errno); }
   void Check(int result, int error);
   const char* WhatItMayWant() const;

@@ -24,7 +24,7 @@ void TableDecombiner::Set(const Varnix::Row& row) {
   plain.first = parts.key;
   plain.second = row.second;
   const std::shared_ptr<Varnix::Table> table = GetTable(name);
-  // The tag is the combiner's, too. It is a promise.
+  // The combiner has this tag, too. It stays: field logs are read by it.
   Log(LogLevel::Debug, "tblcmbn.set", "TableDecombiner(%p) setting %s:%s (%zu bytes)", static_cast<void*>(this),
       name.c_str(), plain.first.c_str(), row.second.size());
   table->Set(plain);

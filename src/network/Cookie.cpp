@@ -38,7 +38,7 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
 }
 
 // A flush of the host's comes between two records, on another thread or, in the log hook, on ours. It must not wait for
-// the peer. (Of our own, only fclose() comes there.)
+// the peer. (Of our own calls only fclose() writes there.)
 bool Cookie::IsFlushOfTheHost() const {
   return locked_stream_ == nullptr && (std::this_thread::get_id() != thread_ || IsInLogHook());
 }

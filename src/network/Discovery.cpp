@@ -77,7 +77,7 @@ bool Discovery::WaitForEvents(Clock::time_point now) {
 void Discovery::StartBurst() {
   char wake_byte;
   if (read(entries_[kWake].fd, &wake_byte, 1) != 1) {
-    // It is the wake pipe. The text is a promise.
+    // It is the wake pipe. The text stays: field logs are read by it.
     LogErrnoAndAbort("tblsvr.dscv.done.rd", "TableServer: Discover::poll done pipe read error %d");
   }
   VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.dscv.chg", " notified of network change");

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::chrono::seconds kConnectLimit(5);
 constexpr std::chrono::seconds kLongStream(9);
-constexpr std::chrono::seconds kQuick(1);
+constexpr std::chrono::seconds kQuickAttempt(1);
 constexpr std::chrono::milliseconds kRetryPause(2000);
 
 }  // namespace
@@ -38,9 +38,9 @@ void ReceiveLoop::Run() {
     while (ReceiveOnce()) {
     }
   } catch (const SelfConnect&) {
-    // Not logged: each announcement of ours leads to it ...
+    // Not logged: each announcement of ours leads here.
   } catch (const AlreadyConnected&) {
-    // ... and each announcement of a peer to this.
+    // Not logged: each announcement of a peer that we receive from leads here.
   } catch (const WrongServer&) {
     VARNIX_LOG_OF(member_, LogLevel::Debug, "tblsvr.fnd.rcv.abort.svr",
                   " aborting ReceiveTable for %u:%u because connected to wrong table server", place_.address,
@@ -59,7 +59,7 @@ bool ReceiveLoop::ReceiveOnce() {
   if (elsewhere) found_peer_(*elsewhere, active_esns_);
   const Clock::duration lasted = ended - started;
   if (!ExtendOrCheckDeadline(lasted, ended)) return false;
-  return lasted >= kQuick || PauseBeforeRetry();
+  return lasted >= kQuickAttempt || PauseBeforeRetry();
 }
 
 bool ReceiveLoop::ExtendOrCheckDeadline(Clock::duration lasted, Clock::time_point ended) {

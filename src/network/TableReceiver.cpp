@@ -67,7 +67,7 @@ bool TableReceiver::Connect(std::chrono::nanoseconds time_limit) {
 
 bool TableReceiver::MakeStream() {
   if (stream_->Open()) return true;
-  // With three o's. The text is a promise.
+  // Misspelled, and it stays: field logs are read by it.
   Log(LogLevel::Error, "tblrcvr.cook.fopen", "TableReceiver: fopencoookie failed");
   return false;
 }

@@ -31,8 +31,7 @@ class TableReceiver {
   void MakeSocket();
   bool Connect(std::chrono::nanoseconds time_limit);
   bool MakeStream();
-  // Throws WrongServer when the peer serves another database, SelfConnect when it is us, or a member with
-  // our identity.
+  // Throws WrongServer when the peer serves another database, SelfConnect when it has our identity.
   bool ReceiveUid(std::string& uid);
   bool SendGroup(const std::string& peer_uid);
   void ReceiveRows();

@@ -39,8 +39,8 @@ class TableServer {
   // Has the discovery thread announce us in a burst.
   void NetworkChanged();
 
-  // For fork(), under all locks. The child leaves the server as it is, because its end would wait for threads that the
-  // child does not have.
+  // For fork(), under all locks: strikes the done table off the child's registry. The rest stays as it is, because its
+  // end would wait for threads that the child does not have.
   void ForgetInChild();
 
   // Start a thread for a peer, whose address is in host byte order: one that receives from it, or one that serves it.

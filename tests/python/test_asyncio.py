@@ -23,7 +23,7 @@ def changes(table):
 
 
 async def turn_of_the_others():
-    """Every other task that is ready runs once: no time passes, and this is how asyncio spells it."""
+    """Every other task that is ready runs once: no time passes."""
     await asyncio.sleep(0)
 
 

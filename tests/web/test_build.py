@@ -31,7 +31,7 @@ def test_where_its_library_is_missing_one_line_says_so_and_the_command_is_built(
     done = configure(NOTHING)
 
     assert done.returncode == 0
-    assert f"-- The page of the command varnix is left out: missing {MISSING}\n" in done.stdout
+    assert f"-- Varnix: left out: the page of the command varnix: not found: {MISSING}\n" in done.stdout
     assert targets(tmp_path / "build") == {"varnix_tool"}
 
 

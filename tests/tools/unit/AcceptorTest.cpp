@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "net/Acceptor.h"
+#include "support/FailWith.h"
 #include "support/SystemCallHooks.h"
 
 namespace {
@@ -20,10 +21,7 @@ bool WaitsAfter(int error) {
   Nobody nobody;
   Loop loop;
   Acceptor acceptor(loop, nobody);
-  const Hooked accepting(Hooks().accept4, [error](int, sockaddr*, socklen_t*, int) {
-    errno = error;
-    return -1;
-  });
+  const Hooked accepting(Hooks().accept4, FailWith{error});
   acceptor.OnReady(POLLIN);
   const bool waits = acceptor.Awaited().fd >= 0;
   EXPECT_EQ(waits, acceptor.Deadline() == TimePoint::max());

@@ -3,7 +3,6 @@
 
 // What the observer does with members that send much, and where the system gives it no more descriptors.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -19,6 +18,8 @@
 #include "net/SendingStream.h"
 #include "net/Snapshot.h"
 #include "net/Sockets.h"
+#include "support/DescriptorLimit.h"
+#include "support/FailWith.h"
 #include "support/SystemCallHooks.h"
 #include "wire/CombinedKey.h"
 #include "wire/Record.h"
@@ -39,10 +40,7 @@ struct DrivenClock {
 
 // Nothing is heard, and nothing leaves this process but connections to itself.
 struct QuietNetwork {
-  Hooked<int(int, const sockaddr*, socklen_t)> bind{Hooks().bind, [](int, const sockaddr*, socklen_t) {
-                                                      errno = EADDRINUSE;
-                                                      return -1;
-                                                    }};
+  Hooked<int(int, const sockaddr*, socklen_t)> bind{Hooks().bind, FailWith{EADDRINUSE}};
   Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> send{
       Hooks().sendto,
       [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
@@ -157,10 +155,7 @@ TEST(Observer, MeetsAMemberForWhoseGroupNoPortCanBeHad) {
   Fake fake(scene.loop);
   static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(fake.At(), "line-5");
   ASSERT_TRUE(scene.Until([&] { return fake.IsVisited(); }));
-  const Hooked no_descriptors(Hooks().socket, [](int, int, int) {
-    errno = EMFILE;
-    return -1;
-  });
+  const Hooked no_descriptors(Hooks().socket, FailWith{EMFILE});
   fake.Send("plant", CombinedKey("fake", "ctl"));
 
   EXPECT_TRUE(scene.Until([&] { return scene.observer.Met() == 1; }));
@@ -242,11 +237,7 @@ TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {
     void OnReady(short) override {}
   };
   Loop loop;
-  const std::vector<std::unique_ptr<Idle>> idle = [&loop] {
-    std::vector<std::unique_ptr<Idle>> made;
-    for (int i = 0; i < 3; ++i) made.push_back(std::make_unique<Idle>(loop));
-    return made;
-  }();
+  const Idle first(loop), second(loop), third(loop);
   nfds_t polled = 99;
   const Hooked polling(Hooks().poll, [&polled](pollfd*, nfds_t count, int) {
     polled = count;
@@ -257,20 +248,6 @@ TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {
 
   EXPECT_EQ(polled, 0u);  // More entries than descriptors are allowed would be an error.
 }
-
-// The limit of descriptors, for the life of this object.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(rlim_t most) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit limit{most, before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &limit);
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
-};
 
 struct Host : Discovery::Owner, Presence::Owner {
   void OnAnnouncement(const Place&, const std::string&) override {}

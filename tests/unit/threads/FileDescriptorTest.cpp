@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "support/ForkedChild.h"
 #include "support/Own.h"
 #include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
@@ -23,16 +23,6 @@ namespace {
 bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; }
 
 FileDescriptor Open() { return Own(dup(STDERR_FILENO)); }
-
-// Whether `holds` in a child that is forked now.
-template <class Condition>
-bool HoldsInChild(Condition holds) {
-  const pid_t child = fork();
-  if (child == 0) _exit(holds() ? 0 : 1);
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 }  // namespace
 
@@ -99,9 +89,9 @@ TEST(FileDescriptor, IsClosedInAForkedChildAndOpenInItsParent) {
   const FileDescriptor third(std::move(moved));
   gone.Close();
 
-  EXPECT_TRUE(HoldsInChild([&] { return !first.IsOpen() && !second.IsOpen() && !third.IsOpen(); }));
+  EXPECT_TRUE(HoldsInForkedChild([&] { return !first.IsOpen() && !second.IsOpen() && !third.IsOpen(); }));
   const int numbers[] = {first.Get(), second.Get(), third.Get()};
-  EXPECT_TRUE(HoldsInChild([&] { return !IsOpen(numbers[0]) && !IsOpen(numbers[1]) && !IsOpen(numbers[2]); }));
+  EXPECT_TRUE(HoldsInForkedChild([&] { return !IsOpen(numbers[0]) && !IsOpen(numbers[1]) && !IsOpen(numbers[2]); }));
   for (const int number : numbers) EXPECT_TRUE(IsOpen(number));
 }
 
@@ -114,7 +104,7 @@ TEST(FileDescriptor, IsClosedInAForkedChildAlsoWhenThoseBesideItHaveGone) {
   third.Close();
   second.Close();
 
-  EXPECT_TRUE(HoldsInChild([&] { return !oldest.IsOpen() && !newest.IsOpen(); }));
+  EXPECT_TRUE(HoldsInForkedChild([&] { return !oldest.IsOpen() && !newest.IsOpen(); }));
 }
 
 TEST(FileDescriptor, NumberThatIsTheHostsByNowIsLeftOpenInAForkedChild) {
@@ -123,17 +113,17 @@ TEST(FileDescriptor, NumberThatIsTheHostsByNowIsLeftOpenInAForkedChild) {
   closed.Close();
   ASSERT_EQ(dup2(STDERR_FILENO, number), number);
 
-  EXPECT_TRUE(HoldsInChild([&] { return IsOpen(number); }));
+  EXPECT_TRUE(HoldsInForkedChild([&] { return IsOpen(number); }));
   close(number);
 }
 
 TEST(FileDescriptor, ChildOpensAndForksAnew) {
   const FileDescriptor of_parent = Open();
 
-  EXPECT_TRUE(HoldsInChild([&] {
+  EXPECT_TRUE(HoldsInForkedChild([&] {
     const FileDescriptor own = Open();
     const int number = own.Get();
-    return IsOpen(number) && HoldsInChild([&] { return !IsOpen(number); }) && IsOpen(number);
+    return IsOpen(number) && HoldsInForkedChild([&] { return !IsOpen(number); }) && IsOpen(number);
   }));
 }
 
@@ -157,7 +147,7 @@ TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingMade) {
   making.get_future().wait();
 
   forks = true;
-  const bool closed = HoldsInChild([&] { return !IsOpen(number); });
+  const bool closed = HoldsInForkedChild([&] { return !IsOpen(number); });
 
   forked.set_value();
   maker.join();
@@ -173,7 +163,7 @@ TEST(FileDescriptor, ForkWaitsForADescriptorThatIsBeingClosed) {
   {
     const Hooked close(Hooks().close, [&](int descriptor) {
       if (descriptor == number && !forker) {
-        forker.emplace([&] { closed = HoldsInChild([&] { return !IsOpen(number); }); });
+        forker.emplace([&] { closed = HoldsInForkedChild([&] { return !IsOpen(number); }); });
       }
       return Hooks().close.Real(descriptor);
     });

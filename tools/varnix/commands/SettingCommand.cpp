@@ -96,7 +96,7 @@ void SettingCommand::EndMeeting() {
                          " and to all that join; interrupt ends it");
 }
 
-// What was interrupted has the whole time for its end.
+// The time for taking the rows of what is held begins when it is interrupted.
 void SettingCommand::Finish() {
   phase_ = Phase::kFinishing;
   if (session_.options.hold)
