@@ -50,7 +50,7 @@ std::size_t WebModel::SetRow(const Member& member, const Row& row) {
     ++entry.rows;
   }
   const std::size_t value_before = kept.value.size();
-  kept.value = row.value;
+  std::string(row.value).swap(kept.value);  // Assigned, a short value would keep the memory of a long one.
   kept.time_us = row.time_us;
   entry.bytes += row.value.size() - value_before;
   ++entry.changes;

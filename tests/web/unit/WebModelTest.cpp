@@ -104,6 +104,19 @@ TEST_F(WebModelTest, TheMemoryThatIsToldFollowsTheValue) {
   EXPECT_EQ(memory_, before - 4);
 }
 
+TEST_F(WebModelTest, AValueThatBecomesShorterKeepsNoMemoryOfTheLongerOne) {
+  const Member press = MemberAt(1);
+  model_.AddMember(press, 7);
+  for (const std::string& shorter : {std::string(), std::string("short"), std::string(100, 'x')}) {
+    Set(press, "speed", std::string(1 << 20, 'x').c_str());
+    Set(press, "speed", shorter.c_str());
+
+    const WebModel::RowEntry& row = model_.Members().at(press.place).tables.at("status").at("speed");
+    EXPECT_EQ(row.value, shorter);
+    EXPECT_LE(row.value.capacity(), 200U);
+  }
+}
+
 TEST_F(WebModelTest, CountsGoOnWhenMembersLeave) {
   const Member press = MemberAt(1);
   model_.AddMember(press, 7);

@@ -16,7 +16,10 @@ std::size_t GetCommand::OnRow(const Member& member, const Row& row) {
   if (row.table != *session_.options.table || row.key != *session_.options.key) return 0;
   Value& value = values_[member.place];
   const std::size_t kept_before = value.value.size();
-  value = {member, std::string(row.value), row.time_us, ++arrived_};
+  value.member = member;
+  std::string(row.value).swap(value.value);  // Assigned, a short value would keep the memory of a long one.
+  value.time_us = row.time_us;
+  value.number = ++arrived_;
   return value.value.size() - kept_before;
 }
 
