@@ -3,6 +3,7 @@
 
 #include "web/EventFeed.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "commands/Description.h"
@@ -87,10 +88,9 @@ void EventFeed::Fill(std::string& out) {
   }
 }
 
-// More departures than are kept: nothing but a new beginning tells who is left.
-bool EventFeed::HasMissedADeparture() const {
-  return model_.LastForgotten() > forgotten_before_ && model_.LastForgotten() > told_;
-}
+// More departures than are kept: nothing but a new beginning tells who is left. Those from before the beginning do not
+// count: nothing was told of these members. Else one that is slow would begin anew for ever where many leave.
+bool EventFeed::HasMissedADeparture() const { return model_.LastForgotten() > std::max(told_, first_part_); }
 
 // Whether everything that there was at the beginning stands before this change.
 bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
@@ -102,7 +102,6 @@ void EventFeed::Begin(std::string& out) {
   ready_ = false;
   told_ = 0;
   first_part_ = model_.LastChange();
-  forgotten_before_ = model_.LastForgotten();
   out += SignOfLife();
   BeginEvent(out, "hello");
   out.append("data: ").append(hello_).append(kEnd);

@@ -38,7 +38,6 @@ class EventFeed : public Feed {
   const WebModel& model_;
   const std::string hello_;
   bool begun_ = false, ready_ = false;
-  std::uint64_t told_ = 0;              // The number of the last change that was told.
-  std::uint64_t first_part_ = 0;        // The number of the last change that there was at the beginning,
-  std::uint64_t forgotten_before_ = 0;  // and of the last departure that was forgotten by then.
+  std::uint64_t told_ = 0;        // The number of the last change that was told,
+  std::uint64_t first_part_ = 0;  // and of the last one that there was at the beginning.
 };

@@ -64,6 +64,13 @@ class FeedsTest : public testing::Test {
   void SetMany(const std::string& value, int count) {
     for (int i = 0; i < count; ++i) Set("key-" + std::to_string(i), value);
   }
+  // So many others.
+  void ComeAndGo(int count) {
+    for (int i = 0; i < count; ++i) {
+      model_.AddMember(PressAt(2), 8);
+      model_.RemoveMember(PressAt(2).place, {}, 9);
+    }
+  }
 
   const Member press_ = PressAt(1);
   WebModel model_;
@@ -125,6 +132,34 @@ TEST_F(FeedsTest, OneThatHasMissedWhoLeftBeginsAnew) {
   EXPECT_EQ((Texts{told.begin(), told.begin() + 3}), (Texts{"time", "hello", "member"}));
   EXPECT_EQ(told.back(), "ready");
   EXPECT_FALSE(feed.HasMore());
+}
+
+TEST_F(FeedsTest, OneThatIsSlowComesToItsEndThoughOthersLeaveAllTheTime) {
+  SetMany("1", 3000);
+  ComeAndGo(64);  // As many as are remembered: each further one takes the place of another.
+  EventFeed feed(model_, "{}\n");
+  std::string text;
+  for (int pieces = 0; pieces < 30 && Count(text, "event: ready") == 0; ++pieces) {
+    text += Fill(feed);
+    ComeAndGo(1);
+  }
+
+  EXPECT_EQ(Count(text, "event: ready"), 1U);
+  EXPECT_EQ(Count(text, "event: hello"), 1U);
+  EXPECT_EQ(Count(text, "\"value\":\"1\""), 3000U);
+}
+
+TEST_F(FeedsTest, OneThatMissesADepartureBeforeItIsReadyBeginsAnew) {
+  SetMany("1", 3000);
+  EventFeed feed(model_, "{}\n");
+  ASSERT_EQ(Count(Fill(feed), "event: member"), 1U);
+  model_.RemoveMember(press_.place, {}, 9);
+  ComeAndGo(64);
+
+  Texts told{"time", "hello"};
+  told.insert(told.end(), 64, "left");
+  told.push_back("ready");
+  EXPECT_EQ(Told(FillAll(feed)), told);
 }
 
 TEST_F(FeedsTest, WhoLeavesBeforeItIsToldIsNotWaitedFor) {
