@@ -24,15 +24,6 @@ bool WriteItem(const void* bytes, std::size_t size, FILE* stream) {
   return fwrite_unlocked(bytes, size, 1, stream) == 1;
 }
 
-// Byte by byte: stdio puts each into its buffer without a call, but for the one that finds it full.
-bool WriteHeader(std::uint32_t lengths, FILE* stream) {
-  for (const unsigned shift : {24U, 16U, 8U, 0U}) {
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): the stream is locked.
-    if (putc_unlocked(static_cast<unsigned char>(lengths >> shift), stream) == EOF) return false;
-  }
-  return true;
-}
-
 bool ReadItem(void* bytes, std::size_t size, FILE* stream) {
   return size == 0 || fread_unlocked(bytes, size, 1, stream) == 1;
 }
@@ -47,8 +38,11 @@ bool WriteFields(const Varnix::Row& record, SocketStream& stream) {
   const std::uint32_t length_a = LengthOfA(record);
   const std::uint32_t length_b = LengthOfB(record);
   const std::uint32_t lengths = length_a << kLengthBitsB | length_b;
+  const unsigned char header[kRecordHeaderSize] = {
+      static_cast<unsigned char>(lengths >> 24), static_cast<unsigned char>(lengths >> 16),
+      static_cast<unsigned char>(lengths >> 8), static_cast<unsigned char>(lengths)};
   FILE* const file = stream.File();
-  if (WriteHeader(lengths, file) && WriteItem(record.first.data(), length_a, file) &&
+  if (WriteItem(header, kRecordHeaderSize, file) && WriteItem(record.first.data(), length_a, file) &&
       WriteItem(record.second.data(), length_b, file)) {
     return true;
   }
