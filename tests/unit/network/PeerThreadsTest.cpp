@@ -329,19 +329,16 @@ TEST_F(PeerThreadsTest, ShortagesOfAllServersAreLoggedAtMostOnceInAHundredMillis
 }
 
 TEST_F(PeerThreadsTest, ShortageEndsWithTheLastServerThatHasIt) {
+  const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
   const auto one = Make();
-  Fill(*one);
   Find(*one, 1000);
-  End(*one);
+  one->AwaitAll();
   clock_.Advance(100ms);
   const auto next = Make();
-  {
-    const Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    Find(*next, 1001);
-  }
+
+  Find(*next, 1001);
 
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
-  End(*next);
 }
 
 TEST_F(PeerThreadsTest, ShortageOfThreadsThatServeIsNewsOnceUntilOneIsServedAndOnceInAHundredMilliseconds) {
