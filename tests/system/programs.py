@@ -32,6 +32,11 @@ def only_natively(test):
     return test if NATIVE else None
 
 
+def not_emulated(test):
+    """Leaves a test out where the emulator fails at what it does. Nothing could be installed to have it."""
+    return None if EMULATOR else test
+
+
 def figure(*words):
     """Prints what was measured; scripts/figures shows all such lines."""
     print("figure:", *words)

@@ -184,7 +184,7 @@ def tables_of(host):
 
 
 # The parent meets itself just then, and the emulator fails if the thread for that is newer than the one that forks.
-@programs.only_natively
+@programs.not_emulated
 @of_any_thread
 def test_a_child_lists_the_tables_that_are_its_own(ether, make_host, child):
     host = make_host(environment=FORKING)

@@ -69,7 +69,7 @@ def main(folder):
             page.call("Page.bringToFront")
             for _ in range(STEPS if name == "light" else STEPS // 6):
                 plant.step(next(numbers))
-                time.sleep(BETWEEN_STEPS)
+                time.sleep(BETWEEN_STEPS)  # The pace of the changes that the pictures show.
             page.picture(folder / f"{name}.png")
         chromium.close()
         for member in plant.all:
