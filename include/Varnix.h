@@ -30,7 +30,7 @@
 //   SetSharingGroup, StopSharing        the end of all threads of the sharing that it replaces, or stops
 //   GetSharingGroup                     a SetSharingGroup or StopSharing of the same database that is running
 //   NetworkChanged                      every SetSharingGroup and StopSharing that is running
-//   calls that name a database          a NetworkChanged that is waiting for those
+//   calls that name a database          a NetworkChanged, or a fork(), that is waiting for those
 //   SetLoggingFunction                  a call of the hook that is running
 //   exit(), the return from main        the end of all threads of the library, and a call of the hook that is running
 //   fork()                              calls that are in progress, and a call of the hook that is running

@@ -39,8 +39,8 @@ class PeerThreads {
   PeerThreads& operator=(const PeerThreads&) = delete;
 
   // When there is no thread, the place waits for one. One that waits already keeps its turn, and is found anew. If more
-  // than 1,024 of this server wait, the first is forgotten. The shortage is logged once for all servers, until no place
-  // is left that waits.
+  // than 1,024 of this server wait, the old ones are forgotten, or else the first. The shortage is logged once at most,
+  // for all servers, until no place is left that waits.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
   // Takes over the socket and returns 0; or returns an error number, with the socket left as it is.
   int StartSender(FileDescriptor& socket, unsigned address);
