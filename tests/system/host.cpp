@@ -72,7 +72,7 @@ pid_t ForkInAQuietMoment() {
 #ifdef __SANITIZE_ADDRESS__
   // Unlike the C library's, the sanitizer's allocator stays locked in the child if another thread is inside it at the
   // fork. So this waits for a moment when none is.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   while (!OthersSleep() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
 #endif
   return fork();
