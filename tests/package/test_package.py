@@ -61,6 +61,7 @@ def test_find_package_finds_it(prefix, tmp_path):
     assert_works(tmp_path / "build" / "stranger", prefix)
 
 
+@pytest.mark.parametrize("prefix", ["fresh prefix"], indirect=True)  # A dozen programs are enough once.
 def test_the_examples_are_a_project_that_finds_it(prefix, tmp_path):
     build_with_cmake(SOURCE / "examples", tmp_path / "build", f"-DCMAKE_PREFIX_PATH={prefix}")
 
