@@ -9,7 +9,7 @@ import pytest
 from system.conftest import UNAVAILABLE, make_host
 
 sys.path.append(str(pathlib.Path(__file__).parents[1] / "tools"))  # The command is driven as in its own tests.
-pytest.register_assert_rewrite("command", "fakes", "members", "client", "browser")
+pytest.register_assert_rewrite("command", "fakes", "members", "client", "browser", "driven")
 
 import command
 import members

@@ -7,6 +7,7 @@ import statistics
 import threading
 import time
 
+import driven
 from programs import figure
 
 ROWS = 50_000
@@ -26,27 +27,8 @@ TIMING = """
     }, true);
 """
 
-# A source of events that the test feeds, and clocks that it sets.
-DRIVEN = """
-    window.ahead = 0;
-    const dateNow = Date.now, performanceNow = performance.now.bind(performance);
-    Date.now = () => dateNow() + window.ahead;
-    window.EventSource = class {
-      constructor() { this.listeners = {}; window.source = this; }
-      addEventListener(kind, listener) { this.listeners[kind] = listener; }
-      close() {}
-    };
-    window.tell = (kind, ...objects) =>
-      window.source.listeners[kind]({ data: objects.map((one) => JSON.stringify(one)).join("\\n") });
-    window.stamp = () => new Date(Date.now()).toISOString();
-    window.member = (port, since) => ({ device: "press", process: "ctl-" + port, address: "10.0.0.1", port, since,
-                                        group: "line-4", database: "plant" });
-    window.begin = () => {
-      tell("time", { time: stamp() });
-      tell("hello", { group: "line-4", database: "plant" });
-      tell("member", member(1, stamp()));
-      tell("ready", {});
-    };
+# What a page is told in an hour, and then something that shows that it has understood all of it.
+AGED = """
     window.mark = () => {
       const value = "mark " + window.ahead;
       tell("rows", { time: new Date(Date.now() - 3 * 86400000).toISOString(), address: "10.0.0.1", port: 1, table: "a",
@@ -126,8 +108,7 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
 
 
 def test_a_page_that_was_open_for_a_day_has_kept_no_more_than_one_of_an_hour(web, chromium):
-    page = chromium.open(web.url, script=DRIVEN)
-    assert page.eventually("'source' in window && Object.keys(window.source.listeners).length === 6")
+    page = driven.open_page(chromium, web, AGED)
 
     def heap():
         """When everything that was told has been understood and drawn, which the last row shows."""
@@ -156,8 +137,7 @@ def test_a_page_that_was_open_for_a_day_has_kept_no_more_than_one_of_an_hour(web
 
 
 def test_of_members_that_come_and_go_by_the_thousand_the_last_are_drawn(web, chromium):
-    page = chromium.open(web.url, script=DRIVEN)
-    assert page.eventually("'source' in window && Object.keys(window.source.listeners).length === 6")
+    page = driven.open_page(chromium, web)
     page.run("begin()")
     page.run("""{
         for (let port = 2; port < 3002; ++port) {
@@ -171,4 +151,53 @@ def test_of_members_that_come_and_go_by_the_thousand_the_last_are_drawn(web, chr
     gone = page.run("[...document.querySelectorAll('.node.gone')].map((node) => node.dataset.place)")
     assert sorted(gone) == [f"10.0.0.1:{port}" for port in range(2938, 3002)]
     assert page.run("document.querySelectorAll('.node:not(.gone)').length") == 1
+    page.close()
+
+
+# A page that is not seen: the browser draws no frames of it. And guests that come, set rows, and leave.
+UNSEEN = """
+    window.unseen = false;
+    window.put_off = [];
+    const nextFrame = window.requestAnimationFrame.bind(window);
+    window.requestAnimationFrame = (draw) => (window.unseen ? window.put_off.push(draw) : nextFrame(draw));
+    Object.defineProperty(document, "hidden", { get: () => window.unseen });
+    window.see = () => {
+      window.unseen = false;
+      window.ahead += 1000;
+      window.put_off.splice(0).forEach(nextFrame);
+    };
+    window.guests = (count) => {
+      for (let i = 0; i < count; ++i) {
+        const guest = member(1000 + i, stamp()), rows = [];
+        for (let key = 0; key < 100; ++key) {
+          rows.push({ time: stamp(), address: "10.0.0.1", port: guest.port, table: "guests", key: "key-" + key,
+                      value: "from " + i });
+        }
+        tell("member", guest);
+        tell("rows", ...rows);
+        tell("left", { ...guest, left: stamp(), reason: "has left" });
+      }
+    };
+"""
+
+
+def test_a_page_in_the_background_keeps_no_rows_of_those_that_have_left(web, chromium):
+    page = driven.open_page(chromium, web, AGED, UNSEEN)
+
+    def heap():
+        page.call("HeapProfiler.collectGarbage")
+        return page.call("Runtime.getHeapUsage")["usedSize"]
+
+    page.run("begin()")
+    assert page.shows(".row[aria-rowindex='1']:not([hidden]) .value", page.run("mark()"))
+    page.run("window.unseen = true")
+    page.run("guests(100)")
+    before = heap()
+    page.run("guests(400)")
+
+    assert heap() < before + 2_000_000  # 40,000 rows would be more.
+    page.run("see()")
+    assert page.shows(".row[aria-rowindex='1']:not([hidden]) .value", page.run("mark()"))
+    assert page.run("document.querySelectorAll('.row:not([hidden])').length") == 1
+    assert page.faults() == []
     page.close()

@@ -190,6 +190,7 @@ function addSetter(row) {
 function removeRow(row) {
   row.gone = true;
   rows.delete(row.id);
+  view.added.delete(row);  // In a page that is not seen nothing else would take it out of there.
   const left = row.others;
   if (left.length) setters.set(row.keyId, left);
   else setters.delete(row.keyId);
@@ -248,7 +249,7 @@ const on = {
       rows.set(id, row);
       member.rows.add(row);
       addSetter(row);
-      view.added.push(row);
+      view.added.add(row);
     }
     row.order = ++changes;
     row.generation = generation;
@@ -292,7 +293,8 @@ function removeMember(member, time, reason) {
 function forgetAll() {
   for (const map of [members, gone, rows, setters, tables]) map.clear();
   log = [];
-  Object.assign(view, { sorted: [], added: [], shown: [], work: null, table: null, chosenMember: null, chosen: null });
+  Object.assign(view, { sorted: [], added: new Set(), shown: [], work: null });
+  Object.assign(view, { table: null, chosenMember: null, chosen: null });
   view.wanted = view.logged = view.graph = true;
 }
 
@@ -370,7 +372,7 @@ function understandRows(message, end) {
 const view = {
   ready: false,       // Everything that was there has been told.
   sorted: [],         // All rows, by name.
-  added: [],          // Those that are not in there yet.
+  added: new Set(),   // Those that are not in there yet.
   shown: [],          // Those that the filter lets through, in their order.
   work: null,         // What is filtered at the moment.
   words: [],          // Of the filter.
@@ -410,10 +412,10 @@ function isWanted(row) {
 function arrange(end) {
   if (!view.work) {
     const due = view.wanted || performance.now() - view.sortedAt > BETWEEN_SORTINGS;
-    const reason = view.added.length || view.removed || (view.changed && (view.byChange || view.words.length));
+    const reason = view.added.size || view.removed || (view.changed && (view.byChange || view.words.length));
     if (!view.wanted && !(due && reason)) return;
-    if (view.added.length || view.removed) view.sorted = merge(view.sorted, view.added.sort(byName));
-    view.added = [];
+    if (view.added.size || view.removed) view.sorted = merge(view.sorted, [...view.added].sort(byName));
+    view.added.clear();
     view.work = { at: 0, found: [] };
     view.wanted = view.removed = view.changed = false;
   }
@@ -449,7 +451,7 @@ function frame() {
     drawRows();
     if (view.graph) drawGraph();
     if (view.logged) drawLog();
-    const stale = view.added.length || view.removed || (view.changed && (view.byChange || view.words.length));
+    const stale = view.added.size || view.removed || (view.changed && (view.byChange || view.words.length));
     if (waiting.length || stale || view.work) frame();
   });
 }
