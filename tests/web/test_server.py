@@ -205,6 +205,38 @@ def test_a_request_that_never_ends_is_given_up(web):
     slow.close()
 
 
+MOST_CONNECTIONS = 64
+
+
+def test_connections_that_ask_for_nothing_keep_nobody_out(web):
+    browser = client.Events(web.port)
+    browser.head()
+    silent = [client.connect(web.port) for _ in range(2 * MOST_CONNECTIONS)]
+
+    for _ in range(3):
+        assert client.get(web.port, "/members").status == 200
+
+    assert client.read_all(silent[0]) == b""  # It has made room for others.
+    browser.until(is_ready)  # A browser has not.
+    for connected in (browser, *silent):
+        connected.close()
+
+
+def test_connections_that_take_nothing_keep_nobody_out(web, member):
+    member(b"press", [(b"status", b"key-%05d" % number, b"x" * 1000) for number in range(4_000)])
+    assert eventually(lambda: b"\nvarnix_rows 4000\n" in client.get(web.port, "/metrics").body)
+    readers = [client.connect(web.port, SO_RCVBUF=4096) for _ in range(MOST_CONNECTIONS)]
+    for reader in readers:
+        reader.sendall(client.request("/rows"))
+        assert reader.recv(1) == b"H"
+
+    assert client.get(web.port, "/members").status == 200
+
+    assert len(client.read_all(readers[0])) < 4_000_000  # It has made room for others.
+    for reader in readers:
+        reader.close()
+
+
 OTHERS = ["evil.example", "evil.example:8075", "localhost.evil.example", "127.0.0.1.evil.example", "localhost:80:80",
           "localhost@evil.example", "[evil.example]", "", "local host", "localhost:80x"]
 

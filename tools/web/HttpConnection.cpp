@@ -5,6 +5,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr std::chrono::seconds kMostToAsk{5}, kMostWithoutProgress{30}, kMostToLeave{2};
+constexpr std::chrono::minutes kMostToRead{5};  // Of an answer that has an end.
 constexpr std::chrono::seconds kBetweenSigns{10};
 // What changes again within this time goes once. No eye sees the difference.
 constexpr std::chrono::milliseconds kBetweenPieces{50};
@@ -66,7 +68,7 @@ void HttpConnection::OnDeadline() {
   } else if (now >= next_sign_) {
     unsent_ = feed_->SignOfLife();
     next_sign_ = now + kBetweenSigns;
-    due_ = now + kMostWithoutProgress;
+    NoteProgress();
   }
 }
 
@@ -85,8 +87,10 @@ void HttpConnection::Begin(Site::Answer answer) {
   request_ = std::string();
   unsent_ = std::move(answer.text);
   feed_ = std::move(answer.feed);
-  due_ = Clock::now() + kMostWithoutProgress;
-  next_sign_ = Clock::now() + kBetweenSigns;
+  const TimePoint now = Clock::now();
+  if (!IsBrowser()) end_ = now + kMostToRead;
+  next_sign_ = now + kBetweenSigns;
+  NoteProgress();
 }
 
 // Nobody has anything more to say.
@@ -105,7 +109,7 @@ void HttpConnection::Write() {
     pausing_ = !feed_->HasMore();
     not_before_ = now + kBetweenPieces;
     next_sign_ = now + kBetweenSigns;
-    due_ = now + kMostWithoutProgress;
+    NoteProgress();
   }
   if (!SendUnsent() || HasUnsent()) return;
   unsent_ = std::string();
@@ -125,9 +129,11 @@ bool HttpConnection::SendUnsent() {
     return false;
   }
   sent_ += static_cast<std::size_t>(size);
-  due_ = Clock::now() + kMostWithoutProgress;
+  NoteProgress();
   return true;
 }
+
+void HttpConnection::NoteProgress() { due_ = std::min(Clock::now() + kMostWithoutProgress, end_); }
 
 void HttpConnection::EndAs(State state, TimePoint due) {
   state_ = state;

@@ -10,8 +10,8 @@
 #include "web/Feed.h"
 #include "web/Site.h"
 
-// One request and its answer. Whoever is slow to ask is given up; whoever is slow to read a living answer gets what is
-// newest by then, because a piece of it is made only when the one before has gone.
+// One request and its answer. Whoever is slow to ask, or to read an answer that has an end, is given up; whoever is
+// slow to read a living one gets what is newest by then, because a piece of it is made when the one before has gone.
 class HttpConnection : public Waiter {
  public:
   static constexpr std::size_t kMostRequest = 8192;
@@ -20,6 +20,7 @@ class HttpConnection : public Waiter {
 
   // Whether it reads an answer that goes on as long as it wants.
   bool IsBrowser() const { return state_ == State::kAnswering && feed_ && feed_->IsLiving(); }
+  bool IsAsking() const { return state_ == State::kAsking; }
   bool IsEnded() const { return state_ == State::kEnded; }
 
   pollfd Awaited() const override;
@@ -41,13 +42,15 @@ class HttpConnection : public Waiter {
   void Begin(Site::Answer answer);
   void LookForEnd();
   void Write();
+  void NoteProgress();
   bool SendUnsent();
   void EndAs(State state, TimePoint due);
 
   Site& site_;
   FileDescriptor socket_;
   State state_ = State::kAsking;
-  TimePoint due_;  // When it must ask, take something, or leave.
+  TimePoint due_;                     // When it must ask, take something, or leave,
+  TimePoint end_ = TimePoint::max();  // and when it must have taken everything.
   std::string request_;
   std::unique_ptr<Feed> feed_;
   std::string unsent_;

@@ -43,8 +43,20 @@ void HttpServer::OnDeadline() {
 }
 
 void HttpServer::OnAccepted(FileDescriptor socket, std::uint32_t) {
-  if (connections_.size() >= kMostBrowsers + kMostOthers) return;
+  if (connections_.size() >= kMostBrowsers + kMostOthers) MakeRoom();
   connections_.push_back(std::make_unique<HttpConnection>(loop_, std::move(socket), site_));
+}
+
+// Ends the one that has been silent for longest, or else has been reading for longest: whoever holds connections keeps
+// nobody else out. There is one, because browsers are fewer.
+void HttpServer::MakeRoom() {
+  auto found = std::find_if(connections_.begin(), connections_.end(),
+                            [](const auto& connection) { return connection->IsEnded() || connection->IsAsking(); });
+  if (found == connections_.end()) {
+    found = std::find_if(connections_.begin(), connections_.end(),
+                         [](const auto& connection) { return !connection->IsBrowser(); });
+  }
+  connections_.erase(found);
 }
 
 std::string HttpServer::Members() const {

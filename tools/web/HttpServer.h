@@ -31,6 +31,7 @@ class HttpServer : public Waiter, private Acceptor::Owner, private Site::Content
 
  private:
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
+  void MakeRoom();
   std::string Members() const override;
   std::string Metrics() const override;
   std::unique_ptr<Feed> Rows(const std::optional<std::string>& table) const override;
@@ -42,6 +43,6 @@ class HttpServer : public Waiter, private Acceptor::Owner, private Site::Content
   const std::string hello_;
   const std::int64_t started_us_;
   Site site_;
-  std::vector<std::unique_ptr<HttpConnection>> connections_;
+  std::vector<std::unique_ptr<HttpConnection>> connections_;  // The oldest first.
   Acceptor acceptor_;
 };
