@@ -18,7 +18,8 @@ from programs import DEADLINE, eventually
 OPTIONS = """--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking
     --disable-component-update --disable-sync --disable-default-apps --disable-extensions --disable-dev-shm-usage
     --no-default-browser-check --mute-audio --hide-scrollbars --remote-debugging-pipe""".split()
-KEYS = {"ArrowDown": 40, "ArrowUp": 38, "PageDown": 34, "PageUp": 33, "Home": 36, "End": 35, "Escape": 27, "Enter": 13}
+KEYS = {"ArrowDown": 40, "ArrowUp": 38, "PageDown": 34, "PageUp": 33, "Home": 36, "End": 35, "Escape": 27, "Enter": 13,
+        "Tab": 9}
 
 
 class PageError(Exception):

@@ -225,13 +225,67 @@ def test_members_that_set_one_key_are_marked(web, show, member):
 
 
 def test_bytes_that_are_no_text_are_shown_as_such(web, show, member):
-    member(b"press", [(b"status", b"raw", bytes(range(0xf8, 0x100))), (b"\xff", b"\xfe", b"text")])
+    member(b"press", [(b"status", b"raw", bytes(range(0xf8, 0x100))), (b"\xff", b"\xfe", b"one"),
+                      (b"ff", b"fe", b"\xfd"), (b"ff", b"more", b"fd")])
+    member(b"\xfc", [(b"status", b"of", b"fc")])
     page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 5")
+
+    assert page.rows() == [["ff", "fe", "fd", "press::ctl", "row"],
+                           ["ff", "more", "fd", "press::ctl", "row"],
+                           ["ff", "fe", "one", "press::ctl", "row"],
+                           ["status", "of", "fc", "fc::ctl", "row"],
+                           ["status", "raw", "f8 f9 fa fb fc fd fe ff", "press::ctl", "row"]]
+    marked = page.run("""[...document.querySelectorAll(".row:not([hidden])")]
+        .sort((left, right) => left.ariaRowIndex - right.ariaRowIndex)
+        .map((row) => [...row.querySelectorAll(".raw")].map((part) => part.classList[0]))""")
+    assert marked == [["value"], [], ["table", "key"], ["by"], ["value"]]
+    assert page.run("getComputedStyle(document.querySelector('.value.raw'), '::before').content") == '"bytes"'
+    assert nodes(page) == {"press::ctl": "there", "bytes fc::ctl": "there"}
+    assert page.run("[...document.querySelectorAll('#log .raw')].map((entry) => entry.textContent)") == ["fc::ctl came"]
+
+
+def test_a_table_whose_name_is_bytes_is_not_that_whose_name_looks_alike(web, show, member):
+    member(b"press", [(b"\xff", b"key", b"one"), (b"ff", b"key", b"two"), (b"ff", b"more", b"three")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+
+    buttons = page.run("""[...document.querySelectorAll("#choice button")].map((button) =>
+        [button.textContent, button.className])""")
+    page.click("#choice button:nth-child(3)")
+
+    assert buttons == [["All tables", ""], ["ff2", ""], ["ff1", "raw"]]
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert page.rows()[0][2] == "one"
+    assert page.shows("#tables", "2")
+
+
+def test_rows_whose_names_run_together_are_two(web, show, member):
+    member(b"press", [(b"a\0tb", b"c", b"1"), (b"a", b"b\0tc", b"2")])
+    page = show(web)
+
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
 
-    assert page.rows() == [["ff", "fe", "text", "press::ctl", "row"],
-                           ["status", "raw", "f8 f9 fa fb fc fd fe ff", "press::ctl", "row bytes"]]
-    assert page.run("getComputedStyle(document.querySelector('.bytes .raw')).display") != "none"
+
+def test_what_one_is_about_to_click_stays_while_others_come(web, show, member):
+    press = member(b"press", [(b"log", b"today", b"calm"), (b"status", b"speed", b"1")])
+    page = show(web)
+    assert page.shows("#choice button:nth-child(3) small", "1")
+    assert page.eventually("document.querySelectorAll('.node').length === 1")
+    page.run("window.button = document.querySelector('#choice button:nth-child(3)'); "
+             "window.node = document.querySelector('.node'); button.focus()")
+
+    press.set_all([(b"status", b"mode", b"auto"), (b"alarm", b"now", b"none")])
+    assert page.shows("#choice button:nth-child(4) small", "2")
+    member(b"oven")
+    assert page.eventually("document.querySelectorAll('.node').length === 2")
+
+    assert page.run("button === document.querySelector('#choice button:nth-child(4)')")
+    assert page.run("document.activeElement === button && node.isConnected")
+    page.run("node.focus()")
+    member(b"pump").leave()
+    assert page.eventually("document.querySelectorAll('.node.gone').length === 1")
+    assert page.run("document.activeElement === node")
 
 
 def test_whatever_members_call_things_stays_text(web, show, member):
@@ -278,6 +332,25 @@ def test_everything_can_be_done_by_keyboard(web, show, member):
     assert page.eventually("document.activeElement.id === 'grid'")
     page.press("Escape", "s")
     assert page.shows("#order", "last change first")
+
+
+def test_tables_and_members_can_be_chosen_by_keyboard(web, show, member):
+    member(b"press", [(b"status", b"speed", b"42"), (b"log", b"today", b"calm")])
+    member(b"pump", [(b"status", b"pressure", b"3.5")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+
+    page.press("/", "Tab", "Tab", "Tab", "Enter")  # Past the button for the order and that for all tables.
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert keys(page) == ["today"]
+    page.press("Tab", "Enter")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+    page.press("Tab", "Tab", "Enter")  # Past the rows.
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    assert keys(page) == ["speed"]  # Of the first member, in the second table.
+    page.press("Escape")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+    assert page.run("document.activeElement.id") == "grid"
 
 
 def test_the_filter_that_is_chosen_while_a_row_is_closed_stays_chosen(web, show, member):

@@ -38,6 +38,21 @@ function setText(element, text) {
   if (element.textContent !== text) element.textContent = text;
 }
 
+// Bytes get a mark: what is shown of them could be a text as well.
+function setName(element, name) {
+  setText(element, name.shown);
+  element.classList.toggle("raw", name.bytes);
+}
+
+// Moves none that is there already: that would take the focus, or a click, from it. So their order must not change.
+function putInto(parent, elements) {
+  const wanted = new Set(elements);
+  for (const child of [...parent.children]) if (!wanted.has(child)) child.remove();
+  elements.forEach((element, i) => {
+    if (parent.children[i] !== element) parent.insertBefore(element, parent.children[i] || null);
+  });
+}
+
 
 // Texts
 
@@ -74,6 +89,16 @@ function read(object, name) {
   return { id: "b" + base64, shown, cut, bytes: true, size: base64.length / 4 * 3 - padding };
 }
 
+// Both names of a member.
+function readMember(object) {
+  const device = read(object, "device"), process = read(object, "process");
+  return { id: device.id.length + device.id + process.id, shown: device.shown + "::" + process.shown,
+           bytes: device.bytes || process.bytes };
+}
+
+// A name where nothing can be marked.
+const spoken = (name) => (name.bytes ? "bytes " : "") + name.shown;
+
 // What is no number, or none that can be drawn, is NaN.
 function number(text) {
   const figure = /^\s*[-+]?\d+(\.\d+)?([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
@@ -100,7 +125,7 @@ const members = new Map();  // By place.
 const gone = new Map();     // The same, for a while.
 const rows = new Map();
 const setters = new Map();  // The rows with one table and key.
-const tables = new Map();   // How many rows each has, by the name that is shown.
+const tables = new Map();   // Their names, and how many rows each has.
 let whose = null;           // The group and the database.
 let generation = 0;         // A new one with each connection. What has an older one is no more.
 let changes = 0;            // The number of the last change.
@@ -110,13 +135,13 @@ let log = [];
 const now = () => Date.now() + lead;
 
 class Row {
-  constructor(id, member, table, key) {
+  constructor(id, keyId, member, table, key) {
     this.id = id;
+    this.keyId = keyId;
     this.member = member;
-    this.table = table.shown;
-    this.key = key.shown;
-    this.keyId = table.id + "\0" + key.id;
-    this.sort = table.shown + "\0" + key.shown + "\0" + member.label;
+    this.table = table;
+    this.key = { shown: key.shown, bytes: key.bytes };
+    this.sort = [table.shown, table.bytes, key.shown, key.bytes, member.name.shown].join("\0");
     this.value = null;
     this.times = this.numbers = this.texts = null;
     this.gap = 0;
@@ -173,18 +198,23 @@ class Row {
 
   get words() {
     if (this.hay === null) {
-      const parts = [this.table, this.key, this.value.slice(0, 512), this.member.label];
+      const parts = [this.table.shown, this.key.shown, this.value.slice(0, 512), this.member.name.shown];
       this.hay = parts.join("\n").toLowerCase();
     }
     return this.hay;
   }
 }
 
+function tableOf({ id, shown, bytes }) {
+  if (!tables.has(id)) tables.set(id, { id, shown, bytes, rows: 0 });
+  return tables.get(id);
+}
+
 function addSetter(row) {
   const first = setters.get(row.keyId);
   if (first) first.push(row);
   else setters.set(row.keyId, [row]);
-  tables.set(row.table, (tables.get(row.table) || 0) + 1);
+  ++row.table.rows;
 }
 
 function removeRow(row) {
@@ -194,9 +224,7 @@ function removeRow(row) {
   const left = row.others;
   if (left.length) setters.set(row.keyId, left);
   else setters.delete(row.keyId);
-  const rest = tables.get(row.table) - 1;
-  if (rest) tables.set(row.table, rest);
-  else tables.delete(row.table);
+  if (--row.table.rows === 0) tables.delete(row.table.id);
 }
 
 const placeOf = (data) => data.address + ":" + data.port;
@@ -212,23 +240,22 @@ const on = {
     whose = whole;
     ++generation;
     lost("");
-    setText($("group"), read(data, "group").shown);
-    setText($("database"), read(data, "database").shown);
-    document.title = read(data, "group").shown + " – Varnix";
+    setName($("group"), read(data, "group"));
+    setName($("database"), read(data, "database"));
+    document.title = spoken(read(data, "group")) + " – Varnix";
   },
 
   member(data) {
     const place = placeOf(data), known = members.get(place);
-    const device = read(data, "device").shown, process = read(data, "process").shown;
-    const since = Date.parse(data.since), label = device + "::" + process;
+    const since = Date.parse(data.since), name = readMember(data);
     // A server that has begun anew has met it anew.
-    if (known && known.label === label && (known.since === since || known.generation !== generation)) {
+    if (known && known.name.id === name.id && (known.since === since || known.generation !== generation)) {
       Object.assign(known, { since, generation });
       return;
     }
     if (known) removeMember(known, now(), "has left");
     gone.delete(place);
-    const member = { place, label, since, rows: new Set(), generation, changes: 0, busy: false };
+    const member = { place, name, since, rows: new Set(), generation, changes: 0, busy: false };
     members.set(place, member);
     note(since, member, "came", "");
   },
@@ -242,10 +269,10 @@ const on = {
     const member = members.get(placeOf(data));
     if (!member) return;
     const table = read(data, "table"), key = read(data, "key");
-    const id = member.place + "\0" + table.id + "\0" + key.id;
+    const keyId = table.id.length + table.id + key.id, id = member.place + " " + keyId;
     let row = rows.get(id);
     if (!row) {
-      row = new Row(id, member, table, key);
+      row = new Row(id, keyId, member, tableOf(table), key);
       rows.set(id, row);
       member.rows.add(row);
       addSetter(row);
@@ -299,7 +326,7 @@ function forgetAll() {
 }
 
 function note(time, member, what, reason) {
-  log.push({ time, member: member.label, what, reason });
+  log.push({ time, name: member.name, what, reason });
   if (log.length > MOST_LOG) log.shift();
   view.logged = view.graph = true;
 }
@@ -376,7 +403,7 @@ const view = {
   shown: [],          // Those that the filter lets through, in their order.
   work: null,         // What is filtered at the moment.
   words: [],          // Of the filter.
-  table: null,        // That alone is shown.
+  table: null,        // Of which alone the rows are shown.
   chosenMember: null, // Whose rows alone are shown.
   byChange: false,
   chosen: null,       // A row.
@@ -385,7 +412,6 @@ const view = {
   sortedAt: 0,
   pool: [],           // The elements of rows, those that are free included.
   ids: 0,             // The last number that an element got.
-  tablesDrawn: "",
   detail: null, detailOrder: 0, detailGone: false,  // The row that is shown alone, as it was when it was drawn.
 };
 
@@ -402,7 +428,7 @@ function merge(left, right) {
 }
 
 function isWanted(row) {
-  if (row.gone || (view.table !== null && row.table !== view.table)) return false;
+  if (row.gone || (view.table !== null && row.table.id !== view.table)) return false;
   if (view.chosenMember && row.member.place !== view.chosenMember) return false;
   for (const word of view.words) if (!row.words.includes(word)) return false;
   return true;
@@ -480,7 +506,6 @@ function makeRow() {
   const name = cell("name");
   const parts = { element, table: cell("table", name), key: cell("key", name), two: cell("mark set", name) };
   const value = cell("value");
-  cell("mark raw", name).textContent = "bytes";
   const line = element.appendChild(draw("svg", { class: "line", viewBox: "0 0 100 22", "aria-hidden": "true" }));
   parts.path = line.appendChild(draw("path", {}));
   Object.assign(parts, { value, by: cell("by"), age: cell("age"), row: null, index: -1, order: -1, flashed: 0 });
@@ -530,9 +555,9 @@ function drawRow(parts, row, index, time) {
     parts.order = -1;
     element.hidden = false;
     element.id = "row" + ++view.ids;
-    setText(parts.table, row.table);
-    setText(parts.key, row.key);
-    setText(parts.by, row.member.label);
+    setName(parts.table, row.table);
+    setName(parts.key, row.key);
+    setName(parts.by, row.member.name);
   }
   if (parts.index !== index) {
     parts.index = index;
@@ -540,12 +565,12 @@ function drawRow(parts, row, index, time) {
     element.setAttribute("aria-rowindex", index + 1);
   }
   const others = row.others.length;
-  const classes = "row" + (row === view.chosen ? " chosen" : "") + (others ? " two" : "") + (row.bytes ? " bytes" : "");
+  const classes = "row" + (row === view.chosen ? " chosen" : "") + (others ? " two" : "");
   if (element.className !== classes) element.className = classes;
   if (others) setText(parts.two, others + 1 + " set this");
   if (parts.order !== row.order) {
     parts.order = row.order;
-    setText(parts.value, row.value.slice(0, 300));
+    setName(parts.value, { shown: row.value.slice(0, 300), bytes: row.bytes });
     parts.path.setAttribute("d", row.numbers && row.numbers.length > 1 ? steps(row, 100, 22) : "");
   }
   setText(parts.age, age(now() - row.time));
@@ -586,28 +611,33 @@ const isFiltered = () => view.words.length > 0 || view.table !== null || view.ch
 
 function drawTables() {
   if (view.table !== null && !tables.has(view.table)) view.table = null, wish();
-  const names = [...tables.keys()].sort().slice(0, MOST_TABLES);
-  const state = JSON.stringify([view.table, names, names.map((name) => tables.get(name))]);
-  if (state === view.tablesDrawn) return;
-  view.tablesDrawn = state;
-  const had = document.activeElement && document.activeElement.dataset.table;
-  const nav = $("choice");
-  nav.hidden = names.length < 2 && view.table === null;
-  const buttons = [null, ...names].map((name) => {
-    const button = make("button", "", name === null ? "All tables" : name || "(no name)");
-    if (name !== null) button.appendChild(make("small", "", count(tables.get(name))));
-    button.type = "button";
-    button.dataset.table = name === null ? "" : "t" + name;
-    button.setAttribute("aria-pressed", view.table === name);
-    button.addEventListener("click", () => {
-      view.table = name;
-      grid.scrollTop = 0;
-      wish();
-    });
+  const order = (left, right) =>
+    (left.shown < right.shown ? -1 : left.shown > right.shown ? 1 : left.bytes - right.bytes);
+  const some = [...tables.values()].sort(order).slice(0, MOST_TABLES);
+  const nav = $("choice"), known = new Map(Array.from(nav.children, (button) => [button.dataset.table, button]));
+  nav.hidden = some.length < 2 && view.table === null;
+  putInto(nav, [null, ...some].map((table) => {
+    const id = table ? table.id : "", button = known.get(id) || makeTable(id, table);
+    if (table) setText(button.lastChild, count(table.rows));
+    const pressed = String((view.table || "") === id);
+    if (button.getAttribute("aria-pressed") !== pressed) button.setAttribute("aria-pressed", pressed);
     return button;
+  }));
+}
+
+// The button of one table, or of all.
+function makeTable(id, table) {
+  const button = make("button");
+  button.type = "button";
+  button.dataset.table = id;
+  setName(button, { shown: table ? table.shown || "(no name)" : "All tables", bytes: table !== null && table.bytes });
+  if (table) button.appendChild(make("small"));
+  button.addEventListener("click", () => {
+    view.table = id || null;
+    grid.scrollTop = 0;
+    wish();
   });
-  nav.replaceChildren(...buttons);
-  if (had !== undefined) buttons.forEach((button) => button.dataset.table === had && button.focus());
+  return button;
 }
 
 function choose(index) {
@@ -636,11 +666,11 @@ function drawDetail() {
   const row = view.detail;
   view.detailOrder = row.order;
   view.detailGone = row.gone;
-  setText($("detail-table"), row.table);
-  setText($("detail-key"), row.key);
-  setText($("detail-by"), row.member.label + " at " + row.member.place + ", " + clock(row.time) +
-                          (row.gone ? " – this member has left" : ""));
-  setText($("detail-value"), row.value);
+  setName($("detail-table"), row.table);
+  setName($("detail-key"), row.key);
+  setName($("detail-by"), { shown: row.member.name.shown + " at " + row.member.place + ", " + clock(row.time) +
+                                   (row.gone ? " – this member has left" : ""), bytes: row.member.name.bytes });
+  setName($("detail-value"), { shown: row.value, bytes: row.bytes });
   const rest = row.cut ? ", of which the beginning is shown" : "";
   setText($("detail-size"), plural(row.size, row.bytes ? "byte" : "character") + rest);
   const line = row.numbers && row.numbers.length > 1;
@@ -654,7 +684,7 @@ function drawDetail() {
     return item;
   }));
   $("detail-others").replaceChildren(...row.others.map((other) =>
-    make("div", "", other.member.label + " sets this, too: " + other.value.slice(0, MOST_OF_TEXT))));
+    make("div", "", spoken(other.member.name) + " sets this, too: " + other.value.slice(0, MOST_OF_TEXT))));
 }
 
 function range(row) {
@@ -665,11 +695,14 @@ function range(row) {
 
 // The members
 
+const me = draw("g", { class: "me" });
+me.append(draw("rect", { x: -5, y: -5, width: 10, height: 10, rx: 3 }));
+
 function drawGraph() {
   view.graph = false;
   for (const [place, member] of gone) if (now() - member.left > GONE_IS_SHOWN) gone.delete(place);
   const all = [...members.values(), ...gone.values()];
-  const nameOf = (member) => member.label + "\0" + member.place;
+  const nameOf = (member) => member.name.shown + "\0" + member.place;
   all.sort((left, right) => (nameOf(left) < nameOf(right) ? -1 : 1));
   all.forEach((member, i) => {
     const angle = 2 * Math.PI * i / all.length - Math.PI / 2;
@@ -678,17 +711,13 @@ function drawGraph() {
   });
   const had = document.activeElement && document.activeElement.dataset.place;
   drawEdges(all.filter((member) => !member.left || members.has(member.place)));
-  $("nodes").replaceChildren(drawMe(), ...all.map(drawNode));
-  if (had !== undefined) for (const node of $("nodes").children) if (node.dataset.place === had) node.focus();
+  putInto($("nodes"), [me, ...all.map(drawNode)]);
+  if (had !== undefined && document.activeElement.dataset.place !== had) {  // It has left, and has come again.
+    for (const node of $("nodes").children) if (node.dataset.place === had) node.focus();
+  }
   setText($("legend"), members.size === 0 ? "Nobody is there." :
     "Full lines: what this page receives. Dotted: the two streams of each pair, which nobody else can see" +
     (members.size > MOST_PAIRS_OF && !view.chosenMember ? "; choose a member to see its own." : "."));
-}
-
-function drawMe() {
-  const me = draw("g", { class: "me" });
-  me.append(draw("rect", { x: -5, y: -5, width: 10, height: 10, rx: 3 }));
-  return me;
 }
 
 function drawEdges(present) {
@@ -717,26 +746,36 @@ function arc(from, to, bend, short) {
 }
 
 function drawNode(member) {
-  const here = members.get(member.place) === member;
-  const chosen = view.chosenMember === member.place;
+  const node = member.node || (member.node = makeNode(member));
+  const here = isHere(member), chosen = isChosen(member), rowsOfIt = plural(member.rows.size, "row");
   const classes = "node" + (here ? "" : " gone") + (chosen ? " chosen" : "") + (member.busy ? " busy" : "");
-  const at = "translate(" + member.x.toFixed(1) + " " + member.y.toFixed(1) + ")";
-  const node = draw("g", { class: classes, tabindex: 0, role: "button", "aria-pressed": chosen, transform: at });
+  node.setAttribute("class", classes);
+  node.setAttribute("transform", "translate(" + member.x.toFixed(1) + " " + member.y.toFixed(1) + ")");
+  node.setAttribute("aria-pressed", chosen);
+  node.setAttribute("aria-label", spoken(member.name) + (here ? ", " + rowsOfIt : ", has left"));
+  const [label, sub] = node.querySelectorAll("text"), below = member.y > -20;
+  const labelled = members.size + gone.size <= 2 * MOST_PAIRS_OF || chosen;
+  label.setAttribute("y", below ? 28 : -29);
+  sub.setAttribute("y", below ? 40 : -18);
+  for (const text of [label, sub]) text.toggleAttribute("hidden", !labelled);
+  setText(sub, here ? rowsOfIt : "has left");
+  return node;
+}
+
+const isHere = (member) => members.get(member.place) === member;
+const isChosen = (member) => view.chosenMember === member.place;
+
+function makeNode(member) {
+  const node = draw("g", { tabindex: 0, role: "button" }), title = draw("title", {});
+  const label = draw("text", {}), mark = draw("tspan", { class: "mark" });
   node.dataset.place = member.place;
-  node.setAttribute("aria-label", member.label + (here ? ", " + plural(member.rows.size, "row") : ", has left"));
-  node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }));
-  if (members.size + gone.size <= 2 * MOST_PAIRS_OF || chosen) {
-    const below = member.y > -20;
-    const label = draw("text", { y: below ? 28 : -29 }), sub = draw("text", { class: "sub", y: below ? 40 : -18 });
-    label.textContent = cut(member.label, 20);
-    sub.textContent = here ? plural(member.rows.size, "row") : "has left";
-    node.append(label, sub);
-  }
-  const title = draw("title", {});
-  title.textContent = member.label + "\n" + member.place;
-  node.append(title);
+  mark.textContent = member.name.bytes ? "bytes " : "";
+  label.append(mark, cut(member.name.shown, 20));
+  title.textContent = spoken(member.name) + "\n" + member.place;
+  node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }), label,
+              draw("text", { class: "sub" }), title);
   const press = () => {
-    view.chosenMember = chosen || !here ? null : member.place;
+    view.chosenMember = isChosen(member) || !isHere(member) ? null : member.place;
     view.graph = true;
     grid.scrollTop = 0;
     wish();
@@ -755,9 +794,10 @@ const cut = (text, most) => (text.length > most ? text.slice(0, most - 1) + "…
 
 function drawLog() {
   view.logged = false;
-  $("log").replaceChildren(...log.slice().reverse().map(({ time, member, what, reason }) => {
-    const item = make("li", what);
-    item.append(make("time", "", clock(time)), make("span", "", member + " " + what + (reason ? ": " + reason : "")));
+  $("log").replaceChildren(...log.slice().reverse().map(({ time, name, what, reason }) => {
+    const item = make("li", what), event = make("span");
+    setName(event, { shown: name.shown + " " + what + (reason ? ": " + reason : ""), bytes: name.bytes });
+    item.append(make("time", "", clock(time)), event);
     return item;
   }));
 }
