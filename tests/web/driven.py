@@ -18,10 +18,12 @@ DRIVEN = """
     window.stamp = () => new Date(Date.now()).toISOString();
     window.member = (port, since) => ({ device: "press", process: "ctl-" + port, address: "10.0.0.1", port, since,
                                         group: "line-4", database: "plant" });
-    window.begin = () => {
+    window.row = (key, value) => ({ time: stamp(), address: "10.0.0.1", port: 1, table: "status", key, value });
+    window.begin = (...rows) => {
       tell("time", { time: stamp() });
       tell("hello", { group: "line-4", database: "plant" });
       tell("member", member(1, stamp()));
+      if (rows.length) tell("rows", ...rows);
       tell("ready", {});
     };
 """

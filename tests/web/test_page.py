@@ -8,6 +8,7 @@ import statistics
 import time
 
 import client
+import driven
 from programs import eventually, figure
 
 MARKUP = b"<script>window.caught=1</script>"
@@ -428,6 +429,36 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     assert page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d').split('V').length") == 3
     assert nodes(page) == {"press::ctl": "there", "pump::ctl": "gone"}
     assert eventually(lambda: b"\nvarnix_web_browsers 1\n" in client.get(again.port, "/metrics").body)
+
+
+def test_what_a_server_tells_again_when_it_is_back_has_not_changed(web, chromium):
+    page = driven.open_page(chromium, web, COUNTING)
+    page.run("""{
+        window.long = "x".repeat(5000);  // Of which the page keeps the beginning.
+        begin(row("mode", "auto"), row("speed", "1"), row("text", long));
+        tell("rows", row("mode", "manual"));
+        window.ahead += 3600000;
+        begin(row("mode", "manual"), row("speed", "1"), row("text", long));  // After an hour the server is back.
+    }""")
+    page.press("s")
+
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
+    ages = page.run("[...document.querySelectorAll('.row:not([hidden]) .age')].map((age) => age.textContent)")
+    assert ages == ["60 min"] * 3
+    assert keys(page) == ["mode", "text", "speed"]
+    page.press("Home", "Enter")
+    assert page.eventually("document.getElementById('detail').open")
+    assert page.run("[...document.querySelectorAll('#detail-past span')].map((item) => item.textContent)") == ["auto"]
+    page.press("Escape")
+    assert page.run("window.flashes") == 0
+
+    page.run("tell('rows', row('speed', '1'), row('text', long))")  # As far as one can tell, a change of the second.
+
+    assert page.eventually("window.flashes === 1")
+    assert page.eventually("document.querySelector('.row[aria-rowindex=\"1\"] .key').textContent === 'text'")
+    assert keys(page) == ["text", "mode", "speed"]
+    assert page.faults() == []
+    page.close()
 
 
 def test_a_server_that_comes_back_with_another_group_is_shown_from_the_beginning(serve, show, member):

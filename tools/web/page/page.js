@@ -148,10 +148,12 @@ class Row {
     this.gone = false;
   }
 
+  // Whether that is another value. A server that has begun anew tells all of them anew, with times of its own.
   set(value, time, fresh) {
-    const before = this.value, shown = value.shown;
-    if (before !== null && before !== shown && fresh) this.flash = performance.now();
-    if (before === shown && this.time === time) return;
+    const known = this.value !== null, shown = value.shown;
+    const same = this.value === shown && this.bytes === value.bytes && this.size === value.size;
+    if (same && !(value.cut && fresh)) return false;  // Of a long value, the rest may have changed.
+    if (known && fresh) this.flash = performance.now();
     this.value = shown;
     this.bytes = value.bytes;
     this.cut = value.cut;
@@ -166,6 +168,7 @@ class Row {
       this.texts = null;
       this.addPoint(figure, time);
     }
+    return true;
   }
 
   // When there are too many, every second one goes, so the line reaches back as far as the page does.
@@ -239,6 +242,7 @@ const on = {
     if (whose !== null && whose !== whole) forgetAll();
     whose = whole;
     ++generation;
+    view.ready = false;
     lost("");
     setName($("group"), read(data, "group"));
     setName($("database"), read(data, "database"));
@@ -278,10 +282,10 @@ const on = {
       addSetter(row);
       view.added.add(row);
     }
-    row.order = ++changes;
     row.generation = generation;
-    row.set(read(data, "value"), Date.parse(data.time), view.ready);
     if (view.ready) ++member.changes;
+    if (!row.set(read(data, "value"), Date.parse(data.time), view.ready)) return;
+    row.order = ++changes;
     view.changed = true;
   },
 
