@@ -60,18 +60,19 @@ def test_a_row_appears_within_200_milliseconds_of_its_set(web, show, make_host):
     host.share(b"plant", b"line-4", b"press", b"ctl")
     page = show(web, script=NOTING)
     assert page.eventually("'begin' in window.drawn")
-    delays = []
 
-    for number in range(40):
+    def delay(value):
         before = time.time() * 1000
-        host.set(b"plant", b"status", b"pulse", b"value %d" % number)
-        assert page.eventually(f"'value {number}' in window.drawn")
-        delays.append(page.run(f"window.drawn['value {number}']") - before)
-        if number >= 10 and min(delays) <= 200:
-            break
+        host.set(b"plant", b"status", b"pulse", value.encode())
+        assert page.eventually(f"'{value}' in window.drawn")
+        return page.run(f"window.drawn['{value}']") - before
 
-    figure(f"a row is drawn {statistics.median(delays):.0f} ms after it was set")
-    assert min(delays) <= 200, delays  # Each beyond that is one that the machine has kept waiting.
+    medians = []
+    while len(medians) < 5 and all(median > 200 for median in medians):  # A busy machine may delay some of them.
+        medians.append(statistics.median(delay(f"value {len(medians)}.{number}") for number in range(11)))
+
+    figure(f"a row is drawn {min(medians):.0f} ms after it was set")
+    assert min(medians) <= 200, medians
 
 
 def test_rows_show_who_set_them_and_flash_when_they_change(web, show, member):
