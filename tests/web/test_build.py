@@ -10,7 +10,7 @@ import pytest
 
 SOURCE = os.environ["VARNIX_SOURCE"]
 NOTHING = "-DVARNIX_HTTPLIB="
-MISSING = "cpp-httplib (libcpp-httplib-dev)"
+MISSING = "cpp-httplib 0.11 (libcpp-httplib-dev)"
 
 
 @pytest.fixture
@@ -33,6 +33,16 @@ def test_where_its_library_is_missing_one_line_says_so_and_the_command_is_built(
     assert done.returncode == 0
     assert f"-- Varnix: left out: the page of the command varnix: not found: {MISSING}\n" in done.stdout
     assert targets(tmp_path / "build") == {"varnix_tool"}
+
+
+def test_another_version_of_its_library_is_as_none(configure, tmp_path):
+    header = tmp_path / "other" / "httplib.h"
+    header.parent.mkdir()
+    header.write_text('#define CPPHTTPLIB_VERSION "0.18.3"\n')
+    done = configure(f"-DVARNIX_HTTPLIB_INCLUDE={header.parent}")
+
+    assert done.returncode == 0
+    assert f"-- Varnix: left out: the page of the command varnix: not found: {MISSING}\n" in done.stdout
 
 
 def test_where_it_is_asked_for_a_missing_library_is_an_error(configure):
