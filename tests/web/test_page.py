@@ -392,6 +392,12 @@ def test_it_fits_a_phone(web, show, member):
     assert page.run("""[...document.querySelectorAll("body *")].filter((one) => !one.closest("svg, #choice"))
         .every((one) => one.getBoundingClientRect().right <= 361)""")
     assert page.run("document.getElementById('grid').clientHeight") >= 150
+    seen = """((part) => {
+        const box = document.querySelector(part).getBoundingClientRect();
+        return box.width > 20 && box.height > 10 && box.left >= 0 && box.bottom <= 640;
+    })"""
+    for part in (".row:not([hidden]) .by", ".row:not([hidden]) .key", "#log li", "#graph"):
+        assert page.run(f"{seen}({json.dumps(part)})"), part
 
 
 def test_it_is_light_or_dark_as_the_system_is(web, show):
