@@ -265,10 +265,34 @@ def test_nothing_can_be_changed(web, method):
     assert (refused.status, refused.headers["allow"]) == (405, "GET, HEAD")
 
 
+def test_what_is_no_path_of_ours_is_not_found(web):
+    for path in ("/page", "/pageXcss", "/page.js/", "/page.css.map", "/icon", "/rows/", "/Members"):
+        assert client.get(web.port, path).status == 404, path
+
+
 def test_a_head_is_answered_without_a_body(web):
     for path in ("/", "/members", "/rows", "/events", "/metrics"):
         answer = client.get(web.port, path, method="HEAD")
         assert (answer.status, answer.body) == (200, b"")
+
+
+def test_one_request_of_a_connection_is_answered(web):
+    answer = client.exchange(web.port, client.request("/members") + client.request("/metrics"))
+
+    assert (answer.status, answer.body) == (200, b"")
+    assert answer.headers["connection"] == "close"
+
+
+def test_whoever_has_nothing_more_to_say_is_answered(web, member):
+    member(b"press", [(b"status", b"key-%05d" % number, b"x" * 1000) for number in range(2_000)])
+    assert eventually(lambda: b"\nvarnix_rows 2000\n" in client.get(web.port, "/metrics").body)
+    for path in ("/members", "/page.js", "/rows"):
+        with client.connect(web.port) as connected:
+            connected.sendall(client.request(path))
+            connected.shutdown(socket.SHUT_WR)
+            answer = client.Answer(client.read_all(connected))
+        assert answer.status == 200
+        assert path != "/rows" or len(answer.lines()) == 2_000
 
 
 def test_no_answer_lets_a_page_run_what_is_not_a_file_of_ours(web):

@@ -7,7 +7,7 @@
 
 // A file of the page, as it was when this program was built.
 struct PageFile {
-  const char* path;
+  const char* path;  // As a regular expression.
   const char* type;
   std::string_view text;
 };
