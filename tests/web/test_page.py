@@ -112,6 +112,20 @@ def test_numbers_draw_a_line_and_other_values_leave_a_list(web, show, member):
     assert past == [f"step {number}" for number in range(6, 1, -1)] + ["auto"]
 
 
+def test_a_line_goes_on_where_the_clock_of_the_server_was_set_back(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("begin(row('speed', '1'))")
+    for number in (2, 3, 4, 5):
+        page.run(f"window.ahead += {1000 if number < 4 else -3600000}; tell('rows', row('speed', '{number}'))")
+    assert page.shows(".row:not([hidden]) .value", "5")
+
+    path = page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d')")
+
+    steps = [float(step.partition("V")[0]) for step in path.rpartition("H")[0].split("H")[1:]]
+    assert len(steps) == 4 and steps == sorted(steps), path
+    page.close()
+
+
 def test_numbers_of_any_size_are_drawn_or_taken_for_text(web, show, member):
     press = member(b"press", [(b"status", b"speed", b"0")])
     page = show(web)
@@ -473,6 +487,8 @@ def test_a_server_that_comes_back_with_another_group_is_shown_from_the_beginning
     member(b"press", [(b"status", b"speed", b"1")])
     page = show(web)
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+    page.press("Home", "Enter")
+    assert page.eventually("document.getElementById('detail').open")
 
     assert web.ends() == 0
     serve(f"127.0.0.1:{web.port}", "--group", "line-5")
@@ -480,6 +496,21 @@ def test_a_server_that_comes_back_with_another_group_is_shown_from_the_beginning
     assert page.shows("#group", "line-5")
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 0")
     assert page.run("document.querySelectorAll('.node, #log li').length") == 0
+    assert page.text("#detail-by").endswith(" – this member has left")
+
+
+def test_a_server_that_has_told_nothing_for_half_a_minute_is_asked_again(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("begin(row('speed', '1')); window.silent = window.source")
+    assert page.shows("#state", "live")
+
+    page.run("window.ahead += 31000")
+
+    assert page.eventually("document.getElementById('state').textContent.startsWith('no answer since')")
+    assert page.eventually("window.source !== window.silent")
+    page.run("begin(row('speed', '1'))")
+    assert page.shows("#state", "live")
+    page.close()
 
 
 def test_a_page_that_is_one_too_many_waits_for_its_turn(web, show, chromium, member):

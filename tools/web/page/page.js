@@ -174,7 +174,8 @@ class Row {
   // When there are too many, every second one goes, so the line reaches back as far as the page does.
   addPoint(figure, time) {
     if (!this.times) this.times = [], this.numbers = [], this.gap = 0;
-    const last = this.times.length - 1;
+    const last = this.times.length - 1, back = last < 0 ? 0 : this.times[last] - time;
+    if (back > 0) this.times = this.times.map((before) => before - back);  // The clock of the server was set back.
     if (last > 0 && time - this.times[last - 1] < this.gap) {
       this.times[last] = time;
       this.numbers[last] = figure;
@@ -322,6 +323,7 @@ function removeMember(member, time, reason) {
 }
 
 function forgetAll() {
+  for (const row of rows.values()) row.gone = true;  // One may be open.
   for (const map of [members, gone, rows, setters, tables]) map.clear();
   log = [];
   Object.assign(view, { sorted: [], added: new Set(), shown: [], work: null });
