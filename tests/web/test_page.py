@@ -395,6 +395,17 @@ def test_the_last_change_can_stand_first(web, show, member):
         assert page.shows(".row[aria-rowindex='1']:not([hidden]) .key", f"key-{number}")
 
     assert keys(page)[:3] == ["key-4", "key-1", "key-3"]
+    pump = member(b"pump", [(b"status", b"pressure", b"3.5")])
+    assert page.shows(".row[aria-rowindex='1']:not([hidden]) .key", "pressure")
+    press.set_all([(b"status", b"key-1", b"2"), (b"status", b"key-0", b"2")])
+    assert page.shows(".row[aria-rowindex='1']:not([hidden]) .key", "key-0")
+    assert keys(page)[:5] == ["key-0", "key-1", "pressure", "key-4", "key-3"]
+    pump.leave()
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 5")
+    assert keys(page)[:4] == ["key-0", "key-1", "key-4", "key-3"]
+    page.press("s")
+    assert page.shows("#order", "by name")
+    assert eventually(lambda: keys(page) == [f"key-{number}" for number in range(5)])
 
 
 def test_it_fits_a_phone(web, show, member):

@@ -225,6 +225,7 @@ function removeRow(row) {
   row.gone = true;
   rows.delete(row.id);
   view.added.delete(row);  // In a page that is not seen nothing else would take it out of there.
+  view.touched.delete(row);
   const left = row.others;
   if (left.length) setters.set(row.keyId, left);
   else setters.delete(row.keyId);
@@ -288,6 +289,7 @@ const on = {
     if (!row.set(read(data, "value"), Date.parse(data.time), view.ready)) return;
     row.order = ++changes;
     view.changed = true;
+    if (view.byChange) view.touched.add(row);
   },
 
   ready() {
@@ -326,7 +328,7 @@ function forgetAll() {
   for (const row of rows.values()) row.gone = true;  // One may be open.
   for (const map of [members, gone, rows, setters, tables]) map.clear();
   log = [];
-  Object.assign(view, { sorted: [], added: new Set(), shown: [], work: null });
+  Object.assign(view, { sorted: [], added: new Set(), newest: [], touched: new Set(), shown: [], work: null });
   Object.assign(view, { table: null, chosenMember: null, chosen: null });
   view.wanted = view.logged = view.graph = true;
 }
@@ -406,6 +408,8 @@ const view = {
   ready: false,       // Everything that was there has been told.
   sorted: [],         // All rows, by name.
   added: new Set(),   // Those that are not in there yet.
+  newest: [],         // All rows, the last change first, while that is the order,
+  touched: new Set(), // and those that have changed since they were put there.
   shown: [],          // Those that the filter lets through, in their order.
   work: null,         // What is filtered at the moment.
   words: [],          // Of the filter.
@@ -433,6 +437,14 @@ function merge(left, right) {
   return merged;
 }
 
+// Only what has changed is sorted: of many rows that are few.
+function newestFirst() {
+  const first = [...view.touched].sort((left, right) => right.order - left.order);
+  view.newest = first.concat(view.newest.filter((row) => !row.gone && !view.touched.has(row)));
+  view.touched.clear();
+  return view.newest;
+}
+
 function isWanted(row) {
   if (row.gone || (view.table !== null && row.table.id !== view.table)) return false;
   if (view.chosenMember && row.member.place !== view.chosenMember) return false;
@@ -448,16 +460,15 @@ function arrange(end) {
     if (!view.wanted && !(due && reason)) return;
     if (view.added.size || view.removed) view.sorted = merge(view.sorted, [...view.added].sort(byName));
     view.added.clear();
-    view.work = { at: 0, found: [] };
+    view.work = { at: 0, found: [], all: view.byChange ? newestFirst() : view.sorted };
     view.wanted = view.removed = view.changed = false;
   }
-  const { work, sorted } = view;
-  while (work.at < sorted.length) {
-    const row = sorted[work.at++];
+  const { work } = view;
+  while (work.at < work.all.length) {
+    const row = work.all[work.at++];
     if (isWanted(row)) work.found.push(row);
     if (work.at % 64 === 0 && performance.now() >= end) return frame();
   }
-  if (view.byChange) work.found.sort((left, right) => right.order - left.order);
   view.shown = work.found;
   view.work = null;
   view.sortedAt = performance.now();
@@ -850,6 +861,8 @@ function setFilter(text) {
 
 function changeOrder() {
   view.byChange = !view.byChange;
+  view.newest = [];
+  view.touched = new Set(view.byChange ? rows.values() : []);
   setText($("order"), view.byChange ? "last change first" : "by name");
   grid.scrollTop = 0;
   wish();
