@@ -226,10 +226,12 @@ def test_connections_that_ask_for_nothing_keep_nobody_out(web):
 def test_connections_that_take_nothing_keep_nobody_out(web, member):
     member(b"press", [(b"status", b"key-%05d" % number, b"x" * 1000) for number in range(4_000)])
     assert eventually(lambda: b"\nvarnix_rows 4000\n" in client.get(web.port, "/metrics").body)
-    readers = [client.connect(web.port, SO_RCVBUF=4096) for _ in range(MOST_CONNECTIONS)]
-    for reader in readers:
+    readers = []
+    for _ in range(MOST_CONNECTIONS):
+        reader = client.connect(web.port, SO_RCVBUF=4096)
         reader.sendall(client.request("/rows"))
         assert reader.recv(1) == b"H"
+        readers.append(reader)
 
     assert client.get(web.port, "/members").status == 200
 

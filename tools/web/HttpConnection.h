@@ -21,6 +21,7 @@ class HttpConnection : public Waiter {
   // Whether it reads an answer that goes on as long as it wants.
   bool IsBrowser() const { return state_ == State::kAnswering && feed_ && feed_->IsLiving(); }
   bool IsAsking() const { return state_ == State::kAsking; }
+  bool IsAnswered() const { return state_ == State::kLeaving || IsEnded(); }
   bool IsEnded() const { return state_ == State::kEnded; }
 
   pollfd Awaited() const override;

@@ -47,15 +47,16 @@ void HttpServer::OnAccepted(FileDescriptor socket, std::uint32_t) {
   connections_.push_back(std::make_unique<HttpConnection>(loop_, std::move(socket), site_));
 }
 
-// Ends the one that has been silent for longest, or else has been reading for longest: whoever holds connections keeps
-// nobody else out. There is one, because browsers are fewer.
+// Ends the one that has had its answer for longest, or else has been silent for longest, or else has been reading for
+// longest: whoever holds connections keeps nobody else out. There is one, because browsers are fewer.
 void HttpServer::MakeRoom() {
-  auto found = std::find_if(connections_.begin(), connections_.end(),
-                            [](const auto& connection) { return connection->IsEnded() || connection->IsAsking(); });
-  if (found == connections_.end()) {
-    found = std::find_if(connections_.begin(), connections_.end(),
-                         [](const auto& connection) { return !connection->IsBrowser(); });
-  }
+  const auto oldest = [this](auto is_such) {
+    return std::find_if(connections_.begin(), connections_.end(),
+                        [is_such](const auto& connection) { return is_such(*connection); });
+  };
+  auto found = oldest([](const HttpConnection& one) { return one.IsAnswered(); });
+  if (found == connections_.end()) found = oldest([](const HttpConnection& one) { return one.IsAsking(); });
+  if (found == connections_.end()) found = oldest([](const HttpConnection& one) { return !one.IsBrowser(); });
   connections_.erase(found);
 }
 
