@@ -222,6 +222,29 @@ def test_the_graph_shows_who_is_there_their_streams_and_who_has_gone(web, show, 
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
 
 
+def test_a_member_that_has_left_before_the_page_heard_of_it_has_come_and_left(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("""{
+        window.tellLeft = (port, since) =>
+            tell("left", { ...member(port, since), left: stamp(), reason: "has left" });
+        tell("time", { time: stamp() });
+        tell("hello", { group: "line-4", database: "plant" });
+        tellLeft(5, stamp());  // Before there was a page.
+        tell("member", member(1, stamp()));
+        tell("ready", {});
+        tellLeft(2, stamp());
+        window.ahead += 1000;
+        tellLeft(1, stamp());  // Another one at the place of the first.
+    }""")
+
+    assert page.eventually("document.querySelectorAll('.node.gone').length === 2")
+    log = page.run("[...document.querySelectorAll('#log span')].map((entry) => entry.textContent)")
+    assert log == [f"press::ctl-{text}" for text in
+                   ("1 left", "1 came", "1 left", "2 left", "2 came", "1 came")]
+    assert page.run("document.querySelectorAll('.node').length") == 2
+    page.close()
+
+
 def test_members_that_set_one_key_are_marked(web, show, member):
     member(b"press", [(b"status", b"mode", b"auto"), (b"status", b"speed", b"1")])
     pump = member(b"pump", [(b"status", b"mode", b"manual"), (b"log", b"mode", b"-")])

@@ -267,8 +267,11 @@ const on = {
   },
 
   left(data) {
-    const member = members.get(placeOf(data));
-    if (member && member.since === Date.parse(data.since)) removeMember(member, Date.parse(data.left), data.reason);
+    const place = placeOf(data), since = Date.parse(data.since);
+    const isMeant = () => members.has(place) && members.get(place).since === since;
+    // It has come and left since the last piece. At the beginning it is one that had left before this page came.
+    if (!isMeant() && view.ready) on.member(data);
+    if (isMeant()) removeMember(members.get(place), Date.parse(data.left), data.reason);
   },
 
   row(data) {
