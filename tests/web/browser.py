@@ -104,16 +104,17 @@ class Browser:
         return page
 
     def main_thread_seconds(self):
-        """The processor time that the scripts and the drawing of all pages have taken so far."""
-        nanoseconds = 0
+        """How long the scripts and the drawing of all pages have worked so far, and have waited for a processor."""
+        worked, waited = 0, 0
         for process in self.call("SystemInfo.getProcessInfo")["processInfo"]:
             if process["type"] != "renderer":
                 continue
             try:
-                nanoseconds += int(pathlib.Path(f"/proc/{process['id']}/schedstat").read_text().split()[0])
+                times = pathlib.Path(f"/proc/{process['id']}/schedstat").read_text().split()
+                worked, waited = worked + int(times[0]), waited + int(times[1])
             except FileNotFoundError:  # It has just ended.
                 pass
-        return nanoseconds / 1e9
+        return worked / 1e9, waited / 1e9
 
     def close(self):
         try:
