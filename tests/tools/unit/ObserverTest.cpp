@@ -192,6 +192,51 @@ TEST(ReceivingStream, LetsOthersHaveTheirTurnHoweverLongItsRowsTake) {
   }
 }
 
+// A stream of which nobody looks at what comes.
+struct Lonely : private ReceivingStream::Owner {
+  explicit Lonely(bool wants_rows) : stream(loop, fake.At(), {"line-4", 1, wants_rows}, *this) {
+    TurnUntil([&] { return fake.IsVisited(); });
+  }
+
+  template <class Condition>
+  void TurnUntil(const Condition& condition) {
+    for (int i = 0; i < kMostTurns && !condition(); ++i) loop.Turn(clock.now + kTurn);
+  }
+
+  void OnGreeting(ReceivingStream&, std::string_view, std::string_view) override {}
+  void OnRow(ReceivingStream&, std::string_view, std::string_view) override {}
+  void OnBytes(ReceivingStream&) override {}
+
+  DrivenClock clock;
+  Loop loop;
+  Fake fake{loop};
+  ReceivingStream stream;
+};
+
+TEST(ReceivingStream, EndsAsSoonAsAGreetingClaimsToBeLongerThanAnyIs) {
+  Lonely lonely(true);
+
+  lonely.fake.Send("\xff\xff\xff\xff");
+
+  lonely.TurnUntil([&] { return lonely.stream.IsEnded(); });
+  ASSERT_TRUE(lonely.stream.IsEnded());
+  EXPECT_EQ(lonely.stream.GetEnd().kind, End::Kind::kOverLimit);
+}
+
+TEST(ReceivingStream, KeepsNothingOfRowsThatAreNotWanted) {
+  Lonely lonely(false);
+  std::string records;
+  AppendRecord(records, {"plant", CombinedKey("fake", "ctl")});
+  AppendRecord(records, {CombinedKey("status", "speed"), std::string(10'000, 'x')});
+  records.pop_back();  // Nothing would be kept of a whole one.
+
+  lonely.fake.Send(records);
+
+  lonely.TurnUntil([&] { return lonely.stream.IsReceiving(); });
+  ASSERT_TRUE(lonely.stream.IsReceiving());
+  EXPECT_LT(lonely.stream.Held(), 100u);
+}
+
 TEST(SendingStream, SharesALargeValueWithAllOthersUntilItIsSent) {
   struct Guest {
     FileDescriptor ours, its;

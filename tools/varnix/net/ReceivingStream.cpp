@@ -16,6 +16,8 @@ constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5};
 constexpr std::size_t kPiece = 1 << 16;
 // Of a device and a process with names that nobody has; a longer one would take memory that nothing counts.
 constexpr std::size_t kLongestIdentity = 1 + 255 + 4096;
+// Header, database, identity: what claims to be longer is not waited for.
+constexpr std::size_t kMostOfGreeting = 4 + kMostBytesOfA + kLongestIdentity;
 // A member that never pauses lets the others have their turn, also if each of its rows takes long.
 constexpr int kMostPieces = 4;
 constexpr std::chrono::milliseconds kMostOfATurn{5};
@@ -72,7 +74,7 @@ void ReceivingStream::OnConnected() {
 
 void ReceivingStream::Read() {
   char piece[kPiece];
-  for (int i = 0; i < kMostPieces && !IsEnded() && !interrupted_; ++i) {
+  for (int i = 0; i < kMostPieces && !IsEnded() && !interrupted_ && WantsBytes(); ++i) {
     const ssize_t size = recv(socket_.Get(), piece, sizeof piece, 0);
     if (size <= 0) return OnNothingRead(size);
     reader_.Append({piece, static_cast<std::size_t>(size)});
@@ -91,6 +93,7 @@ void ReceivingStream::TakeRecords() {
   const TimePoint end = Clock::now() + kMostOfATurn;
   Record record;
   interrupted_ = false;
+  if (state_ == State::kGreeting && reader_.NextSize() > kMostOfGreeting) return EndAs({End::Kind::kOverLimit});
   while (!IsEnded() && !interrupted_ && reader_.Next(record)) {
     if (state_ == State::kGreeting) {
       OnGreeting(record);
@@ -107,6 +110,7 @@ void ReceivingStream::OnGreeting(const Record& record) {
   if (IsEnded()) return;
   state_ = State::kReceiving;
   SendAnswer();
+  if (!answer_.wants_rows) reader_ = RecordReader();  // Rows may have come already.
 }
 
 // In one piece: the buffer of a new connection takes it.
