@@ -188,6 +188,20 @@ def test_an_interrupt_ends_what_is_not_done_as_signals_do(network, start):
         assert running.ends() == -signal.SIGINT
 
 
+def test_an_interrupt_ends_what_waits_until_its_rows_are_taken(ether, start):
+    setting = start("set", "status", "speed", "42", "-w", "60")
+    member = wire.connect(ether.port_of_next_announcement())
+    member.send(wire.answer(b"line-4", 1))
+    assert member.receive_record()[0] == b"plant"
+    assert member.receive_record() == (b"\x06statusspeed", b"42")
+    assert member.is_closed()  # Its direction; ours stays open, so not all is known to be taken.
+
+    setting.signal(signal.SIGINT)
+
+    assert setting.ends() == -signal.SIGINT
+    member.close()
+
+
 def takes_interrupts(pid):
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         caught = int(re.search(r"^SigCgt:\s+([0-9a-f]+)", status.read(), re.MULTILINE)[1], 16)

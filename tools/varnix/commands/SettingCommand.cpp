@@ -57,7 +57,8 @@ void SettingCommand::Turn() {
   setter_.Tidy();
   NoteTrouble();
   if (Clock::now() - session_.begun >= Progress::kSilence) session_.progress.Show(ProgressText());
-  if (session_.signals.First() == 0 || phase_ == Phase::kFinishing) return Step();
+  const bool ends_well = phase_ == Phase::kFinishing && session_.options.hold;
+  if (session_.signals.First() == 0 || ends_well) return Step();
   // Who holds its rows for others ends well; everything else is cut off.
   if (session_.options.hold && session_.signals.First() == SIGINT) return Finish();
   session_.progress.Clear();
