@@ -68,6 +68,13 @@ TEST_F(Top, KeepsNoMoreOfAValueThanALineShows) {
   EXPECT_EQ(Set("status", "speed", std::string(1'000'000, 'y')), 0u);
 }
 
+TEST_F(Top, KeepsNoMemoryOfALongValueBehindAShorterOne) {
+  Set("status", "speed", std::string(1'000'000, 'x'));
+  Set("status", "speed", std::string(20, 'x'));
+
+  EXPECT_LT(model.Members().at(press.place).tables.at("status").rows.at("speed").value.capacity(), 40u);
+}
+
 TEST_F(Top, CountsOnlyChangesForRates) {
   Set("status", "speed", "1");
   EXPECT_EQ(model.RowsPerSecond(kNow), 0);

@@ -22,7 +22,7 @@ std::size_t TopModel::SetRow(const Member& member, const Row& row, TimePoint now
   RowEntry& entry = found->second;
   const std::size_t kept_before = entry.value.size();
   table.bytes += row.value.size() - entry.bytes + (is_new ? row.key.size() : 0);
-  entry.value = row.value.substr(0, kShownOfValue);
+  std::string(row.value.substr(0, kShownOfValue)).swap(entry.value);  // A shorter one keeps no memory of a longer one.
   entry.bytes = row.value.size();
   entry.changed = now;
   entry.number = ++changes_;
