@@ -202,6 +202,24 @@ def test_an_interrupt_ends_what_waits_until_its_rows_are_taken(ether, start):
     member.close()
 
 
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_a_signal_that_cuts_the_output_off_ends_the_process_as_it_does(press, start, number):
+    press.set(b"plant", b"status", b"long", b"x" * 1_000_000)  # More than any pipe takes.
+
+    def is_cut_off():
+        reader, writer = os.pipe()
+        get = start("get", "status", "long", stdout=writer)
+        os.close(writer)
+        begun = os.read(reader, 1)  # Nothing, if the member is late because the machine is busy.
+        if begun:
+            get.signal(number)
+            assert get.ends() == -number
+        os.close(reader)
+        return begun
+
+    assert programs.eventually(is_cut_off)
+
+
 def takes_interrupts(pid):
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         caught = int(re.search(r"^SigCgt:\s+([0-9a-f]+)", status.read(), re.MULTILINE)[1], 16)

@@ -121,11 +121,12 @@ void ObserverCommand::NoteNothing(const std::string& what) {
 }
 
 int ObserverCommand::EndStatus() {
-  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kind_.living ? kDone : kFailed);
+  const Status interrupted = kind_.living ? kDone : kFailed;
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(interrupted);
   if (!kind_.living) NoteUnfinished();
   const bool anything = Finish();
   session_.output.Flush();
-  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kFailed);
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(interrupted);
   if (failed_ && !kind_.living) return kFailed;
   if (anything) return kDone;
   if (observer_.Met() == 0) {

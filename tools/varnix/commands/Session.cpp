@@ -39,6 +39,12 @@ void Session::NoteHearing(int error) {
   progress.Note(what + ": " + std::strerror(error));
 }
 
+// A signal may have cut the output off while the loop had no turn.
+bool Session::IsEndedFromOutside() {
+  signals.Look();
+  return signals.First() != 0 || output.IsClosed() || output.Error() != 0;
+}
+
 int Session::StatusFromOutside(Status interrupted) {
   progress.Clear();
   if (output.Error() != 0) {

@@ -31,7 +31,7 @@ struct Session {
 
   // How the command ends, if something from outside has ended it: by a signal, or because nobody reads its output.
   // After an interrupt by the terminal this is `interrupted`; other signals end the process.
-  bool IsEndedFromOutside() const { return signals.First() != 0 || output.IsClosed() || output.Error() != 0; }
+  bool IsEndedFromOutside();
   int StatusFromOutside(Status interrupted);
 
   const Options options;

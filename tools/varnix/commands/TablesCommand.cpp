@@ -47,18 +47,12 @@ bool TablesCommand::Finish() {
   table_width_ = std::min(table_width_, kMostColumns);
   for (const auto& [place, tables] : tables_) {
     for (const auto& [table, sizes] : tables.sizes) {
-      if (IsEndedFromOutside()) return false;
+      if (session_.IsEndedFromOutside()) return false;
       Print(tables, table, sizes);
     }
   }
   if (tables_.empty()) NoteNothing("no row");
   return !tables_.empty();
-}
-
-// The loop has no more turns.
-bool TablesCommand::IsEndedFromOutside() {
-  session_.signals.Look();
-  return session_.IsEndedFromOutside();
 }
 
 void TablesCommand::Print(const Tables& tables, const std::string& table, const Sizes& sizes) {

@@ -26,7 +26,6 @@ class TablesCommand : public ObserverCommand {
   void OnEnd(const Member& member, const End& end) override;
   bool Finish() override;
   void Print(const Tables& tables, const std::string& table, const Sizes& sizes);
-  bool IsEndedFromOutside();
 
   std::map<Place, Tables> tables_;
   std::size_t member_width_ = 0, table_width_ = 0;

@@ -52,7 +52,7 @@ int DoctorCommand::Run() {
   evidence_.judged_until = session_.End() - patience_;
   session_.progress.Clear();
   Print(CheckMembers(evidence_));
-  if (session_.output.Error() != 0) return session_.StatusFromOutside(kFailed);
+  if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(kFailed);
   return failed_ ? kFailed : kDone;
 }
 
