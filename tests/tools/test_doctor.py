@@ -5,6 +5,7 @@
 
 import json
 import re
+import signal
 import socket
 import subprocess
 import time
@@ -107,6 +108,25 @@ def test_nothing_is_found_among_members_that_announce_themselves_and_have_set_no
 
     hosts.doctor(start, [], member=press,
                  sees={"rows": r"^1 row came from 2 members; nothing is set by pump::ctl at 10\.1\.1\.2:\d+$"})
+
+
+def test_nothing_is_found_beside_another_observer(hosts, share, start):
+    share()
+
+    def finds(seconds):
+        with hosts.here:
+            ether = wire.Ether()
+            doctor = start("doctor", "--json", "-w", seconds, **EVERYBODY)
+            ether.receive()  # The doctor has announced itself, so it hears.
+            ether.socket.close()
+            watch = start("watch", **EVERYBODY)
+        assert watch.prints(b"press::ctl  status  speed = 42")
+        status, found = doctor.ends(), findings(doctor.lines)
+        watch.signal(signal.SIGINT)
+        assert watch.ends() == 0
+        return (status, failed(found), found["group"]["seen"]) == (0, [], '1 member of "line-4"')
+
+    assert any(finds(seconds) for seconds in ("2", "6", "20"))  # A busy machine takes its time.
 
 
 def test_a_person_gets_a_line_for_each_check_and_two_for_a_fault(hosts, share):

@@ -15,6 +15,7 @@ import time
 import pytest
 
 import programs
+import wire
 from command import run
 from wire import DISCOVERY_PORT
 
@@ -86,6 +87,31 @@ def test_members_without_a_group_are_those_of_every_group_that_is_heard_of(share
     assert {(member["device"], member["group"], member["database"]) for member in map(json.loads, listing.lines)} == {
         ("pump", "line-5", "other"), ("valve", "line-5", "other")}
     assert valve.logs(7, "tblsndr.getgrp", r".*group=\"\(observer\)\" port=0")
+
+
+def test_members_are_no_other_observers(share, start):
+    press = share(b"press", [(b"status", b"speed", b"42")])
+    listing = start("members", "--json", "-w", "60", VARNIX_GROUP="", VARNIX_DATABASE="")
+    assert programs.eventually(lambda: press.do("network-changed") or listing.lines)
+
+    watch = start("watch")  # It announces itself, too.
+    assert watch.prints(b"press::ctl  status  speed = 42")
+    share(b"valve")
+
+    assert listing.eventually(lambda: any(b"valve" in line for line in listing.lines))
+    assert {member["device"] for member in map(json.loads, listing.lines)} == {"press", "valve"}
+
+
+def test_an_observer_that_comes_and_goes_meanwhile_is_no_failure(ether, share, start):
+    share(b"press", [(b"status", b"speed", b"42")])
+    ether.receive()
+    dump = start("dump", "-w", "50")
+    silent = wire.connect(ether.port_of_next_announcement())  # As long as it says nothing, it is waited for.
+    assert run("watch", "-n", "1").output == b"press::ctl  status  speed = 42\n"
+
+    silent.close()
+
+    assert (dump.ends(), dump.lines, dump.errors) == (0, [b"press::ctl  status  speed = 42"], "")
 
 
 def test_tables_counts_rows_and_bytes_for_each_member(share):

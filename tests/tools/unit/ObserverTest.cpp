@@ -147,6 +147,18 @@ TEST(Observer, CountsWhatIsKeptOfMembersThatHaveSentEverything) {
   EXPECT_EQ(scene.observer.Met(), 1);
 }
 
+TEST(Observer, LeavesOutTheAnnouncementThatFollowsTheSignOfAnotherObserver) {
+  Scene scene(Settings(1 << 20));
+  Fake fake(scene.loop);
+  static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(fake.At(), "(observer)");
+  static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(fake.At(), "line-4");
+  EXPECT_TRUE(scene.observer.Unfinished().empty());
+
+  scene.Meet(fake);  // A member that has got the port of an observer that has left.
+
+  EXPECT_EQ(scene.observer.Met(), 1);
+}
+
 TEST(Observer, MeetsAMemberForWhoseGroupNoPortCanBeHad) {
   Observer::Settings settings = Settings(1 << 20);
   settings.group.reset();

@@ -35,14 +35,24 @@ void Observer::AppearIn(const std::string& group, const std::string& database) {
     if (presence->Group() == group && presence->Database() == database) return;
   }
   const bool alone = settings_.group && settings_.database;
-  const Presence::Settings settings{group, database, settings_.identity, true, alone ? 1 : kMostPresences};
+  const char* const before = group == kObserver ? nullptr : kObserver;
+  const Presence::Settings settings{group, database, settings_.identity, true, before, alone ? 1 : kMostPresences};
   presences_.push_back(std::make_unique<Presence>(loop_, discovery_, settings, no_rows_, *this));
 }
 
 void Observer::OnAnnouncement(const Place& place, const std::string& group) {
   if (IsOurs(place)) return audience_.OnOwnAnnouncement();
+  if (IsOfObserver(place, group)) return;
   audience_.OnHeard(place, group);
   if (!settings_.group || group == *settings_.group || settings_.visits_other_groups) Learn(place, group);
+}
+
+// Observers are told from members by what they announce just before: that they are in a group in which no member is.
+bool Observer::IsOfObserver(const Place& place, const std::string& group) {
+  if (group != kObserver || settings_.group == kObserver) return observers_.erase(place) > 0;
+  if (observers_.size() >= kMostContacts) observers_.clear();
+  observers_.insert(place);
+  return true;
 }
 
 bool Observer::IsOurs(const Place& place) const {

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   void OnRow(ReceivingStream& stream, std::string_view key, std::string_view value) override;
   void OnBytes(ReceivingStream& stream) override;
 
+  bool IsOfObserver(const Place& place, const std::string& group);
   void Learn(const Place& place, const std::string& group);
   bool IsOurs(const Place& place) const;
   bool IsLookedFor(const Member& member) const;
@@ -99,5 +101,6 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   Discovery discovery_;
   std::vector<std::unique_ptr<Presence>> presences_;  // One for each group and database in which we announce ourselves.
   std::map<Place, Contact> contacts_;
+  std::set<Place> observers_;  // The next announcement of each is that of an observer.
   std::vector<std::unique_ptr<ReceivingStream>> requests_;  // Those that ask members to connect back.
 };

@@ -33,6 +33,7 @@ Presence::Presence(Loop& loop, Discovery& discovery, const Settings& settings, c
 }
 
 void Presence::Announce() {
+  if (settings_.announced_before != nullptr) discovery_.Send(Encode({Port(), settings_.announced_before}));
   announcing_error_ = discovery_.Send(Encode({Port(), settings_.group}));
   strangers_.BeginRound(GreetedByAddress());
   announced_at_ = Clock::now();

@@ -29,7 +29,8 @@ class Presence : public Waiter, private Acceptor::Owner {
   struct Settings {
     std::string group, database, identity;
     bool announced = true;
-    std::size_t sharers = 1;  // So many have to share the descriptors that are for guests.
+    const char* announced_before = nullptr;  // A group in which it is announced just before its own.
+    std::size_t sharers = 1;                 // So many have to share the descriptors that are for guests.
   };
 
   Presence(Loop& loop, Discovery& discovery, const Settings& settings, const OwnTable& rows, Owner& owner);
