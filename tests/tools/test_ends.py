@@ -8,6 +8,7 @@ import pty
 import re
 import signal
 import subprocess
+import termios
 
 import pytest
 
@@ -292,8 +293,9 @@ def test_a_full_disk_is_told(press):
 class Terminal:
     """The command with a terminal for standard output and standard error, or for the latter alone."""
 
-    def __init__(self, *arguments, errors_alone=False, stdin=None, **variables):
+    def __init__(self, *arguments, errors_alone=False, stdin=None, columns=0, **variables):
         self.master, slave = pty.openpty()
+        termios.tcsetwinsize(slave, (24, columns))  # Without columns the size is not known.
         self.process = subprocess.Popen([*TOOL, *arguments], stdin=stdin or slave, stderr=slave,
                                         stdout=subprocess.PIPE if errors_alone else slave,
                                         env=environment({"TERM": "xterm", **variables}))
@@ -331,6 +333,15 @@ def test_what_takes_longer_than_a_second_shows_its_progress_on_a_terminal(networ
     assert searching.process.wait(programs.DEADLINE) == 3
     assert re.search(r'Looking for members of group "line-4" with database "plant": 0 met, [12] s', shown), shown
     assert re.search(r"\r\x1b\[Kvarnix: nobody of group [^\r]*\r\n$", shown), shown
+
+
+def test_progress_stays_in_one_line_of_the_terminal(network):
+    searching = Terminal("dump", "-w", "2.5", "-g", "line-4 " + "é" * 100, errors_alone=True, columns=40)
+
+    lines = searching.shows().decode().split("\r\x1b[K")[1:-1]
+
+    assert searching.process.wait(programs.DEADLINE) == 3
+    assert set(lines) == {'Looking for members of group "line-4 ééé'[:39]}
 
 
 def test_a_long_dump_into_a_file_shows_its_progress(ether, late_press):

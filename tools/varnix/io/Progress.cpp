@@ -3,16 +3,26 @@
 
 #include "io/Progress.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string_view>
+
+#include "text/Printable.h"
 
 namespace {
 
 bool IsSmart() {
   const char* const kind = std::getenv("TERM");
   return kind != nullptr && std::string_view(kind) != "dumb";
+}
+
+// What fits into one line of the terminal, of which some wrap behind the last column already.
+std::string Fitting(const std::string& text) {
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return known ? Cut(text, size.ws_col - 1U) : text;
 }
 
 // Past stdio: nothing is left to write when the process ends in another way.
@@ -29,7 +39,7 @@ void Progress::Show(const std::string& text) {
   if (!terminal_ || (dirty_ && now < shown_ + kPace / 2)) return;  // However much happens meanwhile.
   shown_ = now;
   dirty_ = true;
-  Write("\r\x1b[K" + text);
+  Write("\r\x1b[K" + Fitting(text));
 }
 
 void Progress::Clear() {

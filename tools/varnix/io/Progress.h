@@ -22,6 +22,8 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   bool IsShown() const { return terminal_; }
+
+  // The text must be printable; what does not fit into the line is left out.
   void Show(const std::string& text);
   void Clear();
 
