@@ -249,6 +249,34 @@ TEST(ReceivingStream, KeepsNothingOfRowsThatAreNotWanted) {
   EXPECT_LT(lonely.stream.Held(), 100u);
 }
 
+TEST(ReceivingStream, EndsWhereNoRowIsWantedAndTheMemberStays) {
+  Lonely lonely(false);
+  lonely.fake.Send("plant", CombinedKey("fake", "ctl"));
+  lonely.TurnUntil([&] { return lonely.stream.IsReceiving(); });
+  ASSERT_TRUE(lonely.stream.IsReceiving());
+
+  lonely.clock.now += seconds(6);
+
+  lonely.TurnUntil([&] { return lonely.stream.IsEnded(); });
+  EXPECT_TRUE(lonely.stream.IsEnded());
+}
+
+TEST(ReceivingStream, GivesItsMemoryBackWhenItIsDropped) {
+  Lonely lonely(true);
+  std::string records;
+  AppendRecord(records, {"plant", CombinedKey("fake", "ctl")});
+  AppendRecord(records, {CombinedKey("status", "speed"), std::string(10'000, 'x')});
+  records.pop_back();
+  lonely.fake.Send(records);
+  lonely.TurnUntil([&] { return lonely.stream.Held() >= 10'000; });
+  ASSERT_GE(lonely.stream.Held(), 10'000u);
+
+  lonely.stream.DropAs({End::Kind::kOverLimit});
+
+  EXPECT_TRUE(lonely.stream.IsEnded());
+  EXPECT_LT(lonely.stream.Held(), 100u);
+}
+
 TEST(SendingStream, SharesALargeValueWithAllOthersUntilItIsSent) {
   struct Guest {
     FileDescriptor ours, its;

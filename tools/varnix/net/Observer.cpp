@@ -169,7 +169,7 @@ void Observer::KeepWithinMemory() {
   });
   Contact& contact = largest->second;
   contact.enough = true;
-  if (contact.stream) return contact.stream->EndAs({End::Kind::kOverLimit});
+  if (contact.stream) return contact.stream->DropAs({End::Kind::kOverLimit});
   contact.met = false;
   contact.kept = 0;
   audience_.OnEnd(contact.member, {End::Kind::kOverLimit});

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5};
+constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5}, kMostForLeaving{5};
 constexpr std::size_t kPiece = 1 << 16;
 // Of a device and a process with names that nobody has; a longer one would take memory that nothing counts.
 constexpr std::size_t kLongestIdentity = 1 + 255 + 4096;
@@ -40,7 +40,7 @@ pollfd ReceivingStream::Awaited() const {
 
 TimePoint ReceivingStream::Deadline() const {
   if (interrupted_) return begun_;  // At once.
-  return state_ == State::kConnecting || state_ == State::kGreeting ? due_ : TimePoint::max();
+  return IsEnded() || (IsReceiving() && answer_.wants_rows) ? TimePoint::max() : due_;
 }
 
 void ReceivingStream::OnDeadline() {
@@ -110,7 +110,9 @@ void ReceivingStream::OnGreeting(const Record& record) {
   if (IsEnded()) return;
   state_ = State::kReceiving;
   SendAnswer();
-  if (!answer_.wants_rows) reader_ = RecordReader();  // Rows may have come already.
+  if (answer_.wants_rows) return;
+  reader_.Drop();  // Rows may have come already.
+  due_ = Clock::now() + kMostForLeaving;
 }
 
 // In one piece: the buffer of a new connection takes it.
@@ -131,4 +133,9 @@ void ReceivingStream::EndAs(const End& end) {
   interrupted_ = false;
   end_ = end;
   socket_ = FileDescriptor();
+}
+
+void ReceivingStream::DropAs(const End& end) {
+  EndAs(end);
+  reader_.Drop();
 }

@@ -20,7 +20,8 @@ class ReceivingStream : public Waiter {
   struct Answer {
     std::string group;
     std::uint16_t port = 0;
-    bool wants_rows = true;  // Without, no row is read, and the member is told that we are gone.
+    // Without, no row is read, and the member is told that we are gone. It is given some time to end its stream.
+    bool wants_rows = true;
   };
 
   class Owner {
@@ -48,6 +49,9 @@ class ReceivingStream : public Waiter {
   bool IsEnded() const { return state_ == State::kEnded; }
   const End& GetEnd() const { return end_; }
   void EndAs(const End& end);
+
+  // The same, and gives back what has come of a row; not while one is looked at.
+  void DropAs(const End& end);
 
   pollfd Awaited() const override;
   void OnReady(short events) override;

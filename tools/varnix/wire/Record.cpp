@@ -59,3 +59,8 @@ void RecordReader::GiveBackMemory() {
   taken_ = 0;
   bytes_.shrink_to_fit();
 }
+
+void RecordReader::Drop() {
+  taken_ = bytes_.size();
+  GiveBackMemory();
+}

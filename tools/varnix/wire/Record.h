@@ -40,6 +40,9 @@ class RecordReader {
   // Gives back memory, because nothing comes for now.
   void GiveBackMemory();
 
+  // Gives back all of it, and forgets what has come.
+  void Drop();
+
  private:
   std::string_view Untaken() const { return std::string_view(bytes_).substr(taken_); }
 
