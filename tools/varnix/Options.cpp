@@ -123,7 +123,7 @@ CommandLine::CommandLine() {
   options_.process = "varnix-" + std::to_string(getpid());
   app_.footer(
       "'varnix COMMAND --help' shows more of each, with an example.\n"
-      "Arguments that begin with - and a letter stand behind --.");
+      "Arguments that begin with - and a letter, or are ++, stand behind --.");
   app_.require_subcommand(0, 1);
   app_.fallthrough();
   app_.get_formatter()->label("SUBCOMMAND", "COMMAND [ARGUMENTS]");
@@ -205,7 +205,7 @@ void CommandLine::AddSettingCommands() {
   AddArgument(set, "TABLE", table_, "The table")->required();
   AddArgument(set, "KEY", key_, "The key")->required();
   AddArgument(set, "VALUE", options_.value,
-              "The value; - reads it from standard input.\nOne that begins with - and a letter stands behind --")
+              "The value; - reads it from standard input.\nOne that begins with - and a letter, or is ++, stands behind --")
       ->required();
   CLI::App* const load = Add(CommandName::kLoad, "load", "Sets rows from JSON lines on standard input",
                              "varnix -g line-4 -d plant load < rows.json");
