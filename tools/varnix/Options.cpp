@@ -204,8 +204,9 @@ void CommandLine::AddSettingCommands() {
           "varnix -g line-4 -d plant set status speed 42\n  date | varnix -g line-4 -d plant set --hold log today -");
   AddArgument(set, "TABLE", table_, "The table")->required();
   AddArgument(set, "KEY", key_, "The key")->required();
-  AddArgument(set, "VALUE", options_.value,
-              "The value; - reads it from standard input.\nOne that begins with - and a letter, or is ++, stands behind --")
+  AddArgument(
+      set, "VALUE", options_.value,
+      "The value; - reads it from standard input.\nOne that begins with - and a letter, or is ++, stands behind --")
       ->required();
   CLI::App* const load = Add(CommandName::kLoad, "load", "Sets rows from JSON lines on standard input",
                              "varnix -g line-4 -d plant load < rows.json");

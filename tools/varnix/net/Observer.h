@@ -101,6 +101,6 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   Discovery discovery_;
   std::vector<std::unique_ptr<Presence>> presences_;  // One for each group and database in which we announce ourselves.
   std::map<Place, Contact> contacts_;
-  std::set<Place> observers_;  // The next announcement of each is that of an observer.
+  std::set<Place> observers_;                               // The next announcement of each is that of an observer.
   std::vector<std::unique_ptr<ReceivingStream>> requests_;  // Those that ask members to connect back.
 };
