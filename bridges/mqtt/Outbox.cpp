@@ -62,9 +62,13 @@ std::optional<Alarm::Change> Outbox::NextChange() {
 }
 
 // A set promises nothing about whose change comes first, so a table in which something always changes could keep all
-// others waiting. So before the set is asked, the tables are, each in its turn and for some rows at a time.
+// others waiting, also those that are not known yet. So before the set is asked, the tables are, each in its turn and
+// for some rows at a time; and between two turns, whether there are new ones.
 std::optional<Alarm::Change> Outbox::TakeInTurn() {
   constexpr int kRowsAtATime = 64;
+  if (taken_in_turn_ == 0) {
+    if (std::optional<Alarm::Change> change = TakeNewTable()) return change;
+  }
   if (tables_.empty()) return std::nullopt;
   const SharedTable& table = tables_[turn_];
   std::vector<Varnix::Row> rows = table.changes->GetChanges();
@@ -74,6 +78,14 @@ std::optional<Alarm::Change> Outbox::TakeInTurn() {
   }
   if (rows.empty()) return std::nullopt;
   return Alarm::Change{std::move(rows.front()), table.changes};
+}
+
+std::optional<Alarm::Change> Outbox::TakeNewTable() {
+  for (const Database& database : databases_) {
+    std::vector<Varnix::Row> tables = database.new_tables->GetChanges();
+    if (!tables.empty()) return Alarm::Change{std::move(tables.front()), database.new_tables};
+  }
+  return std::nullopt;
 }
 
 // Takes all tables that have become known, so that the set is made once for all of them.

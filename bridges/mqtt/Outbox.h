@@ -66,6 +66,7 @@ class Outbox {
 
   std::optional<Alarm::Change> NextChange();
   std::optional<Alarm::Change> TakeInTurn();
+  std::optional<Alarm::Change> TakeNewTable();
   // The database whose new table this change is; null if it is no new table.
   const Database* DatabaseOfNewTable(const Alarm::Change& change) const;
   void LearnTables(const Database& database, const std::string& table);

@@ -120,6 +120,31 @@ TEST_F(OutboxTest, LetsNoBusyTableKeepAnotherWaiting) {
   EXPECT_EQ(quiet.size(), 2000U);
 }
 
+TEST_F(OutboxTest, LearnsTablesOfEveryDatabaseThoughOneIsAlwaysBusy) {
+  Options options = OptionsOfOwnDatabase();
+  options.databases.push_back(OptionsOfOwnDatabase().databases.front());
+  Outbox outbox(options, topics_, log_);
+  outbox.Restart();
+  int sets = 0;
+  const auto set = [&](const std::string& table) {
+    const Varnix::Row row("k", std::to_string(++sets));
+    for (const std::string& database : options.databases) Varnix::MakeSharedTable(database, table)->Set(row);
+  };
+  std::set<std::string> learnt;
+  OutRow row;
+  for (int taken = 0; taken < 1000; ++taken) {
+    set("early");  // None of the two ever becomes empty.
+    if (taken == 300) set("late");
+    ASSERT_TRUE(outbox.Take(row));
+    learnt.insert(row.topic);
+  }
+  std::set<std::string> expected;
+  for (const std::string& database : options.databases) {
+    for (const std::string table : {"early", "late"}) expected.insert(topics_.Table("hall1", database, table) + "k");
+  }
+  EXPECT_EQ(learnt, expected);
+}
+
 TEST_F(OutboxTest, WalksToEveryRowWithAnEmptyValue) {
   for (int i = 0; i < 5000; ++i) Set("t" + std::to_string(i % 3), std::to_string(i), i % 100 == 0 ? "" : "full");
   TakeAll();
