@@ -37,8 +37,12 @@ void Publisher::SendWhatIsDue() {
 void Publisher::Acknowledged(int message, int reason) {
   const std::optional<std::string> topic = in_flight_.Remove(message);
   if (!topic) return;
-  if (!IsRefusal(reason)) return suspects_.GotThrough(*topic);
-  RefusedRow(*topic, WordsForReason(reason));
+  if (IsRefusal(reason)) TellOfRefusal(*topic, WordsForReason(reason));
+  if (MayComeBeforeACutOff(reason)) {
+    TellOfConvict(suspects_.WasRefused(*topic));
+  } else {
+    suspects_.GotThrough(*topic);
+  }
   if (MayPass(reason) && !restart_) restart_ = Clock::now() + kBeforeARestart;
 }
 
@@ -109,7 +113,7 @@ bool Publisher::Publish(const std::string& topic, std::string_view value) {
       ++published_;
       return true;
     case Broker::Outcome::Refused:
-      RefusedRow(topic, why);
+      TellOfRefusal(topic, why);
       return false;
     case Broker::Outcome::ConnectionEnded:
       break;
@@ -117,9 +121,8 @@ bool Publisher::Publish(const std::string& topic, std::string_view value) {
   return false;
 }
 
-void Publisher::RefusedRow(const std::string& topic, const std::string& why) {
+void Publisher::TellOfRefusal(const std::string& topic, const std::string& why) {
   refused_rows_.Write("The broker does not get the row " + NameOf(topic) + ": " + why + ".");
-  TellOfConvict(suspects_.WasRefused(topic));
 }
 
 void Publisher::TellWhenAllIsPublished() {

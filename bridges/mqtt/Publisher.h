@@ -64,7 +64,7 @@ class Publisher {
   bool Publish(const std::string& topic, std::string_view value);
   void TellWhenAllIsPublished();
   void TellOfConvict(const std::optional<std::string>& convict);
-  void RefusedRow(const std::string& topic, const std::string& why);
+  void TellOfRefusal(const std::string& topic, const std::string& why);
 
   Broker& broker_;
   const Log& log_;

@@ -27,7 +27,8 @@ class Suspects {
   // The row that has to be published next, and alone; nothing once there is no suspicion.
   std::optional<std::string> Next() const;
 
-  // What has become of a row. Those that return a topic convict a row: it is left out from now on.
+  // What has become of a row. Those that return a topic convict a row: it is left out from now on. A row that is
+  // refused for what may pass, or because we may not write it, has got through: the broker took it well.
   void GotThrough(const std::string& topic);
   std::optional<std::string> WasRefused(const std::string& topic, Time now = std::chrono::steady_clock::now());
   // The connection was cut off, and these messages were without an acknowledgement.

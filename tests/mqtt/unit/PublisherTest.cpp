@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 #include <gmock/gmock.h>
+#include <mqtt_protocol.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -126,6 +127,56 @@ TEST_F(PublisherTest, StillSuspectsARowThatCouldNotBeSentAlone) {
   driven_.calls.publish = {};
   Connect();
   publisher_.SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("suspect"));
+}
+
+TEST_F(PublisherTest, LeavesOutNoSuspectThatIsRefusedForWhatMayPassOrForWantOfRights) {
+  for (const int reason : {MQTT_RC_QUOTA_EXCEEDED, MQTT_RC_UNSPECIFIED, MQTT_RC_NOT_AUTHORIZED}) {
+    Set("suspect", std::to_string(reason));
+    publisher_.SendWhatIsDue();
+    CutOff();
+    Connect();
+    publisher_.SendWhatIsDue();
+    ASSERT_THAT(Published(), ElementsAre("suspect"));
+    publisher_.Acknowledged(1, reason);
+    publisher_.SendWhatIsDue();
+    EXPECT_THAT(Published(), ElementsAre("suspect", "suspect")) << reason;
+  }
+}
+
+TEST_F(PublisherTest, LeavesOutASuspectThatIsRefusedForItself) {
+  Set("suspect", "1");
+  publisher_.SendWhatIsDue();
+  CutOff();
+  Connect();
+  publisher_.SendWhatIsDue();
+  publisher_.Acknowledged(1, MQTT_RC_PACKET_TOO_LARGE);
+  publisher_.SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("suspect"));
+}
+
+TEST_F(PublisherTest, SuspectsNoRowThatHasNeverLeft) {
+  driven_.calls.publish = {MOSQ_ERR_OVERSIZE_PACKET, 0};
+  Set("large", "1");
+  publisher_.SendWhatIsDue();
+  CutOff();
+  driven_.calls.publish = {};
+  Set("other", "1");
+  Connect();
+  publisher_.SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("large", "other"));
+}
+
+TEST_F(PublisherTest, LeavesOutNoSuspectThatHasBecomeTooLarge) {
+  Set("suspect", "1");
+  publisher_.SendWhatIsDue();
+  CutOff();
+  driven_.calls.publish = {MOSQ_ERR_OVERSIZE_PACKET, 0};
+  Connect();
+  publisher_.SendWhatIsDue();
+  driven_.calls.publish = {};
+  Set("suspect", "small again");
+  SendChange();
   EXPECT_THAT(Published(), ElementsAre("suspect"));
 }
 
