@@ -47,8 +47,8 @@ class Member(programs.Host):
         """Waits until the table, which must be watched, has these rows and no other."""
         return self.eventually(lambda: self._tables.get((database, table), {}) == rows, seconds)
 
-    def gets(self, key, value, table=TABLE, database=DATABASE):
-        return self.eventually(lambda: self._tables.get((database, table), {}).get(key) == value)
+    def gets(self, key, value, table=TABLE, database=DATABASE, seconds=DEADLINE):
+        return self.eventually(lambda: self._tables.get((database, table), {}).get(key) == value, seconds)
 
 
 class Writer:

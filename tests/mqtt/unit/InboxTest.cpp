@@ -10,7 +10,11 @@
 
 namespace {
 
+using ::testing::_;
+using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Pair;
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 
@@ -19,25 +23,51 @@ bool IsShared(const std::string& database) {
   return Varnix::GetSharingGroup(database, group, device, process, nullptr);
 }
 
-TEST(Inbox, TakesNothingThatItHasNotAskedFor) {
-  Options options;
-  options.site = "hall1";
-  options.group = "unasked";
-  options.databases = {"plant"};
-  options.imports = {"hall2"};
-  options.broadcast_address = inet_addr("127.255.255.255");
-  const Topics topics("varnix");
-  const Log log(Log::Level::Warning);
-  Group group(options, log);
-  Inbox inbox(options, topics, group, log);
+// The inbox of a bridge that imports hall2.
+class InboxTest : public ::testing::Test {
+ protected:
+  static Options MakeOptions() {
+    Options options;
+    options.site = "hall1";
+    options.group = "imported";
+    options.databases = {"plant"};
+    options.imports = {"hall2"};
+    options.broadcast_address = inet_addr("127.255.255.255");
+    return options;
+  }
+
+  const Options options_ = MakeOptions();
+  const Topics topics_{"varnix"};
+  const Log log_{Log::Level::Warning};
+  Group group_{options_, log_};
+  Inbox inbox_{options_, topics_, group_, log_};
+};
+
+TEST_F(InboxTest, TakesNothingThatItHasNotAskedFor) {
   CaptureStderr();
-  inbox.Take("varnix/hall3/plant/t/k", "of a site that is not imported");
-  inbox.Take("varnix/hall2/office/t/k", "of a database that is not ours");
+  inbox_.Take("varnix/hall3/plant/t/k", "of a site that is not imported");
+  inbox_.Take("varnix/hall2/office/t/k", "of a database that is not ours");
   const std::string lines = GetCapturedStderr();
   EXPECT_THAT(lines, HasSubstr("left out: it was not asked for. Its topic is 'varnix/hall3/plant/t/k'"));
   EXPECT_THAT(lines, HasSubstr("left out: it was not asked for. Its topic is 'varnix/hall2/office/t/k'"));
   EXPECT_FALSE(IsShared("plant@hall3"));
   EXPECT_FALSE(IsShared("office@hall2"));
+}
+
+// The library sends an empty value with the next row, so there has to be one.
+TEST_F(InboxTest, SetsARowBehindAnEmptyValueAndBehindNoOther) {
+  const auto behind = Varnix::MakeSharedTable("plant@hall2", Inbox::kOwnTable)->WatchAll();
+  inbox_.Take("varnix/hall2/plant/t/k", "full");
+  inbox_.LetEmptyValuesLeave();
+  EXPECT_THAT(behind->GetChanges(), IsEmpty());
+  for (int turn = 0; turn < 2; ++turn) {
+    inbox_.Take("varnix/hall2/plant/t/k", "");
+    EXPECT_THAT(behind->GetChanges(), IsEmpty());
+    inbox_.LetEmptyValuesLeave();
+    EXPECT_THAT(behind->GetChanges(), ElementsAre(Pair("beat", _)));
+    inbox_.LetEmptyValuesLeave();
+    EXPECT_THAT(behind->GetChanges(), IsEmpty());
+  }
 }
 
 }  // namespace
