@@ -43,7 +43,7 @@ Bridge::Bridge(const Options& options, const Log& log)
     : options_(options),
       log_(log),
       topics_(options.prefix),
-      client_name_(topics_.ClientOf(options.site) + (options.read_only ? "-reader-" + RandomName() : "")),
+      client_name_(topics_.ClientOf(options.site) + (options.read_only ? ":reader:" + RandomName() : "")),
       presence_(MakePresence(options, topics_)),
       group_(options, log),
       inbox_(options, topics_, group_, log),

@@ -89,7 +89,8 @@ std::string Topics::RowsOfEverySite(std::string_view database) const {
   return prefix_ + "/+/" + EncodePart(database) + "/+/+";
 }
 
-std::string Topics::ClientOf(std::string_view site) const { return EncodePart(prefix_) + '-' + EncodePart(site); }
+// No encoded part has a ':', so no two sites have one name.
+std::string Topics::ClientOf(std::string_view site) const { return EncodePart(prefix_) + ':' + EncodePart(site); }
 
 std::optional<RowTopic> Topics::Split(std::string_view topic) const {
   if (topic.size() <= prefix_.size() || topic.substr(0, prefix_.size()) != prefix_ || topic[prefix_.size()] != '/') {

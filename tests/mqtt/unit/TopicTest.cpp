@@ -57,7 +57,12 @@ TEST(Topics, NameStatesRowsAndSubscriptions) {
   EXPECT_EQ(topics.Table("hall1", "plant", "a/b"), "varnix/hall1/plant/a%2Fb/");
   EXPECT_EQ(topics.RowsOfSite("hall1", "plant"), "varnix/hall1/plant/+/+");
   EXPECT_EQ(topics.RowsOfEverySite("plant"), "varnix/+/plant/+/+");
-  EXPECT_EQ(Topics("a/b").ClientOf("hall1"), "a%2Fb-hall1");
+  EXPECT_EQ(Topics("a/b").ClientOf("hall1"), "a%2Fb:hall1");
+}
+
+TEST(Topics, GiveEachSiteOfEachPrefixAClientOfItsOwn) {
+  EXPECT_NE(Topics("varnix").ClientOf("a-b"), Topics("varnix-a").ClientOf("b"));
+  EXPECT_NE(Topics("varnix").ClientOf("a:b"), Topics("varnix:a").ClientOf("b"));
 }
 
 TEST(Topics, SplitARowIntoItsFourParts) {
