@@ -50,9 +50,9 @@ bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
   stage_ = Stage::Resting;
   outbox_.Rest();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
-  if (end.cause != BrokerEnd::Cause::CutOff) return false;
-  TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
-  return std::exchange(has_convicted_, false);
+  const bool cut_off = end.cause == BrokerEnd::Cause::CutOff;
+  if (cut_off) TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
+  return std::exchange(has_convicted_, false) && cut_off;
 }
 
 void Publisher::TellOfConvict(const std::optional<std::string>& convict) {

@@ -33,7 +33,9 @@ class PublisherTest : public ::testing::Test {
     driven_.calls.published.clear();
     publisher_.Begin();
   }
-  void CutOff() { publisher_.ConnectionHasEnded({BrokerEnd::Cause::CutOff, "it has ended the connection"}); }
+  // Whether there is hope for the next connection.
+  bool CutOff() { return publisher_.ConnectionHasEnded({BrokerEnd::Cause::CutOff, "it has ended the connection"}); }
+  bool LoseNetwork() { return publisher_.ConnectionHasEnded({BrokerEnd::Cause::Network, "it does not answer"}); }
 
   void Set(const std::string& key, const std::string& value) const { table_->Set({key, value}); }
   // Sends what there is when a change has been told.
@@ -43,6 +45,16 @@ class PublisherTest : public ::testing::Test {
     publisher_.SendWhatIsDue();
   }
   void Acknowledge(int message) { publisher_.Acknowledged(message, 0); }
+
+  // One that was underway when the broker cut a connection off, and that it refuses in the next.
+  void ConvictARow() {
+    Set("suspect", "1");
+    publisher_.SendWhatIsDue();
+    EXPECT_FALSE(CutOff());
+    Connect();
+    publisher_.SendWhatIsDue();
+    publisher_.Acknowledged(1, MQTT_RC_PACKET_TOO_LARGE);
+  }
 
   // The keys of all that the connection has published.
   std::vector<std::string> Published() const {
@@ -145,14 +157,23 @@ TEST_F(PublisherTest, LeavesOutNoSuspectThatIsRefusedForWhatMayPassOrForWantOfRi
 }
 
 TEST_F(PublisherTest, LeavesOutASuspectThatIsRefusedForItself) {
-  Set("suspect", "1");
-  publisher_.SendWhatIsDue();
-  CutOff();
-  Connect();
-  publisher_.SendWhatIsDue();
-  publisher_.Acknowledged(1, MQTT_RC_PACKET_TOO_LARGE);
+  ConvictARow();
   publisher_.SendWhatIsDue();
   EXPECT_THAT(Published(), ElementsAre("suspect"));
+}
+
+TEST_F(PublisherTest, HopesWhenItHasConvictedARowInTheConnectionThatWasCutOff) {
+  ConvictARow();
+  EXPECT_TRUE(CutOff());
+  Connect();
+  EXPECT_FALSE(CutOff());
+}
+
+TEST_F(PublisherTest, DoesNotHopeForWhatItConvictedBeforeTheNetworkFailed) {
+  ConvictARow();
+  EXPECT_FALSE(LoseNetwork());
+  Connect();
+  EXPECT_FALSE(CutOff());
 }
 
 TEST_F(PublisherTest, SuspectsNoRowThatHasNeverLeft) {
