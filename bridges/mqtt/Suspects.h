@@ -15,8 +15,8 @@
 //
 // When the broker cuts a connection off, each message that is without an acknowledgement may be the cause, and each
 // that it has refused just before. In the next connection these are published one at a time. A row that is then alone
-// in flight when the connection is cut off, and that twice running, is left out; so is one that is refused. A network
-// that fails convicts nobody.
+// in flight when the connection is cut off, and that twice before it gets through, is left out; so is one that is
+// refused. A connection that ends otherwise, or with nothing underway, is no proof for or against any.
 class Suspects {
  public:
   using Time = std::chrono::steady_clock::time_point;

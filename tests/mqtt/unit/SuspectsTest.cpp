@@ -57,6 +57,9 @@ TEST(Suspects, StayWhenAConnectionEndsWithNothingUnderway) {
   suspects.ConnectionWasCutOff({"a"});
   EXPECT_EQ(suspects.ConnectionWasCutOff({}), std::nullopt);
   EXPECT_EQ(suspects.Next(), "a");
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  EXPECT_EQ(suspects.ConnectionWasCutOff({}), std::nullopt);
+  EXPECT_EQ(CutOffAtTheFirst(suspects), "a");
 }
 
 TEST(Suspects, AreAlsoThoseRefusedJustBefore) {
