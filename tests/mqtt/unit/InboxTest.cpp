@@ -26,6 +26,8 @@ bool IsShared(const std::string& database) {
 // The inbox of a bridge that imports hall2.
 class InboxTest : public ::testing::Test {
  protected:
+  ~InboxTest() override { Varnix::StopSharing("plant@hall2"); }
+
   static Options MakeOptions() {
     Options options;
     options.site = "hall1";
