@@ -107,6 +107,7 @@ bool Broker::Connect(const std::optional<State>& will) {
   if (ended_) return false;
   const int result = ConnectClient();
   const int error = errno;
+  RethrowWhatWasThrown();
   if (result != MOSQ_ERR_SUCCESS) {
     EndWith(BrokerEnd::Cause::Network, WordsForCall(result, error, detail_));
     return false;
@@ -139,37 +140,35 @@ void Broker::MakeClient(const std::optional<State>& will) {
 }
 
 void Broker::SetCallbacks() {
-  mosquitto_connect_v5_callback_set(client_,
-                                    [](mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
-                                      static_cast<Broker*>(self)->OnConnect(reason, properties);
-                                    });
+  mosquitto_connect_v5_callback_set(
+      client_, [](mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+        static_cast<Broker*>(self)->Guard([&](Broker& broker) { broker.OnConnect(reason, properties); });
+      });
   mosquitto_disconnect_v5_callback_set(client_, [](mosquitto*, void* self, int reason, const mosquitto_property*) {
-    static_cast<Broker*>(self)->OnDisconnect(reason);
+    static_cast<Broker*>(self)->Guard([&](Broker& broker) { broker.OnDisconnect(reason); });
   });
   mosquitto_publish_v5_callback_set(
       client_, [](mosquitto*, void* self, int message, int reason, const mosquitto_property*) {
-        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) { listener.Acknowledged(message, reason); });
+        static_cast<Broker*>(self)->Guard([&](Broker& broker) { broker.listener_.Acknowledged(message, reason); });
       });
-  mosquitto_subscribe_v5_callback_set(
-      client_, [](mosquitto*, void* self, int, int count, const int* reasons, const mosquitto_property*) {
-        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) {
-          listener.Subscribed({reasons, reasons + count});
-        });
-      });
-  mosquitto_message_v5_callback_set(
-      client_, [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties) {
-        static_cast<Broker*>(self)->Tell([&](BrokerListener& listener) {
-          listener.Arrived(message->topic,
-                           {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)},
-                           InstanceOf(properties));
-        });
-      });
+  mosquitto_subscribe_v5_callback_set(client_, [](mosquitto*, void* self, int, int count, const int* reasons,
+                                                  const mosquitto_property*) {
+    static_cast<Broker*>(self)->Guard([&](Broker& broker) { broker.listener_.Subscribed({reasons, reasons + count}); });
+  });
+  mosquitto_message_v5_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* message,
+                                                const mosquitto_property* properties) {
+    static_cast<Broker*>(self)->Guard([&](Broker& broker) {
+      broker.listener_.Arrived(
+          message->topic, {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)},
+          InstanceOf(properties));
+    });
+  });
 }
 
 // libmosquitto tells something about each packet, so it is asked only for as long as the connection is being made.
 void Broker::ListenToTheLibrary(bool listen) {
   const auto on_log = [](mosquitto*, void* self, int level, const char* text) {
-    static_cast<Broker*>(self)->OnLog(level, text);
+    static_cast<Broker*>(self)->Guard([&](Broker& broker) { broker.OnLog(level, text); });
   };
   mosquitto_log_callback_set(client_, listen || log_.Writes(Log::Level::Debug) ? +on_log : nullptr);
 }
@@ -221,7 +220,7 @@ void Broker::Serve(bool readable) {
   }
   if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::CutOff, "it has ended the connection");
   if (HasConnection() && !accepted_ && now >= answer_is_due_) EndWith(BrokerEnd::Cause::Network, "it does not answer");
-  RethrowWhatTheListenerThrew();
+  RethrowWhatWasThrown();
 }
 
 Broker::Outcome Broker::Publish(const std::string& topic, std::string_view payload, int& message, std::string& why) {
@@ -267,7 +266,7 @@ void Broker::OnConnect(int reason, const mosquitto_property* properties) {
   if (IsMissing(properties, MQTT_PROP_MAXIMUM_QOS)) return EndWith(BrokerEnd::Cause::Network, "it has no QoS 1");
   accepted_ = true;
   ListenToTheLibrary(false);
-  Tell([](BrokerListener& listener) { listener.BrokerIsThere(); });
+  listener_.BrokerIsThere();
 }
 
 void Broker::OnDisconnect(int reason) {
@@ -283,16 +282,16 @@ void Broker::OnLog(int level, const char* text) {
 }
 
 template <class Call>
-void Broker::Tell(Call call) {
+void Broker::Guard(Call call) noexcept {
   if (thrown_ != nullptr) return;
   try {
-    call(listener_);
+    call(*this);
   } catch (...) {
     thrown_ = std::current_exception();
   }
 }
 
-void Broker::RethrowWhatTheListenerThrew() {
+void Broker::RethrowWhatWasThrown() {
   if (thrown_ != nullptr) std::rethrow_exception(std::exchange(thrown_, nullptr));
 }
 

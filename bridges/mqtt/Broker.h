@@ -104,8 +104,9 @@ class Broker {
   void OnConnect(int reason, const mosquitto_property* properties);
   void OnDisconnect(int reason);
   void OnLog(int level, const char* text);
+  // Makes a call for libmosquitto, through which nothing that is thrown may pass: RethrowWhatWasThrown() does so later.
   template <class Call>
-  void Tell(Call call);
+  void Guard(Call call) noexcept;
   void EndWith(BrokerEnd::Cause cause, const std::string& words);
   // Notes the end of the connection, if its descriptor has nothing else for us. libmosquitto would notice it, too, but
   // with TLS it cannot tell why.
@@ -115,7 +116,7 @@ class Broker {
   void Check(int result) { Check(result, options_.UsesTls() ? 0 : errno); }
   void Check(int result, int error);
   const char* WhatItMayWant() const;
-  void RethrowWhatTheListenerThrew();
+  void RethrowWhatWasThrown();
 
   const Options& options_;
   const std::string client_name_;
@@ -128,5 +129,5 @@ class Broker {
   std::string detail_;  // The last error of which libmosquitto has told.
   Clock::time_point answer_is_due_;
   Clock::time_point next_chores_;
-  std::exception_ptr thrown_;  // Must not pass through libmosquitto.
+  std::exception_ptr thrown_;  // In a call for libmosquitto.
 };

@@ -2,12 +2,14 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 #include <gmock/gmock.h>
+#include <mqtt_protocol.h>
 
 #include <cerrno>
 #include <optional>
 
 #include "Broker.h"
 #include "DrivenBroker.h"
+#include "support/FailingAllocations.h"
 
 namespace {
 
@@ -61,6 +63,24 @@ TEST(Broker, IsGoneWhenNoPingIsAnswered) {
   const BrokerEnd end = EndAfter(0, driven);
   EXPECT_EQ(end.cause, BrokerEnd::Cause::Network);
   EXPECT_EQ(end.words, "it does not answer");
+}
+
+TEST(Broker, LetsNoWantOfMemoryPassThroughLibmosquitto) {
+  DrivenBroker driven;
+  ASSERT_TRUE(driven.broker.Connect(std::nullopt));
+  driven.calls.disconnect_reason = MQTT_RC_SESSION_TAKEN_OVER;
+  bool has_thrown = false;
+  try {
+    const FailingAllocation failing(1);
+    driven.broker.Serve(true);
+  } catch (const std::bad_alloc&) {
+    has_thrown = true;
+  }
+  EXPECT_FALSE(driven.calls.disconnect_has_thrown);
+  EXPECT_TRUE(has_thrown);
+
+  driven.broker.Serve(true);
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::TakenOver);
 }
 
 TEST(Broker, IsTriedAgainWhenTheFilesForTlsAreNotThere) {

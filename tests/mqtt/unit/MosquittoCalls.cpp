@@ -37,7 +37,19 @@ int __wrap_mosquitto_connect_bind_v5(mosquitto*, const char*, int, int, const ch
 
 int __wrap_mosquitto_socket(mosquitto*) { return driven->descriptor; }
 
-int __wrap_mosquitto_loop_read(mosquitto*, int) { return End(driven->read); }
+void __wrap_mosquitto_disconnect_v5_callback_set(mosquitto*, decltype(MosquittoCalls::on_disconnect) callback) {
+  driven->on_disconnect = callback;
+}
+
+int __wrap_mosquitto_loop_read(mosquitto* client, int) {
+  try {
+    const int reason = driven->disconnect_reason;
+    if (reason != 0) driven->on_disconnect(client, mosquitto_userdata(client), reason, nullptr);
+  } catch (...) {
+    driven->disconnect_has_thrown = true;
+  }
+  return End(driven->read);
+}
 
 int __wrap_mosquitto_loop_misc(mosquitto*) { return End(driven->misc); }
 

@@ -31,6 +31,9 @@ class MosquittoCalls {
   Outcome read;
   Outcome misc;
   Outcome publish;
+  int disconnect_reason = 0;           // Of the broker; it is told when something is read. 0: none.
+  bool disconnect_has_thrown = false;  // Into libmosquitto.
+  void (*on_disconnect)(mosquitto*, void*, int, const mosquitto_property*) = nullptr;
   int pending_error = 0;  // Of the connection, as SO_ERROR has it.
   std::vector<Message> published;
   const int descriptor;  // What the connection is said to have.
