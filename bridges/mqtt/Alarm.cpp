@@ -25,7 +25,7 @@ int MakeEvent() {
 Alarm::Alarm() : event_(MakeEvent()), recall_(Varnix::MakeTable("recall")), thread_([this] { Run(); }) {}
 
 Alarm::~Alarm() {
-  Recall();
+  EndSleep();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
@@ -56,23 +56,35 @@ bool Alarm::IsSet() const {
 
 std::optional<Alarm::Change> Alarm::Take() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (!come_) return std::nullopt;
+  if (!come_ && thrown_ == nullptr) return std::nullopt;
   std::uint64_t count = 0;
   if (read(event_, &count, sizeof count) < 0) return std::nullopt;  // Cannot be: each change that comes is told.
+  if (thrown_ != nullptr) std::rethrow_exception(std::exchange(thrown_, nullptr));
   return std::exchange(come_, std::nullopt);
 }
 
 std::optional<Alarm::Change> Alarm::Recall() {
-  if (IsSet()) recall_->Set({"recall", std::to_string(++recalls_)});
-  {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return set_ == nullptr; });
-  }
+  EndSleep();
   return Take();
 }
 
+void Alarm::EndSleep() {
+  if (IsSet()) recall_->Set({"recall", std::to_string(++recalls_)});
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return set_ == nullptr; });
+}
+
 void Alarm::Run() {
-  while (const std::shared_ptr<Varnix::WatcherSet> set = NextSet()) Ring(set->Wait());
+  while (const std::shared_ptr<Varnix::WatcherSet> set = NextSet()) {
+    std::optional<Change> change;
+    std::exception_ptr thrown;
+    try {
+      change = set->Wait();
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+    Ring(std::move(change), std::move(thrown));
+  }
 }
 
 std::shared_ptr<Varnix::WatcherSet> Alarm::NextSet() {
@@ -81,10 +93,11 @@ std::shared_ptr<Varnix::WatcherSet> Alarm::NextSet() {
   return set_;
 }
 
-void Alarm::Ring(Change change) {
+void Alarm::Ring(std::optional<Change> change, std::exception_ptr thrown) noexcept {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     come_ = std::move(change);
+    thrown_ = std::move(thrown);
     set_ = nullptr;
     const std::uint64_t one = 1;
     if (write(event_, &one, sizeof one) < 0) std::abort();  // Only at 2^64 - 1, which is never reached.

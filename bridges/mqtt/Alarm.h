@@ -6,6 +6,7 @@
 #include <Varnix.h>
 
 #include <condition_variable>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -35,15 +36,17 @@ class Alarm {
   bool IsSet() const;
   // Readable from when a change has come until it is taken.
   int Descriptor() const { return event_; }
-  // The change that has come, once.
+  // The change that has come, once. Throws what the sleep has ended with instead, which may be std::bad_alloc.
   std::optional<Change> Take();
-  // Ends the sleep. Returns what there was to take: a change of the set, or that of the recall. Nothing is left.
+  // Ends the sleep. Returns what there was to take: a change of the set, or that of the recall. Nothing is left. Throws
+  // as Take().
   std::optional<Change> Recall();
 
  private:
+  void EndSleep();
   void Run();
   std::shared_ptr<Varnix::WatcherSet> NextSet();
-  void Ring(Change change);
+  void Ring(std::optional<Change> change, std::exception_ptr thrown) noexcept;
 
   const int event_;
   const std::shared_ptr<Varnix::Table> recall_;  // A row that is set here ends the sleep.
@@ -53,6 +56,7 @@ class Alarm {
   std::condition_variable changed_;
   std::shared_ptr<Varnix::WatcherSet> set_;  // Not null: the alarm is set. Guarded by the mutex, as all below.
   std::optional<Change> come_;
+  std::exception_ptr thrown_;  // In the place of a change.
   bool stopping_ = false;
 
   std::thread thread_;

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <new>
+
 #include "Alarm.h"
 
 namespace {
@@ -24,6 +26,13 @@ struct Watched {
   std::shared_ptr<Varnix::Table> table;
   std::shared_ptr<Varnix::Watcher> changes;
   std::shared_ptr<Varnix::WatcherSet> set;
+};
+
+// For whose changes there is no memory.
+class SetWithoutMemory final : public Varnix::WatcherSet {
+ public:
+  Alarm::Change Wait() override { throw std::bad_alloc(); }
+  Alarm::Change WaitUntil(const std::chrono::steady_clock::time_point& /*deadline*/) override { return Wait(); }
 };
 
 TEST(Alarm, RingsForTheFirstChangeAndTakesNoOther) {
@@ -74,6 +83,22 @@ TEST(Alarm, HandsOverAtARecallWhatItHasTaken) {
   EXPECT_EQ(change->second, watched.changes);
   EXPECT_FALSE(IsReadable(alarm.Descriptor(), 0));
   EXPECT_FALSE(alarm.Recall());
+}
+
+TEST(Alarm, HandsOverWhatItsSleepHasThrown) {
+  Alarm alarm;
+  alarm.Set(std::make_shared<SetWithoutMemory>());
+  ASSERT_TRUE(IsReadable(alarm.Descriptor(), kDeadline));
+  EXPECT_FALSE(alarm.IsSet());
+  EXPECT_THROW(alarm.Take(), std::bad_alloc);
+  EXPECT_FALSE(IsReadable(alarm.Descriptor(), 0));
+  EXPECT_FALSE(alarm.Take());
+}
+
+TEST(Alarm, EndsThoughNobodyHasTakenWhatItsSleepHasThrown) {
+  Alarm alarm;
+  alarm.Set(std::make_shared<SetWithoutMemory>());
+  EXPECT_TRUE(IsReadable(alarm.Descriptor(), kDeadline));
 }
 
 TEST(Alarm, EndsWhileItIsSet) {
