@@ -4,7 +4,9 @@
 // What `varnix top` shows, without a terminal.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "top/Rate.h"
 #include "top/TopModel.h"
@@ -59,6 +61,15 @@ TEST_F(Top, CountsTheBytesOfTheLastValues) {
   Set("status", "mode", "auto");
 
   EXPECT_EQ(model.Members().at(press.place).tables.at("status").bytes, 5u + 2 + 4 + 4);
+}
+
+TEST_F(Top, CountsMoreBytesThanMemoryCanHold) {
+  const std::string shown(4096, 'x');
+  const std::string_view claimed(shown.data(), std::size_t{1} << 30);  // Of which no more is read than is shown.
+  for (const char* const key : {"a", "b", "c", "d", "e"}) model.SetRow(press, {"log", key, claimed, 0, false}, kNow);
+  model.SetRow(press, {"log", "a", "", 0, false}, kNow);
+
+  EXPECT_EQ(model.Members().at(press.place).tables.at("log").bytes, 5 + (std::uint64_t{4} << 30));
 }
 
 TEST_F(Top, KeepsNoMoreOfAValueThanALineShows) {

@@ -56,7 +56,7 @@ bool TablesCommand::Finish() {
 }
 
 void TablesCommand::Print(const Tables& tables, const std::string& table, const Sizes& sizes) {
-  std::size_t bytes = 0;
+  std::uint64_t bytes = 0;  // They are only counted, so they may be more than memory can hold.
   for (const auto& [key, value_size] : sizes) bytes += key.size() + value_size;
   std::string& out = session_.output.Text();
   if (session_.options.json) {

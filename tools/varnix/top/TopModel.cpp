@@ -21,7 +21,8 @@ std::size_t TopModel::SetRow(const Member& member, const Row& row, TimePoint now
   const auto [found, is_new] = table.rows.try_emplace(std::string(row.key));
   RowEntry& entry = found->second;
   const std::size_t kept_before = entry.value.size();
-  table.bytes += row.value.size() - entry.bytes + (is_new ? row.key.size() : 0);
+  table.bytes += row.value.size() + (is_new ? row.key.size() : 0);
+  table.bytes -= entry.bytes;
   std::string(row.value.substr(0, kShownOfValue)).swap(entry.value);  // A shorter one keeps no memory of a longer one.
   entry.bytes = row.value.size();
   entry.changed = now;

@@ -22,7 +22,7 @@ class TopModel {
   };
   struct TableEntry {
     std::map<std::string, RowEntry> rows;  // By key. Members may choose keys of one hash.
-    std::size_t bytes = 0;                 // Of all keys and values.
+    std::uint64_t bytes = 0;               // Of all keys and values, which may be more than memory can hold.
     Rate rate;
   };
   struct MemberEntry {

@@ -184,7 +184,8 @@ void TopPage::AddMembers(std::size_t most) {
                                       members_.size(), most, view_.part == TopView::Part::kMembers);
   for (std::size_t i = first; i < members_.size() && i + 1 < first + most; ++i) {
     const TopModel::MemberEntry& entry = *members_[i];
-    std::size_t rows = 0, bytes = 0;
+    std::size_t rows = 0;
+    std::uint64_t bytes = 0;
     for (const auto& [name, table] : entry.tables) {
       rows += table.rows.size();
       bytes += table.bytes;
