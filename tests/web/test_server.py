@@ -361,7 +361,7 @@ def test_metrics_have_base_units_and_no_key_or_table_as_a_label(web, member):
 
 
 def where_there_is_promtool(test):
-    """It comes with a whole server that would be started. Its rules are those of the test above."""
+    """Its rules are those of the test above."""
     return test if os.environ.get("VARNIX_PROMTOOL") else None
 
 
