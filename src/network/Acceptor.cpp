@@ -65,7 +65,7 @@ void Acceptor::Serve(FileDescriptor socket, unsigned address) {
   for (int tries = 1; error != 0 && tries < kTries && !StopsWithin(kPauseBetweenTries); ++tries) {
     error = incoming_(socket, address);
   }
-  if (!PeerThreads::IsNewShortageOfSenders(error)) return;
+  if (!PeerThreads::NoteSenderResult(error)) return;
   errno = error;  // The first log hook prints it, too.
   Log(LogLevel::Error, "tblsvr.acc.thread", "TableServer: IncomingConnection::thread error %d", error);
 }

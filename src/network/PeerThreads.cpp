@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <list>
 #include <new>
 #include <utility>
@@ -19,17 +18,14 @@
 #include "memory/NeverDestroyed.h"
 #include "network/ActiveESNs.h"
 #include "network/SystemCalls.h"
+#include "threads/StartThread.h"
 
 using Varnix::LogLevel;
 
 namespace {
 
-// More than a group has members.
+// No group has so many members.
 constexpr rlim_t kMostPeers = 1024;
-// Ample for our frames and a log hook. The usual 8 MiB would be too much: a 32-bit process has no room for hundreds of
-// those.
-constexpr std::size_t kStackSize = std::size_t{256} * 1024;
-constexpr std::size_t kLargeStackSize = std::size_t{8} * 1024 * 1024;
 
 // Peers of each kind that the process may have at once.
 rlim_t MostPeers() {
@@ -41,27 +37,6 @@ rlim_t MostPeers() {
 // The threads of all servers, because descriptors are the process's.
 std::atomic<unsigned> receivers{0};
 std::atomic<unsigned> senders{0};
-
-constexpr std::size_t kMostWaiting = 1024;  // Places of one server.
-
-bool IsOld(const FoundPlace& place, std::chrono::steady_clock::time_point now) {
-  return now >= place.found_at + kRetryPeriod;
-}
-
-// Zero, or an error number.
-int StartThread(void* (*body)(void*), void* argument) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  pthread_attr_setstacksize(&attributes, kStackSize);
-  pthread_t thread;
-  int error = pthread_create(&thread, &attributes, body, argument);
-  if (error == EINVAL) {  // The host's thread-local objects alone need more.
-    pthread_attr_setstacksize(&attributes, kLargeStackSize);
-    error = pthread_create(&thread, &attributes, body, argument);
-  }
-  pthread_attr_destroy(&attributes);
-  return error;
-}
 
 }  // namespace
 
@@ -91,7 +66,7 @@ Mutex PeerThreads::waiting_lock;
 Shortage PeerThreads::shortage_of_receivers;
 Shortage PeerThreads::shortage_of_senders;
 
-// They take turns.
+// Which take turns.
 std::list<PeerThreads*>& PeerThreads::ServersWithWaitingPlaces() {
   static NeverDestroyed<std::list<PeerThreads*>> servers;  // Threads may outlive static objects.
   return servers.value;
@@ -133,21 +108,13 @@ bool PeerThreads::LetWait(const FoundPlace& place) {
   } catch (const std::bad_alloc&) {
     // The peer's next announcement tries again.
   }
-  return shortage_of_receivers.IsNews();
+  return shortage_of_receivers.NoteRefusal();
 }
 
 void PeerThreads::AddToThoseThatWait(const FoundPlace& place) {
-  const auto same = std::find(waiting_.begin(), waiting_.end(), place);
-  if (same != waiting_.end()) {
-    same->found_at = place.found_at;
-    return;
-  }
-  std::list<PeerThreads*> newcomer(waiting_.empty() ? 1 : 0, this);
-  waiting_.push_back(place);
+  std::list<PeerThreads*> newcomer(waiting_.IsEmpty() ? 1 : 0, this);
+  waiting_.Add(place);
   ServersWithWaitingPlaces().splice(ServersWithWaitingPlaces().end(), newcomer);
-  if (waiting_.size() <= kMostWaiting) return;
-  waiting_.remove_if([&](const FoundPlace& one) { return IsOld(one, place.found_at); });
-  if (waiting_.size() > kMostWaiting) waiting_.pop_front();
 }
 
 // Starts as many as there is room for.
@@ -158,18 +125,17 @@ void PeerThreads::StartThoseThatWait() {
     PeerThreads& threads = *servers.front();
     if (!threads.StartFirstThatWaits()) return;
     servers.splice(servers.end(), servers, servers.begin());
-    if (threads.waiting_.empty()) servers.pop_back();
+    if (threads.waiting_.IsEmpty()) servers.pop_back();
   }
   shortage_of_receivers.End();
 }
 
 // False when there is no room for it.
 bool PeerThreads::StartFirstThatWaits() {
-  const auto now = std::chrono::steady_clock::now();
-  while (!waiting_.empty() && IsOld(waiting_.front(), now)) waiting_.pop_front();
-  if (waiting_.empty()) return true;
-  if (TryToStartReceiver(waiting_.front(), active_esns_) != 0) return false;
-  waiting_.pop_front();
+  const FoundPlace* const place = waiting_.First();
+  if (place == nullptr) return true;
+  if (TryToStartReceiver(*place, active_esns_) != 0) return false;
+  waiting_.RemoveFirst();
   return true;
 }
 
@@ -180,9 +146,9 @@ int PeerThreads::StartSender(FileDescriptor& socket, unsigned address) {
   return error;
 }
 
-bool PeerThreads::IsNewShortageOfSenders(int error) {
+bool PeerThreads::NoteSenderResult(int error) {
   MutexLock lock(waiting_lock);
-  if (error != 0) return shortage_of_senders.IsNews();
+  if (error != 0) return shortage_of_senders.NoteRefusal();
   shortage_of_senders.End();
   return false;
 }
@@ -240,7 +206,7 @@ void PeerThreads::AwaitAll() {
   std::shared_ptr<ActiveESNs> released;
   {
     MutexLock lock(waiting_lock);
-    waiting_.clear();
+    waiting_.Clear();
     ServersWithWaitingPlaces().remove(this);
     if (ServersWithWaitingPlaces().empty()) shortage_of_receivers.End();
     released.swap(active_esns_);
@@ -263,6 +229,6 @@ void PeerThreads::ForgetAllInChild() VARNIX_NO_LOCK_ANALYSIS {
   receivers = 0;
   senders = 0;
   shortage_of_receivers = shortage_of_senders = Shortage();
-  for (PeerThreads* threads : ServersWithWaitingPlaces()) threads->waiting_.clear();
+  for (PeerThreads* threads : ServersWithWaitingPlaces()) threads->waiting_.Clear();
   ServersWithWaitingPlaces().clear();
 }

@@ -14,11 +14,12 @@
 
 #include "network/PeerPlace.h"
 #include "network/Shortage.h"
+#include "network/WaitingPlaces.h"
 #include "threads/FileDescriptor.h"
 #include "threads/Mutex.h"
 
 // Starts the threads of one server's peers, one for each peer that is received from and one for each that is served,
-// and awaits their end. Of each kind all servers of the process together have at most 1,024, and no more than three
+// and awaits their end. The process has at most 1,024 of each kind, for all servers together, and no more than three
 // eighths of the limit of descriptors: a flood of announcements or connections must not take them all. A place for
 // which there is no thread waits until a thread of any server has ended, or until it was found 30 seconds ago.
 //
@@ -38,15 +39,14 @@ class PeerThreads {
   PeerThreads(const PeerThreads&) = delete;
   PeerThreads& operator=(const PeerThreads&) = delete;
 
-  // When there is no thread, the place waits for one. One that waits already keeps its turn, and is found anew. If more
-  // than 1,024 of this server wait, the old ones are forgotten, or else the first. The shortage is logged once at most,
-  // for all servers, until no place is left that waits.
+  // When there is no thread, the place waits for one. The shortage is logged once at most, for all servers, until no
+  // place is left that waits.
   void StartReceiver(const PeerPlace& place, std::shared_ptr<ActiveESNs> active_esns);
   // Takes over the socket and returns 0; or returns an error number, with the socket left as it is.
   int StartSender(FileDescriptor& socket, unsigned address);
-  // For what has become of a connection: StartSender()'s last result. Whether it is to be logged: once for all servers,
+  // Takes StartSender()'s last result for a connection. True when it is to be logged: once at most, for all servers,
   // until a connection gets a thread again.
-  static bool IsNewShortageOfSenders(int error) VARNIX_EXCLUDES(waiting_lock);
+  static bool NoteSenderResult(int error) VARNIX_EXCLUDES(waiting_lock);
 
   const std::shared_ptr<ActiveESNs>& GetActiveESNs() const { return active_esns_; }
 
@@ -83,12 +83,14 @@ class PeerThreads {
   const std::string database_;
   const Receive receive_;
   const Serve serve_;
-  std::list<FoundPlace> waiting_ VARNIX_GUARDED_BY(waiting_lock);  // In turn.
+  WaitingPlaces waiting_ VARNIX_GUARDED_BY(waiting_lock);
   Mutex mutex_;
   std::condition_variable ended_cv_;
   bool esns_released_ VARNIX_GUARDED_BY(mutex_) = false;
   unsigned running_ VARNIX_GUARDED_BY(mutex_) = 0;
   // Waits to be joined, by the next thread that ends or by AwaitAll().
   std::optional<pthread_t> last_ended_ VARNIX_GUARDED_BY(mutex_);
-  std::shared_ptr<ActiveESNs> active_esns_;  // Every thread has one; the end of the last sets esns_released_.
+  // Every thread has one; the end of the last sets esns_released_. Changed by AwaitAll() alone, after the threads that
+  // find peers and accept connections have ended.
+  std::shared_ptr<ActiveESNs> active_esns_;
 };

@@ -19,7 +19,7 @@ using Varnix::LogLevel;
 namespace {
 
 constexpr std::chrono::seconds kConnectLimit(5);
-constexpr std::chrono::seconds kLongStream(9);
+constexpr std::chrono::seconds kLongAttempt(9);
 constexpr std::chrono::seconds kQuickAttempt(1);
 constexpr std::chrono::milliseconds kRetryPause(2000);
 
@@ -51,7 +51,7 @@ void ReceiveLoop::Run() {
   }
 }
 
-// One stream, and the pause after it. False when there is nothing more to try.
+// One attempt, and the pause after it. False when there is nothing more to try.
 bool ReceiveLoop::ReceiveOnce() {
   const Clock::time_point started = Clock::now();
   const std::optional<PeerPlace> elsewhere = ReceiveTable(member_, place_, kConnectLimit, active_esns_);
@@ -63,7 +63,7 @@ bool ReceiveLoop::ReceiveOnce() {
 }
 
 bool ReceiveLoop::ExtendOrCheckDeadline(Clock::duration lasted, Clock::time_point ended) {
-  if (lasted >= kLongStream) {
+  if (lasted >= kLongAttempt) {
     deadline_ = ended + kRetryPeriod;
   } else if (ended >= deadline_) {
     VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.fail", " giving up ReceiveTable for %u:%u retries",

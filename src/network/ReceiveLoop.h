@@ -11,7 +11,7 @@
 struct Member;
 
 // Receives from one found peer, again and again, until its retry period is over: 30 seconds from when it was found, or
-// from the end of the last stream that lived 9 seconds or more. Quick failures wait 2 seconds before the next try.
+// from the end of the last attempt that lasted 9 seconds or more. Quick failures wait 2 seconds before the next try.
 // Nothing is remembered of a place that failed: its next announcement starts a new loop.
 //
 // Threads: one, started for this peer.

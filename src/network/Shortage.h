@@ -5,14 +5,14 @@
 
 #include <chrono>
 
-// A want of threads that neighbours can bring about and end as often as they like. It is worth one line in the log, and
+// A lack of threads that neighbours can bring about and end as often as they like. It is worth one line in the log, and
 // all of them together at most one in 100 ms.
 //
 // Threads: the caller guards it.
 class Shortage {
  public:
-  // At each refusal. True when it is to be logged.
-  bool IsNews() {
+  // True when the refusal is to be logged.
+  bool NoteRefusal() {
     const Clock::time_point now = Clock::now();
     if (logged_ || now < silent_until_) return false;
     logged_ = true;

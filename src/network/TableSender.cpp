@@ -88,7 +88,7 @@ bool TableSender::PeerIsGone() const {
 }
 
 void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point now) {
-  if (HasHookOfTheHost()) SendBuffered();  // It may take its time for this row.
+  if (HasHookOfTheHost()) SendBuffered();  // It may be slow with this row.
   const PrintableKey key(row.first);
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
@@ -113,10 +113,10 @@ void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point n
 }
 
 bool TableSender::MayStayInBuffer(Clock::time_point now) const {
-  constexpr std::size_t kMost = BUFSIZ;
+  constexpr std::size_t kMostBytes = BUFSIZ;
   constexpr std::chrono::microseconds kLongest(500);
-  // A hook of the host's may take its time for the next row.
-  return !HasHookOfTheHost() && buffered_ < kMost && now - buffered_since_ < kLongest;
+  // A hook of the host's may be slow with the next row.
+  return !HasHookOfTheHost() && buffered_ < kMostBytes && now - buffered_since_ < kLongest;
 }
 
 void TableSender::SendBuffered() {

@@ -20,6 +20,8 @@ struct Member;
 // Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, at the first
 // row that comes half a millisecond after the oldest in it, and before a log hook of the host's is called.
 //
+// The handshake has no time limit: the end of the connection or of the server ends it.
+//
 // Threads: lives on the stack of the thread that serves one accepted connection.
 // Ownership: owns the socket.
 class TableSender {
@@ -29,7 +31,7 @@ class TableSender {
   TableSender(const TableSender&) = delete;
   TableSender& operator=(const TableSender&) = delete;
 
-  // Ends the process when there is no stream to be had.
+  // Ends the process when no stream can be made.
   void MakeStream();
   // Returns when the peer is gone or did not answer properly. `address` is the peer's, in host byte order; `found_peer`
   // is told where it listens if it is of our group. Throws AbortRequested when the server stops.

@@ -68,3 +68,10 @@ def test_an_include_that_does_not_run_down_is_named(file, include, what, tmp_pat
 def test_a_folder_that_is_no_room_is_named(tmp_path):
     assert check(tmp_path, {**CLEAN, "attic/Old.h": ""}) == (
         1, ["attic/Old.h: attic has no place in the order of the rooms"])
+
+
+def test_no_source_of_the_library_has_more_than_250_lines():
+    lengths = {path.name: len(path.read_text(encoding="ascii").splitlines())
+               for path in (scripts.SOURCE / "src").rglob("*") if path.suffix in (".h", ".cpp")}
+
+    assert lengths and {name: length for name, length in lengths.items() if length > 250} == {}

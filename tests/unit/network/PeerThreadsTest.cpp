@@ -341,17 +341,17 @@ TEST_F(PeerThreadsTest, ShortageEndsWithTheLastServerThatHasIt) {
   EXPECT_THAT(log_.Lines("tblsvr.fnd.thread"), SizeIs(2));
 }
 
-TEST_F(PeerThreadsTest, ShortageOfThreadsThatServeIsNewsOnceUntilOneIsServedAndOnceInAHundredMilliseconds) {
-  EXPECT_TRUE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
-  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
-  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(0));
-  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+TEST_F(PeerThreadsTest, ShortageOfSendersIsLoggedOnceAndOnceInAHundredMilliseconds) {
+  EXPECT_TRUE(PeerThreads::NoteSenderResult(EAGAIN));
+  EXPECT_FALSE(PeerThreads::NoteSenderResult(EAGAIN));
+  EXPECT_FALSE(PeerThreads::NoteSenderResult(0));
+  EXPECT_FALSE(PeerThreads::NoteSenderResult(EAGAIN));
 
   clock_.Advance(100ms);
 
-  EXPECT_TRUE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+  EXPECT_TRUE(PeerThreads::NoteSenderResult(EAGAIN));
   clock_.Advance(100ms);
-  EXPECT_FALSE(PeerThreads::IsNewShortageOfSenders(EAGAIN));
+  EXPECT_FALSE(PeerThreads::NoteSenderResult(EAGAIN));
 }
 
 TEST_F(PeerThreadsTest, PlaceForWhichThereIsNoMemoryDoesNotWait) {
