@@ -1,8 +1,8 @@
 # SPDX-FileCopyrightText: 2026 the Varnix authors
 # SPDX-License-Identifier: BSD-3-Clause
 
-# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets. With VARNIX_TIDY=QUICK its analyzer
-# inlines less in those that include LARGE_HEADERS, of whose templates it follows the calls for most of the time.
+# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets. With VARNIX_TIDY=QUICK its
+# analyzer inlines less in those that include LARGE_HEADERS: it would spend most of its time in their templates.
 function(varnix_tidy)
   cmake_parse_arguments(PARSE_ARGV 0 arg "LARGE_HEADERS" "" "")
   set(command clang-tidy)

@@ -15,8 +15,8 @@ namespace {
 Mutex log_lock;
 // The thread that runs the hook now. Threads look for their own id alone, so relaxed accesses suffice.
 std::atomic<std::thread::id> hook_thread;
-// The hook is the first one, or none. Then nobody gets a message below level Error, and it needs no lock either: a
-// thread that prints an error to a slow device keeps no other from setting rows.
+// The hook is the first one, or none. Then messages other than errors are dropped without the lock: a thread that
+// prints an error to a slow device keeps no other from setting rows.
 std::atomic<bool> only_errors_are_heard{true};
 
 // Emptied at exit and never destroyed: static objects of the host, and threads that outlive main, still log.

@@ -7,7 +7,7 @@
 #include <string_view>
 
 // One length byte, that many bytes of `name` (cut to 255), then `key`. Rows of a combined table have such keys. The
-// identity of a member, its uid, is one of its device and its process.
+// identity of a member, its uid, is the combined key of its device and its process.
 std::string CombinedKey(const std::string& name, const std::string& key);
 // The same, in the memory that `combined` has, if it is enough.
 void AssignCombinedKey(std::string& combined, const std::string& name, const std::string& key);

@@ -10,7 +10,7 @@
 
 struct Member;
 
-// Accepts the connections of peers. One for which there is no thread is tried for a while, and closed then.
+// Accepts the connections of peers. If no thread can be started for one, it tries again for a while and then closes it.
 //
 // Threads: one, the server's accept thread.
 // Errors: a poll that fails is logged and ends the process; all else is logged at most.

@@ -80,7 +80,7 @@ void Connector::SetBlocking() {
   }
 }
 
-// TCP may connect a socket to itself where nobody listens at a port of this host.
+// TCP may connect a socket to itself where nobody listens at a port of this machine.
 bool Connector::IsConnectedToItself() const {
   sockaddr_in own{};  // On failure it stays 0.0.0.0:0, which no peer has.
   socklen_t size = sizeof own;

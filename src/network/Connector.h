@@ -15,8 +15,8 @@ class Connector {
   Connector(int socket, const PeerPlace& place, int done_descriptor)
       : socket_(socket), place_(place), done_descriptor_(done_descriptor) {}
 
-  // False when it fails, takes too long or the server stops. The socket is blocking afterwards. Only where the socket
-  // cannot be made non-blocking there is no limit.
+  // False when it fails, takes too long or the server stops. The socket is blocking afterwards. If the socket
+  // cannot be made non-blocking, there is no limit.
   bool Connect(std::chrono::nanoseconds time_limit);
 
  private:

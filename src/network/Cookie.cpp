@@ -57,7 +57,7 @@ bool Cookie::Send(const char* bytes, std::size_t size) {
     if (!WaitFor(POLLOUT, "cook.wr.poll", "Cookie::Write: poll error %d")) return false;
     const ssize_t sent = SendOnce(bytes, size);
     if (sent < 0) return false;
-    // poll() has seen room: what lacks is memory of the system.
+    // poll() has reported room, so the system lacks memory.
     if (sent == 0 && errno == EAGAIN) EndProcess("cook.wr.wr", "Cookie::Write: send error %d");
     bytes += sent;
     size -= static_cast<std::size_t>(sent);

@@ -19,7 +19,7 @@
 // Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) visits every stream of the
 // process and waits for the lock of each. So our thread holds the lock for each record (see StreamLock) and lends it
 // out while it waits for the peer (see Poll). Between two records, rows may stand in the buffer. A flush of the host's
-// sends of them what the peer takes at once, and our thread sends the rest.
+// sends as much of them as the peer takes at once, and our thread sends the rest.
 // Ownership: owns neither the socket nor the stream.
 struct Cookie {
   Cookie(const FileDescriptor& connected_socket, int done_pipe)

@@ -20,7 +20,7 @@ struct Member;
 //
 // An announcement is one datagram: the port in 2 bytes, big-endian, then the group's name up to the end.
 //
-// Threads: one, the server's discovery thread. Made by the caller that starts it, which can be told of want of memory.
+// Threads: one, the server's discovery thread. Made by the caller that starts it, which can be told of lack of memory.
 // Errors: a poll that fails, or a wake pipe that cannot be read, is logged and ends the process.
 class Discovery {
  public:

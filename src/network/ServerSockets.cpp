@@ -66,7 +66,7 @@ FileDescriptor OpenDiscoverySocket() {
   if (!SwitchOn(discoverer, SO_BROADCAST)) {
     LogErrnoAndAbort("tblsvr.dscv.opt.bcast", "TableServer: setsockopt broadcast error %d");
   }
-  // Every server of every process on this host binds the same port, and each gets the broadcasts.
+  // Every server of every process on this machine binds the same port, and each gets the broadcasts.
   if (!SwitchOn(discoverer, SO_REUSEADDR)) {
     LogErrnoAndAbort("tblsvr.dscv.opt.reuse", "TableServer: setsockopt reuseaddr error %d");
   }

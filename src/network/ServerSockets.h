@@ -5,9 +5,9 @@
 
 #include "threads/FileDescriptor.h"
 
-// The descriptors of the network. Each is closed on exec from its birth: in a program that the host starts it would
-// hold a connection open whose owner is gone. When a system call fails while those of a table server are made, that is
-// logged with errno and ends the process.
+// The descriptors of the network. Each is closed on exec from the moment it is made: in a program that the host
+// starts it would hold a connection open whose owner is gone. When a system call fails while those of a table server
+// are made, that is logged with errno and ends the process.
 
 constexpr unsigned short kDiscoveryPort = 1975;
 
@@ -19,7 +19,7 @@ struct Pipe {
 // A TCP socket that listens on every address, on a port of the system's choice, which `port` gets in host byte order.
 FileDescriptor OpenListeningSocket(unsigned short& port);
 
-// A UDP socket that may broadcast and shares the discovery port with every other server on this host.
+// A UDP socket that may broadcast and shares the discovery port with every other server on this machine.
 FileDescriptor OpenDiscoverySocket();
 
 // What every wait of a server watches, but that of a sender for rows: once something is written to it, it stays

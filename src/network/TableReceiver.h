@@ -27,7 +27,7 @@ class TableReceiver {
 
   // The steps of a stream, in this order; false ends it. Those that read throw AbortRequested when the server stops.
 
-  // Ends the process when there is no socket to be had.
+  // Ends the process when no socket can be made.
   void MakeSocket();
   bool Connect(std::chrono::nanoseconds time_limit);
   bool MakeStream();

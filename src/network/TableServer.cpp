@@ -31,7 +31,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPauseWithoutMemory(100);
 
-// False when there is no memory to be had.
+// False when there is no memory.
 bool TryToSetUnlogged(LocalTable& table, const Varnix::Row& row) try {
   table.SetUnlogged(row);
   return true;
@@ -76,7 +76,7 @@ TableServer::TableServer(const std::string& uid, const std::string& database,
 }
 
 void TableServer::StartThreads() {
-  // Made here, so that want of memory is this call's failure: on a thread of ours it would end the process.
+  // Made here, so that lack of memory is this call's failure: on a thread of ours it would end the process.
   auto discovery = std::make_unique<Discovery>(member_, discoverer_.Get(), wake_pipe_.read_end.Get(),
                                                broadcast_address_, found_peer_, peer_threads_.GetActiveESNs());
   discover_thread_ = std::thread([this, discovery = std::move(discovery)] {

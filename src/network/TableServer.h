@@ -25,7 +25,7 @@
 class TableServer {
  public:
   // `uid` is who we are: CombinedKey(device, process). `broadcast_address` is used as it is, in network byte order.
-  // Throws std::bad_alloc or std::system_error when there is no memory or no thread to be had.
+  // Throws std::bad_alloc or std::system_error when there is no memory or no thread.
   TableServer(const std::string& uid, const std::string& database, const std::shared_ptr<Varnix::Table>& receive_table,
               const std::shared_ptr<Varnix::Table>& send_table, const std::string& group, unsigned broadcast_address,
               PeerTable& peer_table);
@@ -39,7 +39,7 @@ class TableServer {
   // Has the discovery thread announce us in a burst.
   void NetworkChanged();
 
-  // For fork(), under all locks: strikes the done table off the child's registry. The rest stays as it is, because its
+  // For fork(), under all locks: removes the done table from the child's registry. The rest stays as it is, because its
   // end would wait for threads that the child does not have.
   void ForgetInChild();
 

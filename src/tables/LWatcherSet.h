@@ -45,7 +45,7 @@ class LocalTable::LWatcherSet final : public WatcherSetListener,
   Next TakeUntil(const std::chrono::steady_clock::time_point& deadline) VARNIX_EXCLUDES(table_lock);
 
   bool IsReady() const VARNIX_REQUIRES(table_lock) { return !ready_.empty(); }
-  // Readable while the set is ready; -1, with errno, when none is to be had. Also allocates, at the first call.
+  // Readable while the set is ready; -1, with errno, when none can be made. Also allocates, at the first call.
   int GetDescriptor() VARNIX_EXCLUDES(table_lock);
 
  private:

@@ -17,7 +17,7 @@ class LocalTable::ReadyDescriptor final : public WatcherSetListener {
   explicit ReadyDescriptor(LWatcherSet& set) : set_(set) {}
 
   // Makes it, where there is none: at the first call, and in each forked child, in which that of the parent is closed.
-  // Returns -1, with errno, when none is to be had.
+  // Returns -1, with errno, when none can be made.
   int Get() VARNIX_REQUIRES(table_lock);
 
   void WatcherChanged(const std::shared_ptr<LWatcher>& watcher, bool empty) override VARNIX_REQUIRES(table_lock);

@@ -18,7 +18,7 @@ void RelaxProcessor() {
 
 void LockContended(std::unique_lock<std::mutex>& lock) {
   // The tries take some microseconds. Most holders release the lock sooner, and to sleep and be woken takes longer. On
-  // a single processor the tries are in vain: the holder runs only while this thread sleeps.
+  // a single processor the tries are useless: the holder runs only while this thread sleeps.
   constexpr int kTries = 200;
   for (int tried = 0; tried < kTries; ++tried) {
     RelaxProcessor();

@@ -54,7 +54,8 @@ def build(source):
         copy(SOURCE / part, source / part)
     run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", source, "-B", source / "build",
         f"-DCMAKE_BUILD_TYPE={os.environ['VARNIX_CONFIG']}", f"-DCMAKE_CXX_COMPILER={os.environ['VARNIX_CXX']}",
-        "-DCMAKE_CXX_FLAGS=-g", "-DCMAKE_UNITY_BUILD=ON", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF", "-DVARNIX_C=OFF")
+        "-DCMAKE_CXX_FLAGS=-g", "-DCMAKE_UNITY_BUILD=ON", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF",
+        "-DVARNIX_C=OFF")
     run("cmake", "--build", source / "build", "--target", "varnix", "--parallel", len(os.sched_getaffinity(0)))
     return source / "build" / "libvarnix.so"
 

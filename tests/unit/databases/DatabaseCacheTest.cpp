@@ -255,7 +255,7 @@ TEST(GetDatabaseTableDeathTest, IsEmptyAtFirstAndHasOneRowAfterTwoCallsForOneDat
 }
 
 #if !defined(VARNIX_EMULATED)  // Emulators abort where a forked child starts a thread, as sharing does.
-TEST(DatabaseCacheDeathTest, SharesNothingOnceTheProcessExitsThoughAThreadMayStillHaveIt) {
+TEST(DatabaseCacheDeathTest, SharesNothingOnceTheProcessExitsThoughAThreadMayHaveIt) {
   const auto exit_while_it_is_in_use = [] {
     static std::shared_ptr<DatabaseCache> kept;
     std::atexit([] {  // Later than what the library does at the exit.

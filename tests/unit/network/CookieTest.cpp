@@ -386,7 +386,7 @@ TEST_F(CookieTest, WriteThatIsInterruptedBetweenTwoPiecesSendsNoByteTwice) {
   EXPECT_THAT(trace, ElementsAre("send 8", "send 4", "send 4"));
 }
 
-TEST_F(CookieTest, WriteToAPeerThatHasResetTheConnectionReturnsZeroWithoutLogLineOrSignal) {
+TEST_F(CookieTest, WriteToAPeerThatHasResetReturnsZeroWithoutLogLineOrSignal) {
   SigpipeCounter signals;
   TcpConnection connection;
   const FileDescriptor ours = Own(dup(connection.ours));
@@ -1093,7 +1093,7 @@ TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HookThatThrowsAtAReadErrorReachesTheReaderOfTheRecordAndNotTheFramesOfStdio) {
+TEST_F(CookieTest, WhatAHookThrowsAtAReadErrorReachesTheReaderPastTheFramesOfStdio) {
   FILE* const stream = OpenStream();
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
   PeerSends("x");

@@ -429,7 +429,7 @@ class EveryCallFailsTest : public testing::TestWithParam<FailingCall> {
 INSTANTIATE_TEST_SUITE_P(Call, EveryCallFailsTest, testing::ValuesIn(FailingCalls()),
                          [](const auto& parameter) { return std::string(parameter.param.name); });
 
-TEST_P(EveryCallFailsTest, OnceOrForEverAndAllIsWellOnceItIsOverOrTheProcessEndsWithItsLine) {
+TEST_P(EveryCallFailsTest, OnceOrForEverAndAllIsWellAfterwardsOrTheProcessEnds) {
   for (const bool for_ever : {false, true}) {
     for (const int error : GetParam().errors) FailFromEveryCall(error, for_ever);
     if (IsSoak()) {

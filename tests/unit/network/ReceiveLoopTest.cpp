@@ -203,7 +203,7 @@ TEST_F(ReceiveLoopTest, PauseWatchesTheDonePipeAlone) {
   EXPECT_EQ(pauses_[0].events, POLLIN);
 }
 
-TEST_F(ReceiveLoopTest, PeerThatDropsTheConnectionAtOnceIsTriedForThirtySecondsAndThenGivenUp) {
+TEST_F(ReceiveLoopTest, PeerThatDropsEachConnectionIsGivenUpAfterThirtySeconds) {
   RunWithPeer("");
 
   EXPECT_THAT(Lines(), ElementsAre(Retrying("30000ms"), Retrying("28000ms"), Retrying("26000ms"), Retrying("24000ms"),
@@ -225,7 +225,7 @@ TEST_F(ReceiveLoopTest, AttemptOfExactlyOneSecondIsTriedAgainAtOnce) {
   EXPECT_THAT(trace_, ElementsAre("0ms: try", "1000ms: try", "1000ms: pause 2000"));
 }
 
-TEST_F(ReceiveLoopTest, AttemptOfJustUnderNineSecondsIsTriedAgainAtOnceWithinTheSamePeriod) {
+TEST_F(ReceiveLoopTest, AttemptOfJustUnderNineSecondsIsTriedAgainInTheSamePeriod) {
   RunWithFailuresAfter({9s - 1ns});
 
   EXPECT_THAT(trace_, ElementsAre("0ms: try", "8999ms: try", "8999ms: pause 2000"));

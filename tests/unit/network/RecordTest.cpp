@@ -207,7 +207,7 @@ TEST_F(RecordTest, LongRecordLeavesInPiecesOfTheBufferSizeOfStdio) {
   EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ, 20000 - 2 * BUFSIZ}));
 }
 
-TEST_F(RecordTest, RecordsWithEmptyFieldsBLeaveWheneverTheyFillTheBufferAndTheRestWithTheNextRecord) {
+TEST_F(RecordTest, RecordsWithEmptyFieldsBLeaveWhenTheBufferIsFullOrWithTheNextRecord) {
   const SizesOfSends sends;
   std::string expected;
 

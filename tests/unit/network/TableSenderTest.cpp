@@ -431,7 +431,7 @@ TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcess) {
               Says("tblsndr.cook.fopen: TableSender: fopencookie failed: Cannot allocate memory\n"));
 }
 
-TEST_F(TableSenderTest, ExceptionOfTheLogHookKeepsNoStreamThatCannotBeMadeFromEndingTheProcess) {
+TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcessThoughTheLogHookThrows) {
   const auto send = [this] {
     const HookedHere fopencookie(Hooks().fopencookie,
                                  [](void*, const char*, cookie_io_functions_t) -> FILE* { return nullptr; });

@@ -656,7 +656,7 @@ TEST_F(TableServerTest, StopSetsTheDoneRowBeforeItWaitsForItsOwnThreads) {
   EXPECT_TRUE(is_set);
 }
 
-TEST_F(TableServerTest, StopEndsAWriterThatAStalledPeerBlocksWhileTheHostFlushesAllTheTime) {
+TEST_F(TableServerTest, StopEndsABlockedWriterWhileTheHostFlushesAllTheTime) {
   std::promise<void> blocked;
   std::atomic<bool> told{false};
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
@@ -1072,7 +1072,7 @@ class FailedAcceptTest : public TableServerTest, public testing::WithParamInterf
 class AcceptWithoutResourcesTest : public FailedAcceptTest {};
 INSTANTIATE_TEST_SUITE_P(Error, AcceptWithoutResourcesTest, testing::Values(EMFILE, ENFILE, ENOBUFS, ENOMEM));
 
-TEST_P(AcceptWithoutResourcesTest, WaitsForTheStopForAHundredMillisecondsBeforeItPollsAgain) {
+TEST_P(AcceptWithoutResourcesTest, WaitsAHundredMillisecondsForTheStopBeforeItPollsAgain) {
   EXPECT_THAT(Trace(), ElementsAre("wait", "accept", "pause of 100 ms for 1", "wait", "accept"));
   EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
               ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc",
@@ -1157,7 +1157,7 @@ TEST_F(TableServerTest, PeerThreadReservesAQuarterOfAMebibyteForItsStack) {
   EXPECT_THAT(sizes.Get(), ElementsAre(AllOf(Ge(kSmallStack), Lt(kLargeStack))));
 }
 
-TEST_F(TableServerTest, PeerThreadGetsALargeStackInAHostWhoseThreadLocalObjectsDoNotFitIntoASmallOne) {
+TEST_F(TableServerTest, PeerThreadGetsALargeStackWhereThreadLocalObjectsNeedIt) {
   const StackSizesOfSenders sizes;
   Start();
   Hooked start_thread(Hooks().start_thread, [starts = std::make_shared<int>(0)] {
@@ -1170,7 +1170,7 @@ TEST_F(TableServerTest, PeerThreadGetsALargeStackInAHostWhoseThreadLocalObjectsD
   EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
 }
 
-TEST_F(TableServerTest, ConnectionForWhichThereIsNoThreadIsTriedAgainForAHundredMilliseconds) {
+TEST_F(TableServerTest, ConnectionWithoutAThreadIsTriedAgainForAHundredMilliseconds) {
   std::vector<int> pauses;
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
     if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);

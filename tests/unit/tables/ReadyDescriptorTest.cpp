@@ -255,7 +255,7 @@ TEST_F(ReadyDescriptorTest, LetsManyWaitersOfEachKindTakeEachChangeOnce) {
 }
 
 #if !defined(VARNIX_EMULATED)  // Emulators may abort where a process with busy threads forks.
-TEST_F(ReadyDescriptorTest, AgreesWithItsSetInTheParentAndInChildrenThatAreForkedMeanwhile) {
+TEST_F(ReadyDescriptorTest, AgreesWithItsSetInTheParentAndInForkedChildren) {
   // Short strings need no memory: the lock of the address sanitizer's allocator would stay locked in the child.
   const Row rows[] = {{"k", "even"}, {"k", "odd"}};
   const Loops loops(*set_, GetDescriptor(set_), 2);
