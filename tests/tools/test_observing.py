@@ -118,13 +118,17 @@ def test_members_are_no_other_observers(share, start):
 def test_an_observer_that_comes_and_goes_meanwhile_is_no_failure(ether, share, start):
     share(b"press", [(b"status", b"speed", b"42")])
     ether.receive()
-    dump = start("dump", "-w", "50")
-    silent = wire.connect(ether.port_of_next_announcement())  # As long as it says nothing, it is waited for.
-    assert run("watch", "-n", "1").output == b"press::ctl  status  speed = 42\n"
 
-    silent.close()
+    def is_no_failure():
+        fresh = wire.Ether()
+        dump = start("dump", "-w", "50")
+        silent = wire.connect(fresh.port_of_next_announcement())  # As long as it says nothing, it is waited for.
+        fresh.socket.close()
+        assert run("watch", "-n", "1").output == b"press::ctl  status  speed = 42\n"
+        silent.close()
+        return (dump.ends(), dump.lines, dump.errors) == (0, [b"press::ctl  status  speed = 42"], "")
 
-    assert (dump.ends(), dump.lines, dump.errors) == (0, [b"press::ctl  status  speed = 42"], "")
+    assert programs.eventually(is_no_failure)  # On a busy machine the dump may end before one of the others comes.
 
 
 def test_tables_counts_rows_and_bytes_for_each_member(share):
