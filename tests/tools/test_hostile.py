@@ -8,6 +8,7 @@ import os
 import random
 import re
 import resource
+import signal
 import socket
 import time
 
@@ -480,6 +481,7 @@ def test_visitors_that_fill_every_place_and_stay_do_not_keep_others_out(ether, f
 
 
 def test_a_flood_of_announcements_does_not_hide_a_member(ether, make_host, start):
+    begun = time.monotonic()
     watch = start("watch")
     ether.receive()
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as speaker:
@@ -495,6 +497,11 @@ def test_a_flood_of_announcements_does_not_hide_a_member(ether, make_host, start
 
     assert watch.prints(ROW)
     assert watch.memory() < BASE
+    watch.signal(signal.SIGINT)
+    assert watch.ends() == 0
+    minutes = 1 + (time.monotonic() - begun) // 60
+    assert 60 <= watch.errors.count("cannot be reached") <= 60 * minutes  # A log does not fill.
+    assert re.search("varnix: [0-9]+ more notes? of this kind left out: a minute has at most 60\n", watch.errors)
 
 
 def test_one_that_takes_the_place_of_another_name_is_told_from_it_by_its_address(make_press, fake, look):

@@ -50,12 +50,13 @@ void ObserverCommand::Turn() {
   observer_.Tidy();
   session_.output.Flush();
   NoteTrouble();
+  NoteLeftOut(Clock::now());
   ShowProgress();
 }
 
 TimePoint ObserverCommand::NextStep() const {
   const TimePoint now = Clock::now(), end = session_.End();
-  TimePoint next = observer_.Deadline();
+  TimePoint next = std::min(observer_.Deadline(), limit_.Deadline());
   if (end > now) next = std::min(next, end);
   if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
   return next;
@@ -98,8 +99,18 @@ void ObserverCommand::OnEnd(const Member& member, const End& end) {
   if (told_.size() >= kMostTold) told_.clear();
   const bool first = told_.insert(member.place).second;
   if (end.kind == End::Kind::kClosed && kind_.living) return;
-  if (first || end.kind == End::Kind::kOverLimit) session_.progress.Note(NameAndPlaceText(member) + " " + EndText(end));
   failed_ = true;
+  if (!first && end.kind != End::Kind::kOverLimit) return;
+  const TimePoint now = Clock::now();
+  NoteLeftOut(now);  // Before another minute begins.
+  if (limit_.Admits(now)) session_.progress.Note(NameAndPlaceText(member) + " " + EndText(end));
+}
+
+void ObserverCommand::NoteLeftOut(TimePoint now) {
+  const std::size_t count = limit_.TakeLeftOut(now);
+  if (count == 0) return;
+  session_.progress.Note(CountText(count, "more note") + " of this kind left out: a minute has at most " +
+                         std::to_string(NoteLimit::kMost));
 }
 
 void ObserverCommand::NoteUnfinished() {
@@ -121,6 +132,7 @@ void ObserverCommand::NoteNothing(const std::string& what) {
 }
 
 int ObserverCommand::EndStatus() {
+  NoteLeftOut(TimePoint::max());
   const Status interrupted = kind_.living ? kDone : kFailed;
   if (session_.IsEndedFromOutside()) return session_.StatusFromOutside(interrupted);
   if (!kind_.living) NoteUnfinished();

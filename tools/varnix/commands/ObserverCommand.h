@@ -6,6 +6,7 @@
 #include <set>
 
 #include "commands/Session.h"
+#include "io/NoteLimit.h"
 #include "net/Audience.h"
 #include "net/Observer.h"
 
@@ -51,6 +52,7 @@ class ObserverCommand : public Audience {
   TimePoint NextStep() const;
   void ShowProgress();
   void NoteTrouble();
+  void NoteLeftOut(TimePoint now);
   void NoteUnfinished();
   int EndStatus();
   std::string WhomText() const;
@@ -58,6 +60,7 @@ class ObserverCommand : public Audience {
   const Kind kind_;
   Observer observer_;
   std::set<Place> told_;  // Members in trouble that were mentioned already.
+  NoteLimit limit_;       // Of what is said of them.
   bool failed_ = false;
   bool nobody_told_ = false, announcing_told_ = false;
 };
