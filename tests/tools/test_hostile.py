@@ -4,6 +4,7 @@
 """Members of a broken or hostile kind: the command ends in time, stays small, and shows what the others have set."""
 
 import itertools
+import json
 import os
 import random
 import re
@@ -72,11 +73,11 @@ def fake(ether):
 def look(start, ether):
     """Runs a command to its end while fake members announce themselves as soon as it listens. `press` is shared once
     they were visited: as long as it has met nobody, no pause makes a command end."""
-    def run_among(members, *arguments, press=None):
+    def run_among(members, *arguments, press=None, **keywords):
         fresh = wire.Ether()  # In which no announcement of an earlier command waits.
         for member in members:
             member.visits = 0
-        running = start(*arguments)
+        running = start(*arguments, **keywords)
         fresh.receive()  # The command has announced itself, so it hears.
         fresh.socket.close()
         for member in members:
@@ -372,15 +373,27 @@ def test_odd_greetings_are_no_harm(make_press, fake, look, greeting, name):
     assert any(line.startswith(b"press::ctl") for line in running.lines), running.errors
 
 
-def test_an_identity_that_no_device_has_is_left_out_and_takes_no_memory(make_press, fake, look):
+def test_identities_that_no_device_has_are_left_out_and_take_no_memory(press, fake, start, ether):
+    left_out = []
+
     def behave(connected):
-        connected.sendall(wire.record(b"plant", b"\x04fake" + b"x" * 1_000_000))
-        fakes.wait_for_end(connected)
+        try:
+            connected.sendall(wire.record(b"plant", b"\x04fake" + b"x" * 1_000_000)[:-1])
+            fakes.wait_for_end(connected)
+        finally:
+            left_out.append(connected)
 
-    _, running = look([fake(behave)], "members", "-w", "30", press=make_press())
+    watch = start("watch", "--limit", "1000")
+    assert watch.prints(ROW)
+    for _ in range(50):  # Together they would need more than it may.
+        fake(behave).announce(ether)
 
-    assert [line for line in running.lines if b"fake" in line] == []
-    assert any(line.startswith(b"press::ctl") for line in running.lines), running.errors
+    assert programs.eventually(lambda: len(left_out) >= 50)
+    assert watch.says("sends more than --limit allows: left out")
+    assert watch.memory() < BASE
+    press.set(b"plant", b"status", b"speed", b"43")
+    assert watch.prints(b"press::ctl  status  speed = 43")
+    assert len(watch.lines) == 2
 
 
 def test_malformed_keys_are_shown_as_members_take_them(make_press, fake, look):
@@ -398,11 +411,13 @@ def test_malformed_keys_are_shown_as_members_take_them(make_press, fake, look):
         [ROW.split(), [b"fake::ctl", b"=", b"1"], [b"fake::ctl", b"=", b"2"]])
 
 
-BABBLED_AT = ["dump", "set status mode auto", *([] if EMULATOR else ["members", "tables", "get status speed"])]
+BABBLERS = 30
+BABBLED_AT = ["dump", "set status mode auto",
+              *([] if EMULATOR else ["members", "tables", "get status speed", "load", "doctor"])]
 
 
-@pytest.mark.parametrize("name", BABBLED_AT)
-def test_random_bytes_are_no_harm(make_press, fake, look, name):
+@pytest.fixture
+def babblers(fake):
     print("seed", programs.SEED)
     source = random.Random(programs.SEED)
 
@@ -413,19 +428,45 @@ def test_random_bytes_are_no_harm(make_press, fake, look, name):
         while own.random() < 0.95:
             connected.sendall(own.randbytes(own.choice((1, 4, 100, 100_000))))
 
-    members = [fake(babble) for _ in range(30)]
+    return [fake(babble) for _ in range(BABBLERS)]
+
+
+@pytest.mark.parametrize("name", BABBLED_AT)
+def test_random_bytes_are_no_harm(make_press, babblers, look, tmp_path, name):
+    rows = tmp_path / "rows"
+    rows.write_text('{"table":"status","key":"mode","value":"auto"}\n', encoding="ascii")
+    sets = name.startswith(("set", "load"))
 
     def reaches_press(seconds):
         press = make_press()
         press.watch(b"plant", b"status")
-        status, running = look(members, *name.split(), "-w", seconds, press=press)
+        with open(rows, "rb") as stdin:
+            status, running = look(babblers, *name.split(), "-w", seconds, press=press, stdin=stdin)
         assert status in (0, 1, 3), running.errors
         shown = b"\n".join(running.lines)
         taken = "taken by 1 member" in running.errors and press.gets_row(b"plant", b"status", b"mode", b"auto")
         press.ends()
-        return taken if name.startswith("set") else b"press::ctl" in shown or b"42" in shown
+        if name == "doctor":
+            return b'%d members of "line-4"' % (BABBLERS + 1) in shown
+        return taken if sets else b"press::ctl" in shown or b"42" in shown
 
     assert any(reaches_press(seconds) for seconds in ("2", "5", "20"))  # A busy machine takes its time.
+
+
+def test_a_recording_among_random_bytes_has_whole_lines_and_the_rows_of_others(press, babblers, start, ether):
+    record = start("record", "-")
+    assert record.eventually(lambda: any(b'"press"' in line for line in record.lines))
+    for babbler in babblers:
+        babbler.announce(ether)
+    assert programs.eventually(lambda: all(babbler.visits for babbler in babblers))
+
+    press.set(b"plant", b"status", b"speed", b"43")
+
+    assert record.eventually(lambda: any(b'"device":"press"' in line and b'"43"' in line for line in record.lines))
+    record.signal(signal.SIGINT)
+    assert record.ends() == 0
+    whole = record.lines[:-1]  # The interrupt may have torn the last one.
+    assert all("table" in row or "table64" in row for row in map(json.loads, whole))
 
 
 def test_random_bytes_of_those_who_connect_are_no_harm(press, ether, start):
