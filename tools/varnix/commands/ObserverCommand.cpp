@@ -65,13 +65,12 @@ TimePoint ObserverCommand::NextStep() const {
 void ObserverCommand::ShowProgress() {
   const bool rows_on_terminal = kind_.living && session_.output.IsTerminal();
   if (Clock::now() - session_.begun < Progress::kSilence || (rows_on_terminal && observer_.Met() > 0)) return;
-  session_.progress.Show(ProgressText());
+  session_.progress.Show("Looking for members of " + WhomText(), ProgressText());
 }
 
 std::string ObserverCommand::ProgressText() const {
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - session_.begun).count();
-  return "Looking for members of " + WhomText() + ": " + std::to_string(observer_.Met()) + " met, " +
-         std::to_string(seconds) + " s";
+  return ": " + std::to_string(observer_.Met()) + " met, " + std::to_string(seconds) + " s";
 }
 
 std::string ObserverCommand::WhomText() const {

@@ -33,7 +33,7 @@ class ObserverCommand : public Audience {
   // Once, at the end of a command that ends by itself: prints what remains, and returns whether there was anything.
   virtual bool Finish() = 0;
 
-  // What it shows on a terminal in the meantime.
+  // How far it is: what it shows on a terminal in the meantime, behind whom it looks for.
   virtual std::string ProgressText() const;
 
   void OnEnd(const Member& member, const End& end) override;

@@ -56,7 +56,7 @@ void SettingCommand::Turn() {
   session_.loop.Turn(NextStep());
   setter_.Tidy();
   NoteTrouble();
-  if (Clock::now() - session_.begun >= Progress::kSilence) session_.progress.Show(ProgressText());
+  if (Clock::now() - session_.begun >= Progress::kSilence) session_.progress.Show("", ProgressText());
   const bool ends_well = phase_ == Phase::kFinishing && session_.options.hold;
   if (session_.signals.First() == 0 || ends_well) return Step();
   // Who holds its rows for others ends well; everything else is cut off.

@@ -65,9 +65,10 @@ void DoctorCommand::Turn() {
   AskToConnectBack();
   if (now - session_.begun < Progress::kSilence) return;
   session_.progress.Show(
-      "Looking for members: " + CountText(evidence_.places.size(), "place") + " known, " +
-      std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now - session_.begun).count()) + " of " +
-      SecondsText(session_.WaitSeconds()));
+      "Looking for members: ",
+      CountText(evidence_.places.size(), "place") + " known, " +
+          std::to_string(std::chrono::duration_cast<std::chrono::seconds>(now - session_.begun).count()) + " of " +
+          SecondsText(session_.WaitSeconds()));
 }
 
 // Those of whom we know only because we have heard them: they may not hear us, or may not get through.

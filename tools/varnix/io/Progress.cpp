@@ -18,11 +18,14 @@ bool IsSmart() {
   return kind != nullptr && std::string_view(kind) != "dumb";
 }
 
-// What fits into one line of the terminal, of which some wrap behind the last column already.
-std::string Fitting(const std::string& text) {
+// What fits into one line of the terminal. The last column stays free: some terminals begin a new line behind it.
+std::string Fitting(const std::string& text, const std::string& end) {
   winsize size{};
   const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return known ? Cut(text, size.ws_col - 1U) : text;
+  if (!known) return text + end;
+  const std::size_t most = size.ws_col - 1U;
+  const std::string kept = Cut(end, most);
+  return Cut(text, most - Columns(kept)) + kept;
 }
 
 // Past stdio: nothing is left to write when the process ends in another way.
@@ -34,12 +37,12 @@ void Write(const std::string& text) {
 
 Progress::Progress() : terminal_(isatty(STDERR_FILENO) != 0 && IsSmart()) {}
 
-void Progress::Show(const std::string& text) {
+void Progress::Show(const std::string& text, const std::string& end) {
   const TimePoint now = Clock::now();
   if (!terminal_ || (dirty_ && now < shown_ + kPace / 2)) return;  // However much happens meanwhile.
   shown_ = now;
   dirty_ = true;
-  Write("\r\x1b[K" + Fitting(text));
+  Write("\r\x1b[K" + Fitting(text, end));
 }
 
 void Progress::Clear() {

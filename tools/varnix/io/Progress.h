@@ -23,8 +23,8 @@ class Progress {
 
   bool IsShown() const { return terminal_; }
 
-  // The text must be printable; what does not fit into the line is left out.
-  void Show(const std::string& text);
+  // Both must be printable. Of the text so much is left out that the line has room for the end.
+  void Show(const std::string& text, const std::string& end);
   void Clear();
 
   // "varnix: " and the text, which must be printable.
