@@ -307,7 +307,7 @@ def test_watch_of_new_rows_leaves_out_those_that_are_there(share, start):
         assert (watch.ends(), press.ends()) == (0, 0)
         return len(watch.lines) == 1
 
-    assert any(shows_the_new_row_alone() for _ in range(3))  # What comes after a pause amid the others seems new, too.
+    assert programs.eventually(shows_the_new_row_alone)  # What comes after a pause amid the others seems new, too.
 
 
 def test_rows_of_a_table_that_changes_without_a_pause_are_dumped_whole(share, start):
