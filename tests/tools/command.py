@@ -10,7 +10,7 @@ import re
 import subprocess
 import threading
 
-from programs import DEADLINE, EMULATOR
+from programs import DEADLINE, EMULATOR, eventually
 
 TOOL = [*EMULATOR, os.environ["VARNIX_TOOL"]]
 PLANT = {"VARNIX_GROUP": "line-4", "VARNIX_DATABASE": "plant", "VARNIX_BROADCAST": "127.255.255.255"}
@@ -45,6 +45,21 @@ def run(*arguments, data=b"", **variables):
     done = subprocess.run([*TOOL, *arguments], input=data, capture_output=True, env=environment(variables),
                           timeout=DEADLINE)
     return Result(done.returncode, done.stdout, done.stderr.decode())
+
+
+def eventually_taken_by(count, **variables):
+    """Sets `speed` in table status to 42 until so many members take it. One that is late because the machine is busy is
+    not met."""
+    def is_taken():
+        done = run("set", "status", "speed", "42", **variables)
+        return (done.status, done.output, done.errors) == (0, b"", f"varnix: 1 row taken by {count} members\n")
+
+    return eventually(is_taken)
+
+
+def share(host):
+    """Makes it press::ctl, a member with whose group and database the command is run."""
+    host.share(b"plant", b"line-4", b"press", b"ctl")
 
 
 class Running:

@@ -12,6 +12,21 @@ import command
 
 
 @pytest.fixture
+def share(network, make_host):
+    """Starts a member of group line-4 that has set rows, and watches table status if it is to receive."""
+    def start_one(device, rows=(), process=b"ctl", database=b"plant", group=b"line-4", address="127.255.255.255",
+                  receives=False):
+        host = make_host()
+        if receives:
+            host.watch(database, b"status")
+        for table, key, value in rows:
+            host.set(database, table, key, value)
+        host.share(database, group, device, process, address)
+        return host
+    return start_one
+
+
+@pytest.fixture
 def start():
     """Starts the command; whatever still runs when the test is over is ended."""
     started = []

@@ -102,7 +102,7 @@ def test_nothing_is_found_where_all_is_well(hosts, share, start):
     assert found["route"]["seen"] == "255.255.255.255 is reached by eth0 from 10.1.1.1"
 
 
-def test_nothing_is_found_among_members_that_announce_themselves_and_have_set_nothing(hosts, share, start):
+def test_nothing_is_found_among_members_that_announce_themselves_and_set_nothing(hosts, share, start):
     share(device=b"pump", rows=())
     press = share()
 

@@ -14,7 +14,7 @@ import pytest
 
 import programs
 import wire
-from command import TOOL, environment, run
+from command import TOOL, environment, run, share
 
 COMMANDS = ("members", "tables", "dump", "get", "watch", "set", "load", "record", "replay", "top", "doctor")
 ARGUMENTS = {"get": ["status", "speed"], "set": ["status", "speed", "42"], "record": ["-"], "replay": ["-"]}
@@ -26,10 +26,6 @@ def late_press(network, make_host):
     host = make_host()
     host.set(b"plant", b"status", b"speed", "42 °C".encode())
     return host
-
-
-def share(host):
-    host.share(b"plant", b"line-4", b"press", b"ctl")
 
 
 @pytest.fixture

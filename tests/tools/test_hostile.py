@@ -18,7 +18,7 @@ import pytest
 import fakes
 import programs
 import wire
-from command import run
+from command import run, share
 from programs import EMULATOR
 
 MEBIBYTE = 1 << 20
@@ -36,10 +36,6 @@ def make_press(ether, make_host):
         host.set(b"plant", b"status", b"speed", b"42")
         return host
     return make
-
-
-def share(host):
-    host.share(b"plant", b"line-4", b"press", b"ctl")
 
 
 @pytest.fixture
@@ -206,7 +202,7 @@ def test_one_that_needs_more_memory_than_it_may_is_left_out(make_press, fake, st
 LONG = b"\xff" * 4350  # Of which a person sees 17,400 characters.
 
 
-def test_many_tables_of_one_that_has_a_long_name_cost_no_memory_and_can_be_interrupted(fake, start, ether):
+def test_many_tables_of_one_with_a_long_name_cost_no_memory_and_can_be_interrupted(fake, start, ether):
     rows = b"".join(wire.record(b"\x04%04d" % number, b"") for number in range(7000))
 
     def behave(connected):
@@ -329,7 +325,7 @@ def test_a_reader_that_stops_reading_costs_no_memory_and_can_be_interrupted(fake
 def test_a_reader_that_pauses_gets_every_row(network, make_host, start):
     host = make_host("--default-log")  # The other log is slower.
     host.set_all(b"plant", b"status", ((b"%d" % number, b"x" * 2500) for number in range(400)))
-    host.share(b"plant", b"line-4", b"press", b"ctl")
+    share(host)
     reader, writer = os.pipe()
     dump = start("dump", "-w", "3", stdout=writer)
     os.close(writer)
@@ -534,7 +530,7 @@ def test_a_flood_of_announcements_does_not_hide_a_member(ether, make_host, start
 
     host = make_host()
     host.set(b"plant", b"status", b"speed", b"42")
-    host.share(b"plant", b"line-4", b"press", b"ctl")
+    share(host)
 
     assert watch.prints(ROW)
     assert watch.memory() < BASE

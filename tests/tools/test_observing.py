@@ -22,18 +22,6 @@ from wire import DISCOVERY_PORT
 EVERY_BYTE = bytes(range(256))
 
 
-@pytest.fixture
-def share(network, make_host):
-    """Starts a member of group line-4 that has set rows."""
-    def start(device, rows=(), process=b"ctl", database=b"plant", group=b"line-4", address="127.255.255.255"):
-        host = make_host()
-        for table, key, value in rows:
-            host.set(database, table, key, value)
-        host.share(database, group, device, process, address)
-        return host
-    return start
-
-
 def eventually_shows(expected, *words):
     """Runs the command until it ends well with these lines, in whatever order and however aligned. A member that is
     late because the machine is busy is not met."""
@@ -404,7 +392,7 @@ def take_port():
 DEAF = "varnix: announcements are not heard: cannot share UDP port 1975: Address already in use\n"
 
 
-def test_a_port_of_announcements_that_cannot_be_shared_is_told_and_members_still_come(share, take_port):
+def test_a_port_of_announcements_that_cannot_be_shared_is_told_and_members_come(share, take_port):
     share(b"press", [(b"status", b"speed", b"42")])
     take_port()
 

@@ -3,6 +3,7 @@
 
 """What the command sets for members that use the real library: set, load, record, replay."""
 
+import functools
 import json
 import random
 import re
@@ -15,20 +16,13 @@ import pytest
 
 import programs
 import wire
-from command import run
+from command import eventually_taken_by, run
 
 
 @pytest.fixture
-def share(network, make_host):
-    """Starts a member of group line-4 that watches table status, and has set rows."""
-    def start(device, rows=(), process=b"ctl", database=b"plant", group=b"line-4", address="127.255.255.255"):
-        host = make_host()
-        host.watch(database, b"status")
-        for table, key, value in rows:
-            host.set(database, table, key, value)
-        host.share(database, group, device, process, address)
-        return host
-    return start
+def share(share):
+    """The same of members that receive."""
+    return functools.partial(share, receives=True)
 
 
 def row_line(key, value, table="status", **more):
@@ -38,11 +32,7 @@ def row_line(key, value, table="status", **more):
 def test_set_reaches_every_member_and_says_how_many(share):
     hosts = [share(device) for device in (b"press", b"pump", b"valve")]
 
-    def is_taken():  # One that is late because the machine is busy is not met.
-        done = run("set", "status", "speed", "42")
-        return (done.status, done.output, done.errors) == (0, b"", "varnix: 1 row taken by 3 members\n")
-
-    assert programs.eventually(is_taken)
+    assert eventually_taken_by(3)
     for host in hosts:
         assert host.gets_row(b"plant", b"status", b"speed", b"42")
 

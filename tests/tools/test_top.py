@@ -50,8 +50,8 @@ class Terminal:
         """Of the terminal: what is switched on."""
         self.type("clear; stty -a; echo done", "Enter")
         assert self.shows("^done$")
-        flags = self._tmux("display-message", "-p",
-                           "#{alternate_on} #{cursor_flag} #{insert_flag} #{keypad_flag} #{keypad_cursor_flag} #{wrap_flag}")
+        flags = self._tmux("display-message", "-p", "#{alternate_on} #{cursor_flag} #{insert_flag} #{keypad_flag} "
+                                                    "#{keypad_cursor_flag} #{wrap_flag}")
         return self.screen().replace("rows", "").split("done")[0], flags
 
     def resize(self, width, height):
@@ -79,17 +79,6 @@ def terminal(network):
     opened = Terminal()
     yield opened
     opened.close()
-
-
-@pytest.fixture
-def share(make_host):
-    def start(device, rows):
-        host = make_host()
-        for table, key, value in rows:
-            host.set(b"plant", table, key, value)
-        host.share(b"plant", b"line-4", device, b"ctl", "127.255.255.255")
-        return host
-    return start
 
 
 SCREEN = """\
