@@ -120,16 +120,24 @@ def test_many_rows_are_dumped_and_taken(network, make_host):
     press.share(b"plant", b"line-4", b"press")
 
     passed, needed = [], []  # Seconds; a busy machine makes only the former more.
-    for _ in range(RUNS):
+
+    def measure():
         begun, used = time.monotonic(), processor_seconds()
         dump = run("dump", "--json", "-w", "60")
         passed.append(time.monotonic() - begun)
         needed.append(processor_seconds() - used + SILENCE)
         assert (dump.status, dump.errors, dump.output.count(b"\n")) == (0, "", ROWS)
+        return dump
+
+    def is_soon():
+        return min(passed) < 1.5 or not programs.NATIVE
+
+    dump = [measure() for _ in range(RUNS)][-1]
 
     figure(f"{ROWS} rows dumped as JSON in {statistics.median(passed) * 1000:.0f} ms, "
            f"{statistics.median(needed) * 1000:.0f} ms without the work of others")
     assert statistics.median(needed) < 1.5 or not programs.NATIVE
+    assert is_soon() or programs.eventually(lambda: measure() and is_soon()), passed  # A busy machine has many tries.
     assert {row["key"] for row in dump.rows()} == {"key %012d" % number for number in range(ROWS)}
     done = run("load", "--device", "bench", "-w", "60", data=dump.output)
     assert (done.status, done.errors) == (0, f"varnix: {ROWS} rows taken by 1 member\n")
