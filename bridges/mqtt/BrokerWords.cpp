@@ -106,6 +106,4 @@ bool MayPass(int reason) {
   return reason == MQTT_RC_UNSPECIFIED || reason == MQTT_RC_IMPLEMENTATION_SPECIFIC || reason == MQTT_RC_QUOTA_EXCEEDED;
 }
 
-bool MayComeBeforeACutOff(int reason) {
-  return IsRefusal(reason) && !MayPass(reason) && reason != MQTT_RC_NOT_AUTHORIZED;
-}
+bool IsForTheRow(int reason) { return IsRefusal(reason) && !MayPass(reason) && reason != MQTT_RC_NOT_AUTHORIZED; }

@@ -21,5 +21,5 @@ std::string WordsForReason(int reason);
 bool MayBeForAMessage(int reason);
 // Whether a row that was refused for this reason may be taken later, unchanged.
 bool MayPass(int reason);
-// Whether a broker that refuses a row for this reason may end the connection for it as well.
-bool MayComeBeforeACutOff(int reason);
+// Whether a row that was refused for this reason was refused for itself: not for what may pass, or for want of rights.
+bool IsForTheRow(int reason);

@@ -37,11 +37,12 @@ void Publisher::SendWhatIsDue() {
 void Publisher::Acknowledged(int message, int reason) {
   const std::optional<std::string> topic = in_flight_.Remove(message);
   if (!topic) return;
-  if (IsRefusal(reason)) TellOfRefusal(*topic, WordsForReason(reason));
-  if (MayComeBeforeACutOff(reason)) {
+  if (!IsRefusal(reason)) return suspects_.GotThrough(*topic);
+  TellOfRefusal(*topic, WordsForReason(reason));
+  if (IsForTheRow(reason)) {
     TellOfConvict(suspects_.WasRefused(*topic));
   } else {
-    suspects_.GotThrough(*topic);
+    suspects_.WasRefusedForElse(*topic);
   }
   if (MayPass(reason) && !restart_) restart_ = Clock::now() + kBeforeARestart;
 }
@@ -51,7 +52,11 @@ bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
   outbox_.Rest();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
   const bool cut_off = end.cause == BrokerEnd::Cause::CutOff;
-  if (cut_off) TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
+  if (cut_off) {
+    TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
+  } else {
+    suspects_.ConnectionEndedOtherwise();
+  }
   return std::exchange(has_convicted_, false) && cut_off;
 }
 

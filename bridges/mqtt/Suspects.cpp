@@ -12,22 +12,26 @@ std::optional<std::string> Suspects::Next() const {
 }
 
 void Suspects::GotThrough(const std::string& topic) {
-  if (!IsFirst(topic)) return;
-  suspects_.pop_front();
-  strikes_ = 0;
+  if (IsFirst(topic)) RemoveFirst();
 }
 
 std::optional<std::string> Suspects::WasRefused(const std::string& topic, Time now) {
   if (IsFirst(topic)) return ConvictFirst();
-  if (refusals_.size() == kMostRefusals) refusals_.pop_front();
-  refusals_.push_back({topic, now});
+  NoteRefusal(topic, now);
   return std::nullopt;
 }
 
+void Suspects::WasRefusedForElse(const std::string& topic, Time now) {
+  if (!IsFirst(topic)) return NoteRefusal(topic, now);
+  if (first_was_refused_) return RemoveFirst();
+  first_was_refused_ = true;
+}
+
 std::optional<std::string> Suspects::ConnectionWasCutOff(const std::vector<std::string>& unacknowledged, Time now) {
-  if (unacknowledged.size() == 1 && IsFirst(unacknowledged.front())) {
-    return ++strikes_ == kStrikes ? ConvictFirst() : std::nullopt;
-  }
+  const bool was_refused = std::exchange(first_was_refused_, false);
+  const bool is_by_the_first =
+      unacknowledged.empty() ? was_refused : unacknowledged.size() == 1 && IsFirst(unacknowledged.front());
+  if (is_by_the_first) return ++strikes_ >= kStrikes + (was_refused ? 1 : 0) ? ConvictFirst() : std::nullopt;
   std::deque<std::string> suspects(unacknowledged.begin(), unacknowledged.end());
   for (const Refusal& refusal : std::exchange(refusals_, {})) {
     const bool known = std::find(suspects.begin(), suspects.end(), refusal.topic) != suspects.end();
@@ -39,10 +43,20 @@ std::optional<std::string> Suspects::ConnectionWasCutOff(const std::vector<std::
   return std::nullopt;
 }
 
-std::optional<std::string> Suspects::ConvictFirst() {
-  std::string convict = std::move(suspects_.front());
+void Suspects::NoteRefusal(const std::string& topic, Time now) {
+  if (refusals_.size() == kMostRefusals) refusals_.pop_front();
+  refusals_.push_back({topic, now});
+}
+
+void Suspects::RemoveFirst() {
   suspects_.pop_front();
   strikes_ = 0;
+  first_was_refused_ = false;
+}
+
+std::optional<std::string> Suspects::ConvictFirst() {
+  std::string convict = suspects_.front();
+  RemoveFirst();
   if (in_order_.size() == kMostLeftOut) {
     left_out_.erase(in_order_.front());
     in_order_.pop_front();

@@ -16,7 +16,9 @@
 // When the broker cuts a connection off, each message that is without an acknowledgement may be the cause, and each
 // that it has refused just before. In the next connection these are published one at a time. A row that is then alone
 // in flight when the connection is cut off, and that twice before it gets through, is left out; so is one that is
-// refused. A connection that ends otherwise, or with nothing underway, is no proof for or against any.
+// refused for itself. One that is refused for what may pass, or because we may not write it, is published once more: a
+// broker that answers again does not end the connection for it. Where none does, the row is left out after one cut-off
+// more than others. A connection that ends otherwise, or with nothing underway, is no proof for or against any.
 class Suspects {
  public:
   using Time = std::chrono::steady_clock::time_point;
@@ -27,13 +29,16 @@ class Suspects {
   // The row that has to be published next, and alone; nothing once there is no suspicion.
   std::optional<std::string> Next() const;
 
-  // What has become of a row. Those that return a topic convict a row: it is left out from now on. A row that is
-  // refused for what may pass, or because we may not write it, has got through: the broker took it well.
+  // What has become of a row. Those that return a topic convict a row: it is left out from now on.
   void GotThrough(const std::string& topic);
+  // For itself.
   std::optional<std::string> WasRefused(const std::string& topic, Time now = std::chrono::steady_clock::now());
+  // For what may pass, or because we may not write it.
+  void WasRefusedForElse(const std::string& topic, Time now = std::chrono::steady_clock::now());
   // The connection was cut off, and these messages were without an acknowledgement.
   std::optional<std::string> ConnectionWasCutOff(const std::vector<std::string>& unacknowledged,
                                                  Time now = std::chrono::steady_clock::now());
+  void ConnectionEndedOtherwise() { first_was_refused_ = false; }
 
   bool LeavesOut(const std::string& topic) const { return !left_out_.empty() && left_out_.count(topic) > 0; }
 
@@ -47,10 +52,13 @@ class Suspects {
   static constexpr std::size_t kMostRefusals = 64;
 
   bool IsFirst(const std::string& topic) const { return !suspects_.empty() && suspects_.front() == topic; }
+  void RemoveFirst();
   std::optional<std::string> ConvictFirst();
+  void NoteRefusal(const std::string& topic, Time now);
 
   std::deque<std::string> suspects_;
-  int strikes_ = 0;  // Of the first one.
+  int strikes_ = 0;                 // Of the first one.
+  bool first_was_refused_ = false;  // In this connection, not for itself.
   std::deque<Refusal> refusals_;
   std::unordered_set<std::string> left_out_;
   std::deque<std::string> in_order_;  // Of being left out.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -160,6 +161,48 @@ TEST_F(PublisherTest, LeavesOutASuspectThatIsRefusedForItself) {
   ConvictARow();
   publisher_.SendWhatIsDue();
   EXPECT_THAT(Published(), ElementsAre("suspect"));
+}
+
+// A broker may end the connection for a row that it has refused before. What we have sent meanwhile varies.
+TEST_F(PublisherTest, LeavesOutARowThatIsRefusedForWhatMayPassWhenCutOffsFollow) {
+  publisher_.SendWhatIsDue();
+  for (const int reason : {MQTT_RC_QUOTA_EXCEEDED, MQTT_RC_UNSPECIFIED, MQTT_RC_NOT_AUTHORIZED}) {
+    for (const bool sends_more : {false, true}) {
+      const std::string poison = "poison" + std::to_string(reason) + (sends_more ? "more" : "");
+      Set(poison, "1");
+      SendChange();
+      ASSERT_EQ(Published().back(), poison);
+      for (int connection = 1; connection <= 4; ++connection) {
+        publisher_.Acknowledged(static_cast<int>(Published().size()), reason);
+        if (sends_more) publisher_.SendWhatIsDue();
+        EXPECT_EQ(CutOff(), connection == 4) << poison;
+        Connect();
+        publisher_.SendWhatIsDue();
+        ASSERT_EQ(CountOf(poison), connection < 4 ? 1 : 0) << poison;
+      }
+    }
+  }
+}
+
+TEST_F(PublisherTest, LetsNoRowWaitBehindOneThatIsRefusedAndCutsOff) {
+  Set("poison", "1");
+  for (int i = 0; i < 200; ++i) Set(std::to_string(i), "1");
+  std::set<std::string> taken;
+  for (int connection = 0; connection < 10; ++connection) {
+    std::size_t message = 0;
+    for (bool has_refused = false; !has_refused;) {
+      publisher_.SendWhatIsDue();
+      if (message == driven_.calls.published.size()) break;  // All that there is.
+      const std::string key = Published()[message++];
+      has_refused = key == "poison";
+      publisher_.Acknowledged(static_cast<int>(message), has_refused ? MQTT_RC_NOT_AUTHORIZED : 0);
+      if (!has_refused) taken.insert(key);
+    }
+    publisher_.SendWhatIsDue();  // Before the end is noticed.
+    CutOff();
+    Connect();
+  }
+  EXPECT_EQ(taken.size(), 200U);
 }
 
 TEST_F(PublisherTest, HopesWhenItHasConvictedARowInTheConnectionThatWasCutOff) {

@@ -74,6 +74,46 @@ TEST(Suspects, AreAlsoThoseRefusedJustBefore) {
   EXPECT_EQ(suspects.Next(), std::nullopt);
 }
 
+TEST(Suspects, AreAlsoThoseRefusedForElseJustBefore) {
+  Suspects suspects;
+  const Suspects::Time now = std::chrono::steady_clock::now();
+  suspects.WasRefusedForElse("long ago", now - milliseconds(1500));
+  suspects.WasRefusedForElse("a", now - milliseconds(500));
+  suspects.ConnectionWasCutOff({"b"}, now);
+  EXPECT_EQ(suspects.Next(), "b");
+  suspects.GotThrough("b");
+  EXPECT_EQ(suspects.Next(), "a");
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(suspects.Next(), "a");  // Does the broker still answer?
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+  EXPECT_FALSE(suspects.LeavesOut("a"));
+}
+
+TEST(Suspects, AreConvictedOfThreeCutOffsWhenTheyWereRefusedForElse) {
+  Suspects suspects;
+  suspects.ConnectionWasCutOff({"a", "b"});
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(suspects.ConnectionWasCutOff({}), std::nullopt);
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  EXPECT_EQ(suspects.Next(), "a");
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(suspects.ConnectionWasCutOff({}), "a");
+  EXPECT_EQ(suspects.Next(), "b");
+}
+
+TEST(Suspects, AreRefusedTwiceInOneConnectionBeforeTheyGetThrough) {
+  Suspects suspects;
+  suspects.ConnectionWasCutOff({"a"});
+  suspects.WasRefusedForElse("a");
+  suspects.ConnectionEndedOtherwise();
+  suspects.ConnectionWasCutOff({});  // With nothing underway.
+  EXPECT_EQ(CutOffAtTheFirst(suspects), std::nullopt);
+  suspects.WasRefusedForElse("a");
+  EXPECT_EQ(suspects.Next(), "a");
+}
+
 TEST(Suspects, LeaveOutAThousandAndForgetTheFirst) {
   Suspects suspects;
   for (std::size_t i = 0; i <= Suspects::kMostLeftOut; ++i) {
