@@ -135,7 +135,7 @@ void Bridge::Acknowledged(int message, int reason) {
 
 void Bridge::Arrived(std::string_view topic, std::string_view payload, std::string_view instance) {
   if (presence_ && topic == presence_->Topic()) {
-    presence_->Saw(broker_, payload, instance);
+    presence_->Saw(instance);
   } else {
     inbox_.Take(topic, payload);
   }

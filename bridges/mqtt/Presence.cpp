@@ -27,15 +27,11 @@ Broker::State Presence::NextWill() {
 void Presence::Announce(Broker& broker) {
   was_connected_ = is_connected_;
   is_connected_ = true;
-  is_announced_ = true;
   message_ = broker.PublishState({topic_, "1", NameOfConnection()});
 }
 
 // Nobody's: the bridge that goes on must not take it for that of another.
-void Presence::TakeLeave(Broker& broker) {
-  is_announced_ = false;
-  message_ = broker.PublishState({topic_, "0", ""});
-}
+void Presence::TakeLeave(Broker& broker) { message_ = broker.PublishState({topic_, "0", ""}); }
 
 bool Presence::Acknowledged(int message, int reason, const Log& log) {
   if (message_ != message) return false;
@@ -44,12 +40,9 @@ bool Presence::Acknowledged(int message, int reason, const Log& log) {
   return true;
 }
 
-void Presence::Saw(Broker& broker, std::string_view payload, std::string_view instance) {
+void Presence::Saw(std::string_view instance) {
   if (!was_connected_ || instance.empty()) return;
-  if (instance.substr(0, instance_.size()) == instance_) {
-    if (is_announced_ && payload == "0") broker.PublishState({topic_, "1", NameOfConnection()});
-    return other_.clear();
-  }
+  if (instance.substr(0, instance_.size()) == instance_) return other_.clear();
   if (!other_.empty() && instance != other_) has_seen_another_ = true;
   other_ = instance;
 }

@@ -38,9 +38,8 @@ class Presence {
 
   // Whether the message was of ours.
   bool Acknowledged(int message, int reason, const Log& log);
-  // The state as the broker has it. Where it is our own will of an earlier connection, this announces us again: some
-  // brokers, when several work together, publish it late.
-  void Saw(Broker& broker, std::string_view payload, std::string_view instance);
+  // The state as the broker has it.
+  void Saw(std::string_view instance);
   bool HasSeenAnother() const { return has_seen_another_; }
 
  private:
@@ -53,6 +52,5 @@ class Presence {
   std::optional<int> message_;  // Underway.
   bool was_connected_ = false;  // Before this connection, so that another bridge must be there now.
   bool is_connected_ = false;   // Or was once.
-  bool is_announced_ = false;   // Until we take leave.
   bool has_seen_another_ = false;
 };

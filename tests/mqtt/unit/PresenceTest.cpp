@@ -21,7 +21,7 @@ bool SeesAnother(const std::vector<std::string>& instances) {
     const Broker::State will = presence.NextWill();
     driven.broker.Connect(will);
     presence.Announce(driven.broker);
-    presence.Saw(driven.broker, "1", instance == "own" ? own : instance);
+    presence.Saw(instance == "own" ? own : instance);
     own = will.instance;
   }
   return presence.HasSeenAnother();
@@ -47,28 +47,6 @@ TEST(Presence, HasAWillForEachConnectionAndAStateThatTellsWhose) {
   EXPECT_EQ(first.topic, "varnix/hall1/$state");
   EXPECT_EQ(first.payload, "0");
   EXPECT_NE(first.instance, second.instance);
-}
-
-TEST(Presence, IsAnnouncedAgainWhenItsOwnEarlierWillComesLate) {
-  const Topics topics("varnix");
-  Presence presence(topics, "hall1");
-  DrivenBroker driven;
-  Broker::State earlier, will;
-  for (Broker::State* const each : {&earlier, &will}) {
-    *each = presence.NextWill();
-    driven.broker.Connect(*each);
-    presence.Announce(driven.broker);
-  }
-  driven.calls.published.clear();
-  presence.Saw(driven.broker, "1", will.instance);
-  presence.Saw(driven.broker, "0", "second-1");
-  EXPECT_TRUE(driven.calls.published.empty());
-  presence.Saw(driven.broker, "0", earlier.instance);
-  ASSERT_EQ(driven.calls.published.size(), 1U);
-  EXPECT_EQ(driven.calls.published.back().payload, "1");
-  presence.TakeLeave(driven.broker);
-  presence.Saw(driven.broker, "0", earlier.instance);
-  EXPECT_EQ(driven.calls.published.back().payload, "0");
 }
 
 }  // namespace
