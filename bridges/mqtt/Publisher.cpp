@@ -72,12 +72,12 @@ void Publisher::Stop() {
   outbox_.Rest();
 }
 
-void Publisher::Tick() {
+void Publisher::Tick(Clock::time_point now) {
   refused_rows_.Tick();
-  if (restart_ && Clock::now() >= *restart_ && stage_ == Stage::Flowing) {
-    restart_.reset();
-    outbox_.Restart();
-  }
+  if (!restart_ || now < *restart_ || stage_ != Stage::Flowing) return;
+  if (!outbox_.IsDrained()) return;  // Or the last rows would never leave, where all take longer than that.
+  restart_.reset();
+  outbox_.Restart();
 }
 
 void Publisher::Beat() {

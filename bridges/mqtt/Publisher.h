@@ -21,6 +21,8 @@
 // Threads: that of the owner alone.
 class Publisher {
  public:
+  using Clock = std::chrono::steady_clock;
+
   Publisher(const Options& options, const Topics& topics, Broker& broker, const Log& log);
 
   // The broker has accepted a connection: everything is published anew.
@@ -42,13 +44,11 @@ class Publisher {
   bool HasWork() const { return AwaitsChanges() && outbox_.IsWalking(); }
 
   // Once a second.
-  void Tick();
+  void Tick(Clock::time_point now = Clock::now());
   // Once a minute.
   void Beat();
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   // How far a connection has come.
   enum class Stage {
     Resting,  // There is none, or it is about to end.

@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <set>
 #include <string>
@@ -155,6 +156,25 @@ TEST_F(PublisherTest, LeavesOutNoSuspectThatIsRefusedForWhatMayPassOrForWantOfRi
     publisher_.SendWhatIsDue();
     EXPECT_THAT(Published(), ElementsAre("suspect", "suspect")) << reason;
   }
+}
+
+TEST_F(PublisherTest, PublishesAnewForAQuotaOnceEveryRowHasLeft) {
+  const Publisher::Clock::time_point later = Publisher::Clock::now() + std::chrono::hours(1);
+  for (int i = 0; i < 200; ++i) Set(std::to_string(i), "1");
+  publisher_.SendWhatIsDue();
+  publisher_.Acknowledged(1, MQTT_RC_QUOTA_EXCEEDED);
+  int message = 1;
+  while (Published().size() < 200) {
+    publisher_.Tick(later);
+    publisher_.SendWhatIsDue();
+    Acknowledge(++message);
+  }
+  EXPECT_EQ(CountOf("0"), 1);
+  EXPECT_EQ(CountOf("199"), 1);
+  publisher_.SendWhatIsDue();
+  publisher_.Tick(later);
+  publisher_.SendWhatIsDue();
+  EXPECT_EQ(CountOf("0"), 2);
 }
 
 TEST_F(PublisherTest, LeavesOutASuspectThatIsRefusedForItself) {
