@@ -6,6 +6,7 @@
 #include <mqtt_protocol.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -65,6 +66,11 @@ std::string InstanceOf(const mosquitto_property* properties) {
 bool HasInput(int descriptor) {
   int bytes = 0;
   return ioctl(descriptor, FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
+bool HasHungUp(int descriptor) {
+  pollfd state{descriptor, POLLRDHUP, 0};
+  return poll(&state, 1, 0) == 1 && (state.revents & (POLLRDHUP | POLLHUP)) != 0;
 }
 
 bool IsFolder(const std::string& path) {
@@ -312,6 +318,12 @@ void Broker::CheckDescriptor() {
   } else if (recv(Descriptor(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0) {
     Check(MOSQ_ERR_CONN_LOST, 0);
   }
+}
+
+void Broker::Check(int result) {
+  const int error = options_.UsesTls() ? 0 : errno;
+  const bool has_hung_up = result == MOSQ_ERR_ERRNO && options_.UsesTls() && HasHungUp(Descriptor());
+  Check(has_hung_up ? MOSQ_ERR_CONN_LOST : result, error);
 }
 
 void Broker::Check(int result, int error) {

@@ -5,7 +5,6 @@
 
 #include <mosquitto.h>
 
-#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <optional>
@@ -112,8 +111,8 @@ class Broker {
   // with TLS it cannot tell why.
   void CheckDescriptor();
   // Notes the end of the connection, if `result` tells of one. Reads errno, so it comes right after the call. With TLS
-  // errno tells nothing: libmosquitto ends the stream before it returns.
-  void Check(int result) { Check(result, options_.UsesTls() ? 0 : errno); }
+  // errno tells nothing: libmosquitto ends the stream before it returns. What is sent leaves the descriptor, though.
+  void Check(int result);
   void Check(int result, int error);
   const char* WhatItMayWant() const;
   void RethrowWhatWasThrown();

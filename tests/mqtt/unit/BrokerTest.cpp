@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <string>
 
 #include "Broker.h"
 #include "DrivenBroker.h"
@@ -55,6 +56,20 @@ TEST(Broker, IsJudgedWithTlsByWhatTheDescriptorTells) {
   driven.calls.pending_error = ECONNRESET;
   EXPECT_THAT(EndAfter(0, driven).words, StartsWith("it has ended the connection"));
   EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::CutOff);
+}
+
+TEST(Broker, IsJudgedWithTlsByTheDescriptorAlsoWhenARowCannotBeSent) {
+  DrivenBroker driven;
+  driven.options.ca = VARNIX_BRIDGE;
+  driven.calls.publish = {MOSQ_ERR_ERRNO, EPROTO};
+  for (const auto cause : {BrokerEnd::Cause::Network, BrokerEnd::Cause::CutOff}) {
+    ASSERT_TRUE(driven.broker.Connect(std::nullopt));
+    if (cause == BrokerEnd::Cause::CutOff) driven.calls.HangUp();
+    int message = 0;
+    std::string why;
+    EXPECT_EQ(driven.broker.Publish("topic", "1", message, why), Broker::Outcome::ConnectionEnded);
+    EXPECT_EQ(driven.broker.End().cause, cause);
+  }
 }
 
 TEST(Broker, IsGoneWhenNoPingIsAnswered) {

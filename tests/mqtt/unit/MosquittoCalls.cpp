@@ -3,10 +3,10 @@
 
 #include "MosquittoCalls.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 namespace {
@@ -20,12 +20,22 @@ int End(const MosquittoCalls::Outcome& outcome) {
 
 }  // namespace
 
-MosquittoCalls::MosquittoCalls() : descriptor(open("/dev/null", O_RDWR | O_CLOEXEC)) { driven = this; }
+MosquittoCalls::MosquittoCalls() {
+  std::array<int, 2> sides{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sides.data()) == 0) {
+    descriptor = sides[0];
+    other_side_ = sides[1];
+  }
+  driven = this;
+}
 
 MosquittoCalls::~MosquittoCalls() {
   driven = nullptr;
   close(descriptor);
+  close(other_side_);
 }
+
+void MosquittoCalls::HangUp() const { shutdown(other_side_, SHUT_RDWR); }
 
 // The linker puts these in the place of the calls; see --wrap.
 extern "C" {

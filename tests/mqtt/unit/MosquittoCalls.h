@@ -36,5 +36,11 @@ class MosquittoCalls {
   void (*on_disconnect)(mosquitto*, void*, int, const mosquitto_property*) = nullptr;
   int pending_error = 0;  // Of the connection, as SO_ERROR has it.
   std::vector<Message> published;
-  const int descriptor;  // What the connection is said to have.
+  int descriptor = -1;  // What the connection is said to have.
+
+  // The other side ends the connection.
+  void HangUp() const;
+
+ private:
+  int other_side_ = -1;
 };
