@@ -125,6 +125,7 @@ def test_the_state_is_0_also_when_the_broker_is_slow_to_hear_of_the_end(broker, 
     client = make_client(broker, "varnix/hall1/$state")
     _, bridges, writer, _ = make_pair(port=proxy.port)
     assert client.gets("varnix/hall1/$state", b"1")
+    assert bridges[0].says("All rows are published")  # It has the acknowledgement of its state.
     proxy.hold_acknowledgements()
     writer.set_all(TABLE, some_rows(100, b"first"))
     assert proxy.has_unacknowledged(64)  # There is no room for more.
