@@ -133,8 +133,8 @@ TEST_F(SharingTest, PeerThatIsFoundTwiceInQuickSuccessionGivesOneStream) {
   other->FoundPeer(INADDR_LOOPBACK, peer.Port(), esns);
   other->FoundPeer(INADDR_LOOPBACK, peer.Port(), esns);
 
-  // One of the two streams lasts; the other, and the one in which the peer connects back, end silently. So may one more,
-  // of those with which they have met.
+  // One of the two streams lasts; the other, and the one in which the peer connects back, end silently. So may one
+  // more, of those with which they have met.
   EXPECT_TRUE(Eventually([&] {
     const std::vector<LogLine> lines = log_.Lines();
     const std::size_t streams = Count(lines, "tblrcvr.ctor");
