@@ -15,6 +15,9 @@ namespace {
 // Ends the lines of data of an event, and the event.
 constexpr char kEnd[] = "\n";
 
+// In a pass by name it may be long from one row that is told to the next. Others wait for the thread meanwhile.
+constexpr int kMostLooks = 4096;
+
 void BeginEvent(std::string& out, const char* name) { out.append("event: ").append(name).append("\n"); }
 
 JsonObject BeginData(std::string& out) {
@@ -72,6 +75,12 @@ bool EventFeed::HasMore() const { return !begun_ || !ready_ || told_ < model_.La
 
 void EventFeed::Fill(std::string& out) {
   if (!begun_ || HasMissedADeparture()) Begin(out);
+  if (pass_) return FillByName(out);
+  FillByNumber(out);
+}
+
+void EventFeed::FillByNumber(std::string& out) {
+  if (told_ >= round_) round_ = model_.LastChange();
   const std::size_t enough = out.size() + kPiece;
   bool in_rows = false;
   auto change = model_.After(told_);
@@ -82,15 +91,61 @@ void EventFeed::Fill(std::string& out) {
   if (in_rows) out += kEnd;
   if (IsAtReady(change)) {
     ready_ = true;
+    round_ = told_;
     out += "event: ready\ndata: {}\n\n";
   } else if (change == model_.End()) {
-    told_ = model_.LastChange();  // Those with the last numbers may be gone.
+    told_ = round_ = model_.LastChange();  // Those with the last numbers may be gone.
+  } else if (ready_ && change->first > round_) {
+    pass_.emplace(Pass{told_, model_.LastChange(), told_, std::nullopt, RowCursor(model_)});
   }
+}
+
+void EventFeed::FillByName(std::string& out) {
+  const std::size_t enough = out.size() + kPiece;
+  bool in_rows = false;
+  for (int looks = 0; pass_ && looks < kMostLooks && out.size() < enough; ++looks) {
+    if (const auto change = NextByName()) {
+      if (IsNews(*change)) in_rows = TellChange(out, *change, in_rows);
+    } else {
+      told_ = round_ = pass_->until;
+      pass_.reset();
+    }
+  }
+  if (in_rows) out += kEnd;
+}
+
+// Nothing behind the last.
+std::optional<WebModel::Change> EventFeed::NextByName() {
+  const auto departure = model_.Departures().upper_bound(pass_->departure);
+  if (departure != model_.Departures().end() && departure->first <= pass_->until) {
+    pass_->departure = departure->first;
+    return &departure->second;
+  }
+  pass_->departure = pass_->until;
+  const auto& members = model_.Members();
+  const auto member = pass_->member ? members.upper_bound(*pass_->member) : members.begin();
+  if (member != members.end()) {
+    pass_->member = member->first;
+    return &member->second;
+  }
+  if (const WebModel::RowEntry* const row = pass_->rows.Next()) return row;
+  return std::nullopt;
+}
+
+// A member that came after the pass began is told when the pass has ended, with its rows.
+bool EventFeed::IsNews(const WebModel::Change& change) const {
+  if (const auto* const row = std::get_if<const WebModel::RowEntry*>(&change)) {
+    return (*row)->number > pass_->told && (*row)->member->number <= pass_->until;
+  }
+  const auto* const member = std::get_if<const WebModel::MemberEntry*>(&change);
+  return !member || ((*member)->number > pass_->told && (*member)->number <= pass_->until);
 }
 
 // More departures than are kept: nothing but a new beginning tells who is left. Those from before the beginning do not
 // count: nothing was told of these members. Else one that is slow would begin anew for ever where many leave.
-bool EventFeed::HasMissedADeparture() const { return model_.LastForgotten() > std::max(told_, first_part_); }
+bool EventFeed::HasMissedADeparture() const {
+  return model_.LastForgotten() > std::max({told_, first_part_, pass_ ? pass_->departure : 0});
+}
 
 // Whether everything that there was at the beginning stands before this change.
 bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
@@ -100,7 +155,8 @@ bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
 void EventFeed::Begin(std::string& out) {
   begun_ = true;
   ready_ = false;
-  told_ = 0;
+  told_ = round_ = 0;
+  pass_.reset();
   first_part_ = model_.LastChange();
   out += SignOfLife();
   BeginEvent(out, "hello");

@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "web/Feed.h"
+#include "web/RowCursor.h"
 #include "web/WebModel.h"
 
 // The changes of a model as server-sent events, from the beginning on: first everything that there is, then what
@@ -19,7 +21,10 @@
 //   ready    everything that there was has been told.
 //   time     the server's clock, at the beginning and every few seconds.
 //
-// Nothing is kept for a reader but the number of the last change that it has been told.
+// Nothing is kept for a reader but how far it has been told. It is told the changes in their order, the oldest first.
+// But a row that changes moves behind all others, and a slow reader would never come to the fastest rows. So when it
+// has been told all that there was when a round began, and there is still more than it takes, a pass by name follows.
+// There each row has its place, however often it changes.
 class EventFeed : public Feed {
  public:
   // `hello` is the JSON object of that event, and a newline.
@@ -31,7 +36,19 @@ class EventFeed : public Feed {
   std::string SignOfLife() const override;
 
  private:
+  // By name: those that have left, then the members, then the rows; of these, what was not told when it began.
+  struct Pass {
+    std::uint64_t told, until;  // Numbers of changes: it is about those between them.
+    std::uint64_t departure;    // The last one that was told.
+    std::optional<Place> member;
+    RowCursor rows;
+  };
+
   void Begin(std::string& out);
+  void FillByNumber(std::string& out);
+  void FillByName(std::string& out);
+  std::optional<WebModel::Change> NextByName();
+  bool IsNews(const WebModel::Change& change) const;
   bool HasMissedADeparture() const;
   bool IsAtReady(WebModel::Changes::const_iterator change) const;
 
@@ -39,5 +56,7 @@ class EventFeed : public Feed {
   const std::string hello_;
   bool begun_ = false, ready_ = false;
   std::uint64_t told_ = 0;        // The number of the last change that was told,
-  std::uint64_t first_part_ = 0;  // and of the last one that there was at the beginning.
+  std::uint64_t first_part_ = 0;  // of the last one that there was at the beginning,
+  std::uint64_t round_ = 0;       // and of the last one that there was when this round began.
+  std::optional<Pass> pass_;
 };

@@ -69,6 +69,9 @@ class WebModel {
   const std::map<Place, MemberEntry>& Members() const { return members_; }
   Counts Count() const;
 
+  // The last ones, by the number of the change.
+  const std::map<std::uint64_t, Departure>& Departures() const { return departures_; }
+
   // The oldest change behind that number; end() if there is none. The first is 1.
   Changes::const_iterator After(std::uint64_t number) const { return changes_.upper_bound(number); }
   Changes::const_iterator End() const { return changes_.end(); }
@@ -83,7 +86,7 @@ class WebModel {
   void ForgetOldDepartures();
 
   std::map<Place, MemberEntry> members_;
-  std::map<std::uint64_t, Departure> departures_;  // The last ones, by number.
+  std::map<std::uint64_t, Departure> departures_;
   Changes changes_;
   std::uint64_t last_change_ = 0, last_forgotten_ = 0;
   std::uint64_t changes_of_the_gone_ = 0, met_ = 0, lost_ = 0;

@@ -119,6 +119,73 @@ TEST_F(FeedsTest, OneThatIsSlowIsToldTheNewestValuesOnce) {
   EXPECT_EQ(rest.back(), "new");
 }
 
+TEST_F(FeedsTest, OneThatNeverCatchesUpIsToldTheFastestRowsToo) {
+  SetMany("cold", 2000);
+  Set("hot", "hot");
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  std::string text;
+  for (int piece = 0; piece < 60; ++piece) {
+    for (int i = 0; i < 1000; ++i) Set("key-" + std::to_string((piece * 1000 + i) % 2000), "cold");  // Two pieces.
+    Set("hot", "hot");
+    text += Fill(feed);
+  }
+
+  EXPECT_GE(Count(text, "\"value\":\"hot\""), 3U);
+  EXPECT_LE(Count(text, "\"value\":\"hot\""), 20U);
+  EXPECT_GE(Count(text, "\"key\":\"key-1\""), 3U);
+}
+
+TEST_F(FeedsTest, OneThatNeverCatchesUpIsToldWhoCameAndLeftBeforeTheirRows) {
+  SetMany("cold", 2000);
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  const Member pump = PressAt(2);
+  Texts told;
+  for (int piece = 0; piece < 60; ++piece) {
+    SetMany("cold", 1000);
+    if (piece % 8 == 0) model_.AddMember(pump, 8);
+    model_.SetRow(pump, {"status", "speed", "of-pump", 1});
+    if (piece % 8 == 5) model_.RemoveMember(pump.place, {}, 9);
+    for (const std::string& one : Told(Fill(feed))) {
+      if (one != "cold") told.push_back(one);
+    }
+  }
+
+  bool is_there = false;
+  int rows = 0;
+  for (const std::string& one : told) {
+    EXPECT_TRUE(one != "of-pump" || is_there);
+    EXPECT_TRUE(one != "member" || !is_there);
+    if (one == "member") is_there = true;
+    if (one == "left") is_there = false;
+    rows += one == "of-pump" ? 1 : 0;
+  }
+  EXPECT_GE(rows, 2);
+}
+
+TEST_F(FeedsTest, OneThatWasBehindIsToldAllOfTheNewestValues) {
+  SetMany("old", 2000);
+  EventFeed feed(model_, "{}\n");
+  FillAll(feed);
+  for (int piece = 0; piece < 30; ++piece) {
+    SetMany("old", 1000);
+    Fill(feed);
+  }
+  SetMany("new", 2000);
+  ComeAndGo(1);
+
+  const std::string text = FillAll(feed);
+
+  for (int i = 0; i < 2000; ++i) {
+    const std::size_t last = text.rfind("\"key\":\"key-" + std::to_string(i) + "\"");
+    ASSERT_NE(last, std::string::npos);
+    EXPECT_EQ(text.substr(text.find("\"value\"", last), 13), "\"value\":\"new\"");
+  }
+  EXPECT_EQ(Count(text, "event: left"), 1U);
+  EXPECT_FALSE(feed.HasMore());
+}
+
 TEST_F(FeedsTest, OneThatHasMissedWhoLeftBeginsAnew) {
   EventFeed feed(model_, "{}\n");
   FillAll(feed);
