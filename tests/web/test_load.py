@@ -15,6 +15,8 @@ CHANGES_PER_SECOND = 5_000
 BATCH = 250
 MOST_WAIT = 100  # Milliseconds.
 MOST_BURSTS = 3  # A machine that has no time keeps the keys of one waiting, or of two.
+LEAST_SEEN = 20  # So many keys and frames tell something. Where there is no time, they take more than one round.
+MOST_ROUNDS = 6
 
 # How long each key waits: from when it was pressed until the frame behind it is drawn. And how many frames there are.
 TIMING = """
@@ -61,13 +63,13 @@ def rows(value):
 
 
 class Burst:
-    """Every row changes once, CHANGES_PER_SECOND, while somebody types."""
+    """Every row changes once, CHANGES_PER_SECOND, while somebody types; again until enough was seen."""
 
-    def __init__(self, page, chromium, press, value):
+    def __init__(self, page, chromium, press, value_before):
         page.run("window.waits = []")
         frames, (worked, waited) = page.run("window.frames_drawn"), chromium.main_thread_seconds()
-        stop = threading.Event()
-        changing = threading.Thread(target=self._change_all, args=(press, value, stop))
+        stop, self._seen, self.value = threading.Event(), threading.Event(), value_before
+        changing = threading.Thread(target=self._change_all, args=(press, stop))
         changing.start()
         try:
             page.press("/")
@@ -76,6 +78,8 @@ class Burst:
                     for one in [key] if key == "Escape" else key:
                         page.press(one)
                         time.sleep(0.05)  # As fast as one types; nothing is waited for.
+                if page.run(f"Math.min(window.waits.length, window.frames_drawn - {frames})") >= LEAST_SEEN:
+                    self._seen.set()
         finally:
             stop.set()
             changing.join()
@@ -87,14 +91,18 @@ class Burst:
         self.waits = sorted(page.run("window.waits"))
         self.median = statistics.median(self.waits)
 
-    @staticmethod
-    def _change_all(press, value, stop):
+    def _change_all(self, press, stop):
         """Steadily: each change is of another row, so that none takes the place of another."""
-        begun = time.monotonic()
-        for sent in range(0, ROWS, BATCH):
-            if stop.wait(max(0, begun + sent / CHANGES_PER_SECOND - time.monotonic())):
+        for _ in range(MOST_ROUNDS):
+            if self._seen.is_set():
                 return
-            press.set_all([(b"table-%d" % (n % 8), b"key-%05d" % n, b"%d" % value) for n in range(sent, sent + BATCH)])
+            self.value += 1
+            begun = time.monotonic()
+            for sent in range(0, ROWS, BATCH):
+                if stop.wait(max(0, begun + sent / CHANGES_PER_SECOND - time.monotonic())):
+                    return
+                press.set_all([(b"table-%d" % (n % 8), b"key-%05d" % n, b"%d" % self.value)
+                               for n in range(sent, sent + BATCH)])
 
 
 def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, show, member):
@@ -104,16 +112,16 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
     drawn = page.run("document.querySelectorAll('.row').length")
     bursts = []
     while len(bursts) < MOST_BURSTS and all(burst.median > MOST_WAIT for burst in bursts):
-        bursts.append(Burst(page, chromium, press, len(bursts) + 1))
+        bursts.append(Burst(page, chromium, press, bursts[-1].value if bursts else 0))
 
         assert page.eventually(f"""[...document.querySelectorAll(".row:not([hidden]) .value")].length > 0 &&
             [...document.querySelectorAll(".row:not([hidden]) .value")]
-                .every((value) => value.textContent === "{len(bursts)}")""")
+                .every((value) => value.textContent === "{bursts[-1].value}")""")
     best = min(bursts, key=lambda burst: burst.median)
     figure(f"with {ROWS} rows and {CHANGES_PER_SECOND} changes a second a key is answered within "
            f"{best.median:.0f} ms, 9 of 10 within {best.waits[len(best.waits) * 9 // 10]:.0f} ms; "
            f"the page works {best.seconds_for_a_frame * 1000:.0f} ms for a frame, with {best.share:.0%} of a processor")
-    assert len(best.waits) >= 20 and best.frames >= 20
+    assert len(best.waits) >= LEAST_SEEN and best.frames >= LEAST_SEEN
     # What the machine has given to others is not the page's.
     assert best.median * best.share <= MOST_WAIT, [(burst.share, burst.waits) for burst in bursts]
     assert best.seconds_for_a_frame <= 0.1  # Whatever the machine does besides.
