@@ -9,7 +9,7 @@ import time
 
 import client
 import driven
-from programs import eventually, figure
+from programs import DEADLINE, eventually, figure
 
 MARKUP = b"<script>window.caught=1</script>"
 HANDLER = b"\"><img src=x onerror='window.caught=1'>"
@@ -67,8 +67,8 @@ def test_a_row_appears_within_200_milliseconds_of_its_set(web, show, make_host):
         assert page.eventually(f"'{value}' in window.drawn")
         return page.run(f"window.drawn['{value}']") - before
 
-    medians = []
-    while len(medians) < 5 and all(median > 200 for median in medians):  # A busy machine may delay some of them.
+    medians, end = [], time.monotonic() + DEADLINE  # A busy machine may delay most of them.
+    while not medians or (min(medians) > 200 and time.monotonic() < end):
         medians.append(statistics.median(delay(f"value {len(medians)}.{number}") for number in range(11)))
 
     figure(f"a row is drawn {min(medians):.0f} ms after it was set")
