@@ -36,6 +36,8 @@ HttpConnection::HttpConnection(Loop& loop, FileDescriptor socket, Site& site)
   LimitSendBuffer(socket_, kKernelBuffer);
 }
 
+HttpConnection::~HttpConnection() { ResetIfCut(); }
+
 pollfd HttpConnection::Awaited() const {
   if (state_ == State::kEnded) return {-1, 0, 0};
   const bool reads = state_ != State::kAnswering || IsBrowser();
@@ -135,7 +137,16 @@ bool HttpConnection::SendUnsent() {
 
 void HttpConnection::NoteProgress() { due_ = std::min(Clock::now() + kMostWithoutProgress, end_); }
 
+// The end of the connection is the end of the answer. So one that is cut must not end as a whole one does: with a reset
+// the reader sees that something is missing. An answer without an end misses nothing.
+void HttpConnection::ResetIfCut() {
+  if (state_ != State::kAnswering || IsBrowser()) return;
+  constexpr linger kReset{1, 0};
+  setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &kReset, sizeof kReset);
+}
+
 void HttpConnection::EndAs(State state, TimePoint due) {
+  if (state == State::kEnded) ResetIfCut();
   state_ = state;
   due_ = due;
   feed_.reset();

@@ -17,6 +17,7 @@ class HttpConnection : public Waiter {
   static constexpr std::size_t kMostRequest = 8192;
 
   HttpConnection(Loop& loop, FileDescriptor socket, Site& site);
+  ~HttpConnection() override;
 
   // Whether it reads an answer that goes on as long as it wants.
   bool IsBrowser() const { return state_ == State::kAnswering && feed_ && feed_->IsLiving(); }
@@ -45,6 +46,7 @@ class HttpConnection : public Waiter {
   void Write();
   void NoteProgress();
   bool SendUnsent();
+  void ResetIfCut();
   void EndAs(State state, TimePoint due);
 
   Site& site_;

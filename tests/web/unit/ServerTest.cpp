@@ -1,7 +1,8 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// Who makes room when there are too many connections. The clock stands, so none of them ends by itself.
+// Who makes room when there are too many connections, and how it is told. The clock stands, so none of them ends by
+// itself.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -41,6 +42,7 @@ class HttpServerTest : public testing::Test {
     for (int i = 0; i < kMostTurns && taken.size() < most; ++i) {
       char piece[4096];
       const ssize_t size = recv(connected.Get(), piece, std::min(sizeof piece, most - taken.size()), MSG_DONTWAIT);
+      error_ = size < 0 ? errno : 0;
       if (size == 0 || (size < 0 && errno != EAGAIN)) break;
       if (size > 0) taken.append(piece, static_cast<std::size_t>(size));
       loop_.Turn(now_);
@@ -53,9 +55,11 @@ class HttpServerTest : public testing::Test {
     return Take(connected).rfind("HTTP/1.1 200 OK\r\n", 0) == 0;
   }
 
-  static constexpr int kMostTurns = 1'000'000;  // It only bounds a failing run.
+  static constexpr std::size_t kMuch = 1 << 19;  // More than the system keeps for a reader.
+  static constexpr int kMostTurns = 1'000'000;   // It only bounds a failing run.
   const TimePoint now_ = std::chrono::steady_clock::now();
   const Hooked<TimePoint()> hook_{Hooks().now, [this] { return now_; }};
+  int error_ = 0;  // With which the last attempt to take something has ended, or 0.
   Loop loop_;
   WebModel model_;
   HttpServer server_{loop_, {INADDR_LOOPBACK, 0}, model_, "{}\n", "press"};
@@ -74,7 +78,7 @@ TEST_F(HttpServerTest, WhoHasAnAnswerMakesRoomBeforeWhoHasNotAskedYet) {
 }
 
 TEST_F(HttpServerTest, WhoHasNotAskedYetMakesRoomBeforeWhoReads) {
-  const std::string value(1 << 20, 'x');  // More than the system keeps for a reader.
+  const std::string value(kMuch, 'x');
   model_.AddMember({}, 1);
   model_.SetRow({}, {"status", "text", value, 1, true});
   const FileDescriptor reader = Connect();
@@ -86,6 +90,21 @@ TEST_F(HttpServerTest, WhoHasNotAskedYetMakesRoomBeforeWhoReads) {
 
   EXPECT_TRUE(IsAnswered(silent.back()));
   EXPECT_GT(Take(reader).size(), value.size());
+  EXPECT_EQ(error_, 0);
+}
+
+TEST_F(HttpServerTest, AnAnswerThatIsCutEndsWithAReset) {
+  model_.AddMember({}, 1);
+  model_.SetRow({}, {"status", "text", std::string(kMuch, 'x'), 1, true});
+  std::vector<FileDescriptor> readers;
+  while (readers.size() <= kMostConnections) {
+    readers.push_back(Connect());
+    Ask(readers.back(), "/rows");
+    EXPECT_EQ(Take(readers.back(), 1), "H");
+  }
+
+  EXPECT_LT(Take(readers.front()).size(), kMuch);
+  EXPECT_EQ(error_, ECONNRESET);
 }
 
 }  // namespace
