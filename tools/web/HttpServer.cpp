@@ -6,11 +6,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "commands/Description.h"
-#include "text/JsonObject.h"
 #include "text/Time.h"
 #include "web/EventFeed.h"
-#include "web/Metrics.h"
+#include "web/MembersFeed.h"
+#include "web/MetricsFeed.h"
 #include "web/RowsFeed.h"
 
 namespace {
@@ -60,17 +59,11 @@ void HttpServer::MakeRoom() {
   connections_.erase(found);
 }
 
-std::string HttpServer::Members() const {
-  std::string text;
-  for (const auto& [place, member] : model_.Members()) {
-    JsonObject object(text);
-    Describe(object, member.member);
-    object.End();
-  }
-  return text;
-}
+std::unique_ptr<Feed> HttpServer::Members() const { return std::make_unique<MembersFeed>(model_); }
 
-std::string HttpServer::Metrics() const { return MetricsText(model_, Browsers(), started_us_); }
+std::unique_ptr<Feed> HttpServer::Metrics() const {
+  return std::make_unique<MetricsFeed>(model_, Browsers(), started_us_);
+}
 
 std::unique_ptr<Feed> HttpServer::Rows(const std::optional<std::string>& table) const {
   return std::make_unique<RowsFeed>(model_, table);

@@ -32,8 +32,8 @@ class HttpServer : public Waiter, private Acceptor::Owner, private Site::Content
  private:
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
   void MakeRoom();
-  std::string Members() const override;
-  std::string Metrics() const override;
+  std::unique_ptr<Feed> Members() const override;
+  std::unique_ptr<Feed> Metrics() const override;
   std::unique_ptr<Feed> Rows(const std::optional<std::string>& table) const override;
   std::unique_ptr<Feed> Events() override;
   std::size_t Browsers() const;

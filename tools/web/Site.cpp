@@ -121,8 +121,10 @@ class Site::Routes : private httplib::Server {
         response.set_content(file.text.data(), file.text.size(), file.type);
       });
     }
-    Get("/members", [this](const auto&, auto& response) { response.set_content(content_.Members(), kJsonLines); });
-    Get("/metrics", [this](const auto&, auto& response) { response.set_content(content_.Metrics(), kMetrics); });
+    Get("/members",
+        [this](const auto& request, auto& response) { Send(request, response, kJsonLines, content_.Members()); });
+    Get("/metrics",
+        [this](const auto& request, auto& response) { Send(request, response, kMetrics, content_.Metrics()); });
     Get("/rows", [this](const auto& request, auto& response) { SendRows(request, response); });
     Get("/events", [this](const auto& request, auto& response) { SendEvents(request, response); });
   }

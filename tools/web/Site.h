@@ -17,8 +17,8 @@ class Site {
   class Content {
    public:
     virtual ~Content() = default;
-    virtual std::string Members() const = 0;
-    virtual std::string Metrics() const = 0;
+    virtual std::unique_ptr<Feed> Members() const = 0;
+    virtual std::unique_ptr<Feed> Metrics() const = 0;
     virtual std::unique_ptr<Feed> Rows(const std::optional<std::string>& table) const = 0;
     // Null if there are too many readers.
     virtual std::unique_ptr<Feed> Events() = 0;

@@ -45,12 +45,25 @@ class Drops : public Feed {
   int told_ = 0;
 };
 
+// Something that has an end.
+class Line : public Feed {
+ public:
+  bool HasMore() const override { return !told_; }
+  void Fill(std::string& out) override {
+    out += "{}\n";
+    told_ = true;
+  }
+
+ private:
+  bool told_ = false;
+};
+
 class Springs : public Site::Content {
  public:
   int drops = 0;
 
-  std::string Members() const override { return "{}\n"; }
-  std::string Metrics() const override { return ""; }
+  std::unique_ptr<Feed> Members() const override { return std::make_unique<Line>(); }
+  std::unique_ptr<Feed> Metrics() const override { return std::make_unique<Line>(); }
   std::unique_ptr<Feed> Rows(const std::optional<std::string>& table) const override {
     if (table) return std::make_unique<Spring>(false);
     return std::make_unique<Drops>(drops);

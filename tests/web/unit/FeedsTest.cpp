@@ -4,10 +4,13 @@
 // What readers are told.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "web/EventFeed.h"
+#include "web/MembersFeed.h"
+#include "web/MetricsFeed.h"
 #include "web/RowsFeed.h"
 #include "web/WebModel.h"
 
@@ -52,6 +55,23 @@ std::string FillAll(Feed& feed) {
   return out;
 }
 
+struct Pieces {
+  std::string text;
+  std::size_t longest = 0;
+};
+
+Pieces FillPieces(Feed& feed) {
+  Pieces pieces;
+  while (feed.HasMore()) {
+    const std::string piece = Fill(feed);
+    pieces.longest = std::max(pieces.longest, piece.size());
+    pieces.text += piece;
+  }
+  return pieces;
+}
+
+constexpr std::size_t kLongName = 4096;
+
 using Texts = std::vector<std::string>;
 
 class FeedsTest : public testing::Test {
@@ -69,6 +89,14 @@ class FeedsTest : public testing::Test {
     for (int i = 0; i < count; ++i) {
       model_.AddMember(PressAt(2), 8);
       model_.RemoveMember(PressAt(2).place, {}, 9);
+    }
+  }
+
+  void AddManyWithLongNames() {
+    for (std::uint16_t port = 2; port <= 100; ++port) {
+      Member member = PressAt(port);
+      member.process = std::string(kLongName, '\x01');
+      model_.AddMember(member, 8);
     }
   }
 
@@ -236,6 +264,30 @@ TEST_F(FeedsTest, WhoLeavesBeforeItIsToldIsNotWaitedFor) {
   model_.RemoveMember(PressAt(2).place, {}, 9);
 
   EXPECT_EQ(Told(FillAll(feed)), Texts{"left"});
+}
+
+TEST_F(FeedsTest, MembersWithLongNamesAreToldPieceByPiece) {
+  AddManyWithLongNames();
+  MembersFeed feed(model_);
+  const auto [text, longest] = FillPieces(feed);
+
+  EXPECT_LT(longest, Feed::kPiece + 6 * kLongName + 1000);  // A character that cannot be seen takes six.
+  for (std::uint16_t port = 1; port <= 100; ++port) {
+    EXPECT_EQ(Count(text, "\"port\":" + std::to_string(port) + ","), 1U);
+  }
+}
+
+TEST_F(FeedsTest, MetricsOfMembersWithLongNamesAreToldPieceByPiece) {
+  AddManyWithLongNames();
+  MetricsFeed feed(model_, 0, 1);
+  const auto [text, longest] = FillPieces(feed);
+
+  EXPECT_LT(longest, Feed::kPiece + 6 * kLongName + 2000);
+  for (std::uint16_t port = 1; port <= 100; ++port) {
+    EXPECT_EQ(Count(text, ",place=\"127.0.0.1:" + std::to_string(port) + "\"} 0\n"), 3U);
+  }
+  EXPECT_EQ(Count(text, "# TYPE varnix_member_"), 3U);
+  EXPECT_EQ(Count(text, "# TYPE varnix_member_rows_size_bytes gauge\n"), 1U);
 }
 
 TEST_F(FeedsTest, RowsAreToldByTableAndKeyAndOnceThoughTheyChange) {
