@@ -24,10 +24,10 @@ void Single(std::string& out, const char* name, const char* type, const char* he
   Sample(out, name, "", value);
 }
 
-// Names may hold any bytes: what cannot be seen stands as \xNN.
+// Names may hold any bytes: what cannot be seen stands as \xNN. A name is the same series wherever the command starts.
 void AppendLabel(std::string& labels, const char* name, const std::string& text) {
   labels.append(labels.empty() ? "{" : ",").append(name).append("=\"");
-  for (const char byte : Printable(text)) {
+  for (const char byte : PrintableUtf8(text)) {
     if (byte == '\\' || byte == '"') labels += '\\';
     labels += byte;
   }

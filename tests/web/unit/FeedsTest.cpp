@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "text/Printable.h"
 #include "web/EventFeed.h"
 #include "web/MembersFeed.h"
 #include "web/MetricsFeed.h"
@@ -288,6 +289,16 @@ TEST_F(FeedsTest, MetricsOfMembersWithLongNamesAreToldPieceByPiece) {
   }
   EXPECT_EQ(Count(text, "# TYPE varnix_member_"), 3U);
   EXPECT_EQ(Count(text, "# TYPE varnix_member_rows_size_bytes gauge\n"), 1U);
+}
+
+TEST_F(FeedsTest, MetricsCallAMemberTheSameWhateverTheTerminalShows) {
+  ShowAsciiOnly();
+  Member oven = PressAt(2);
+  oven.device = "\xC3\xB6";
+  model_.AddMember(oven, 8);
+  MetricsFeed feed(model_, 0, 1);
+
+  EXPECT_EQ(Count(FillAll(feed), "{device=\"\xC3\xB6\",process=\"ctl\""), 3U);
 }
 
 TEST_F(FeedsTest, RowsAreToldByTableAndKeyAndOnceThoughTheyChange) {

@@ -22,8 +22,8 @@ constexpr Range kHidden[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0xAD, 0xAD},  
                              {0x200B, 0x200F}, {0x2028, 0x202E}, {0x2060, 0x206F},   {0xFEFF, 0xFEFF},
                              {0xFFF0, 0xFFFB}, {0xE000, 0xF8FF}, {0xE0000, 0xE0FFF}, {0xF0000, 0x10FFFF}};
 
-bool IsShown(const Utf8Character& character) {
-  if (character.size == 0 || (ascii_only && character.size > 1)) return false;
+bool IsShown(const Utf8Character& character, bool only_ascii) {
+  if (character.size == 0 || (only_ascii && character.size > 1)) return false;
   for (const Range& range : kHidden) {
     if (character.code >= range.first && character.code <= range.last) return false;
   }
@@ -37,12 +37,12 @@ void AppendByte(std::string& printable, char byte) {
 }
 
 // What stands for the first character of the text, which is taken away from it.
-std::string TakeCharacter(std::string_view& text) {
+std::string TakeCharacter(std::string_view& text, bool only_ascii) {
   const Utf8Character character = FirstCharacter(text);
   const std::string_view bytes = text.substr(0, character.size == 0 ? 1 : character.size);
   text.remove_prefix(bytes.size());
   if (bytes == "\\") return "\\\\";
-  if (IsShown(character)) return std::string(bytes);
+  if (IsShown(character, only_ascii)) return std::string(bytes);
   std::string printable;
   for (const char byte : bytes) AppendByte(printable, byte);
   return printable;
@@ -59,9 +59,7 @@ std::size_t TakeColumns(std::string_view& printable) {
 
 bool StandsForItself(char byte) { return byte >= ' ' && byte <= '~' && byte != '\\'; }
 
-}  // namespace
-
-std::string Printable(std::string_view text) {
+std::string ToPrintable(std::string_view text, bool only_ascii) {
   std::string printable;
   printable.reserve(text.size());
   while (!text.empty()) {
@@ -69,17 +67,23 @@ std::string Printable(std::string_view text) {
       printable += text[0];
       text.remove_prefix(1);
     } else {
-      printable += TakeCharacter(text);
+      printable += TakeCharacter(text, only_ascii);
     }
   }
   return printable;
 }
 
+}  // namespace
+
+std::string Printable(std::string_view text) { return ToPrintable(text, ascii_only); }
+
+std::string PrintableUtf8(std::string_view text) { return ToPrintable(text, false); }
+
 std::string Printable(std::string_view text, std::size_t most_columns) {
   std::string printable;
   std::size_t columns = 0, before_last = 0;  // The size of what leaves room for "~".
   while (!text.empty()) {
-    const std::string character = TakeCharacter(text);
+    const std::string character = TakeCharacter(text, ascii_only);
     columns += Columns(character);
     if (columns > most_columns) return printable.substr(0, before_last) + (most_columns > 0 ? "~" : "");
     printable += character;

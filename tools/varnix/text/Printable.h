@@ -11,6 +11,9 @@
 // else as \xNN. A backslash stands as \\, so that nothing looks like what it is not.
 std::string Printable(std::string_view text);
 
+// The same whatever the terminal shows: for what other programs read.
+std::string PrintableUtf8(std::string_view text);
+
 // With at most so many columns; where text is left out, it ends in "~".
 std::string Printable(std::string_view text, std::size_t most_columns);
 
