@@ -297,6 +297,7 @@ const on = {
 
   ready() {
     view.ready = true;
+    countedChanges = changes;  // What was there already does not count.
     const told = generation;
     setTimeout(() => told === generation && view.ready && forgetOlder(), TO_MEET);
   },
