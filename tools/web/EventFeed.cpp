@@ -58,12 +58,10 @@ bool TellChange(std::string& out, const WebModel::Change& change, bool in_rows) 
     TellRow(out, **row);
     return true;
   }
+  const auto* const member = std::get_if<const WebModel::MemberEntry*>(&change);
+  if (!member) return in_rows;  // A departure: it has been told.
   if (in_rows) out += kEnd;
-  if (const auto* const member = std::get_if<const WebModel::MemberEntry*>(&change)) {
-    Tell(out, **member);
-  } else {
-    Tell(out, *std::get<const WebModel::Departure*>(change));
-  }
+  Tell(out, **member);
   return false;
 }
 
@@ -75,13 +73,25 @@ bool EventFeed::HasMore() const { return !begun_ || !ready_ || told_ < model_.La
 
 void EventFeed::Fill(std::string& out) {
   if (!begun_ || HasMissedADeparture()) Begin(out);
-  if (pass_) return FillByName(out);
-  FillByNumber(out);
+  const std::size_t enough = out.size() + kPiece;
+  if (!TellDepartures(out, enough)) return;
+  if (pass_) return FillByName(out, enough);
+  FillByNumber(out, enough);
 }
 
-void EventFeed::FillByNumber(std::string& out) {
+// False when the text is long enough: then nothing else may follow, because another member may be at the same place.
+bool EventFeed::TellDepartures(std::string& out, std::size_t enough) {
+  const auto& departures = model_.Departures();
+  for (auto next = departures.upper_bound(departed_); next != departures.end(); ++next) {
+    if (out.size() >= enough) return false;
+    Tell(out, next->second);
+    departed_ = next->first;
+  }
+  return true;
+}
+
+void EventFeed::FillByNumber(std::string& out, std::size_t enough) {
   if (told_ >= round_) round_ = model_.LastChange();
-  const std::size_t enough = out.size() + kPiece;
   bool in_rows = false;
   auto change = model_.After(told_);
   for (; change != model_.End() && !IsAtReady(change) && out.size() < enough; ++change) {
@@ -96,12 +106,11 @@ void EventFeed::FillByNumber(std::string& out) {
   } else if (change == model_.End()) {
     told_ = round_ = model_.LastChange();  // Those with the last numbers may be gone.
   } else if (ready_ && change->first > round_) {
-    pass_.emplace(Pass{told_, model_.LastChange(), told_, std::nullopt, RowCursor(model_)});
+    pass_.emplace(Pass{told_, model_.LastChange(), std::nullopt, RowCursor(model_)});
   }
 }
 
-void EventFeed::FillByName(std::string& out) {
-  const std::size_t enough = out.size() + kPiece;
+void EventFeed::FillByName(std::string& out, std::size_t enough) {
   bool in_rows = false;
   for (int looks = 0; pass_ && looks < kMostLooks && out.size() < enough; ++looks) {
     if (const auto change = NextByName()) {
@@ -116,12 +125,6 @@ void EventFeed::FillByName(std::string& out) {
 
 // Nothing behind the last.
 std::optional<WebModel::Change> EventFeed::NextByName() {
-  const auto departure = model_.Departures().upper_bound(pass_->departure);
-  if (departure != model_.Departures().end() && departure->first <= pass_->until) {
-    pass_->departure = departure->first;
-    return &departure->second;
-  }
-  pass_->departure = pass_->until;
   const auto& members = model_.Members();
   const auto member = pass_->member ? members.upper_bound(*pass_->member) : members.begin();
   if (member != members.end()) {
@@ -137,15 +140,13 @@ bool EventFeed::IsNews(const WebModel::Change& change) const {
   if (const auto* const row = std::get_if<const WebModel::RowEntry*>(&change)) {
     return (*row)->number > pass_->told && (*row)->member->number <= pass_->until;
   }
-  const auto* const member = std::get_if<const WebModel::MemberEntry*>(&change);
-  return !member || ((*member)->number > pass_->told && (*member)->number <= pass_->until);
+  const std::uint64_t number = std::get<const WebModel::MemberEntry*>(change)->number;
+  return number > pass_->told && number <= pass_->until;
 }
 
 // More departures than are kept: nothing but a new beginning tells who is left. Those from before the beginning do not
 // count: nothing was told of these members. Else one that is slow would begin anew for ever where many leave.
-bool EventFeed::HasMissedADeparture() const {
-  return model_.LastForgotten() > std::max({told_, first_part_, pass_ ? pass_->departure : 0});
-}
+bool EventFeed::HasMissedADeparture() const { return model_.LastForgotten() > std::max(departed_, first_part_); }
 
 // Whether everything that there was at the beginning stands before this change.
 bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
@@ -155,7 +156,7 @@ bool EventFeed::IsAtReady(WebModel::Changes::const_iterator change) const {
 void EventFeed::Begin(std::string& out) {
   begun_ = true;
   ready_ = false;
-  told_ = round_ = 0;
+  told_ = round_ = departed_ = 0;
   pass_.reset();
   first_part_ = model_.LastChange();
   out += SignOfLife();

@@ -24,7 +24,7 @@
 // Nothing is kept for a reader but how far it has been told. It is told the changes in their order, the oldest first.
 // But a row that changes moves behind all others, and a slow reader would never come to the fastest rows. So when it
 // has been told all that there was when a round began, and there is still more than it takes, a pass by name follows.
-// There each row has its place, however often it changes.
+// There each row has its place, however often it changes. Who has left is told before all else: few of these are kept.
 class EventFeed : public Feed {
  public:
   // `hello` is the JSON object of that event, and a newline.
@@ -36,17 +36,17 @@ class EventFeed : public Feed {
   std::string SignOfLife() const override;
 
  private:
-  // By name: those that have left, then the members, then the rows; of these, what was not told when it began.
+  // By name: the members, then the rows; of these, what was not told when it began.
   struct Pass {
     std::uint64_t told, until;  // Numbers of changes: it is about those between them.
-    std::uint64_t departure;    // The last one that was told.
     std::optional<Place> member;
     RowCursor rows;
   };
 
   void Begin(std::string& out);
-  void FillByNumber(std::string& out);
-  void FillByName(std::string& out);
+  bool TellDepartures(std::string& out, std::size_t enough);
+  void FillByNumber(std::string& out, std::size_t enough);
+  void FillByName(std::string& out, std::size_t enough);
   std::optional<WebModel::Change> NextByName();
   bool IsNews(const WebModel::Change& change) const;
   bool HasMissedADeparture() const;
@@ -58,5 +58,6 @@ class EventFeed : public Feed {
   std::uint64_t told_ = 0;        // The number of the last change that was told,
   std::uint64_t first_part_ = 0;  // of the last one that there was at the beginning,
   std::uint64_t round_ = 0;       // and of the last one that there was when this round began.
+  std::uint64_t departed_ = 0;    // The number of the last departure that was told.
   std::optional<Pass> pass_;
 };
