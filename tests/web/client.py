@@ -79,6 +79,15 @@ class Events:
         assert first.startswith("event: ") and all(line.startswith("data: ") for line in lines), event[:200]
         return first[7:], [json.loads(line[6:]) for line in lines]
 
+    def take_little(self):
+        """Takes what is there, as one does who is slow."""
+        try:
+            piece = self.socket.recv(4096, socket.MSG_DONTWAIT)
+        except BlockingIOError:
+            return
+        self.size += len(piece)
+        self._data += piece
+
     def until(self, condition):
         """The events up to the first of which that is true."""
         seen = []
