@@ -488,6 +488,23 @@ def test_a_server_that_goes_and_comes_back_is_shown_as_it_is_then(serve, show, m
     assert eventually(lambda: b"\nvarnix_web_browsers 1\n" in client.get(again.port, "/metrics").body)
 
 
+def test_rows_stay_while_a_server_that_is_back_still_hears_them(web, chromium):
+    page = driven.open_page(chromium, web, MEETING)
+    page.run("{ const begun = Date.now(); Date.now = () => begun + window.ahead; }")
+    page.run("begin(row('mode', 'auto'), row('speed', '1'))")
+    assert eventually(lambda: keys(page) == ["mode", "speed"])
+
+    page.run("window.ahead += 60000; begin(); tell('rows', row('speed', '1'), row('text', 'told'))")
+    assert eventually(lambda: keys(page) == ["mode", "speed", "text"])
+    page.run("window.ahead += 4999; window.kept.splice(0).forEach((what) => what())")
+    page.run("tell('rows', row('zone', 'last'))")
+
+    assert eventually(lambda: keys(page) == ["mode", "speed", "text", "zone"])
+    page.run("window.ahead += 5000; window.kept.splice(0).forEach((what) => what())")
+    assert eventually(lambda: keys(page) == ["speed", "text", "zone"])
+    page.close()
+
+
 def test_what_a_server_tells_again_when_it_is_back_has_not_changed(web, chromium):
     page = driven.open_page(chromium, web, COUNTING)
     page.run("""{

@@ -256,12 +256,12 @@ const on = {
     const since = Date.parse(data.since), name = readMember(data);
     // A server that has begun anew has met it anew.
     if (known && known.name.id === name.id && (known.since === since || known.generation !== generation)) {
-      Object.assign(known, { since, generation });
+      Object.assign(known, { since, generation, met: now() });
       return;
     }
     if (known) removeMember(known, now(), "has left");
     gone.delete(place);
-    const member = { place, name, since, rows: new Set(), generation, changes: 0, busy: false };
+    const member = { place, name, since, rows: new Set(), generation, met: now(), changes: 0, busy: false };
     members.set(place, member);
     note(since, member, "came", "");
   },
@@ -287,7 +287,7 @@ const on = {
       addSetter(row);
       view.added.add(row);
     }
-    row.generation = generation;
+    if (row.generation !== generation) row.generation = generation, member.met = now();
     if (view.ready) ++member.changes;
     if (!row.set(read(data, "value"), Date.parse(data.time), view.ready)) return;
     row.order = ++changes;
@@ -298,22 +298,33 @@ const on = {
   ready() {
     view.ready = true;
     countedChanges = changes;  // What was there already does not count.
-    const told = generation;
-    setTimeout(() => told === generation && view.ready && forgetOlder(), TO_MEET);
+    forgetLater();
   },
 };
 
-// What was there before the connection was lost, and is there no more, was not told again.
+function forgetLater() {
+  const told = generation;
+  setTimeout(() => told === generation && view.ready && forgetOlder(), TO_MEET);
+}
+
+// What was there before the connection was lost, and is there no more, was not told again. Where rows are still told
+// for the first time, more of the same member may follow.
 function forgetOlder() {
+  let late = false;
   for (const member of [...members.values()]) {
     if (member.generation !== generation) removeMember(member, now(), "has left");
   }
   for (const row of [...rows.values()]) {
     if (row.generation === generation) continue;
+    if (now() - row.member.met < TO_MEET) {
+      late = true;
+      continue;
+    }
     row.member.rows.delete(row);
     removeRow(row);
     view.removed = true;
   }
+  if (late) forgetLater();
   frame();
 }
 
