@@ -210,7 +210,10 @@ class Row {
 }
 
 function tableOf({ id, shown, bytes }) {
-  if (!tables.has(id)) tables.set(id, { id, shown, bytes, rows: 0 });
+  if (!tables.has(id)) {
+    tables.set(id, { id, shown, bytes, rows: 0 });
+    view.tables = null;
+  }
   return tables.get(id);
 }
 
@@ -229,7 +232,9 @@ function removeRow(row) {
   const left = row.others;
   if (left.length) setters.set(row.keyId, left);
   else setters.delete(row.keyId);
-  if (--row.table.rows === 0) tables.delete(row.table.id);
+  if (--row.table.rows > 0) return;
+  tables.delete(row.table.id);
+  view.tables = null;
 }
 
 const placeOf = (data) => data.address + ":" + data.port;
@@ -344,7 +349,7 @@ function forgetAll() {
   for (const map of [members, gone, rows, setters, tables]) map.clear();
   log = [];
   Object.assign(view, { sorted: [], added: new Set(), newest: [], touched: new Set(), shown: [], work: null });
-  Object.assign(view, { table: null, chosenMember: null, chosen: null });
+  Object.assign(view, { table: null, tables: null, chosenMember: null, chosen: null });
   view.wanted = view.logged = view.graph = true;
 }
 
@@ -429,6 +434,7 @@ const view = {
   work: null,         // What is filtered at the moment.
   words: [],          // Of the filter.
   table: null,        // Of which alone the rows are shown.
+  tables: null,       // Those that have a button; null when others may have come or gone.
   chosenMember: null, // Whose rows alone are shown.
   byChange: false,
   chosen: null,       // A row.
@@ -643,9 +649,8 @@ const isFiltered = () => view.words.length > 0 || view.table !== null || view.ch
 
 function drawTables() {
   if (view.table !== null && !tables.has(view.table)) view.table = null, wish();
-  const order = (left, right) =>
-    (left.shown < right.shown ? -1 : left.shown > right.shown ? 1 : left.bytes - right.bytes);
-  const some = [...tables.values()].sort(order).slice(0, MOST_TABLES);
+  if (!view.tables) view.tables = firstTables();
+  const some = view.tables;
   const nav = $("choice"), known = new Map(Array.from(nav.children, (button) => [button.dataset.table, button]));
   nav.hidden = some.length < 2 && view.table === null;
   putInto(nav, [null, ...some].map((table) => {
@@ -655,6 +660,12 @@ function drawTables() {
     if (button.getAttribute("aria-pressed") !== pressed) button.setAttribute("aria-pressed", pressed);
     return button;
   }));
+}
+
+function firstTables() {
+  const order = (left, right) =>
+    (left.shown < right.shown ? -1 : left.shown > right.shown ? 1 : left.bytes - right.bytes);
+  return [...tables.values()].sort(order).slice(0, MOST_TABLES);
 }
 
 // The button of one table, or of all.
