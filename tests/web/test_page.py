@@ -28,11 +28,15 @@ NOTING = """
     }).observe(document, { subtree: true, childList: true, characterData: true });
 """
 
-# Counts the animations that begin.
+# Counts the animations that begin, and notes how the last one goes on.
 COUNTING = """
     window.flashes = 0;
     const animate = Element.prototype.animate;
-    Element.prototype.animate = function (...what) { ++window.flashes; return animate.apply(this, what); };
+    Element.prototype.animate = function (...what) {
+      ++window.flashes;
+      window.easing = what[1].easing;
+      return animate.apply(this, what);
+    };
 """
 
 
@@ -451,6 +455,52 @@ def test_it_fits_a_phone(web, show, member):
     assert page.run("document.querySelector('.node .pulse').getBoundingClientRect().width") >= 24
     for part in (".row:not([hidden]) .by", ".row:not([hidden]) .key", "#log li", "#graph"):
         assert page.run(f"{seen}({json.dumps(part)})"), part
+
+
+def test_the_chosen_row_is_named_wherever_it_is_drawn(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("begin(...Array.from({ length: 500 }, (_, i) => row('key-' + (1000 + i), String(i))))")
+    assert page.eventually("document.getElementById('grid').ariaRowCount === '500'")
+    named = "document.getElementById(document.getElementById('grid').getAttribute('aria-activedescendant'))"
+
+    page.press("Home")
+    assert page.eventually(f"{named}?.querySelector('.key').textContent === 'key-1000'")
+    page.run("document.getElementById('grid').scrollTop = 5000")
+    assert page.eventually("!document.getElementById('grid').hasAttribute('aria-activedescendant')")
+    page.run("document.getElementById('grid').scrollTop = 0")
+
+    assert page.eventually(f"{named}?.querySelector('.key').textContent === 'key-1000' && !{named}.hidden")
+    page.close()
+
+
+def test_who_has_gone_can_be_read(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("begin(); tell('left', { ...member(1, stamp()), left: stamp(), reason: 'has left' })")
+    assert page.eventually("document.querySelectorAll('.node.gone').length === 1")
+
+    contrasts = page.run("""[".node.gone text", ".node.gone .sub"].map((text) => {
+        const style = (part) => getComputedStyle(document.querySelector(part));
+        const light = (colour) => colour.match(/[0-9]+/g).slice(0, 3).map((part) => part / 255)
+            .map((part) => part <= .03928 ? part / 12.92 : ((part + .055) / 1.055) ** 2.4)
+            .reduce((sum, part, i) => sum + part * [.2126, .7152, .0722][i], .05);
+        const pair = [light(style(text).fill), light(style("aside section").backgroundColor)];
+        return Math.max(...pair) / Math.min(...pair) * style(".node.gone").opacity;
+    })""")
+
+    assert min(contrasts) >= 4.5, contrasts
+    page.close()
+
+
+def test_where_nothing_is_to_move_a_change_does_not_fade(web, chromium):
+    page = driven.open_page(chromium, web, COUNTING)
+    page.call("Emulation.setEmulatedMedia", features=[{"name": "prefers-reduced-motion", "value": "reduce"}])
+    page.run("begin(row('speed', '1'))")
+    assert page.shows(".row:not([hidden]) .value", "1")
+    page.run("tell('rows', row('speed', '2'))")
+    assert page.eventually("window.flashes === 1")
+
+    assert page.run("window.easing") == "step-end"
+    page.close()
 
 
 def test_it_is_light_or_dark_as_the_system_is(web, show):

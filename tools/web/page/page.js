@@ -581,8 +581,18 @@ function drawRows() {
     parts.row = null;
     parts.index = -1;
   }
+  drawActive();
   const { detail } = view;
   if (detail && (detail.order !== view.detailOrder || detail.gone !== view.detailGone)) drawDetail();
+}
+
+// The element of the chosen row, for those who hear the page: there is one while it is seen, and not always the same.
+function drawActive() {
+  const parts = view.chosen && view.pool.find((one) => one.row === view.chosen);
+  if (!parts) grid.removeAttribute("aria-activedescendant");
+  else if (grid.getAttribute("aria-activedescendant") !== parts.element.id) {
+    grid.setAttribute("aria-activedescendant", parts.element.id);
+  }
 }
 
 function drawRow(parts, row, index, time) {
@@ -619,11 +629,14 @@ function drawRow(parts, row, index, time) {
   }
 }
 
+const still = matchMedia("(prefers-reduced-motion: reduce)");
+
+// Where nothing is to move, the colour stays for a while, and does not fade.
 function flash(element) {
   const colour = getComputedStyle(document.documentElement).getPropertyValue("--flash");
   for (const running of element.getAnimations()) running.cancel();
   element.animate([{ backgroundColor: colour }, { backgroundColor: "transparent" }],
-                  { duration: 1200, easing: "ease-out" });
+                  { duration: 1200, easing: still.matches ? "step-end" : "ease-out" });
 }
 
 // A value holds until the next one. Halves, because the difference of two numbers can be beyond all numbers.
@@ -691,8 +704,6 @@ function choose(index) {
   if (top < grid.scrollTop) grid.scrollTop = top;
   else if (top + rowHeight > grid.scrollTop + grid.clientHeight) grid.scrollTop = top + rowHeight - grid.clientHeight;
   drawRows();
-  const parts = view.pool.find((one) => one.row === view.chosen);
-  if (parts) grid.setAttribute("aria-activedescendant", parts.element.id);
 }
 
 
