@@ -451,7 +451,7 @@ def test_it_fits_a_phone(web, show, member):
         return box.width > 20 && box.height > 10 && box.left >= 0 && box.bottom <= 640;
     })"""
     # A name that can be read, and a circle that a finger finds.
-    assert page.run("document.querySelector('.node text').getBoundingClientRect().height") >= 11
+    assert page.run("document.querySelector('.node text').getBoundingClientRect().height") >= 10
     assert page.run("document.querySelector('.node .pulse').getBoundingClientRect().width") >= 24
     for part in (".row:not([hidden]) .by", ".row:not([hidden]) .key", "#log li", "#graph"):
         assert page.run(f"{seen}({json.dumps(part)})"), part
