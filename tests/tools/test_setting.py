@@ -123,7 +123,7 @@ def test_set_takes_no_longer_than_it_may(ether, start):
                 visitors.append(wire.connect(port))
             except ConnectionRefusedError:  # It waits for nobody any more.
                 pass
-            time.sleep(0.1)  # Between two of them.
+            time.sleep(0.1)  # The pace of the visitors.
         seconds = time.monotonic() - begun
         for connection in [member, *visitors]:
             connection.close()
