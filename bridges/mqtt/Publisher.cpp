@@ -34,26 +34,26 @@ void Publisher::SendWhatIsDue() {
   TellWhenAllIsPublished();
 }
 
-void Publisher::Acknowledged(int message, int reason) {
+void Publisher::Acknowledged(int message, int reason, Clock::time_point now) {
   const std::optional<std::string> topic = in_flight_.Remove(message);
   if (!topic) return;
   if (!IsRefusal(reason)) return suspects_.GotThrough(*topic);
   TellOfRefusal(*topic, WordsForReason(reason));
   if (IsForTheRow(reason)) {
-    TellOfConvict(suspects_.WasRefused(*topic));
+    TellOfConvict(suspects_.WasRefused(*topic, now));
   } else {
-    suspects_.WasRefusedForElse(*topic);
+    suspects_.WasRefusedForElse(*topic, now);
   }
-  if (MayPass(reason) && !restart_) restart_ = Clock::now() + kBeforeARestart;
+  if (MayPass(reason) && !restart_) restart_ = now + kBeforeARestart;
 }
 
-bool Publisher::ConnectionHasEnded(const BrokerEnd& end) {
+bool Publisher::ConnectionHasEnded(const BrokerEnd& end, Clock::time_point now) {
   stage_ = Stage::Resting;
   outbox_.Rest();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
   const bool cut_off = end.cause == BrokerEnd::Cause::CutOff;
   if (cut_off) {
-    TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged));
+    TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged, now));
   } else {
     suspects_.ConnectionEndedOtherwise();
   }

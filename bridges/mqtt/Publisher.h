@@ -29,9 +29,9 @@ class Publisher {
   void Begin();
   // Publishes what there is and has room.
   void SendWhatIsDue();
-  void Acknowledged(int message, int reason);
+  void Acknowledged(int message, int reason, Clock::time_point now = Clock::now());
   // Whether it has been found out why, so that there is hope for the next connection.
-  bool ConnectionHasEnded(const BrokerEnd& end);
+  bool ConnectionHasEnded(const BrokerEnd& end, Clock::time_point now = Clock::now());
 
   // No more rows.
   void Stop();
