@@ -27,8 +27,8 @@ void Publisher::Begin() {
   all_is_published_ = false;
 }
 
-void Publisher::SendWhatIsDue() {
-  if (stage_ == Stage::Probing) ProbeNext();
+void Publisher::SendWhatIsDue(Clock::time_point now) {
+  if (stage_ == Stage::Probing) ProbeNext(now);
   if (stage_ != Stage::Flowing) return;
   PublishRows();
   TellWhenAllIsPublished();
@@ -84,8 +84,8 @@ void Publisher::Beat() {
   if (stage_ == Stage::Flowing && !outbox_.IsWalking()) outbox_.StartWalk();
 }
 
-void Publisher::ProbeNext() {
-  while (broker_.HasConnection() && in_flight_.IsEmpty()) {
+void Publisher::ProbeNext(Clock::time_point now) {
+  while (broker_.HasConnection() && in_flight_.IsEmpty() && !suspects_.NextMustWait(now)) {
     const std::optional<std::string> suspect = suspects_.Next();
     if (!suspect) {
       stage_ = Stage::Flowing;

@@ -28,7 +28,7 @@ class Publisher {
   // The broker has accepted a connection: everything is published anew.
   void Begin();
   // Publishes what there is and has room.
-  void SendWhatIsDue();
+  void SendWhatIsDue(Clock::time_point now = Clock::now());
   void Acknowledged(int message, int reason, Clock::time_point now = Clock::now());
   // Whether it has been found out why, so that there is hope for the next connection.
   bool ConnectionHasEnded(const BrokerEnd& end, Clock::time_point now = Clock::now());
@@ -56,7 +56,7 @@ class Publisher {
     Flowing,  // All rows, and then what changes.
   };
 
-  void ProbeNext();
+  void ProbeNext(Clock::time_point now);
   void PublishRows();
   // A row that has changed, or one that the walk has come upon: neither keeps the other waiting.
   bool TakeInTurn(OutRow& row);

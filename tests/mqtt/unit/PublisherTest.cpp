@@ -41,7 +41,7 @@ class PublisherTest : public ::testing::Test {
   bool End(const BrokerEnd& end) { return publisher_.ConnectionHasEnded(end, now_); }
 
   void Set(const std::string& key, const std::string& value) const { table_->Set({key, value}); }
-  void SendWhatIsDue() { publisher_.SendWhatIsDue(); }
+  void SendWhatIsDue() { publisher_.SendWhatIsDue(now_); }
   // Sends what there is when a change has been told.
   void SendChange() {
     pollfd change{publisher_.Descriptor(), POLLIN, 0};
@@ -205,6 +205,29 @@ TEST_F(PublisherTest, LeavesOutARowThatIsRefusedForWhatMayPassWhenCutOffsFollow)
       }
     }
   }
+}
+
+// The second answer comes before the cut-off, and so do other rows.
+TEST_F(PublisherTest, LeavesOutARowThatIsRefusedWhenTheCutOffTakesItsTime) {
+  for (const char* const key : {"first", "poison", "last"}) Set(key, "1");
+  bool has_hope = false;
+  for (int connection = 1; connection <= 5; ++connection) {
+    EXPECT_FALSE(has_hope) << connection;
+    SendWhatIsDue();
+    for (std::size_t message = 1; message <= driven_.calls.published.size(); ++message) {
+      Acknowledge(static_cast<int>(message), Published()[message - 1] == "poison" ? MQTT_RC_NOT_AUTHORIZED : 0);
+      SendWhatIsDue();
+    }
+    EXPECT_GT(CountOf("poison"), 0) << connection;
+    now_ += std::chrono::milliseconds(900);
+    SendWhatIsDue();
+    has_hope = CutOff();
+    now_ += std::chrono::seconds(1);
+    Connect();
+  }
+  EXPECT_TRUE(has_hope);
+  SendWhatIsDue();
+  EXPECT_THAT(Published(), ElementsAre("first", "last"));
 }
 
 TEST_F(PublisherTest, LetsNoRowWaitBehindOneThatIsRefusedAndCutsOff) {

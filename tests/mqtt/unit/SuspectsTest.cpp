@@ -90,6 +90,38 @@ TEST(Suspects, AreAlsoThoseRefusedForElseJustBefore) {
   EXPECT_FALSE(suspects.LeavesOut("a"));
 }
 
+TEST(Suspects, WaitASecondWhenACutOffHasFollowedTheSecondAnswer) {
+  Suspects suspects;
+  const Suspects::Time start = std::chrono::steady_clock::now();
+  suspects.ConnectionWasCutOff({"a"}, start);
+  suspects.WasRefusedForElse("a", start);
+  EXPECT_FALSE(suspects.NextMustWait(start));
+  suspects.WasRefusedForElse("a", start);
+  EXPECT_EQ(suspects.Next(), std::nullopt);
+
+  suspects.ConnectionWasCutOff({"b"}, start + milliseconds(900));
+  EXPECT_EQ(suspects.Next(), "b");
+  EXPECT_FALSE(suspects.NextMustWait(start + milliseconds(2000)));
+  suspects.GotThrough("b");
+  EXPECT_EQ(suspects.Next(), "a");
+  suspects.WasRefusedForElse("a", start + milliseconds(2000));
+  EXPECT_TRUE(suspects.NextMustWait(start + milliseconds(2900)));
+  EXPECT_FALSE(suspects.NextMustWait(start + milliseconds(3100)));
+}
+
+TEST(Suspects, DoNotWaitWhenALaterCutOffHasAnotherCause) {
+  Suspects suspects;
+  const Suspects::Time start = std::chrono::steady_clock::now();
+  suspects.ConnectionWasCutOff({"a"}, start);
+  suspects.WasRefusedForElse("a", start);
+  suspects.WasRefusedForElse("a", start);
+  suspects.WasRefusedForElse("a", start + milliseconds(4500));
+  suspects.ConnectionWasCutOff({}, start + milliseconds(5000));
+  EXPECT_EQ(suspects.Next(), "a");
+  suspects.WasRefusedForElse("a", start + milliseconds(6000));
+  EXPECT_FALSE(suspects.NextMustWait(start + milliseconds(6000)));
+}
+
 TEST(Suspects, AreConvictedOfThreeCutOffsWhenTheyWereRefusedForElse) {
   Suspects suspects;
   suspects.ConnectionWasCutOff({"a", "b"});
