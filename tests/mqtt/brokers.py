@@ -3,14 +3,12 @@
 
 """Brokers: Debian's mosquitto in a network namespace, clients that look at what it has, and what stands between."""
 
-import os
-import re
 import socket
 import struct
-import subprocess
 import threading
 
 import paho.mqtt.client
+from logged import Logged
 from programs import DEADLINE, eventually
 
 # What a broker for bridges needs: see docs/beyond-one-network.md. "user root" stands for "stay who you are".
@@ -19,45 +17,24 @@ OPEN = ["listener 1883 0.0.0.0", "allow_anonymous true"]
 LOCALHOST = "127.0.0.1"
 
 
-class Broker:
+class Broker(Logged):
     """mosquitto with these settings, from start() on."""
 
     def __init__(self, namespace, folder, *settings, port=1883):
+        super().__init__()
         self.namespace, self.port = namespace, port
-        self.lines = []
-        self.pid = None
         self._folder = folder
-        self._changed = threading.Condition()
-        self._process = self._reader = None
         (folder / "mosquitto.conf").write_text("\n".join([*SETTINGS, *(settings or OPEN)]) + "\n")
 
     def start(self):
         with self.namespace:
-            self._process = subprocess.Popen(["mosquitto", "-v", "-c", self._folder / "mosquitto.conf"],
-                                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-            self.pid = self._process.pid
-            self._reader = threading.Thread(target=self._read, args=(self._process.stderr,))
-            self._reader.start()
+            self._start(["mosquitto", "-v", "-c", self._folder / "mosquitto.conf"])
             assert eventually(self._answers), self.lines
         return self
-
-    def _read(self, stream):
-        for line in stream:
-            with self._changed:
-                self.lines.append(line.decode("latin-1").rstrip("\n"))
-                self._changed.notify_all()
 
     def _answers(self):
         with socket.socket() as probe:
             return probe.connect_ex((LOCALHOST, self.port)) == 0
-
-    def says(self, pattern):
-        """Waits for a line in which the pattern is found."""
-        with self._changed:
-            return self._changed.wait_for(lambda: any(re.search(pattern, line) for line in self.lines), DEADLINE)
-
-    def send(self, number):
-        os.kill(self.pid, number)
 
     def kill(self):
         """It has no time to save anything."""
@@ -70,9 +47,7 @@ class Broker:
         self._end()
 
     def _end(self):
-        self._process.wait(DEADLINE)
-        self._reader.join()
-        self._process.stderr.close()
+        self._wait_for_its_end()
         self._process = None
 
     def clean_up(self):
@@ -226,7 +201,8 @@ class Proxy:
     """Stands between clients and a broker, in the broker's namespace.
 
     `passes(packet)` is asked about each packet that comes from a client: where it is false, the connection ends.
-    `refusal(packet)` is asked about each message: where it gives a reason, the client gets that, and the broker nothing.
+    `refusal(packet)` is asked about each message: where it gives a reason, that goes to the client, and nothing to the
+    broker.
     """
 
     def __init__(self, broker, port=1884, passes=lambda packet: True, refusal=lambda packet: None):

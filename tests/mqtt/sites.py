@@ -4,17 +4,15 @@
 """Sites: network namespaces, each with a group of its own and a bridge, and a cable to the broker's namespace."""
 
 import os
-import pathlib
-import re
 import select
 import signal
 import subprocess
-import threading
 import urllib.parse
 
 import namespaces
 import programs
-from programs import DEADLINE, EMULATOR, hexed
+from logged import Logged
+from programs import DEADLINE, EMULATOR
 
 PROGRAM = os.environ["VARNIX_MQTT"]
 GROUP = b"bench"  # That of the writers, too.
@@ -36,12 +34,7 @@ class Member(programs.Host):
 
     def set_all(self, table, rows, database=DATABASE):
         """All at once, and many times faster than each by itself."""
-        lines = [f"set {hexed(database)} {hexed(table)} {hexed(key)} {hexed(value)}\n" for key, value in rows.items()]
-        with self._changed:
-            awaited = self._ready + len(lines)
-        self._process.stdin.write("".join(lines).encode())
-        self._process.stdin.flush()
-        assert self.eventually(lambda: self._ready >= awaited), self.errors
+        super().set_all(database, table, rows.items())
 
     def shows(self, table, rows, database=DATABASE, seconds=DEADLINE):
         """Waits until the table, which must be watched, has these rows and no other."""
@@ -78,46 +71,21 @@ class Writer:
         self._process.communicate()
 
 
-class Bridge:
-    """varnix-mqtt. Its log is in `lines`."""
+class Bridge(Logged):
+    """varnix-mqtt."""
 
     def __init__(self, *arguments, environment=None, limit=None):
-        self.lines = []
-        self._changed = threading.Condition()
+        super().__init__()
         self._status = None
         command = [*EMULATOR, PROGRAM, *arguments]
         if limit is not None:
             command = ["prlimit", f"--nofile={limit}", *command]
-        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                         stderr=subprocess.PIPE, start_new_session=True,
-                                         env={**os.environ, **(environment or {})})
-        self.pid = self._process.pid
-        self._reader = threading.Thread(target=self._read)
-        self._reader.start()
-
-    def _read(self):
-        for line in self._process.stderr:
-            with self._changed:
-                self.lines.append(line.decode("latin-1").rstrip("\n"))
-                self._changed.notify_all()
-
-    def count(self, pattern):
-        return sum(bool(re.search(pattern, line)) for line in list(self.lines))
-
-    def says(self, pattern, times=1, seconds=DEADLINE):
-        """Waits for so many lines in which the pattern is found."""
-        with self._changed:
-            return self._changed.wait_for(lambda: self.count(pattern) >= times, seconds)
-
-    def send(self, number):
-        os.kill(self.pid, number)
+        self._start(command, start_new_session=True, env={**os.environ, **(environment or {})})
 
     def ends(self):
         """Waits for the end; the exit status."""
         if self._status is None:
-            self._status = self._process.wait(DEADLINE)
-            self._reader.join()
-            self._process.stderr.close()
+            self._status = self._wait_for_its_end()
         return self._status
 
     def stop(self, number=signal.SIGTERM):
@@ -161,16 +129,11 @@ class Site:
 
     def bridge_arguments(self, *more, broker=None, port=1883, databases=(DATABASE,), config=None):
         """Those that every bridge needs go into the file `config`, if it is given."""
-        options = [("site", self.name), ("group", GROUP), ("broker", f"{broker or self.broker_address}:{port}".encode()),
+        address = f"{broker or self.broker_address}:{port}"
+        options = [("site", self.name), ("group", GROUP), ("broker", address.encode()),
                    ("broadcast", b"127.255.255.255"), ("log-level", b"info"),
                    *(("database", database) for database in databases)]
         if config is None:
             return [*(word for name, value in options for word in (f"--{name}", value)), *more]
         config.write_bytes(b"".join(b"%s = %s\n" % (name.encode(), value) for name, value in options))
         return ["--config", config, *more]
-
-
-def private_memory(pid):
-    """Bytes that no other process has, in memory at this moment."""
-    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
-    return int(re.search(r"^Private_Dirty:\s+(\d+) kB", text, re.MULTILINE)[1]) * 1024

@@ -7,8 +7,8 @@ import signal
 import time
 
 import pytest
-from programs import SOAK, figure
-from sites import DATABASE, TABLE, private_memory, topic
+from programs import SOAK, figure, private_memory
+from sites import DATABASE, TABLE, topic
 
 CUT_SECONDS = 60 if SOAK else 3  # After a minute both sides have given the connection up.
 IMPORTED = b"plant@hall1"

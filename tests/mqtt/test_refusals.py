@@ -7,8 +7,8 @@ import random
 
 import pytest
 from brokers import PUBLISH
-from programs import SEED, figure
-from sites import DATABASE, GROUP, TABLE, private_memory, topic
+from programs import SEED, figure, private_memory
+from sites import DATABASE, GROUP, TABLE, topic
 
 IMPORTED = b"plant@hall1"
 
