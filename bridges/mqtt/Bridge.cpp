@@ -54,28 +54,35 @@ Bridge::Bridge(const Options& options, const Log& log)
 
 Bridge::ExitStatus Bridge::Run() {
   JoinGroup();
-  while (!MustEnd()) {
+  while (!Signals::EndIsAskedFor()) {
     if (broker_.Connect(NextWillOf(presence_))) ServeConnection();
-    if (MustEnd()) break;
+    if (Signals::EndIsAskedFor()) break;
+    if (HasSecondBridge() && GivesWay()) return kSecondBridge;
     CleanUpAfterConnection();
     const milliseconds pause = backoff_.Next();
     TellOfEnd(pause);
     PauseFor(pause);
   }
   TakeLeave();
-  if (Signals::EndIsAskedFor()) {
-    log_.Notice("Ended, as asked for.");
-    return kEnded;
+  log_.Notice("Ended, as asked for.");
+  return kEnded;
+}
+
+bool Bridge::IsTakenOver() const {
+  return !broker_.HasConnection() && broker_.End().cause == BrokerEnd::Cause::TakenOver;
+}
+
+bool Bridge::HasSecondBridge() const { return IsTakenOver() || (presence_ && presence_->HasSeenAnother()); }
+
+bool Bridge::GivesWay() {
+  if (!IsTakenOver() && !TakeLeave()) {
+    broker_.GiveUp();
+    return false;
   }
   log_.Error("Another client connects to the broker as '" + client_name_ +
              "', which is our name. Is there a second bridge for this site? This one ends, because the broker would "
              "throw out both in turns.");
-  return kSecondBridge;
-}
-
-bool Bridge::MustEnd() const {
-  const bool is_taken_over = !broker_.HasConnection() && broker_.End().cause == BrokerEnd::Cause::TakenOver;
-  return Signals::EndIsAskedFor() || is_taken_over || (presence_ && presence_->HasSeenAnother());
+  return true;
 }
 
 void Bridge::JoinGroup() {
@@ -97,7 +104,7 @@ void Bridge::JoinGroup() {
 void Bridge::ServeConnection() {
   accepted_at_.reset();
   greeted_ = false;
-  while (broker_.HasConnection() && !MustEnd()) {
+  while (broker_.HasConnection() && !Signals::EndIsAskedFor() && !HasSecondBridge()) {
     if (accepted_at_ && !greeted_) Greet();
     if (publisher_) {
       const Broker::Gathering gathering(broker_);
@@ -113,7 +120,8 @@ void Bridge::Greet() {
   greeted_ = true;
   log_.Notice("Connected to the broker at " + NameOf(options_) + " as '" + client_name_ + "'.");
   filters_ = inbox_.Filters();
-  if (presence_) filters_.push_back(presence_->Topic());  // Before we change it.
+  // Before we change it. And first: what the broker has comes in this order, and rows may be many.
+  if (presence_) filters_.insert(filters_.begin(), presence_->Topic());
   broker_.Subscribe(filters_);
   if (presence_ && broker_.HasConnection()) presence_->Announce(broker_);
 }
@@ -130,7 +138,7 @@ void Bridge::WaitForTheBroker() {
 void Bridge::Acknowledged(int message, int reason) {
   if (!publisher_) return;
   if (!presence_->Acknowledged(message, reason, log_)) return publisher_->Acknowledged(message, reason);
-  if (!MustEnd()) publisher_->Begin();  // The broker has shown that it works.
+  if (!HasSecondBridge()) publisher_->Begin();  // The broker has shown that it works.
 }
 
 void Bridge::Arrived(std::string_view topic, std::string_view payload, std::string_view instance) {
@@ -189,13 +197,15 @@ void Bridge::DoChores() {
   if (beat) publisher_->Beat();
 }
 
-void Bridge::TakeLeave() {
-  if (!broker_.HasConnection() || !greeted_) return;
+bool Bridge::TakeLeave() {
+  if (!broker_.HasConnection() || !greeted_) return false;
   if (publisher_) publisher_->Stop();
   if (presence_) presence_->TakeLeave(broker_);
   const Clock::time_point end = Clock::now() + kLongestLeave;
   const auto is_underway = [this] { return presence_ && !(presence_->IsKnown() && publisher_->IsIdle()); };
   while (broker_.HasConnection() && is_underway() && Clock::now() < end) WaitForTheBroker();
-  if (presence_ && !presence_->IsKnown()) return;  // The connection just ends, so that the will tells it.
+  if (!broker_.HasConnection()) return false;
+  if (presence_ && !presence_->IsKnown()) return false;  // The connection just ends, so that the will tells it.
   broker_.Disconnect();
+  return true;
 }

@@ -39,16 +39,22 @@ class Bridge final : private BrokerListener {
   void Arrived(std::string_view topic, std::string_view payload, std::string_view instance) override;
 
   void JoinGroup();
-  bool MustEnd() const;
-  // Until it ends, or the program must.
+  // Until it ends, the end is asked for, or a second bridge is noticed.
   void ServeConnection();
+  // By what the broker tells.
+  bool IsTakenOver() const;
+  bool HasSecondBridge() const;
+  // Whether this bridge is the one of the two that ends. It is not when the broker may not know that it leaves: then
+  // the second bridge may see that this one is there, end as well, and nobody would be left.
+  bool GivesWay();
   void Greet();
   void WaitForTheBroker();
   void CleanUpAfterConnection();
   void TellOfEnd(std::chrono::milliseconds next_attempt) const;
   void PauseFor(std::chrono::milliseconds time);
   void DoChores();
-  void TakeLeave();
+  // Whether the broker knows it.
+  bool TakeLeave();
 
   const Options& options_;
   const Log& log_;

@@ -225,7 +225,7 @@ void Broker::Serve(bool readable) {
     Check(mosquitto_loop_misc(client_));
   }
   if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::CutOff, "it has ended the connection");
-  if (HasConnection() && !accepted_ && now >= answer_is_due_) EndWith(BrokerEnd::Cause::Network, "it does not answer");
+  if (HasConnection() && !accepted_ && now >= answer_is_due_) GiveUp();
   RethrowWhatWasThrown();
 }
 

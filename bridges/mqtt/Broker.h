@@ -78,6 +78,8 @@ class Broker {
   void Subscribe(const std::vector<std::string>& filters);
   // Takes leave: no will.
   void Disconnect();
+  // Ends a connection whose broker does not answer.
+  void GiveUp() { EndWith(BrokerEnd::Cause::Network, "it does not answer"); }
 
   // While it lives, what is sent gathers in large segments.
   class Gathering {

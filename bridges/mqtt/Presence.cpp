@@ -21,6 +21,7 @@ Presence::Presence(const Topics& topics, const std::string& site)
 
 Broker::State Presence::NextWill() {
   ++connections_;
+  has_seen_another_ = false;
   return {topic_, "0", NameOfConnection()};
 }
 

@@ -21,6 +21,9 @@ std::string RandomName();
 // from its disk. A bridge that is there has a new name at each of its connections, so two names, at one connection of
 // ours and at the next, are its proof.
 //
+// One of the two bridges ends. Before, it takes leave, with a state that is nobody's: the other one does not see it any
+// more.
+//
 // Threads: that of the owner alone.
 class Presence {
  public:
@@ -48,9 +51,9 @@ class Presence {
   const std::string topic_;
   const std::string instance_;  // No other bridge has it, and none that has run before.
   unsigned long connections_ = 0;
-  std::string other_;           // Whose state it was at the last connection, if it was not ours.
-  std::optional<int> message_;  // Underway.
-  bool was_connected_ = false;  // Before this connection, so that another bridge must be there now.
-  bool is_connected_ = false;   // Or was once.
-  bool has_seen_another_ = false;
+  std::string other_;              // Whose state it was at the last connection, if it was not ours.
+  std::optional<int> message_;     // Underway.
+  bool was_connected_ = false;     // Before this connection, so that another bridge must be there now.
+  bool is_connected_ = false;      // Or was once.
+  bool has_seen_another_ = false;  // At this connection.
 };
