@@ -65,8 +65,9 @@ def run(*command, **variables):
 
 def build_and_install(recipe, build, destination):
     file, variable, from_around = RECIPES[recipe]
-    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", build, f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}", *from_around,
-        *shlex.split(value_in(file, variable)))
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", build,
+        f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}", *from_around, *shlex.split(value_in(file, variable)),
+        "-DCMAKE_UNITY_BUILD=ON")  # It takes a third of the time.
     run("cmake", "--build", build)
     run("cmake", "--install", build, DESTDIR=str(destination))
     for commands in re.findall(r"(?ms)^do_install:append\(\) \{$(.*?)^\}$", file.read_text(encoding="utf-8")):
