@@ -50,6 +50,6 @@ void ForgetTheParent() {
   if (!IsInLogHook()) DatabaseCache::EndPeersInChild();
 }
 
-[[maybe_unused]] const int registered = pthread_atfork(LockAll, UnlockAll, ForgetTheParent);
+[[maybe_unused]] const int kRegistered = pthread_atfork(LockAll, UnlockAll, ForgetTheParent);
 
 }  // namespace

@@ -69,7 +69,7 @@ Bridge::ExitStatus Bridge::Run() {
 }
 
 bool Bridge::IsTakenOver() const {
-  return !broker_.HasConnection() && broker_.End().cause == BrokerEnd::Cause::TakenOver;
+  return !broker_.HasConnection() && broker_.End().cause == BrokerEnd::Cause::kTakenOver;
 }
 
 bool Bridge::HasSecondBridge() const { return IsTakenOver() || (presence_ && presence_->HasSeenAnother()); }

@@ -115,7 +115,7 @@ bool Broker::Connect(const std::optional<State>& will) {
   const int error = errno;
   RethrowWhatWasThrown();
   if (result != MOSQ_ERR_SUCCESS) {
-    EndWith(BrokerEnd::Cause::Network, WordsForCall(result, error, detail_));
+    EndWith(BrokerEnd::Cause::kNetwork, WordsForCall(result, error, detail_));
     return false;
   }
   const int patience_ms = 1000 * kKeepAliveSeconds;  // For data that is not acknowledged.
@@ -195,7 +195,7 @@ void Broker::SetTls() {
                         or_null(options_.cert), or_null(options_.key), NoPassphrase);
   if (result == MOSQ_ERR_NOMEM) throw std::bad_alloc();
   // They may be there again at the next attempt: whoever renews certificates takes a moment for it.
-  if (result != MOSQ_ERR_SUCCESS) EndWith(BrokerEnd::Cause::Network, "the files for TLS cannot be used");
+  if (result != MOSQ_ERR_SUCCESS) EndWith(BrokerEnd::Cause::kNetwork, "the files for TLS cannot be used");
 }
 
 int Broker::ConnectClient() {
@@ -224,7 +224,7 @@ void Broker::Serve(bool readable) {
     next_chores_ = now + std::chrono::seconds(1);
     Check(mosquitto_loop_misc(client_));
   }
-  if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::CutOff, "it has ended the connection");
+  if (HasConnection() && Descriptor() < 0) EndWith(BrokerEnd::Cause::kCutOff, "it has ended the connection");
   if (HasConnection() && !accepted_ && now >= answer_is_due_) GiveUp();
   RethrowWhatWasThrown();
 }
@@ -232,13 +232,13 @@ void Broker::Serve(bool readable) {
 Broker::Outcome Broker::Publish(const std::string& topic, std::string_view payload, int& message, std::string& why) {
   const int result = mosquitto_publish_v5(client_, &message, topic.c_str(), static_cast<int>(payload.size()),
                                           payload.data(), kQos, true, nullptr);
-  if (result == MOSQ_ERR_SUCCESS) return Outcome::Sent;
+  if (result == MOSQ_ERR_SUCCESS) return Outcome::kSent;
   if (IsForTheMessage(result)) {
     why = WordsForCall(result, 0, "");
-    return Outcome::Refused;
+    return Outcome::kRefused;
   }
   Check(result);
-  return Outcome::ConnectionEnded;
+  return Outcome::kConnectionEnded;
 }
 
 std::optional<int> Broker::PublishState(const State& state) {
@@ -265,11 +265,11 @@ void Broker::Disconnect() {
 }
 
 void Broker::OnConnect(int reason, const mosquitto_property* properties) {
-  if (IsRefusal(reason)) return EndWith(BrokerEnd::Cause::Network, WordsForRefusedConnection(reason));
+  if (IsRefusal(reason)) return EndWith(BrokerEnd::Cause::kNetwork, WordsForRefusedConnection(reason));
   if (IsMissing(properties, MQTT_PROP_RETAIN_AVAILABLE)) {
-    return EndWith(BrokerEnd::Cause::Network, "it keeps no retained messages");
+    return EndWith(BrokerEnd::Cause::kNetwork, "it keeps no retained messages");
   }
-  if (IsMissing(properties, MQTT_PROP_MAXIMUM_QOS)) return EndWith(BrokerEnd::Cause::Network, "it has no QoS 1");
+  if (IsMissing(properties, MQTT_PROP_MAXIMUM_QOS)) return EndWith(BrokerEnd::Cause::kNetwork, "it has no QoS 1");
   accepted_ = true;
   ListenToTheLibrary(false);
   listener_.BrokerIsThere();
@@ -277,9 +277,9 @@ void Broker::OnConnect(int reason, const mosquitto_property* properties) {
 
 void Broker::OnDisconnect(int reason) {
   // Below are results of libmosquitto, which the call that has failed returns, too.
-  if (reason == MQTT_RC_SESSION_TAKEN_OVER) EndWith(BrokerEnd::Cause::TakenOver, WordsForReason(reason));
+  if (reason == MQTT_RC_SESSION_TAKEN_OVER) EndWith(BrokerEnd::Cause::kTakenOver, WordsForReason(reason));
   if (!IsRefusal(reason)) return;
-  EndWith(MayBeForAMessage(reason) ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network, WordsForReason(reason));
+  EndWith(MayBeForAMessage(reason) ? BrokerEnd::Cause::kCutOff : BrokerEnd::Cause::kNetwork, WordsForReason(reason));
 }
 
 void Broker::OnLog(int level, const char* text) {
@@ -329,7 +329,7 @@ void Broker::Check(int result) {
 void Broker::Check(int result, int error) {
   if (result == MOSQ_ERR_SUCCESS || ended_) return;
   const bool cut_off = IsByTheOtherSide(result, error);
-  EndWith(cut_off ? BrokerEnd::Cause::CutOff : BrokerEnd::Cause::Network,
+  EndWith(cut_off ? BrokerEnd::Cause::kCutOff : BrokerEnd::Cause::kNetwork,
           WordsForCall(result, error, detail_) + (cut_off && !accepted_ ? WhatItMayWant() : ""));
 }
 

@@ -18,6 +18,8 @@
 // Is told what comes from the broker, in Connect() and Serve(). What it throws leaves those.
 class BrokerListener {
  public:
+  virtual ~BrokerListener() = default;
+
   virtual void BrokerIsThere() = 0;
   // `reason` is one of MQTT 5: from 128 on the broker has refused what was published.
   virtual void Acknowledged(int message, int reason) = 0;
@@ -25,19 +27,16 @@ class BrokerListener {
   virtual void Subscribed(const std::vector<int>& reasons) = 0;
   // `instance` is that of a State.
   virtual void Arrived(std::string_view topic, std::string_view payload, std::string_view instance) = 0;
-
- protected:
-  ~BrokerListener() = default;
 };
 
 // How a connection has ended.
 struct BrokerEnd {
   enum class Cause {
-    Network,    // Not made, or lost: nothing that we have sent is the cause.
-    CutOff,     // Ended by the other side, perhaps for something that we have sent.
-    TakenOver,  // Ended by the broker because another client has our name.
+    kNetwork,    // Not made, or lost: nothing that we have sent is the cause.
+    kCutOff,     // Ended by the other side, perhaps for something that we have sent.
+    kTakenOver,  // Ended by the broker because another client has our name.
   };
-  Cause cause = Cause::Network;
+  Cause cause = Cause::kNetwork;
   std::string words;
 };
 
@@ -70,7 +69,7 @@ class Broker {
   // Reads and writes what can be, and does what is due; at least once a second.
   void Serve(bool readable);
 
-  enum class Outcome { Sent, Refused, ConnectionEnded };
+  enum class Outcome { kSent, kRefused, kConnectionEnded };
   // A retained message of QoS 1. `message` gets its number, or `why` the reason why it cannot be sent.
   Outcome Publish(const std::string& topic, std::string_view payload, int& message, std::string& why);
   // The number of the message; none if the connection has ended.
@@ -79,7 +78,7 @@ class Broker {
   // Takes leave: no will.
   void Disconnect();
   // Ends a connection whose broker does not answer.
-  void GiveUp() { EndWith(BrokerEnd::Cause::Network, "it does not answer"); }
+  void GiveUp() { EndWith(BrokerEnd::Cause::kNetwork, "it does not answer"); }
 
   // While it lives, what is sent gathers in large segments.
   class Gathering {

@@ -21,15 +21,15 @@ Publisher::Publisher(const Options& options, const Topics& topics, Broker& broke
     : broker_(broker), log_(log), outbox_(options, topics, log), refused_rows_(log, "rows were refused") {}
 
 void Publisher::Begin() {
-  stage_ = Stage::Probing;
+  stage_ = Stage::kProbing;
   published_ = 0;
   last_to_be_published_.reset();
   all_is_published_ = false;
 }
 
 void Publisher::SendWhatIsDue(Clock::time_point now) {
-  if (stage_ == Stage::Probing) ProbeNext(now);
-  if (stage_ != Stage::Flowing) return;
+  if (stage_ == Stage::kProbing) ProbeNext(now);
+  if (stage_ != Stage::kFlowing) return;
   PublishRows();
   TellWhenAllIsPublished();
 }
@@ -48,10 +48,10 @@ void Publisher::Acknowledged(int message, int reason, Clock::time_point now) {
 }
 
 bool Publisher::ConnectionHasEnded(const BrokerEnd& end, Clock::time_point now) {
-  stage_ = Stage::Resting;
+  stage_ = Stage::kResting;
   outbox_.Rest();
   const std::vector<std::string> unacknowledged = in_flight_.Clear();
-  const bool cut_off = end.cause == BrokerEnd::Cause::CutOff;
+  const bool cut_off = end.cause == BrokerEnd::Cause::kCutOff;
   if (cut_off) {
     TellOfConvict(suspects_.ConnectionWasCutOff(unacknowledged, now));
   } else {
@@ -68,27 +68,27 @@ void Publisher::TellOfConvict(const std::optional<std::string>& convict) {
 }
 
 void Publisher::Stop() {
-  stage_ = Stage::Resting;
+  stage_ = Stage::kResting;
   outbox_.Rest();
 }
 
 void Publisher::Tick(Clock::time_point now) {
   refused_rows_.Tick();
-  if (!restart_ || now < *restart_ || stage_ != Stage::Flowing) return;
+  if (!restart_ || now < *restart_ || stage_ != Stage::kFlowing) return;
   if (!outbox_.IsDrained()) return;  // Or the last rows would never leave, where all take longer than that.
   restart_.reset();
   outbox_.Restart();
 }
 
 void Publisher::Beat() {
-  if (stage_ == Stage::Flowing && !outbox_.IsWalking()) outbox_.StartWalk();
+  if (stage_ == Stage::kFlowing && !outbox_.IsWalking()) outbox_.StartWalk();
 }
 
 void Publisher::ProbeNext(Clock::time_point now) {
   while (broker_.HasConnection() && in_flight_.IsEmpty() && !suspects_.NextMustWait(now)) {
     const std::optional<std::string> suspect = suspects_.Next();
     if (!suspect) {
-      stage_ = Stage::Flowing;
+      stage_ = Stage::kFlowing;
       return outbox_.Restart();
     }
     const std::optional<std::string> value = outbox_.ValueOf(*suspect);
@@ -113,14 +113,14 @@ bool Publisher::Publish(const std::string& topic, std::string_view value) {
   int message = 0;
   std::string why;
   switch (broker_.Publish(topic, value, message, why)) {
-    case Broker::Outcome::Sent:
+    case Broker::Outcome::kSent:
       in_flight_.Add(message, topic, value.size());
       ++published_;
       return true;
-    case Broker::Outcome::Refused:
+    case Broker::Outcome::kRefused:
       TellOfRefusal(topic, why);
       return false;
-    case Broker::Outcome::ConnectionEnded:
+    case Broker::Outcome::kConnectionEnded:
       break;
   }
   return false;

@@ -38,7 +38,7 @@ class Publisher {
   bool IsIdle() const { return in_flight_.IsEmpty(); }
 
   // Whether SendWhatIsDue() has more to do as soon as the descriptor of the outbox is readable.
-  bool AwaitsChanges() const { return stage_ == Stage::Flowing && in_flight_.HasRoom(); }
+  bool AwaitsChanges() const { return stage_ == Stage::kFlowing && in_flight_.HasRoom(); }
   int Descriptor() const { return outbox_.Descriptor(); }
   // Whether it has more to do at once.
   bool HasWork() const { return AwaitsChanges() && outbox_.IsWalking(); }
@@ -51,9 +51,9 @@ class Publisher {
  private:
   // How far a connection has come.
   enum class Stage {
-    Resting,  // There is none, or it is about to end.
-    Probing,  // One row at a time, because the broker has cut off the last connection.
-    Flowing,  // All rows, and then what changes.
+    kResting,  // There is none, or it is about to end.
+    kProbing,  // One row at a time, because the broker has cut off the last connection.
+    kFlowing,  // All rows, and then what changes.
   };
 
   void ProbeNext(Clock::time_point now);
@@ -74,7 +74,7 @@ class Publisher {
   bool has_convicted_ = false;  // In this connection.
   PacedWarnings refused_rows_;
 
-  Stage stage_ = Stage::Resting;
+  Stage stage_ = Stage::kResting;
   std::optional<Clock::time_point> restart_;  // When everything is published anew, because the broker had no room.
   unsigned long published_ = 0;               // In this connection.
   bool walk_is_next_ = false;

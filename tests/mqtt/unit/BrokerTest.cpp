@@ -29,7 +29,7 @@ TEST(Broker, TakesTheErrorOfACallFromAfterTheCall) {
   DrivenBroker driven;
   driven.calls.read = {MOSQ_ERR_ERRNO, EPIPE};
   const BrokerEnd end = EndAfter(EAGAIN, driven);
-  EXPECT_EQ(end.cause, BrokerEnd::Cause::CutOff);
+  EXPECT_EQ(end.cause, BrokerEnd::Cause::kCutOff);
   EXPECT_THAT(end.words, StartsWith("Broken pipe"));
 }
 
@@ -37,7 +37,7 @@ TEST(Broker, IsGoneWhenNothingThatWasSentIsAcknowledged) {
   DrivenBroker driven;
   driven.calls.read = {MOSQ_ERR_ERRNO, ETIMEDOUT};
   const BrokerEnd end = EndAfter(EAGAIN, driven);
-  EXPECT_EQ(end.cause, BrokerEnd::Cause::Network);
+  EXPECT_EQ(end.cause, BrokerEnd::Cause::kNetwork);
   EXPECT_EQ(end.words, "it does not answer");
 }
 
@@ -47,27 +47,27 @@ TEST(Broker, IsJudgedWithTlsByWhatTheDescriptorTells) {
   driven.options.ca = VARNIX_BRIDGE;  // A folder, as it happens.
   driven.calls.read = {MOSQ_ERR_ERRNO, EPIPE};
   EXPECT_EQ(EndAfter(0, driven).words, "the connection has failed");
-  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::Network);
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::kNetwork);
 
   driven.calls.pending_error = EHOSTUNREACH;
   EXPECT_THAT(EndAfter(0, driven).words, StartsWith("No route to host"));
-  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::Network);
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::kNetwork);
 
   driven.calls.pending_error = ECONNRESET;
   EXPECT_THAT(EndAfter(0, driven).words, StartsWith("it has ended the connection"));
-  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::CutOff);
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::kCutOff);
 }
 
 TEST(Broker, IsJudgedWithTlsByTheDescriptorAlsoWhenARowCannotBeSent) {
   DrivenBroker driven;
   driven.options.ca = VARNIX_BRIDGE;
   driven.calls.publish = {MOSQ_ERR_ERRNO, EPROTO};
-  for (const auto cause : {BrokerEnd::Cause::Network, BrokerEnd::Cause::CutOff}) {
+  for (const auto cause : {BrokerEnd::Cause::kNetwork, BrokerEnd::Cause::kCutOff}) {
     ASSERT_TRUE(driven.broker.Connect(std::nullopt));
-    if (cause == BrokerEnd::Cause::CutOff) driven.calls.HangUp();
+    if (cause == BrokerEnd::Cause::kCutOff) driven.calls.HangUp();
     int message = 0;
     std::string why;
-    EXPECT_EQ(driven.broker.Publish("topic", "1", message, why), Broker::Outcome::ConnectionEnded);
+    EXPECT_EQ(driven.broker.Publish("topic", "1", message, why), Broker::Outcome::kConnectionEnded);
     EXPECT_EQ(driven.broker.End().cause, cause);
   }
 }
@@ -76,7 +76,7 @@ TEST(Broker, IsGoneWhenNoPingIsAnswered) {
   DrivenBroker driven;
   driven.calls.misc = {MOSQ_ERR_KEEPALIVE, 0};
   const BrokerEnd end = EndAfter(0, driven);
-  EXPECT_EQ(end.cause, BrokerEnd::Cause::Network);
+  EXPECT_EQ(end.cause, BrokerEnd::Cause::kNetwork);
   EXPECT_EQ(end.words, "it does not answer");
 }
 
@@ -95,7 +95,7 @@ TEST(Broker, LetsNoWantOfMemoryPassThroughLibmosquitto) {
   EXPECT_TRUE(has_thrown);
 
   driven.broker.Serve(true);
-  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::TakenOver);
+  EXPECT_EQ(driven.broker.End().cause, BrokerEnd::Cause::kTakenOver);
 }
 
 TEST(Broker, IsTriedAgainWhenTheFilesForTlsAreNotThere) {

@@ -36,8 +36,8 @@ class PublisherTest : public ::testing::Test {
     publisher_.Begin();
   }
   // Whether there is hope for the next connection.
-  bool CutOff() { return End({BrokerEnd::Cause::CutOff, "it has ended the connection"}); }
-  bool LoseNetwork() { return End({BrokerEnd::Cause::Network, "it does not answer"}); }
+  bool CutOff() { return End({BrokerEnd::Cause::kCutOff, "it has ended the connection"}); }
+  bool LoseNetwork() { return End({BrokerEnd::Cause::kNetwork, "it does not answer"}); }
   bool End(const BrokerEnd& end) { return publisher_.ConnectionHasEnded(end, now_); }
 
   void Set(const std::string& key, const std::string& value) const { table_->Set({key, value}); }
