@@ -29,8 +29,8 @@ DRIVEN = """
 """
 
 
-def open_page(chromium, web, *scripts):
+def open_page(chromium, web, *scripts, **keywords):
     """The page, before it was told anything."""
-    page = chromium.open(web.url, script=DRIVEN + "".join(scripts))
+    page = chromium.open(web.url, script=DRIVEN + "".join(scripts), **keywords)
     assert page.eventually("'source' in window && Object.keys(window.source.listeners).length === 6")
     return page

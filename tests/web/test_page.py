@@ -457,6 +457,27 @@ def test_it_fits_a_phone(web, show, member):
         assert page.run(f"{seen}({json.dumps(part)})"), part
 
 
+def test_on_a_phone_each_of_many_members_can_be_touched_and_the_chosen_is_named(web, chromium):
+    page = driven.open_page(chromium, web, width=360, height=640)
+    page.run("begin(); for (let port = 2; port <= 9; ++port) tell('member', member(port, stamp()))")
+    names = "[...document.querySelectorAll('.node text')].filter((text) => text.checkVisibility()).length"
+    assert page.eventually(f"document.querySelectorAll('.node').length === 9 && {names} === 9")
+
+    page.run("for (let port = 10; port <= 24; ++port) tell('member', member(port, stamp()))")
+    assert page.eventually("document.querySelectorAll('.node').length === 24")
+
+    assert page.run(names) == 0
+    touched = page.run("""[...document.querySelectorAll(".node")].filter((node) => {
+        const box = node.querySelector("circle:last-of-type").getBoundingClientRect();
+        const [x, y] = [(box.left + box.right) / 2, (box.top + box.bottom) / 2];
+        return box.width > 4 && document.elementFromPoint(x, y).closest(".node") === node;
+    }).length""")
+    assert touched == 24
+    page.click(".node circle:last-of-type")
+    assert page.eventually(f"{names} === 1")
+    page.close()
+
+
 def test_the_chosen_row_is_named_wherever_it_is_drawn(web, chromium):
     page = driven.open_page(chromium, web)
     page.run("begin(...Array.from({ length: 500 }, (_, i) => row('key-' + (1000 + i), String(i))))")

@@ -14,6 +14,7 @@ const MOST_BASE64 = 1024;  // and of what is no text; four for each three bytes.
 const MOST_POINTS = 48, MOST_TEXTS = 8, MOST_OF_TEXT = 120;  // Of a row's history.
 const MOST_LOG = 100, MOST_TABLES = 200, MOST_GONE = 64;
 const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen one are drawn.
+const MOST_NAMES = 9;  // With more members a phone shows only the name of the chosen one.
 const BETWEEN_SORTINGS = 400, BETWEEN_FLASHES = 250, GONE_IS_SHOWN = 60000;  // Milliseconds.
 const SILENCE = 30000, PAUSE = 2000;  // The server tells the time every 10 seconds.
 const TO_MEET = 5000;  // So long a server that has begun anew may take to meet the members.
@@ -763,6 +764,8 @@ function drawGraph() {
     member.x = 112 * Math.cos(angle);
     member.y = 86 * Math.sin(angle);
   });
+  $("graph").style.setProperty("--reach", reach(all).toFixed(1) + "px");
+  $("graph").classList.toggle("many", all.length > MOST_NAMES);
   const had = document.activeElement && document.activeElement.dataset.place;
   drawEdges(all.filter((member) => !member.left || members.has(member.place)));
   putInto($("nodes"), [me, ...all.map(drawNode)]);
@@ -772,6 +775,12 @@ function drawGraph() {
   setText($("legend"), members.size === 0 ? "Nobody is there." :
     "Full lines: what this page receives. Dotted: the two streams of each pair, which nobody else can see" +
     (members.size > MOST_PAIRS_OF && !view.chosenMember ? "; choose a member to see its own." : "."));
+}
+
+// How large a member may be, so that no click on it is one on its neighbour, while it can still be seen.
+function reach(all) {
+  const halves = all.map((member, i) => Math.hypot(member.x - all.at(i - 1).x, member.y - all.at(i - 1).y) / 2);
+  return Math.max(4, Math.min(...halves.filter((half) => half > 0), 26));
 }
 
 function drawEdges(present) {
@@ -826,7 +835,7 @@ function makeNode(member) {
   mark.textContent = member.name.bytes ? "bytes " : "";
   label.append(mark, cut(member.name.shown, 20));
   title.textContent = spoken(member.name) + "\n" + member.place;
-  node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }), label,
+  node.append(draw("circle", { class: "pulse" }), draw("circle", {}), label,
               draw("text", { class: "sub" }), title);
   const press = () => {
     view.chosenMember = isChosen(member) || !isHere(member) ? null : member.place;
