@@ -437,6 +437,24 @@ def test_the_last_change_can_stand_first(web, show, member):
     assert eventually(lambda: keys(page) == [f"key-{number}" for number in range(5)])
 
 
+def test_the_last_change_stands_first_in_whatever_order_changes_are_told(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("""{
+        window.at = (key, second, value) =>
+            ({ ...row(key, value), time: new Date(Date.now() + second * 1000).toISOString() });
+        begin(...["a", "b", "c", "d"].map((key) => at(key, 0, "1")));
+    }""")
+    page.press("s")
+    assert eventually(lambda: keys(page) == ["d", "c", "b", "a"])
+
+    page.run("tell('rows', at('a', 9, '2'), at('b', 7, '2'), at('d', 7, '2'))")  # By name, as one that is slow is told.
+    assert eventually(lambda: keys(page) == ["a", "d", "b", "c"])
+    page.run("tell('rows', at('c', 8, '2'))")
+
+    assert eventually(lambda: keys(page) == ["a", "c", "d", "b"])
+    page.close()
+
+
 def test_it_fits_a_phone(web, show, member):
     member(b"p" * 200, [(b"t" * 200, b"k" * 200, b"v" * 2000), (b"status", b"speed", b"1")])
     page = show(web, width=360, height=640)

@@ -449,11 +449,14 @@ const view = {
 
 const byName = (left, right) => (left.sort < right.sort ? -1 : left.sort > right.sort ? 1 : 0);
 
-function merge(left, right) {
+// A page that is slow is told some rows by name, not in the order in which they have changed.
+const byTime = (left, right) => right.time - left.time || right.order - left.order;
+
+function merge(left, right, order) {
   const merged = [];
   let i = 0, j = 0;
   while (i < left.length || j < right.length) {
-    const row = j >= right.length || (i < left.length && byName(left[i], right[j]) <= 0) ? left[i++] : right[j++];
+    const row = j >= right.length || (i < left.length && order(left[i], right[j]) <= 0) ? left[i++] : right[j++];
     if (!row.gone) merged.push(row);
   }
   return merged;
@@ -461,8 +464,8 @@ function merge(left, right) {
 
 // Only what has changed is sorted: of many rows that are few.
 function newestFirst() {
-  const first = [...view.touched].sort((left, right) => right.order - left.order);
-  view.newest = first.concat(view.newest.filter((row) => !row.gone && !view.touched.has(row)));
+  const first = [...view.touched].sort(byTime);
+  view.newest = merge(first, view.newest.filter((row) => !view.touched.has(row)), byTime);
   view.touched.clear();
   return view.newest;
 }
@@ -480,7 +483,7 @@ function arrange(end) {
     const due = view.wanted || performance.now() - view.sortedAt > BETWEEN_SORTINGS;
     const reason = view.added.size || view.removed || (view.changed && (view.byChange || view.words.length));
     if (!view.wanted && !(due && reason)) return;
-    if (view.added.size || view.removed) view.sorted = merge(view.sorted, [...view.added].sort(byName));
+    if (view.added.size || view.removed) view.sorted = merge(view.sorted, [...view.added].sort(byName), byName);
     view.added.clear();
     view.work = { at: 0, found: [], all: view.byChange ? newestFirst() : view.sorted };
     view.wanted = view.removed = view.changed = false;
