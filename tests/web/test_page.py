@@ -597,6 +597,28 @@ def test_rows_stay_while_a_server_that_is_back_still_hears_them(web, chromium):
     page.close()
 
 
+def test_a_member_that_sets_new_rows_all_the_time_keeps_its_old_ones_for_a_minute(web, chromium):
+    page = driven.open_page(chromium, web, MEETING)
+    page.run("{ const begun = Date.now(); Date.now = () => begun + window.ahead; }")
+    page.run("begin(row('mode', 'auto'))")
+    assert eventually(lambda: keys(page) == ["mode"])
+    page.run("begin()")
+    assert page.eventually("window.kept.length === 2")
+
+    # A row, then an hour that passes for the server alone, and a member, which is drawn when all of it is understood.
+    page.run("window.ahead += 59999; tell('rows', row('new', '1')); "
+             "tell('time', { time: new Date(Date.now() + 3600000).toISOString() }); tell('member', member(2, stamp()))")
+    assert page.eventually("document.querySelectorAll('.node').length === 2")
+    page.run("window.kept.splice(0).forEach((what) => what())")
+    assert page.run("window.kept.length") == 1  # What is old may still be told.
+    assert eventually(lambda: keys(page) == ["mode", "new"])
+    page.run("++window.ahead; window.kept.splice(0).forEach((what) => what())")
+
+    assert eventually(lambda: keys(page) == ["new"])
+    assert page.run("window.kept.length") == 0
+    page.close()
+
+
 def test_what_a_server_tells_again_when_it_is_back_has_not_changed(web, chromium):
     page = driven.open_page(chromium, web, COUNTING)
     page.run("""{

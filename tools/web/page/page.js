@@ -17,7 +17,8 @@ const MOST_PAIRS_OF = 12;  // With more members only the streams of the chosen o
 const MOST_NAMES = 9;  // With more members a phone shows only the name of the chosen one.
 const BETWEEN_SORTINGS = 400, BETWEEN_FLASHES = 250, GONE_IS_SHOWN = 60000;  // Milliseconds.
 const SILENCE = 30000, PAUSE = 2000;  // The server tells the time every 10 seconds.
-const TO_MEET = 5000;  // So long a server that has begun anew may take to meet the members.
+const TO_MEET = 5000;  // So long a server that has begun anew may take to meet the members,
+const TO_HEAR = 60000;  // and to hear all of their rows.
 
 const $ = (id) => document.getElementById(id);
 const SVG = "http://www.w3.org/2000/svg";
@@ -262,12 +263,12 @@ const on = {
     const since = Date.parse(data.since), name = readMember(data);
     // A server that has begun anew has met it anew.
     if (known && known.name.id === name.id && (known.since === since || known.generation !== generation)) {
-      Object.assign(known, { since, generation, met: now() });
+      Object.assign(known, { since, generation, met: Date.now() });
       return;
     }
     if (known) removeMember(known, now(), "has left");
     gone.delete(place);
-    const member = { place, name, since, rows: new Set(), generation, met: now(), changes: 0, busy: false };
+    const member = { place, name, since, rows: new Set(), generation, met: Date.now(), changes: 0, busy: false };
     members.set(place, member);
     note(since, member, "came", "");
   },
@@ -293,7 +294,7 @@ const on = {
       addSetter(row);
       view.added.add(row);
     }
-    if (row.generation !== generation) row.generation = generation, member.met = now();
+    if (row.generation !== generation) row.generation = generation, member.met = Date.now();
     if (view.ready) ++member.changes;
     if (!row.set(read(data, "value"), Date.parse(data.time), view.ready)) return;
     row.order = ++changes;
@@ -304,25 +305,27 @@ const on = {
   ready() {
     view.ready = true;
     countedChanges = changes;  // What was there already does not count.
-    forgetLater();
+    forgetLater(Date.now());
   },
 };
 
-function forgetLater() {
-  const told = generation;
-  setTimeout(() => told === generation && view.ready && forgetOlder(), TO_MEET);
+// By the clock of this browser: that of the server may be set meanwhile.
+function forgetLater(begun) {
+  const current = generation;
+  setTimeout(() => current === generation && view.ready && forgetOlder(begun), TO_MEET);
 }
 
 // What was there before the connection was lost, and is there no more, was not told again. Where rows are still told
-// for the first time, more of the same member may follow.
-function forgetOlder() {
+// for the first time, more of the same member may follow; but some members set new ones all the time.
+function forgetOlder(begun) {
+  const time = Date.now();
   let late = false;
   for (const member of [...members.values()]) {
     if (member.generation !== generation) removeMember(member, now(), "has left");
   }
   for (const row of [...rows.values()]) {
     if (row.generation === generation) continue;
-    if (now() - row.member.met < TO_MEET) {
+    if (time - row.member.met < TO_MEET && time - begun < TO_HEAR) {
       late = true;
       continue;
     }
@@ -330,7 +333,7 @@ function forgetOlder() {
     removeRow(row);
     view.removed = true;
   }
-  if (late) forgetLater();
+  if (late) forgetLater(begun);
   frame();
 }
 
