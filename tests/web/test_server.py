@@ -6,6 +6,7 @@
 import base64
 import os
 import re
+import signal
 import socket
 import subprocess
 import urllib.parse
@@ -243,14 +244,16 @@ def test_connections_that_take_nothing_keep_nobody_out(web, member):
         reader.close()
 
 
-def test_an_answer_that_is_cut_when_the_server_ends_does_not_look_whole(web, member):
+@pytest.mark.parametrize("name", ["SIGINT", "SIGTERM", "SIGKILL"])
+def test_an_answer_that_is_cut_when_the_server_ends_does_not_look_whole(web, member, name):
     member(b"press", [(b"status", b"key-%05d" % number, b"x" * 1000) for number in range(4_000)])
     assert eventually(lambda: b"\nvarnix_rows 4000\n" in client.get(web.port, "/metrics").body)
     reader = client.connect(web.port, SO_RCVBUF=4096)
     reader.sendall(client.request("/rows"))
     assert reader.recv(1) == b"H"
 
-    assert web.ends() == 0
+    number = getattr(signal, name)
+    assert web.ends(number) == (0 if name == "SIGINT" else -number)
 
     with pytest.raises(ConnectionResetError):
         client.read_all(reader)

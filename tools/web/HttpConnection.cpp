@@ -36,8 +36,6 @@ HttpConnection::HttpConnection(Loop& loop, FileDescriptor socket, Site& site)
   LimitSendBuffer(socket_, kKernelBuffer);
 }
 
-HttpConnection::~HttpConnection() { ResetIfCut(); }
-
 pollfd HttpConnection::Awaited() const {
   if (state_ == State::kEnded) return {-1, 0, 0};
   const bool reads = state_ != State::kAnswering || IsBrowser();
@@ -90,7 +88,10 @@ void HttpConnection::Begin(Site::Answer answer) {
   unsent_ = std::move(answer.text);
   feed_ = std::move(answer.feed);
   const TimePoint now = Clock::now();
-  if (!IsBrowser()) end_ = now + kMostToRead;
+  if (!IsBrowser()) {
+    end_ = now + kMostToRead;
+    ResetWhenClosed(true);
+  }
   next_sign_ = now + kBetweenSigns;
   NoteProgress();
 }
@@ -117,6 +118,7 @@ void HttpConnection::Write() {
   unsent_ = std::string();
   sent_ = 0;
   if (feed_ && (feed_->HasMore() || feed_->IsLiving())) return;
+  ResetWhenClosed(false);
   shutdown(socket_.Get(), SHUT_WR);
   EndAs(State::kLeaving, Clock::now() + kMostToLeave);
 }
@@ -138,15 +140,14 @@ bool HttpConnection::SendUnsent() {
 void HttpConnection::NoteProgress() { due_ = std::min(Clock::now() + kMostWithoutProgress, end_); }
 
 // The end of the connection is the end of the answer. So one that is cut must not end as a whole one does: with a reset
-// the reader sees that something is missing. An answer without an end misses nothing.
-void HttpConnection::ResetIfCut() {
-  if (state_ != State::kAnswering || IsBrowser()) return;
-  constexpr linger kReset{1, 0};
-  setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &kReset, sizeof kReset);
+// the reader sees that something is missing. An answer without an end misses nothing. This is told to the system while
+// there is time: a process that is killed has none.
+void HttpConnection::ResetWhenClosed(bool is_reset) {
+  const linger how{is_reset ? 1 : 0, 0};
+  setsockopt(socket_.Get(), SOL_SOCKET, SO_LINGER, &how, sizeof how);
 }
 
 void HttpConnection::EndAs(State state, TimePoint due) {
-  if (state == State::kEnded) ResetIfCut();
   state_ = state;
   due_ = due;
   feed_.reset();

@@ -17,7 +17,6 @@ class HttpConnection : public Waiter {
   static constexpr std::size_t kMostRequest = 8192;
 
   HttpConnection(Loop& loop, FileDescriptor socket, Site& site);
-  ~HttpConnection() override;
 
   // Whether it reads an answer that goes on as long as it wants.
   bool IsBrowser() const { return state_ == State::kAnswering && feed_ && feed_->IsLiving(); }
@@ -46,7 +45,7 @@ class HttpConnection : public Waiter {
   void Write();
   void NoteProgress();
   bool SendUnsent();
-  void ResetIfCut();
+  void ResetWhenClosed(bool is_reset);
   void EndAs(State state, TimePoint due);
 
   Site& site_;
