@@ -4,6 +4,7 @@
 """Asks `varnix web` as a script does: byte by byte, over a socket of its own."""
 
 import json
+import select
 import socket
 
 from programs import DEADLINE
@@ -81,10 +82,9 @@ class Events:
 
     def take_little(self):
         """Takes what is there, as one does who is slow."""
-        try:
-            piece = self.socket.recv(4096, socket.MSG_DONTWAIT)
-        except BlockingIOError:
+        if not select.select([self.socket], [], [], 0)[0]:  # A socket with a deadline waits, whatever the flags are.
             return
+        piece = self.socket.recv(1 << 16)
         self.size += len(piece)
         self._data += piece
 
