@@ -14,9 +14,9 @@ ROWS = 50_000
 CHANGES_PER_SECOND = 5_000
 BATCH = 250
 MOST_WAIT = 100  # Milliseconds.
-MOST_BURSTS = 3  # A machine that has no time keeps the keys of one waiting, or of two.
 LEAST_SEEN = 20  # So many keys and frames tell something. Where there is no time, they take more than one round.
-MOST_ROUNDS = 6
+MOST_ROUNDS = 9  # Of ten seconds, in all bursts. A machine that has no time keeps the keys of one waiting, or of two.
+LEAST_ROUNDS = 3  # So many must be left for another burst.
 
 # How long each key waits: from when it was pressed until the frame behind it is drawn. And how many frames there are.
 TIMING = """
@@ -93,9 +93,7 @@ class Burst:
 
     def _change_all(self, press, stop):
         """Steadily: each change is of another row, so that none takes the place of another."""
-        for _ in range(MOST_ROUNDS):
-            if self._seen.is_set():
-                return
+        while self.value < MOST_ROUNDS and not self._seen.is_set():
             self.value += 1
             begun = time.monotonic()
             for sent in range(0, ROWS, BATCH):
@@ -111,8 +109,10 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
     assert page.shows("#rows", f"{ROWS:,}")
     drawn = page.run("document.querySelectorAll('.row').length")
     bursts = []
-    while len(bursts) < MOST_BURSTS and all(burst.median > MOST_WAIT for burst in bursts):
-        bursts.append(Burst(page, chromium, press, bursts[-1].value if bursts else 0))
+    rounds = 0
+    while rounds <= MOST_ROUNDS - LEAST_ROUNDS and all(burst.median > MOST_WAIT for burst in bursts):
+        bursts.append(Burst(page, chromium, press, rounds))
+        rounds = bursts[-1].value
 
         assert page.eventually(f"""[...document.querySelectorAll(".row:not([hidden]) .value")].length > 0 &&
             [...document.querySelectorAll(".row:not([hidden]) .value")]
@@ -122,7 +122,8 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
            f"{best.median:.0f} ms, 9 of 10 within {best.waits[len(best.waits) * 9 // 10]:.0f} ms; "
            f"the page works {best.seconds_for_a_frame * 1000:.0f} ms for a frame, with {best.share:.0%} of a processor")
     assert len(best.waits) >= LEAST_SEEN and best.frames >= LEAST_SEEN
-    # What the machine has given to others is not the page's.
+    # What the machine has given to others is not the page's. Of the slowest keys that cannot be told: one that waits
+    # longest may have met all that was given to others in the burst.
     assert best.median * best.share <= MOST_WAIT, [(burst.share, burst.waits) for burst in bursts]
     assert best.seconds_for_a_frame <= 0.1  # Whatever the machine does besides.
     assert drawn < 100  # Only what is seen.
