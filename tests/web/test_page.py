@@ -232,22 +232,24 @@ def test_a_member_that_has_left_before_the_page_heard_of_it_has_come_and_left(we
     page = driven.open_page(chromium, web)
     page.run("""{
         window.tellLeft = (port, since) =>
-            tell("left", { ...member(port, since), left: stamp(), reason: "has left" });
+            tell("left", { ...member(port, since), left: since, reason: "has left" });
         tell("time", { time: stamp() });
         tell("hello", { group: "line-4", database: "plant" });
-        tellLeft(5, stamp());  // Before there was a page.
+        tellLeft(5, new Date(Date.now() - 1000).toISOString());  // Before there was a page.
         tell("member", member(1, stamp()));
+        window.ahead += 1000;
+        tellLeft(6, stamp());  // While the page is told what there is.
         tell("ready", {});
         tellLeft(2, stamp());
         window.ahead += 1000;
         tellLeft(1, stamp());  // Another one at the place of the first.
     }""")
 
-    assert page.eventually("document.querySelectorAll('.node.gone').length === 2")
+    assert page.eventually("document.querySelectorAll('.node.gone').length === 3")
     log = page.run("[...document.querySelectorAll('#log span')].map((entry) => entry.textContent)")
     assert log == [f"press::ctl-{text}" for text in
-                   ("1 left", "1 came", "1 left", "2 left", "2 came", "1 came")]
-    assert page.run("document.querySelectorAll('.node').length") == 2
+                   ("1 left", "1 came", "1 left", "2 left", "2 came", "6 left", "6 came", "1 came")]
+    assert page.run("document.querySelectorAll('.node').length") == 3
     page.close()
 
 

@@ -131,7 +131,8 @@ const tables = new Map();   // Their names, and how many rows each has.
 let whose = null;           // The group and the database.
 let generation = 0;         // A new one with each connection. What has an older one is no more.
 let changes = 0;            // The number of the last change.
-let lead = 0;               // How far the clock of the server is ahead of ours.
+let told = 0;               // The clock of the server, as it was told last.
+let lead = 0;               // How far it is ahead of ours.
 let log = [];
 
 const now = () => Date.now() + lead;
@@ -243,7 +244,8 @@ const placeOf = (data) => data.address + ":" + data.port;
 
 const on = {
   time(data) {
-    lead = Date.parse(data.time) - Date.now();
+    told = Date.parse(data.time);
+    lead = told - Date.now();
   },
 
   hello(data) {
@@ -276,8 +278,8 @@ const on = {
   left(data) {
     const place = placeOf(data), since = Date.parse(data.since);
     const isMeant = () => members.has(place) && members.get(place).since === since;
-    // It has come and left since the last piece. At the beginning it is one that had left before this page came.
-    if (!isMeant() && view.ready) on.member(data);
+    // It has come and left since the last piece, or else before this page came.
+    if (!isMeant() && (view.ready || Date.parse(data.left) > told)) on.member(data);
     if (isMeant()) removeMember(members.get(place), Date.parse(data.left), data.reason);
   },
 
