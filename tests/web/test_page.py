@@ -398,6 +398,30 @@ def test_tables_and_members_can_be_chosen_by_keyboard(web, show, member):
     page.press("Escape")
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 3")
     assert page.run("document.activeElement.id") == "grid"
+    page.press("Tab", "Tab", "Tab")  # Past both members.
+    assert page.run("document.activeElement.id") == "log"
+
+
+def heard(page, role):
+    """What those hear who do not see: the names of everything in the grid that has this role."""
+    parts = {part["nodeId"]: part for part in page.call("Accessibility.getFullAXTree")["nodes"]}
+
+    def around(part):
+        while part := parts.get(part.get("parentId")):
+            yield part["role"]["value"]
+
+    return [part["name"]["value"] for part in parts.values()
+            if part["role"]["value"] == role and "grid" in around(part)]
+
+
+def test_whoever_hears_the_page_is_told_what_the_columns_are(web, show, member):
+    member(b"press", [(b"status", b"speed", b"42")])
+    for width in (1280, 360):
+        page = show(web, width=width, height=640)
+        assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 1")
+
+        assert eventually(lambda: heard(page, "columnheader") == ["key", "value", "set by", "changed"])
+        assert len(heard(page, "gridcell")) == 4
 
 
 def test_the_filter_that_is_chosen_while_a_row_is_closed_stays_chosen(web, show, member):
