@@ -314,6 +314,32 @@ def test_rows_whose_names_run_together_are_two(web, show, member):
     assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
 
 
+def test_a_table_without_rows_has_no_button(web, show, member):
+    member(b"press", [(b"status", b"speed", b"1"), (b"log", b"today", b"calm")])
+    pump = member(b"pump", [(b"alarm", b"now", b"none"), (b"status", b"speed", b"2")])
+    page = show(web)
+    buttons = "[...document.querySelectorAll('#choice button')].map((button) => button.textContent).join()"
+    assert page.eventually(f"{buttons} === 'All tables,alarm1,log1,status2'")
+
+    pump.leave()
+
+    assert page.eventually(f"{buttons} === 'All tables,log1,status1'")
+
+
+def test_what_was_there_at_the_beginning_is_no_change(web, chromium):
+    page = driven.open_page(chromium, web)
+    page.run("""{
+        window.rates = [];
+        new MutationObserver(() => rates.push(document.getElementById("rate").textContent))
+            .observe(document.getElementById("rate"), { subtree: true, childList: true });
+        begin(...Array.from({ length: 500 }, (_, i) => row("key-" + i, String(i))));
+    }""")
+
+    assert page.eventually("window.rates.at(-1) === '0'")
+    assert set(page.run("window.rates")) <= {"0", "–"}
+    page.close()
+
+
 def test_what_one_is_about_to_click_stays_while_others_come(web, show, member):
     press = member(b"press", [(b"log", b"today", b"calm"), (b"status", b"speed", b"1")])
     page = show(web)
