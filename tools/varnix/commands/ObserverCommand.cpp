@@ -95,21 +95,34 @@ void ObserverCommand::NoteTrouble() {
 }
 
 void ObserverCommand::OnEnd(const Member& member, const End& end) {
-  if (told_.size() >= kMostTold) told_.clear();
+  const TimePoint now = Clock::now();
+  NoteLeftOut(now);  // Before another minute begins.
+  ForgetMany();
   const bool first = told_.insert(member.place).second;
   if (end.kind == End::Kind::kClosed && kind_.living) return;
   failed_ = true;
   if (!first && end.kind != End::Kind::kOverLimit) return;
-  const TimePoint now = Clock::now();
-  NoteLeftOut(now);  // Before another minute begins.
-  if (limit_.Admits(now)) session_.progress.Note(NameAndPlaceText(member) + " " + EndText(end));
+  if (limit_.Admits(now)) {
+    session_.progress.Note(NameAndPlaceText(member) + " " + EndText(end));
+  } else {
+    unnamed_.insert(member.place);
+  }
 }
 
+void ObserverCommand::ForgetMany() {
+  if (told_.size() < kMostTold) return;
+  told_.clear();
+  unnamed_.clear();
+}
+
+// A member that was left out is counted once, and is named when it makes trouble again.
 void ObserverCommand::NoteLeftOut(TimePoint now) {
   const std::size_t count = limit_.TakeLeftOut(now);
   if (count == 0) return;
   session_.progress.Note(CountText(count, "more note") + " of this kind left out: a minute has at most " +
                          std::to_string(NoteLimit::kMost));
+  for (const Place& place : unnamed_) told_.erase(place);
+  unnamed_.clear();
 }
 
 void ObserverCommand::NoteUnfinished() {

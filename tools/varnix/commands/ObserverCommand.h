@@ -53,14 +53,16 @@ class ObserverCommand : public Audience {
   void ShowProgress();
   void NoteTrouble();
   void NoteLeftOut(TimePoint now);
+  void ForgetMany();
   void NoteUnfinished();
   int EndStatus();
   std::string WhomText() const;
 
   const Kind kind_;
   Observer observer_;
-  std::set<Place> told_;  // Members in trouble that were mentioned already.
-  NoteLimit limit_;       // Of what is said of them.
+  std::set<Place> told_;     // Members in trouble that were mentioned already,
+  std::set<Place> unnamed_;  // and those of them whose note is one of those that were left out.
+  NoteLimit limit_;          // Of what is said of them.
   bool failed_ = false;
   bool nobody_told_ = false, announcing_told_ = false;
 };
