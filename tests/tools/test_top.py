@@ -291,3 +291,10 @@ def test_it_needs_a_terminal_that_can_show_a_screen(terminal):
     terminal.run("env", "TERM=unheard-of", *TOOL, "top")
 
     assert terminal.shows("^varnix: this terminal cannot show a screen; TERM names its kind")
+
+
+def test_without_a_terminal_nothing_is_announced(ether):
+    assert run("top").status == 1
+
+    ether.send(b"all that was sent")
+    assert ether.receive() == b"all that was sent"

@@ -44,6 +44,7 @@ class TopCommand : public Audience {
   TimePoint NextDrawing() const;
 
   Session session_;
+  Screen screen_;  // Before the observer: where there is no terminal, nothing is announced.
   Observer observer_;
   Keyboard keyboard_;
   TopModel model_;
@@ -51,7 +52,6 @@ class TopCommand : public Audience {
   TimePoint stopped_at_;                   // and since when.
   std::string notice_;                     // Shown until a key is pressed.
   TopView view_;
-  Screen screen_;
   std::size_t page_ = 1;  // How many lines the last part has.
   TimePoint drawn_{};
   bool changed_ = true;  // Since it was drawn.
