@@ -9,6 +9,7 @@ from system.conftest import ether, make_host, make_namespace, network
 pytest.register_assert_rewrite("command")
 
 import command
+import fakes
 
 
 @pytest.fixture
@@ -38,3 +39,17 @@ def start():
     yield start_one
     for running in started:
         running.clean_up()
+
+
+@pytest.fixture
+def fake(ether):
+    """Starts a fake member, which is announced every now and then."""
+    made = []
+
+    def make(behave):
+        made.append(fakes.FakeMember(behave))
+        return made[-1]
+
+    yield make
+    for member in made:
+        member.close()

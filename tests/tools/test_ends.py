@@ -3,6 +3,7 @@
 
 """How the command is called and how it ends: options, exit statuses, signals, closed pipes, terminals."""
 
+import fcntl
 import os
 import pty
 import re
@@ -220,6 +221,26 @@ def test_a_signal_that_cuts_the_output_off_ends_the_process_as_it_does(press, st
         return begun
 
     assert programs.eventually(is_cut_off)
+
+
+def test_a_signal_amid_the_last_checks_of_the_doctor_ends_the_process_as_it_does(network, start):
+    def is_cut_off(seconds):
+        ether = wire.Ether()
+        reader, writer = os.pipe()
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)  # Half of what the last checks need.
+        doctor = start("doctor", "-w", seconds, stdout=writer)
+        os.close(writer)
+        ether.receive()  # The doctor has announced itself, so it hears.
+        for port in range(1, 41):
+            ether.announce(port, b"LINE-4")  # Each looks the same as the group that it looks for.
+        ether.socket.close()
+        with open(reader, "rb", buffering=0) as shown:
+            assert [shown.readline()[:13] for _ in range(2)] == [b"OK      route", b"OK      port "]
+            assert shown.read(1)
+            doctor.signal(signal.SIGTERM)
+            return doctor.ends() == -signal.SIGTERM
+
+    assert any(is_cut_off(seconds) for seconds in ("0.3", "2", "6"))  # A busy machine hears fewer of them.
 
 
 def takes_interrupts(pid):

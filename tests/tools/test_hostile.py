@@ -52,20 +52,6 @@ def is_met(press):
 
 
 @pytest.fixture
-def fake(ether):
-    """Starts a fake member, which is announced every now and then."""
-    made = []
-
-    def make(behave):
-        made.append(fakes.FakeMember(behave))
-        return made[-1]
-
-    yield make
-    for member in made:
-        member.close()
-
-
-@pytest.fixture
 def look(start, ether):
     """Runs a command to its end while fake members announce themselves as soon as it listens. `press` is shared once
     they were visited: as long as it has met nobody, no pause makes a command end."""

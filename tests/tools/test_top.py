@@ -4,6 +4,7 @@
 """The screen of `varnix top`, in a terminal of tmux."""
 
 import os
+import random
 import re
 import shlex
 import signal
@@ -247,8 +248,7 @@ def test_no_route_is_told_on_the_screen(terminal):
     assert terminal.shows("cannot announce to 255.255.255.255: Network is unreachable")
 
 
-def test_names_that_a_terminal_would_obey_are_shown(terminal):
-    ether = wire.Ether()
+def test_names_that_a_terminal_would_obey_are_shown(terminal, ether, fake):
     terminal.run(*TOOL, "top")
     ether.receive()
 
@@ -257,16 +257,46 @@ def test_names_that_a_terminal_would_obey_are_shown(terminal):
                           wire.record(b"\x05\x1b]0;xkey\x07", b"\x1b[31m\r\n\xc2\x9b2J"))
         fakes.wait_for_end(connected)
 
-    member = fakes.FakeMember(behave)
-    member.announce(ether)
+    fake(behave).announce(ether)
 
     assert terminal.shows(r"^\\x1b\[2J\\x9b::~ +\\x1b\]0;x +key\\x07 .* \\x1b\[31m\\x0d\\x0a~$")
-    member.close()
-    ether.socket.close()
 
 
-def test_what_it_keeps_leaves_half_of_the_limit_for_a_screen_that_is_stopped(terminal):
-    ether = wire.Ether()
+def test_random_bytes_are_no_harm(terminal, ether, fake, share):
+    print("seed", programs.SEED)
+    source = random.Random(programs.SEED)
+
+    def babble(connected):
+        own = random.Random(source.random())
+        connected.sendall(wire.hello(b"plant", own.randbytes(own.randrange(30)), own.randbytes(30)))
+        while own.random() < 0.95:
+            key = b"\x04" + own.randbytes(own.randrange(30))
+            connected.sendall(wire.record(key, own.randbytes(own.randrange(100))))
+        while own.random() < 0.95:
+            connected.sendall(own.randbytes(own.choice((1, 4, 100, 10_000))))
+        fakes.wait_for_end(connected)
+
+    babblers = [fake(babble) for _ in range(20)]
+    terminal.resize(80, 60)
+    terminal.run(*TOOL, "top")
+    ether.receive()  # It has announced itself, so it hears.
+    for babbler in babblers:
+        babbler.announce(ether)
+    assert programs.eventually(lambda: all(babbler.visits for babbler in babblers))
+
+    share(b"press", [(STATUS, b"speed", b"42")])
+    terminal.type("/", "p", "r", "e", "s", "s", "Enter")  # The rows of the others may be newer.
+
+    assert terminal.shows("^press::ctl +status +speed .* 42$")
+    assert terminal.shows("^ q quit .* filter: press ")
+    lines = terminal.screen().splitlines()
+    assert (len(lines), sum(line.startswith("MEMBER ") for line in lines)) == (60, 3)
+    assert lines[0].startswith(" varnix  line-4/plant  ") and lines[-1].startswith(" q quit ")
+    terminal.type("q")
+    assert terminal.shows(r"^\$ *$")
+
+
+def test_what_it_keeps_leaves_half_of_the_limit_for_a_screen_that_is_stopped(terminal, ether, fake):
     terminal.run(*TOOL, "top", "--limit", "1")
     ether.receive()
 
@@ -275,12 +305,9 @@ def test_what_it_keeps_leaves_half_of_the_limit_for_a_screen_that_is_stopped(ter
                           b"".join(wire.record(b"\x06statuskey %d" % number, b"x" * 100) for number in range(3_000)))
         fakes.wait_for_end(connected)
 
-    member = fakes.FakeMember(behave)  # With 0.8 MB.
-    member.announce(ether)
+    fake(behave).announce(ether)  # With 0.8 MB.
 
     assert terminal.shows("fake::ctl at 127.0.0.1:[0-9]+ sends more than --limit allows: left out")
-    member.close()
-    ether.socket.close()
 
 
 def test_it_needs_a_terminal_that_can_show_a_screen(terminal):
