@@ -114,7 +114,7 @@ def fan_out(system, watchers, rows=20_000):
 
 
 def group(members, seconds):
-    """So many members, each connected to each other, from the start of the first until all are; then idle for a while."""
+    """So many members, each connected to each other, from the start of the first until all are; then idle a while."""
     with Place("varnix") as place:
         begin = time.monotonic()
         peers = [place.peer(written="data")] + [place.peer(watched="data") for _ in range(members - 1)]

@@ -55,7 +55,8 @@ def test_the_name_and_what_is_needed():
     dynamic = output_of("readelf", "--dynamic", "--wide", LIBRARY)
 
     assert re.findall(r"\(SONAME\).*\[(.*)\]", dynamic) == ["libvarnix_c.so.1"]
-    needed = [name for name in re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic) if not re.match("lib(asan|ubsan|tsan)", name)]
+    needed = [name for name in re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
+              if not re.match("lib(asan|ubsan|tsan)", name)]
     standard = r"(libstdc\+\+\.so\.6|libgcc_s\.so\.1|libm\.so\.6|libc\.so\.6|ld-linux[-a-z0-9_]*\.so\.[0-9])"
     assert [name for name in needed if not re.fullmatch(standard, name)] == ["libvarnix.so.1"]
     assert re.search(r"\(FLAGS_1\)\s+Flags:.* NODELETE", dynamic)
@@ -65,8 +66,10 @@ def compilers(*names):
     return [name for name in names if shutil.which(name)]
 
 
-LANGUAGES = [(compiler, "c", standard) for compiler in compilers("gcc", "clang") for standard in ("c99", "c11", "c17")] \
-    + [(compiler, "c++", standard) for compiler in compilers("g++", "clang++") for standard in ("c++98", "c++11", "c++20")]
+LANGUAGES = [
+    *((compiler, "c", standard) for compiler in compilers("gcc", "clang") for standard in ("c99", "c11", "c17")),
+    *((compiler, "c++", standard) for compiler in compilers("g++", "clang++")
+      for standard in ("c++98", "c++11", "c++20"))]
 
 
 @pytest.mark.parametrize("compiler, language, standard", LANGUAGES)

@@ -19,14 +19,15 @@ TOLERANCE = 1.05
 # One instruction more for each row is seen.
 TOLERANCES = {"set known rows among sets without a descriptor": 1.0002}
 RENEW = "VARNIX_RENEW" in os.environ
-SCENARIOS = ["set new rows", "set known rows among watchers of others", "set known rows among sets without a descriptor",
-             "set known rows with the first logger", "take rows from a set", "write records",
-             "write a burst of records", "read records into tables"]
+SCENARIOS = ["set new rows", "set known rows among watchers of others",
+             "set known rows among sets without a descriptor", "set known rows with the first logger",
+             "take rows from a set", "write records", "write a burst of records", "read records into tables"]
 
 
 def count(scenario):
-    done = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--toggle-collect=Measured",
-                           os.environ["VARNIX_INSTRUCTIONS"], scenario], capture_output=True, text=True, check=True)
+    done = subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+                           "--toggle-collect=Measured", os.environ["VARNIX_INSTRUCTIONS"], scenario],
+                          capture_output=True, text=True, check=True)
     return int(re.search(r"Collected : (\d+)", done.stderr)[1])
 
 

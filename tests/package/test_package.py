@@ -31,8 +31,8 @@ def run(*command, **variables):
 def build_with_cmake(project, build, *definitions):
     if TOOLCHAIN:
         definitions += (f"-DCMAKE_TOOLCHAIN_FILE={TOOLCHAIN}",)
-    run(*OFFLINE, "cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", project, "-B", build, f"-DCMAKE_CXX_COMPILER={COMPILER[0]}",
-        "-DCMAKE_CXX_FLAGS=" + shlex.join(COMPILER[1:]), *definitions)
+    run(*OFFLINE, "cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", project, "-B", build,
+        f"-DCMAKE_CXX_COMPILER={COMPILER[0]}", "-DCMAKE_CXX_FLAGS=" + shlex.join(COMPILER[1:]), *definitions)
     run("cmake", "--build", build)
 
 

@@ -1,7 +1,7 @@
 # SPDX-FileCopyrightText: 2026 the Varnix authors
 # SPDX-License-Identifier: BSD-3-Clause
 
-"""scripts/check-includes finds the includes that run up between the rooms, in the source as it is and in made-up ones."""
+"""scripts/check-includes finds the includes that run up between the rooms, in the source and in made-up ones."""
 
 import subprocess
 
@@ -12,7 +12,8 @@ import scripts
 SCRIPT = scripts.SOURCE / "scripts" / "check-includes"
 
 CLEAN = {
-    "Varnix.cpp": '#include <Varnix.h>\n\n#include <string>\n\n#include "databases/Database.h"\n#include "logging/Log.h"\n',
+    "Varnix.cpp": '#include <Varnix.h>\n\n#include <string>\n\n'
+                  '#include "databases/Database.h"\n#include "logging/Log.h"\n',
     "databases/Database.h": '#include <Varnix.h>\n#include "network/Server.h"\n#include "names/Key.h"\n',
     "network/Server.cpp": '#include "network/Server.h"\n\n#include <sys/socket.h>\n\n#include "tables/Table.h"\n',
     "network/Server.h": '#include "threads/Mutex.h"\n',

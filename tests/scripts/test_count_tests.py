@@ -20,7 +20,8 @@ def counted(tmp_path, *tests):
     (tmp_path / "CTestTestfile.cmake").write_text("\n".join(lines) + "\n", encoding="ascii")
     subprocess.run(["ctest", "-j2"], cwd=tmp_path, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     log = tmp_path / "Testing" / "Temporary" / "LastTest.log"
-    done = subprocess.run([scripts.SOURCE / "scripts" / "count-tests", log], check=True, stdout=subprocess.PIPE, text=True)
+    done = subprocess.run([scripts.SOURCE / "scripts" / "count-tests", log], check=True, stdout=subprocess.PIPE,
+                          text=True)
     return tuple(map(int, done.stdout.split()))
 
 
@@ -36,8 +37,9 @@ BAD = "echo '[  FAILED  ] A.C (1 ms)'"
     ("a program that takes too long", ("exec sleep 60", "TIMEOUT 1"), (0, 1, 0)),
     ("GoogleTest", (f"{OK}; {OK}; echo '[  PASSED  ] 2 tests.'",), (2, 0, 0)),
     ("GoogleTest with failures, which it lists again", (
-        f"{OK}; {BAD}; echo '[  FAILED  ] A.D/1, where GetParam() = 7 (12 ms)'; echo '[  FAILED  ] 2 tests, listed below:'; "
-        "echo '[  FAILED  ] A.C'; echo '[  FAILED  ] A.D/1, where GetParam() = 7'; exit 1",), (1, 2, 0)),
+        f"{OK}; {BAD}; echo '[  FAILED  ] A.D/1, where GetParam() = 7 (12 ms)'; "
+        "echo '[  FAILED  ] 2 tests, listed below:'; echo '[  FAILED  ] A.C'; "
+        "echo '[  FAILED  ] A.D/1, where GetParam() = 7'; exit 1",), (1, 2, 0)),
     ("GoogleTest that dies in its second test", (f"{OK}; kill -SEGV $$",), (1, 1, 0)),
     ("pytest", ("echo '12 passed in 322.98s (0:05:22)'",), (12, 0, 0)),
     ("pytest with failures", ("echo '1 failed, 12 passed in 2.98s'; exit 1",), (12, 1, 0)),

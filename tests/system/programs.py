@@ -28,7 +28,7 @@ NATIVE = not EMULATOR and not re.search("asan|tsan", os.environ["VARNIX_LIBRARY"
 
 
 def only_natively(test):
-    """Leaves a test out where a sanitizer or an emulator makes it meaningless. Nothing could be installed to have it."""
+    """Leaves out a test that a sanitizer or an emulator makes meaningless. Nothing could be installed to have it."""
     return test if NATIVE else None
 
 

@@ -54,7 +54,8 @@ def test_two_databases_of_one_process_announce_a_port_each(ether, make_host):
     ports = [ether.port_of_next_announcement() for _ in range(2)]
     streams = [wire.connect(port) for port in ports]
 
-    assert sorted(stream.receive_record() for stream in streams) == [(b"plant", b"\x05pressp"), (b"store", b"\x05pressp")]
+    assert sorted(stream.receive_record() for stream in streams) == [
+        (b"plant", b"\x05pressp"), (b"store", b"\x05pressp")]
 
 
 def test_an_announcement_of_the_own_group_is_followed_by_a_connection(ether, make_host):

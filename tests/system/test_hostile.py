@@ -19,8 +19,8 @@ from programs import EMULATOR, SOAK
 
 GROUP = b"line-4"
 MEBIBYTE = 1 << 20
-# What the C library keeps for later, free memory of each thread's own heap and the stacks of threads that have ended, is
-# not what this is about.
+# What the C library keeps for later, free memory of each thread's own heap and the stacks of threads that have ended,
+# is not what this is about.
 KEEPS_NOTHING = {"GLIBC_TUNABLES": "glibc.malloc.arena_max=1:glibc.pthread.stack_cache_size=0"}
 
 

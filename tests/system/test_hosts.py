@@ -112,7 +112,8 @@ def test_a_changed_network_brings_a_host_in_whose_first_announcement_nobody_hear
 
     assert right.gets_row(b"plant", b"state", b"left", b"1")
     assert left.gets_row(b"plant", b"state", b"right", b"2")
-    assert right.logs(7, "tblsvr.dscv.chg", r"TableServer for right::p::plant\(0x[0-9a-f]+\) notified of network change")
+    assert right.logs(7, "tblsvr.dscv.chg",
+                      r"TableServer for right::p::plant\(0x[0-9a-f]+\) notified of network change")
 
 
 def share_across(left, right):

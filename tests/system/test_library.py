@@ -83,8 +83,8 @@ def test_the_wall_clock_is_never_asked():
 
 
 def test_no_signal_is_sent_and_no_handler_or_mask_set():
-    assert undefined_symbols() & {"signal", "sigaction", "sigprocmask", "pthread_sigmask", "raise", "kill", "bsd_signal",
-                                  "pthread_kill", "alarm", "setitimer"} == set()
+    assert undefined_symbols() & {"signal", "sigaction", "sigprocmask", "pthread_sigmask", "raise", "kill",
+                                  "bsd_signal", "pthread_kill", "alarm", "setitimer"} == set()
 
 
 def test_nothing_is_printed_but_by_the_first_log_hook():

@@ -28,9 +28,9 @@ def run(*command):
 
 
 def build_library(name, *settings):
-    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", BUILDS / name, "-DCMAKE_BUILD_TYPE=MinSizeRel",
-        "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF", "-DVARNIX_C=OFF", "-DVARNIX_TOOLS=OFF",
-        "-DCMAKE_UNITY_BUILD=ON", *settings)
+    run("cmake", "-G", os.environ["VARNIX_GENERATOR"], "-S", SOURCE, "-B", BUILDS / name,
+        "-DCMAKE_BUILD_TYPE=MinSizeRel", "-DBUILD_TESTING=OFF", "-DVARNIX_EXAMPLES=OFF", "-DVARNIX_C=OFF",
+        "-DVARNIX_TOOLS=OFF", "-DCMAKE_UNITY_BUILD=ON", *settings)
     run("cmake", "--build", BUILDS / name, "--target", "varnix")
     return BUILDS / name / "libvarnix.so"
 

@@ -100,7 +100,8 @@ def test_the_program_reads_fields_of_every_length(ether, make_reader):
     member.send(wire.hello(b"plant", b"press", b"q"))
     assert member.receive_record() == (b"", b"\0\0")
 
-    for key, value in ((b"", b"of nothing"), (b"\x05stat", b"claims too much"), (b"\0" b"key", b""), (b"\x05state", b"")):
+    for key, value in ((b"", b"of nothing"), (b"\x05stat", b"claims too much"), (b"\0" b"key", b""),
+                       (b"\x05state", b"")):
         member.send(wire.record(key, value))
     member.send(wire.record(b"\x05state" + b"k" * 4089, b"v" * 1048575))
 

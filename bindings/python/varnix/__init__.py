@@ -12,7 +12,7 @@
 The header of the C++ library, Varnix.h, says what each function does; each stands here under its name in small letters.
 
 Strings: keys, values and names are bytes, or str, which stands for its bytes in UTF-8. Rows come back as bytes, names
-  as str. Bytes of a name that are no UTF-8 come back as surrogates, as by os.fsdecode; passed in again they are the same.
+  as str. Bytes of a name that are no UTF-8 become surrogates, as by os.fsdecode; passed in again they are the same.
 Threads: everything may be used from any thread. Calls that take long leave the interpreter to other threads.
 Ownership: objects are freed when they are collected, in any order. They can be neither pickled nor copied.
 Errors: OSError with the errno, MemoryError, and TypeError where something is neither str nor bytes.
