@@ -12,16 +12,13 @@ import subprocess
 import pytest
 
 import programs
+from programs import output_of
 
 LIBRARY = os.environ["VARNIX_C_LIBRARY"]
 INCLUDE = pathlib.Path(os.environ["VARNIX_C_INCLUDE"])
 HEADER = (INCLUDE / "varnix_c.h").read_text(encoding="ascii")
 CPP_HEADER = (pathlib.Path(os.environ["VARNIX_INCLUDE"]) / "Varnix.h").read_text(encoding="ascii")
 EXAMPLE = programs.PROGRAMS / "examples" / "wait_with_epoll_c"
-
-
-def output_of(*command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
 def test_the_exported_symbols_are_the_functions_of_the_header_with_their_version():

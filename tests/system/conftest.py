@@ -3,7 +3,7 @@
 
 import pytest
 
-pytest.register_assert_rewrite("endings", "programs")
+pytest.register_assert_rewrite("endings", "handshakes", "programs")
 
 import namespaces
 import programs

@@ -63,6 +63,11 @@ def address_space(pid):
     return int(pathlib.Path(f"/proc/{pid}/statm").read_text(encoding="ascii").split()[0]) * resource.getpagesize()
 
 
+def output_of(*command):
+    """Of one that must end well; text."""
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
+
+
 def command(name, *arguments):
     return [*EMULATOR, str(PROGRAMS / name), *arguments]
 

@@ -12,14 +12,11 @@ import subprocess
 import pytest
 
 import programs
+from programs import output_of
 
 LIBRARY = os.environ["VARNIX_LIBRARY"]
 INCLUDE = os.environ["VARNIX_INCLUDE"]
 HERE = pathlib.Path(__file__).parent
-
-
-def output_of(*command):
-    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 
 def dynamic_section():

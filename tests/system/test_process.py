@@ -13,8 +13,7 @@ import pytest
 
 import programs
 import wire
-
-GROUP = b"line-4"
+from handshakes import GROUP, receive_from, send_to
 
 
 @pytest.fixture
@@ -31,24 +30,6 @@ def settle(host, meetings):
     assert host.eventually(lambda: len(host.logged(7, "tblrcvr.gotuid", ".* got uid: press::p")) >= meetings)
     own = 3 + 2 + 2 * 2  # The standard streams, two sockets and two pipes.
     assert programs.eventually(lambda: len(host.descriptors()) == own)
-
-
-def receive_from(host):
-    stream = wire.connect(host.port)
-    assert stream.receive_record() == (b"plant", b"\x05pressp")
-    stream.send(wire.answer(b"elsewhere", 9))
-    return stream
-
-
-def send_to(ether):
-    peer = wire.Listener()
-    ether.announce(peer.port, GROUP)
-    stream = peer.accept()
-    peer.close()
-    stream.send(wire.hello(b"plant", b"pump", b"q"))
-    assert stream.receive(10) == b"\x00\x60\x00\x02" b"line-4"
-    stream.receive(2)
-    return stream
 
 
 # Descriptors.

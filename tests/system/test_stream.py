@@ -9,8 +9,7 @@ import struct
 import pytest
 
 import wire
-
-GROUP = b"line-4"
+from handshakes import GROUP, introduce, receive_from, send_to
 
 
 @pytest.fixture
@@ -20,32 +19,6 @@ def host(ether, make_host):
     made.share(b"plant", GROUP, b"press")
     made.port = ether.port_of_next_announcement()
     return made
-
-
-def receive_from(host, group=b"elsewhere", port=9):
-    """A peer's receiving stream, after the handshake."""
-    stream = wire.connect(host.port)
-    assert stream.receive_record() == (b"plant", b"\x05pressp")
-    stream.send(wire.answer(group, port))
-    return stream
-
-
-def introduce(ether, database=b"plant", identity=b"\x04pump" b"q"):
-    """A peer's sending stream: what the host answers to its first record is still to be read."""
-    peer = wire.Listener()
-    ether.announce(peer.port, GROUP)
-    stream = peer.accept()
-    peer.close()  # A stream that ends is tried again, and finds nobody then.
-    stream.send(wire.record(database, identity))
-    return stream
-
-
-def send_to(ether, identity=b"\x04pump" b"q"):
-    """A peer's sending stream, after the handshake."""
-    stream = introduce(ether, identity=identity)
-    assert stream.receive(10) == b"\x00\x60\x00\x02" b"line-4"
-    stream.receive(2)
-    return stream
 
 
 # The host sends.
