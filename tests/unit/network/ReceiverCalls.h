@@ -147,3 +147,16 @@ class ReceiverCalls {
                                 return Hooks().close.Real(descriptor);
                               }};
 };
+
+// What connecting to 224.1.2.3:4660 is made of.
+inline const std::vector<std::string> kConnect = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR | O_NONBLOCK)",
+                                                  "connect(224.1.2.3:4660, 16)"};
+inline const std::vector<std::string> kWait = {"poll(done POLLIN, socket POLLOUT, 5000)"};
+inline const std::vector<std::string> kCheck = {"getsockopt(SOL_SOCKET, SO_ERROR)"};
+inline const std::vector<std::string> kBlockAgain = {"fcntl(F_GETFL)", "fcntl(F_SETFL, O_RDWR)"};
+
+inline std::vector<std::string> Join(const std::vector<std::vector<std::string>>& lists) {
+  std::vector<std::string> joined;
+  for (const std::vector<std::string>& list : lists) joined.insert(joined.end(), list.begin(), list.end());
+  return joined;
+}

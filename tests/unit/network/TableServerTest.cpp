@@ -5,13 +5,11 @@
 #include <gmock/gmock.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -28,6 +26,7 @@
 #include <vector>
 
 #include "CallRecorder.h"
+#include "Client.h"
 #include "StartedServer.h"
 #include "network/ActiveESNs.h"
 #include "network/PeerTable.h"
@@ -37,8 +36,6 @@
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
-#include "support/ReceiveBytes.h"
-#include "support/Says.h"
 
 namespace {
 
@@ -57,7 +54,7 @@ using Varnix::LogLevel;
 constexpr std::chrono::seconds kDeadline(10);  // Bounds failing runs only.
 
 // The numbers that CallRecorder gives to the descriptors of a server.
-enum Number : std::size_t { kListener = 1, kDiscoverer, kDoneRead, kDoneWrite, kWakeRead, kWakeWrite, kAccepted };
+enum Number : std::size_t { kListener = 1, kDiscoverer, kDoneRead, kDoneWrite, kWakeRead, kWakeWrite };
 
 const std::string kRecordOfUid = std::string("\x00\x20\x00\x08", 4) + "db" + "\3devproc";
 
@@ -98,43 +95,6 @@ class StackSizesOfSenders {
   std::vector<std::size_t> sizes_;
 };
 
-// A peer that connects to a server.
-class Client {
- public:
-  explicit Client(unsigned short port, const char* own_address = "127.0.0.1")
-      : socket_(Hooks().socket.Real(AF_INET, SOCK_STREAM, 0)) {
-    const timeval deadline = {kDeadline.count(), 0};
-    Hooks().setsockopt.Real(socket_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = inet_addr(own_address);
-    EXPECT_EQ(Hooks().bind.Real(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(Hooks().connect.Real(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  }
-  ~Client() { Hooks().close.Real(socket_); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-
-  // Fewer bytes when the connection ends, or nothing more comes for ten seconds.
-  std::string Receive(std::size_t size) const { return ReceiveBytes(socket_, size); }
-  void Send(const std::string& bytes) const {
-    EXPECT_EQ(Hooks().send.Real(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-  // Of the group of the server under test, on port 9, where nobody listens.
-  void Answer() const { Send(std::string("\x00\x50\x00\x02group\x00\x09", 11)); }
-  // False when nothing comes for ten seconds.
-  bool IsEnded() const {
-    char byte;
-    const ssize_t received = Hooks().recv.Real(socket_, &byte, 1, 0);
-    return received == 0 || (received < 0 && errno == ECONNRESET);
-  }
-
- private:
-  const int socket_;
-};
-
 // A server that neither announces nor hears anything. Hooks of poll for its own threads come before Start().
 class TableServerTest : public testing::Test {
  protected:
@@ -145,11 +105,7 @@ class TableServerTest : public testing::Test {
                                             peer_table_);
   }
 
-  // The wait of the accept loop.
-  bool IsAcceptWait(const pollfd* entries, nfds_t count) const {
-    return count == 2 && entries[1].fd == calls_.Descriptor(kListener);
-  }
-  // A wait of the accept loop, or of a receiver, for the stop alone.
+  // The wait of a receiver for the stop alone.
   bool IsPause(const pollfd* entries, nfds_t count) const {
     return count == 1 && entries[0].fd == calls_.Descriptor(kDoneRead);
   }
@@ -849,26 +805,6 @@ TEST_F(TableServerTest, FailedWriteToTheWakePipeIsLoggedAndTheServerGoesOn) {
 
 // Accepting.
 
-TEST_F(TableServerTest, AcceptLoopWaitsForTheDonePipeFirstAndForConnectionsWithoutLimit) {
-  std::optional<std::pair<std::vector<pollfd>, int>> first;
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (IsAcceptWait(entries, count) && !first) {
-      first.emplace(std::vector<pollfd>(entries, entries + count), time_out);
-    }
-    return Hooks().poll.Real(entries, count, time_out);
-  });
-
-  Start();
-  server_->Stop();
-
-  ASSERT_TRUE(first);
-  EXPECT_EQ(first->first[0].fd, calls_.Descriptor(kDoneRead));
-  EXPECT_EQ(first->first[0].events, POLLIN);
-  EXPECT_EQ(first->first[1].fd, calls_.Descriptor(kListener));
-  EXPECT_EQ(first->first[1].events, POLLIN);
-  EXPECT_EQ(first->second, -1);
-}
-
 TEST_F(TableServerTest, AcceptedConnectionIsServed) {
   Start();
 
@@ -887,17 +823,6 @@ TEST_F(TableServerTest, ConnectionsAreServedSideBySide) {
   EXPECT_EQ(other.Receive(14), kRecordOfUid);
 }
 
-TEST_F(TableServerTest, AcceptedSocketIsClosedOnExecFromTheStart) {
-  Start();
-  calls_.Clear();
-
-  const Client peer(Port());
-  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
-
-  EXPECT_THAT(calls_.Calls(), ElementsAre("accept4(#1, 16, SOCK_CLOEXEC) = #7"));
-  EXPECT_EQ(fcntl(calls_.Descriptor(kAccepted), F_GETFD), FD_CLOEXEC);
-}
-
 TEST_F(TableServerTest, PeerIsConnectedBackToAtTheAddressItCameFrom) {
   Start();
 
@@ -906,219 +831,6 @@ TEST_F(TableServerTest, PeerIsConnectedBackToAtTheAddressItCameFrom) {
 
   ASSERT_TRUE(log_.Eventually("tblrcvr.ctor"));
   EXPECT_THAT(log_.Lines("tblrcvr.ctor")[0].text, EndsWith(" for db:2130706434:9 starting"));
-}
-
-TEST_F(TableServerTest, InterruptedPollOfTheAcceptLoopIsRetriedSilently) {
-  std::atomic<int> polls{0};
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (IsAcceptWait(entries, count) && ++polls == 1) return FailWith{EINTR}();
-    return Hooks().poll.Real(entries, count, time_out);
-  });
-
-  Start();
-
-  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
-  EXPECT_THAT(log_.Lines("tblsvr.acc.poll"), IsEmpty());
-  server_->Stop();  // Its threads count no further.
-}
-
-TEST_F(TableServerTest, FailedPollOfTheAcceptLoopEndsTheProcess) {
-  const auto start = [this] {
-    SetLogHook(DefaultLogger);
-    Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-      if (IsAcceptWait(entries, count)) return FailWith{EINVAL}();
-      return Hooks().poll.Real(entries, count, time_out);
-    });
-    Start();
-    server_.reset();  // Joins the thread that ends the process.
-  };
-
-  EXPECT_EXIT(start(), testing::KilledBySignal(SIGABRT),
-              Says("tblsvr.acc.poll: TableServer: Accept::poll error 22: Invalid argument\n"));
-}
-
-TEST_F(TableServerTest, StopWinsOverAWaitingConnection) {
-  std::atomic<int> accepts{0};
-  Hooked accept4(Hooks().accept4, [&](int, sockaddr*, socklen_t*, int) {
-    ++accepts;
-    return FailWith{ECONNABORTED}();
-  });
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    entries[0].revents = POLLIN;
-    entries[1].revents = POLLIN;
-    return 2;
-  });
-
-  Start();
-  server_->Stop();
-
-  EXPECT_EQ(accepts, 0);
-}
-
-TEST_F(TableServerTest, AcceptLoopPollsAgainWhenTheListenerHasNoEvent) {
-  std::atomic<int> polls{0};
-  std::atomic<int> accepts{0};
-  Hooked accept4(Hooks().accept4, [&](int, sockaddr*, socklen_t*, int) {
-    ++accepts;
-    return FailWith{ECONNABORTED}();
-  });
-  std::promise<void> polled_again;
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    if (++polls == 1) return 0;
-    if (polls == 2) polled_again.set_value();
-    return Hooks().poll.Real(entries, count, time_out);
-  });
-
-  Start();
-
-  EXPECT_TRUE(IsKept(polled_again));
-  server_->Stop();
-  EXPECT_EQ(accepts, 0);
-}
-
-TEST_F(TableServerTest, AnyEventOfTheListenerIsAConnection) {
-  std::promise<void> accepted;
-  Hooked accept4(Hooks().accept4,
-                 [&, first = std::make_shared<std::atomic<bool>>(true)](int, sockaddr*, socklen_t*, int) {
-                   if (first->exchange(false)) accepted.set_value();
-                   return FailWith{ECONNABORTED}();
-                 });
-  Hooked poll(Hooks().poll,
-              [this, first = std::make_shared<std::atomic<bool>>(true)](pollfd* entries, nfds_t count, int time_out) {
-                if (!IsAcceptWait(entries, count) || !first->exchange(false))
-                  return Hooks().poll.Real(entries, count, time_out);
-                entries[1].revents = POLLERR;
-                return 1;
-              });
-
-  Start();
-
-  EXPECT_TRUE(IsKept(accepted));
-  server_->Stop();
-}
-
-TEST_F(TableServerTest, AnyEventOfTheDonePipeEndsTheAcceptLoop) {
-  std::promise<void> polled;
-  std::atomic<int> polls{0};
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsAcceptWait(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    if (++polls == 1) polled.set_value();
-    entries[0].revents = POLLHUP;
-    return 1;
-  });
-
-  Start();
-  EXPECT_TRUE(IsKept(polled));
-  server_->Stop();
-
-  EXPECT_EQ(polls, 1);
-}
-
-TEST_F(TableServerTest, AcceptThatMeetsTheStopLogsNothing) {
-  Start();
-  Hooks().accept4.Set(FailOnce(Hooks().accept4, EINVAL));  // As after the shutdown of the listener.
-
-  const Client peer(Port());
-
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
-  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"), IsEmpty());
-}
-
-TEST_F(TableServerTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
-  Start();
-  Hooks().accept4.Set(FailOnce(Hooks().accept4, ECONNABORTED));
-
-  const Client peer(Port());
-
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
-  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
-              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error 103", ""}));
-}
-
-// What the accept loop does after an accept that failed with a given error.
-class FailedAcceptTest : public TableServerTest, public testing::WithParamInterface<int> {
- protected:
-  // The waits and accepts of the loop, up to the second accept.
-  std::vector<std::string> Trace() {
-    std::promise<void> accepted_again;
-    const auto fail_once = FailOnce(Hooks().accept4, GetParam());
-    Hooks().accept4.Set([&, accepts = 0](int descriptor, sockaddr* address, socklen_t* size, int flags) mutable {
-      trace_.emplace_back("accept");
-      if (++accepts == 2) accepted_again.set_value();
-      return fail_once(descriptor, address, size, flags);
-    });
-    Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
-      if (IsAcceptWait(entries, count)) trace_.emplace_back("wait");
-      if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-      trace_.push_back("pause of " + std::to_string(time_out) + " ms for " + std::to_string(entries[0].events));
-      return 0;
-    });
-    Start();
-    const Client peer(Port());
-    EXPECT_TRUE(IsKept(accepted_again));
-    EXPECT_EQ(peer.Receive(14), kRecordOfUid);
-    server_->Stop();
-    std::vector<std::string> trace = trace_;
-    trace.erase(std::find(trace.rbegin(), trace.rend(), "accept").base(), trace.end());
-    return trace;
-  }
-
- private:
-  std::vector<std::string> trace_;  // Of the accept thread alone.
-};
-
-class AcceptWithoutResourcesTest : public FailedAcceptTest {};
-INSTANTIATE_TEST_SUITE_P(Error, AcceptWithoutResourcesTest, testing::Values(EMFILE, ENFILE, ENOBUFS, ENOMEM));
-
-TEST_P(AcceptWithoutResourcesTest, WaitsAHundredMillisecondsForTheStopBeforeItPollsAgain) {
-  EXPECT_THAT(Trace(), ElementsAre("wait", "accept", "pause of 100 ms for 1", "wait", "accept"));
-  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
-              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc",
-                                  "TableServer: Accept::accept error " + std::to_string(GetParam()), ""}));
-}
-
-class AcceptOfALostConnectionTest : public FailedAcceptTest {};
-INSTANTIATE_TEST_SUITE_P(Error, AcceptOfALostConnectionTest, testing::Values(ECONNABORTED, EINTR, EPROTO, EPERM));
-
-TEST_P(AcceptOfALostConnectionTest, IsFollowedByTheNextPollAtOnce) {
-  EXPECT_THAT(Trace(), ElementsAre("wait", "accept", "wait", "accept"));
-  EXPECT_THAT(log_.Lines("tblsvr.acc.acc"),
-              ElementsAre(LogLine{LogLevel::Error, "tblsvr.acc.acc",
-                                  "TableServer: Accept::accept error " + std::to_string(GetParam()), ""}));
-}
-
-TEST_F(TableServerTest, StopEndsThePauseOfTheAcceptLoop) {
-  std::promise<void> pausing;
-  std::atomic<int> pauses{0};
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    if (++pauses == 1) pausing.set_value();
-    return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
-  });
-  Hooks().accept4.Set(FailWith{EMFILE});
-  Start();
-  const Client peer(Port());
-  ASSERT_TRUE(IsKept(pausing));
-
-  server_->Stop();
-
-  EXPECT_EQ(pauses, 1);
-}
-
-TEST_F(TableServerTest, InterruptedPauseOfTheAcceptLoopIsOverlooked) {
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (IsPause(entries, count)) return FailWith{EINTR}();
-    return Hooks().poll.Real(entries, count, time_out);
-  });
-  Hooks().accept4.Set(FailOnce(Hooks().accept4, EMFILE));
-  Start();
-
-  const Client peer(Port());
-
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
-  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.poll")));
 }
 
 // Peer threads that cannot be started.
@@ -1168,76 +880,6 @@ TEST_F(TableServerTest, PeerThreadGetsALargeStackWhereThreadLocalObjectsNeedIt) 
 
   EXPECT_EQ(peer.Receive(14), kRecordOfUid);
   EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
-}
-
-TEST_F(TableServerTest, ConnectionWithoutAThreadIsTriedAgainForAHundredMilliseconds) {
-  std::vector<int> pauses;
-  Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
-    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    pauses.push_back(time_out);
-    return 0;
-  });
-  Start();
-  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-
-  EXPECT_TRUE(Client(Port()).IsEnded());
-
-  server_->Stop();
-  EXPECT_THAT(pauses, ElementsAre(10, 10, 10, 10, 10, 10, 10, 10, 10));
-}
-
-TEST_F(TableServerTest, ConnectionThatFindsAThreadWithinAHundredMillisecondsIsServed) {
-  Start();
-  std::atomic<int> refusals{0};
-  Hooked start_thread(Hooks().start_thread, [&] {
-    if (++refusals < 10) ThrowNoThread();
-  });
-
-  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
-
-  EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.thread")));
-}
-
-TEST_F(TableServerTest, ConnectionsForWhichThereIsNoThreadAreLoggedOnceForEachShortage) {
-  Start();
-  for (std::size_t shortage = 1; shortage <= 2; ++shortage) {
-    {
-      Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-      EXPECT_TRUE(Client(Port()).IsEnded());
-      EXPECT_TRUE(Client(Port()).IsEnded());
-    }
-    EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
-    EXPECT_THAT(log_.Lines("tblsvr.acc.thread"), SizeIs(shortage));
-  }
-}
-
-TEST_F(TableServerTest, StopEndsTheTriesForAConnection) {
-  std::promise<void> trying;
-  Hooked poll(Hooks().poll, [&, tries = 0](pollfd* entries, nfds_t count, int time_out) mutable {
-    if (!IsPause(entries, count)) return Hooks().poll.Real(entries, count, time_out);
-    if (++tries == 1) trying.set_value();
-    return Hooks().poll.Real(entries, count, -1);  // Nothing but the stop ends it.
-  });
-  Start();
-  Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-  const Client peer(Port());
-  ASSERT_TRUE(IsKept(trying));
-
-  server_->Stop();
-
-  EXPECT_TRUE(peer.IsEnded());
-}
-
-TEST_F(TableServerTest, ServerGoesOnAfterAConnectionForWhichThereWasNoThread) {
-  Start();
-  {
-    Hooked start_thread(Hooks().start_thread, ThrowNoThread);
-    EXPECT_TRUE(Client(Port()).IsEnded());
-  }
-
-  const Client peer(Port());
-
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
 }
 
 TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadIsLogged) {
