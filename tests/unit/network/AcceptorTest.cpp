@@ -225,7 +225,7 @@ TEST_F(AcceptorTest, AcceptedSocketIsClosedOnExecFromTheStart) {
 }
 
 TEST_F(AcceptorTest, AddressOfAPeerIsHandedOnInHostByteOrder) {
-  const Client peer(port_, "127.1.2.3");
+  const Client peer(port_, 0x7F010203);
 
   Run();
 

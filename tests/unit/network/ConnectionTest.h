@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <array>
@@ -15,36 +14,32 @@
 #include <cstddef>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "PeerEnd.h"
 #include "network/SocketStream.h"
 #include "support/LogRecorder.h"
 #include "support/Own.h"
-#include "support/ReceiveBytes.h"
 #include "support/SystemCallHooks.h"
 
-// For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer; what
-// the peer does passes by the hooks.
+// For tests of one end of a connection: a socket with its stream, and a done pipe. The test itself is the peer.
 class ConnectionTest : public testing::Test {
  protected:
-  static constexpr std::chrono::seconds kDeadline{10};  // Bounds a failing run only.
-
   ConnectionTest() : done_(MakePipe()) { Connect(); }
   ~ConnectionTest() override {
-    PeerCloses();
+    peer_.reset();
     for (const int descriptor : done_) close(descriptor);
   }
 
   // A connection in place of the one there is. A death test begins with it: under an emulator it runs in a forked
   // child, where the descriptors of the library are closed.
   void Connect() {
-    PeerCloses();
+    peer_.reset();
     int pair[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
     stream_ = std::make_unique<SocketStream>(Own(pair[0]), done_[0]);
-    peer_ = pair[1];
-    const timeval deadline = {kDeadline.count(), 0};
-    setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+    peer_.emplace(pair[1]);
   }
   FILE* OpenStream() {
     EXPECT_TRUE(stream_->Open());
@@ -52,23 +47,6 @@ class ConnectionTest : public testing::Test {
   }
   void CloseStream() { stream_.reset(); }
   Cookie& GetCookie() { return stream_->GetCookie(); }
-
-  void PeerSends(const std::string& bytes) const {
-    ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-  // Fewer bytes when the stream ends, or nothing more comes for ten seconds.
-  std::string PeerReceives(std::size_t size) const { return ReceiveBytes(peer_, size); }
-  // What has arrived already.
-  std::string PeerReceivesWaiting() const {
-    std::string bytes(65536, '\0');
-    const ssize_t received = Hooks().recv.Real(peer_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-    bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
-    return bytes;
-  }
-  void PeerCloses() {
-    if (peer_ >= 0) close(peer_);
-    peer_ = -1;
-  }
 
   // As the server does when it stops.
   void SignalDone() const { ASSERT_EQ(Hooks().write.Real(done_[1], "D", 1), 1); }
@@ -84,7 +62,7 @@ class ConnectionTest : public testing::Test {
   }
 
   LogRecorder log_;
-  int peer_ = -1;
+  std::optional<PeerEnd> peer_;
   const std::array<int, 2> done_;
   std::unique_ptr<SocketStream> stream_;
 

@@ -1,10 +1,8 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
@@ -18,10 +16,12 @@
 #include <vector>
 
 #include "ConnectionTest.h"
+#include "PeerSocket.h"
 #include "logging/Log.h"
 #include "network/Record.h"
-#include "network/SocketStream.h"
+#include "network/ServerSockets.h"
 #include "network/StopExceptions.h"
+#include "support/Descriptors.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/Says.h"
@@ -94,43 +94,6 @@ class SigpipeCounter {
   struct sigaction previous_ {};
 };
 
-// A TCP connection over loopback.
-struct TcpConnection {
-  TcpConnection() {
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener, generic, size), 0);
-    EXPECT_EQ(listen(listener, 1), 0);
-    EXPECT_EQ(getsockname(listener, generic, &size), 0);
-    peer = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(connect(peer, generic, size), 0);
-    ours = accept(listener, nullptr, nullptr);
-    close(listener);
-  }
-  ~TcpConnection() {
-    close(ours);
-    if (peer >= 0) close(peer);
-  }
-  TcpConnection(const TcpConnection&) = delete;
-  TcpConnection& operator=(const TcpConnection&) = delete;
-
-  void PeerResets() {
-    const linger at_once = {1, 0};
-    setsockopt(peer, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-    close(peer);
-    peer = -1;
-    pollfd entry = {ours, POLLIN, 0};
-    EXPECT_EQ(poll(&entry, 1, 10000), 1) << "the reset did not arrive";
-  }
-
-  int ours = -1;
-  int peer = -1;
-};
-
 }  // namespace
 
 // Writing.
@@ -139,7 +102,7 @@ TEST_F(CookieTest, WriteSendsTheBytesAndReturnsTheirNumber) {
   const ssize_t written = Write(std::string("ab\0cd", 5));
 
   EXPECT_EQ(written, 5);
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("ab\0cd", 5));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("ab\0cd", 5));
   EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
@@ -184,7 +147,7 @@ TEST_F(CookieTest, WriteGoesOnWithTheRestOfAShortSendUntilAllIsTaken) {
   const ssize_t written = Write("abcdefgh");
 
   EXPECT_EQ(written, 8);
-  EXPECT_EQ(PeerReceivesWaiting(), "abcdefgh");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abcdefgh");
   EXPECT_THAT(writing.trace, ElementsAre("poll", "send 8", "poll", "send 5", "poll", "send 2"));
 }
 
@@ -197,7 +160,7 @@ TEST_F(CookieTest, WriteGoesOnWhenNothingWasTaken) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 3);
-  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abc");
 }
 
 TEST_F(CookieTest, WriteStopsBetweenTwoPiecesWhenTheDonePipeBecomesReadable) {
@@ -210,7 +173,7 @@ TEST_F(CookieTest, WriteStopsBetweenTwoPiecesWhenTheDonePipeBecomesReadable) {
 
   EXPECT_EQ(written, 0);
   EXPECT_TRUE(GetCookie().aborted);
-  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abc");
 }
 
 TEST_F(CookieTest, WriteStopsSilentlyBetweenTwoPiecesWhenTheConnectionFails) {
@@ -231,8 +194,7 @@ TEST_F(CookieTest, WriteThatFailsEndsTheConnectionForThePeerToo) {
 
   EXPECT_EQ(Write("abc"), 0);
 
-  char byte;
-  EXPECT_EQ(Hooks().recv.Real(peer_, &byte, 1, MSG_DONTWAIT), 0);  // The end.
+  EXPECT_TRUE(peer_->IsEnded());
 }
 
 TEST_F(CookieTest, WriteWaitsAgainWhenTheSocketHasNoEvent) {
@@ -255,7 +217,7 @@ TEST_F(CookieTest, InterruptedPollOfAWriteIsRetriedSilently) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 3);
-  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abc");
   EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
@@ -275,7 +237,7 @@ TEST_F(CookieTest, InterruptedSendIsRetriedSilentlyAfterAnotherPoll) {
   const ssize_t written = Write("abc");
 
   EXPECT_EQ(written, 3);
-  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abc");
   EXPECT_THAT(trace, ElementsAre("poll", "send 3", "poll", "send 3"));
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
@@ -293,16 +255,19 @@ TEST_F(CookieTest, WriteThatIsInterruptedBetweenTwoPiecesSendsNoByteTwice) {
   const ssize_t written = Write("abcdefgh");
 
   EXPECT_EQ(written, 8);
-  EXPECT_EQ(PeerReceivesWaiting(), "abcdefgh");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abcdefgh");
   EXPECT_THAT(trace, ElementsAre("send 8", "send 4", "send 4"));
 }
 
 TEST_F(CookieTest, WriteToAPeerThatHasResetReturnsZeroWithoutLogLineOrSignal) {
   SigpipeCounter signals;
-  TcpConnection connection;
-  const FileDescriptor ours = Own(dup(connection.ours));
+  PeerSocket peer;
+  peer.ends = false;
+  const FileDescriptor ours = OpenSocket(SOCK_STREAM);
+  ASSERT_EQ(peer.Connect(ours.Get()), 0);
   Cookie cookie(ours, done_[0]);
-  connection.PeerResets();
+  peer.Reset();
+  ASSERT_NE(AwaitInput(ours.Get(), 10000), 0) << "the reset did not arrive";
 
   const ssize_t after_reset = Cookie::Write(&cookie, "a", 1);  // ECONNRESET.
   const ssize_t later = Cookie::Write(&cookie, "a", 1);        // EPIPE, which would raise the signal.
@@ -318,7 +283,7 @@ TEST_F(CookieTest, StreamThatIsClosedAfterItsPeerRaisesNoSignal) {
   SigpipeCounter signals;
   FILE* const stream = OpenStream();
   fwrite("abc", 3, 1, stream);
-  PeerCloses();
+  peer_->Close();
 
   CloseStream();
 
@@ -356,7 +321,7 @@ TEST_F(CookieTest, StopWinsOverRoomInTheSocket) {
 
   EXPECT_EQ(written, 0);
   EXPECT_TRUE(GetCookie().aborted);
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
@@ -379,7 +344,7 @@ TEST_F(CookieTest, BlockedWriteReturnsZeroWhenTheServerStops) {
 // Reading.
 
 TEST_F(CookieTest, ReadReturnsWhatHasArrived) {
-  PeerSends(std::string("ab\0cd", 5));
+  peer_->Send(std::string("ab\0cd", 5));
 
   std::string bytes;
   const ssize_t received = Read(bytes, 100);
@@ -391,7 +356,7 @@ TEST_F(CookieTest, ReadReturnsWhatHasArrived) {
 }
 
 TEST_F(CookieTest, ReadTakesNoMoreThanItWasAskedFor) {
-  PeerSends("abcdef");
+  peer_->Send("abcdef");
 
   std::string bytes;
   const ssize_t received = Read(bytes, 4);
@@ -408,7 +373,7 @@ TEST_F(CookieTest, ReadWaitsForTheDonePipeFirstAndForTheSocketWithoutLimit) {
     limit = time_out;
     return Hooks().poll.Real(entries, count, time_out);
   });
-  PeerSends("a");
+  peer_->Send("a");
 
   Read();
 
@@ -430,7 +395,7 @@ TEST_F(CookieTest, ReadReceivesIntoTheBufferWithoutFlags) {
     received_with = flags;
     return Hooks().recv.Real(descriptor, buffer, size, flags);
   });
-  PeerSends("a");
+  peer_->Send("a");
 
   std::string bytes;
   Read(bytes, 17);
@@ -441,7 +406,7 @@ TEST_F(CookieTest, ReadReceivesIntoTheBufferWithoutFlags) {
 }
 
 TEST_F(CookieTest, ReadReturnsZeroWhenThePeerHasClosed) {
-  PeerCloses();
+  peer_->Close();
 
   const ssize_t received = Read();
 
@@ -452,8 +417,8 @@ TEST_F(CookieTest, ReadReturnsZeroWhenThePeerHasClosed) {
 
 TEST_F(CookieTest, StreamEndsWhenThePeerHasClosed) {
   FILE* const stream = OpenStream();
-  PeerSends("ab");
-  PeerCloses();
+  peer_->Send("ab");
+  peer_->Close();
 
   char bytes[3];
   const std::size_t items = fread(bytes, sizeof bytes, 1, stream);
@@ -470,7 +435,7 @@ TEST_F(CookieTest, ReadWaitsAgainWhenTheSocketHasNoEvent) {
     if (++polls == 1) return 0;
     return Hooks().poll.Real(entries, count, time_out);
   });
-  PeerSends("abc");
+  peer_->Send("abc");
 
   const ssize_t received = Read();
 
@@ -481,7 +446,7 @@ TEST_F(CookieTest, ReadWaitsAgainWhenTheSocketHasNoEvent) {
 
 TEST_F(CookieTest, InterruptedPollOfAReadIsRetriedSilently) {
   Hooked poll(Hooks().poll, FailOnce(Hooks().poll, EINTR));
-  PeerSends("abc");
+  peer_->Send("abc");
 
   const ssize_t received = Read();
 
@@ -501,7 +466,7 @@ TEST_F(CookieTest, InterruptedRecvIsRetriedSilentlyAfterAnotherPoll) {
     trace.emplace_back("recv");
     return interrupted(descriptor, buffer, size, flags);
   });
-  PeerSends("abc");
+  peer_->Send("abc");
 
   const ssize_t received = Read();
 
@@ -512,7 +477,7 @@ TEST_F(CookieTest, InterruptedRecvIsRetriedSilentlyAfterAnotherPoll) {
 
 TEST_F(CookieTest, ReadErrorIsLoggedAndReturned) {
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
-  PeerSends("abc");
+  peer_->Send("abc");
 
   const ssize_t received = Read();
 
@@ -524,7 +489,7 @@ TEST_F(CookieTest, ReadErrorIsLoggedAndReturned) {
 
 TEST_F(CookieTest, ReadThatWouldBlockIsAnErrorLikeAnyOther) {
   Hooked recv(Hooks().recv, FailWith{EAGAIN});
-  PeerSends("abc");
+  peer_->Send("abc");
 
   const ssize_t received = Read();
 
@@ -545,7 +510,7 @@ TEST_F(CookieTest, FailedPollOfAReadEndsTheProcess) {
 }
 
 TEST_F(CookieTest, StopWinsOverPendingData) {
-  PeerSends("abc");
+  peer_->Send("abc");
   SignalDone();
 
   const ssize_t received = Read();
@@ -556,7 +521,7 @@ TEST_F(CookieTest, StopWinsOverPendingData) {
 }
 
 TEST_F(CookieTest, StopWinsOverTheEndOfTheStream) {
-  PeerCloses();
+  peer_->Close();
   SignalDone();
 
   const ssize_t received = Read();
@@ -644,7 +609,7 @@ TEST_F(CookieTest, AnyEventOnTheSocketEndsTheWait) {
     entries[1].revents = POLLHUP;
     return 1;
   });
-  PeerCloses();
+  peer_->Close();
 
   const ssize_t received = Read();
 
@@ -767,7 +732,7 @@ void CookieTest::ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
   OpenStream();
   const std::string expected = BytesOf(rows);
   std::string received;
-  std::thread peer([&] { received = PeerReceives(expected.size()); });
+  std::thread peer([&] { received = peer_->Receive(expected.size()); });
 
   {
     HostThatFlushes host;
@@ -777,7 +742,7 @@ void CookieTest::ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
   }
 
   EXPECT_TRUE(received == expected) << "bytes differ";
-  EXPECT_EQ(PeerReceivesWaiting(), "") << "more than was written";
+  EXPECT_EQ(peer_->ReceiveWaiting(), "") << "more than was written";
   CloseStream();
 }
 
@@ -790,10 +755,10 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
   std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   EXPECT_TRUE(waiting.Eventually());
 
-  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+  const bool returned = HostFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
-  if (returned) PeerSends(std::string("\x00\x10\x00\x02kvv", 7));
+  if (returned) peer_->Send(std::string("\x00\x10\x00\x02kvv", 7));
   receiver.join();
   EXPECT_EQ(received, Varnix::Row("k", "vv"));
   CloseStream();
@@ -801,7 +766,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
 
 TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   OpenStream();
-  PeerSends(std::string("\x00\x10\x00\x02k", 5));
+  peer_->Send(std::string("\x00\x10\x00\x02k", 5));
   Varnix::Row received;
   std::promise<void> in_the_middle;
   Hooked poll(Hooks().poll, [&, polls = std::make_shared<int>(0)](pollfd* entries, nfds_t count, int time_out) {
@@ -811,10 +776,10 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   in_the_middle.get_future().wait();
 
-  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+  const bool returned = HostFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
-  if (returned) PeerSends("vv");
+  if (returned) peer_->Send("vv");
   receiver.join();
   EXPECT_EQ(received, Varnix::Row("k", "vv"));
   CloseStream();
@@ -828,13 +793,13 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   std::thread sender([&] { written = WriteRecord({"k", "vv"}, *stream_); });
   EXPECT_TRUE(waiting.Eventually());
 
-  const bool returned = HostFlushReturns([this] { PeerCloses(); });
+  const bool returned = HostFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
-  EXPECT_EQ(returned ? PeerReceives(filled).size() : filled, filled);
+  EXPECT_EQ(returned ? peer_->Receive(filled).size() : filled, filled);
   sender.join();
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x02kvv", 7));
   CloseStream();
 }
 
@@ -842,14 +807,14 @@ TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
   EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
-  EXPECT_EQ(PeerReceives(filled).size(), filled);
+  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
   EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
 
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l\x00\x10\x00\x01mv", 16));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l\x00\x10\x00\x01mv", 16));
   CloseStream();
 }
 
@@ -857,12 +822,12 @@ TEST_F(CookieTest, OurFlushSendsWhatAHostsFlushHasLeftAlthoughTheBufferIsEmpty) 
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_TRUE(BufferRecord({"k", "v"}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
-  EXPECT_EQ(PeerReceives(filled).size(), filled);
+  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
   EXPECT_TRUE(FlushRecords(*stream_));
 
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x01kv", 6));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x01kv", 6));
   CloseStream();
 }
 
@@ -870,15 +835,15 @@ TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
-  EXPECT_EQ(PeerReceives(filled).size(), filled);
+  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_EQ(peer_->Receive(filled).size(), filled);
   EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
 
-  EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
+  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
 
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l", 10));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l", 10));
   EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x01mv", 6)) << "and nothing twice";
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x01mv", 6)) << "and nothing twice";
   CloseStream();
 }
 
@@ -887,12 +852,12 @@ TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
   for (const std::string& key : {std::string("k"), std::string("l")}) {
     const std::size_t filled = FillConnection();
     EXPECT_FALSE(WriteRecord({key, ""}, *stream_));
-    EXPECT_TRUE(HostFlushReturns([this] { PeerCloses(); }));
-    EXPECT_EQ(PeerReceives(filled).size(), filled);
+    EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+    EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
     EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
 
-    EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00", 4) + key + std::string("\x00\x10\x00\x01mv", 6));
+    EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x00", 4) + key + std::string("\x00\x10\x00\x01mv", 6));
   }
   CloseStream();
 }
@@ -903,7 +868,7 @@ TEST_F(CookieTest, HostsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
 
   std::thread([&] { EXPECT_FALSE(RunsOutOfMemoryAt(1, [&] { fflush(stream); })); }).join();
 
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x06\x40\x00\x00", 4) + std::string(100, 'k'));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x06\x40\x00\x00", 4) + std::string(100, 'k'));
   CloseStream();
 }
 
@@ -917,9 +882,8 @@ TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheS
     fflush(stream);
   }).join();
 
-  EXPECT_EQ(PeerReceives(filled).size(), filled);
-  char byte;
-  EXPECT_EQ(Hooks().recv.Real(peer_, &byte, 1, 0), 0);  // The end.
+  EXPECT_EQ(peer_->Receive(filled).size(), filled);
+  EXPECT_TRUE(peer_->IsEnded());
   CloseStream();
 }
 
@@ -932,7 +896,7 @@ TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
   bool in_time = false;
   std::thread patience([&, done = logged.get_future()] {
     in_time = done.wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) == std::future_status::ready;
-    if (!in_time) PeerCloses();
+    if (!in_time) peer_->Close();
   });
 
   Log(Varnix::LogLevel::Debug, "tag", "format");
@@ -940,7 +904,7 @@ TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
   logged.set_value();
   patience.join();
   EXPECT_TRUE(in_time);
-  PeerCloses();
+  peer_->Close();
   CloseStream();
 }
 
@@ -956,7 +920,7 @@ TEST_F(CookieTest, StreamIsLockedWhileARecordIsReadExceptForTheWaits) {
     locked_between.push_back(IsLockedForOthers(stream));
     return Hooks().recv.Real(descriptor, buffer, 4, flags);
   });
-  PeerSends(std::string("\x00\x10\x00\x03kvvv", 8));
+  peer_->Send(std::string("\x00\x10\x00\x03kvvv", 8));
 
   Varnix::Row received;
   RecordReader(*stream_).Read(received);
@@ -991,7 +955,7 @@ TEST_F(CookieTest, StreamIsLockedWhileARecordIsWrittenExceptForTheWaits) {
 TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
   FILE* const stream = OpenStream();
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
-  PeerSends("x");
+  peer_->Send("x");
   std::vector<std::pair<std::string, bool>> locked_at;
   SetLogHook([&](Varnix::LogLevel, const char* tag, const char*, va_list) {
     locked_at.emplace_back(tag, IsLockedForOthers(stream));
@@ -1007,7 +971,7 @@ TEST_F(CookieTest, ReadErrorWithinARecordIsLoggedWithTheStreamUnlocked) {
 TEST_F(CookieTest, WhatAHookThrowsAtAReadErrorReachesTheReaderPastTheFramesOfStdio) {
   FILE* const stream = OpenStream();
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
-  PeerSends("x");
+  peer_->Send("x");
   SetLogHook([](Varnix::LogLevel, const char* tag, const char*, va_list) { throw std::runtime_error(tag); });
 
   Varnix::Row received;
@@ -1044,7 +1008,7 @@ TEST_F(CookieTest, HookThatFlushesWhenAWriteEndsTheProcessSendsNothingTwice) {
     });
     SetLogHook([this](Varnix::LogLevel, const char*, const char*, va_list) {
       fflush(nullptr);
-      fprintf(stderr, "%zu of 8 bytes sent", PeerReceivesWaiting().size());
+      fprintf(stderr, "%zu of 8 bytes sent", peer_->ReceiveWaiting().size());
     });
     WriteRecord({"k", "vvv"}, *stream_);
   };
@@ -1063,9 +1027,9 @@ TEST_F(CookieTest, ForkedChildSendsNothingOfWhatItsParentHasBuffered) {
   }
   waitpid(child, nullptr, 0);
 
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
   CloseStream();
-  EXPECT_EQ(PeerReceivesWaiting(), std::string("\x00\x10\x00\x00k", 5));
+  EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x00k", 5));
 }
 
 TEST_F(CookieTest, ForkedChildWritesNothingIntoWhatHasGotTheNumberOfItsParentsSocket) {
@@ -1120,7 +1084,7 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValue
 TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
   OpenStream();
   const std::vector<Varnix::Row> rows = RowsOfManySizes();
-  std::thread peer([&] { PeerSends(BytesOf(rows)); });
+  std::thread peer([&] { peer_->Send(BytesOf(rows)); });
   std::vector<Varnix::Row> received;
 
   {

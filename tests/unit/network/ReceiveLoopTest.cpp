@@ -12,6 +12,7 @@
 
 #include "PeerSocket.h"
 #include "RecordingTable.h"
+#include "Records.h"
 #include "Registration.h"
 #include "TestMember.h"
 #include "network/ActiveESNs.h"
@@ -148,16 +149,6 @@ class ReceiveLoopTest : public testing::Test {
                                               }};
 };
 
-// What a peer says to begin with: a record of database and uid.
-const std::string kPeer = Bytes(
-    "\x00\x20\x00\x09"
-    "db"
-    "\x04peerproc");
-const std::string kOurselves = Bytes(
-    "\x00\x20\x00\x08"
-    "db"
-    "\x03"
-    "devproc");
 const std::string kOtherDatabase = Bytes(
     "\x00\x20\x00\x09"
     "dc"
@@ -273,7 +264,7 @@ TEST_F(ReceiveLoopTest, FailureThatEndsANanosecondBeforeThePeriodIsTriedAgain) {
 }
 
 TEST_F(ReceiveLoopTest, EachAttemptMayTakeFiveSecondsToConnect) {
-  RunWithPeer(kOurselves);
+  RunWithPeer(kRecordOfUs);
 
   EXPECT_THAT(connect_limits_, ElementsAre(5000));
 }
@@ -326,7 +317,7 @@ TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsReportedWhenTheStreamEnds
     }
   });
 
-  RunWithPeer(kPeer);
+  RunWithPeer(kRecordOfPeer);
 
   EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:9"));
 }
@@ -336,7 +327,7 @@ TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsReportedAlsoAfterTheLastA
     if (tag == std::string("tblrcvr.strm.grp") && clock_.Text() == "30000ms") RefuseElsewhere();
   });
 
-  RunWithPeer(kPeer);
+  RunWithPeer(kRecordOfPeer);
 
   EXPECT_EQ(trace_.back(), "30000ms: try");
   EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:9"));
@@ -358,7 +349,7 @@ TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsLeftAloneWhenTheServerSto
     return sent;
   });
 
-  RunWithPeer(kPeer, false);
+  RunWithPeer(kRecordOfPeer, false);
 
   EXPECT_EQ(table->rows.size(), 1U);
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
@@ -367,7 +358,7 @@ TEST_F(ReceiveLoopTest, PlaceAtWhichThePeerWasRefusedIsLeftAloneWhenTheServerSto
 // The exceptions of a stream.
 
 TEST_F(ReceiveLoopTest, ConnectionToOurselvesEndsTheLoopSilently) {
-  RunWithPeer(kOurselves);
+  RunWithPeer(kRecordOfUs);
 
   EXPECT_THAT(trace_, ElementsAre("0ms: try"));
   EXPECT_THAT(Lines(), IsEmpty());
@@ -378,7 +369,7 @@ TEST_F(ReceiveLoopTest, PeerThatIsBeingReceivedFromAlreadyEndsTheLoopSilently) {
                                   "\x04"
                                   "peerproc");
 
-  RunWithPeer(kPeer);
+  RunWithPeer(kRecordOfPeer);
 
   EXPECT_THAT(trace_, ElementsAre("0ms: try"));
   EXPECT_THAT(Lines(), IsEmpty());
@@ -407,7 +398,7 @@ TEST_F(ReceiveLoopTest, StopDuringAStreamEndsTheLoopWithOneLine) {
 TEST_F(ReceiveLoopTest, StopWhileConnectingEndsTheLoopInItsPause) {
   member_.SignalDone();
 
-  RunWithPeer(kPeer, false);
+  RunWithPeer(kRecordOfPeer, false);
 
   EXPECT_THAT(trace_, ElementsAre("0ms: try", "0ms: pause 2000"));
   EXPECT_THAT(Lines(), ElementsAre(Retrying("30000ms"), AbortedWhileRetrying(), Aborting()));

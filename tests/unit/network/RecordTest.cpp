@@ -28,7 +28,7 @@ class RecordTest : public ConnectionTest {
   // What the peer receives of `size` bytes while one record is written that may not fit in the connection.
   std::string PeerReceivesWhileWriting(const Row& record, std::size_t size) {
     std::string bytes;
-    std::thread peer([&] { bytes = PeerReceives(size); });
+    std::thread peer([&] { bytes = peer_->Receive(size); });
     EXPECT_TRUE(Write(record));
     peer.join();
     return bytes;
@@ -60,13 +60,13 @@ TEST_F(RecordTest, RecordIsAHeaderWithBothLengthsAndThenBothFields) {
   const bool written = Write({"ab", "xyz"});
 
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x20\x00\x03") + "abxyz");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x20\x00\x03") + "abxyz");
 }
 
 TEST_F(RecordTest, ShortestFieldsHaveOneByteEach) {
   Write({"k", "v"});
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, HeaderIsBigEndianWithTwelveBitsForAAndTwentyForB) {
@@ -87,7 +87,7 @@ TEST_F(RecordTest, LongestFieldsFillTheHeader) {
 
   EXPECT_EQ(bytes.substr(0, 4), Bytes("\xFF\xFF\xFF\xFF"));
   EXPECT_TRUE(bytes.substr(4) == a + b) << "fields differ";
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
 }
 
 TEST_F(RecordTest, FieldAAboveItsLimitIsCutToItsLengthModulo4096) {
@@ -96,7 +96,7 @@ TEST_F(RecordTest, FieldAAboveItsLimitIsCutToItsLengthModulo4096) {
   const bool written = Write({a, "v"});
 
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x50\x00\x01") + "firstv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x50\x00\x01") + "firstv");
 }
 
 TEST_F(RecordTest, FieldAIsCutModulo4096HoweverLongItIs) {
@@ -105,7 +105,7 @@ TEST_F(RecordTest, FieldAIsCutModulo4096HoweverLongItIs) {
   const bool written = Write({a, "v"});
 
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x20\x00\x01") + "abv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x20\x00\x01") + "abv");
 }
 
 TEST_F(RecordTest, FieldBAboveItsLimitIsCutToItsLengthModulo1048576) {
@@ -114,7 +114,7 @@ TEST_F(RecordTest, FieldBAboveItsLimitIsCutToItsLengthModulo1048576) {
   const bool written = Write({"k", b});
 
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x05") + "kfirst");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x10\x00\x05") + "kfirst");
 }
 
 TEST_F(RecordTest, LengthOfALongFieldBLeavesFieldAAlone) {
@@ -122,20 +122,20 @@ TEST_F(RecordTest, LengthOfALongFieldBLeavesFieldAAlone) {
 
   Write({"abc", b});
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x01") + "abcv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x01") + "abcv");
 }
 
 TEST_F(RecordTest, ZerosInFieldsTravelUnharmed) {
   Write({Bytes("\0k\0"), Bytes("v\0\0w")});
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
 }
 
 TEST_F(RecordTest, EmptyFieldBIsAFailureThatSendsNothingYet) {
   const bool written = Write({"key", ""});
 
   EXPECT_FALSE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
   EXPECT_FALSE(GetCookie().aborted);
   EXPECT_THAT(log_.Lines(), IsEmpty());
 }
@@ -146,7 +146,7 @@ TEST_F(RecordTest, RecordWithAnEmptyFieldBLeavesWithTheNextRecord) {
   const bool written = Write({"k", "v"});
 
   EXPECT_TRUE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, RecordWithAnEmptyFieldBLeavesAtTheLatestWhenTheStreamIsClosed) {
@@ -154,16 +154,16 @@ TEST_F(RecordTest, RecordWithAnEmptyFieldBLeavesAtTheLatestWhenTheStreamIsClosed
 
   CloseStream();
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x00") + "key");
 }
 
 TEST_F(RecordTest, EmptyFieldAIsAFailureAfterWhichFieldBIsLeftOut) {
   const bool written = Write({"", "value"});
 
   EXPECT_FALSE(written);
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
   Write({"k", "v"});
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, RecordOfTwoEmptyFieldsLeavesAsABareHeader) {
@@ -171,7 +171,7 @@ TEST_F(RecordTest, RecordOfTwoEmptyFieldsLeavesAsABareHeader) {
 
   EXPECT_FALSE(written);
   Write({"k", "v"});
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x00") + Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x00\x00\x00") + Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, FieldAOfExactly4096BytesCountsAsEmptyAndSpoilsTheStream) {
@@ -179,7 +179,7 @@ TEST_F(RecordTest, FieldAOfExactly4096BytesCountsAsEmptyAndSpoilsTheStream) {
 
   EXPECT_FALSE(written);
   Write({"k", "v"});
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x00\x00\x05") + Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, FieldBOfExactly1048576BytesCountsAsEmpty) {
@@ -187,7 +187,7 @@ TEST_F(RecordTest, FieldBOfExactly1048576BytesCountsAsEmpty) {
 
   EXPECT_FALSE(written);
   Write({"k", "v"});
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x00") + "key" + Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, EveryRecordIsFlushedOnceAndWhole) {
@@ -221,7 +221,7 @@ TEST_F(RecordTest, RecordsWithEmptyFieldsBLeaveWhenTheBufferIsFullOrWithTheNextR
   EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ}));
   EXPECT_TRUE(Write({"k", "v"}));
   EXPECT_EQ(sends.Get(), (std::vector<std::size_t>{BUFSIZ, BUFSIZ, 19000 - 2 * BUFSIZ + 6}));
-  EXPECT_TRUE(PeerReceivesWaiting() == expected + Bytes("\x00\x10\x00\x01") + "kv") << "bytes differ";
+  EXPECT_TRUE(peer_->ReceiveWaiting() == expected + Bytes("\x00\x10\x00\x01") + "kv") << "bytes differ";
 }
 
 TEST_F(RecordTest, HostsFlushSendsARecordWithAnEmptyFieldBOnce) {
@@ -229,16 +229,16 @@ TEST_F(RecordTest, HostsFlushSendsARecordWithAnEmptyFieldBOnce) {
 
   fflush(nullptr);
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x30\x00\x00") + "key");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x30\x00\x00") + "key");
   EXPECT_TRUE(Write({"k", "v"}));
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x10\x00\x01") + "kv");
 }
 
 TEST_F(RecordTest, RecordsFollowOneAnotherWithNothingBetween) {
   Write({"a", "1"});
   Write({"b", "22"});
 
-  EXPECT_EQ(PeerReceivesWaiting(), Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
+  EXPECT_EQ(peer_->ReceiveWaiting(), Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
 }
 
 TEST_F(RecordTest, WriteThatMeetsTheStopThrows) {
@@ -246,7 +246,7 @@ TEST_F(RecordTest, WriteThatMeetsTheStopThrows) {
 
   EXPECT_THROW(Write({"k", std::string(100000, 'v')}), AbortRequested);
   EXPECT_TRUE(GetCookie().aborted);
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
 }
 
 TEST_F(RecordTest, WriteWhoseFlushMeetsTheStopIsAPlainFailure) {
@@ -301,7 +301,7 @@ TEST_F(RecordTest, ShortSendsLoseNothingOfARecord) {
 // Reading.
 
 TEST_F(RecordTest, RecordIsReadFromItsBytes) {
-  PeerSends(Bytes("\x00\x20\x00\x03") + "abxyz");
+  peer_->Send(Bytes("\x00\x20\x00\x03") + "abxyz");
 
   Row record;
   const bool read = Read(record);
@@ -313,7 +313,7 @@ TEST_F(RecordTest, RecordIsReadFromItsBytes) {
 TEST_F(RecordTest, HeaderIsReadAsBigEndian) {
   const std::string a(0x102, 'a');
   const std::string b(0x304, 'b');
-  PeerSends(Bytes("\x10\x20\x03\x04") + a + b);
+  peer_->Send(Bytes("\x10\x20\x03\x04") + a + b);
 
   Row record;
   Read(record);
@@ -323,7 +323,7 @@ TEST_F(RecordTest, HeaderIsReadAsBigEndian) {
 
 TEST_F(RecordTest, LowFourBitsOfTheSecondByteBelongToFieldB) {
   const std::string b(0x10001, 'b');
-  PeerSends(Bytes("\x00\x11\x00\x01") + "k" + b);
+  peer_->Send(Bytes("\x00\x11\x00\x01") + "k" + b);
 
   Row record;
   Read(record);
@@ -335,7 +335,7 @@ TEST_F(RecordTest, LowFourBitsOfTheSecondByteBelongToFieldB) {
 TEST_F(RecordTest, LongestRecordIsReadWhole) {
   const std::string a(4095, 'a');
   const std::string b(1048575, 'b');
-  std::thread peer([&] { PeerSends(Bytes("\xFF\xFF\xFF\xFF") + a + b); });
+  std::thread peer([&] { peer_->Send(Bytes("\xFF\xFF\xFF\xFF") + a + b); });
 
   Row record;
   const bool read = Read(record);
@@ -346,7 +346,7 @@ TEST_F(RecordTest, LongestRecordIsReadWhole) {
 }
 
 TEST_F(RecordTest, EmptyFieldBIsAccepted) {
-  PeerSends(Bytes("\x00\x30\x00\x00") + "key");
+  peer_->Send(Bytes("\x00\x30\x00\x00") + "key");
 
   Row record("old", "old");
   const bool read = Read(record);
@@ -356,7 +356,7 @@ TEST_F(RecordTest, EmptyFieldBIsAccepted) {
 }
 
 TEST_F(RecordTest, EmptyFieldAIsAccepted) {
-  PeerSends(Bytes("\x00\x00\x00\x05") + "value");
+  peer_->Send(Bytes("\x00\x00\x00\x05") + "value");
 
   Row record("old", "old");
   const bool read = Read(record);
@@ -366,7 +366,7 @@ TEST_F(RecordTest, EmptyFieldAIsAccepted) {
 }
 
 TEST_F(RecordTest, TwoEmptyFieldsAreAccepted) {
-  PeerSends(Bytes("\x00\x00\x00\x00"));
+  peer_->Send(Bytes("\x00\x00\x00\x00"));
 
   Row record("old", "old");
   const bool read = Read(record);
@@ -376,7 +376,7 @@ TEST_F(RecordTest, TwoEmptyFieldsAreAccepted) {
 }
 
 TEST_F(RecordTest, ZerosInFieldsAreReadUnharmed) {
-  PeerSends(Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
+  peer_->Send(Bytes("\x00\x30\x00\x04") + Bytes("\0k\0v\0\0w"));
 
   Row record;
   Read(record);
@@ -385,7 +385,7 @@ TEST_F(RecordTest, ZerosInFieldsAreReadUnharmed) {
 }
 
 TEST_F(RecordTest, RecordsAreReadOneByOne) {
-  PeerSends(Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
+  peer_->Send(Bytes("\x00\x10\x00\x01") + "a1" + Bytes("\x00\x10\x00\x02") + "b22");
 
   Row first;
   Row second;
@@ -399,7 +399,7 @@ TEST_F(RecordTest, RecordsAreReadOneByOne) {
 TEST_F(RecordTest, RecordOfUsualSizeIsReadWithoutAnAllocationAfterTheFirstTwo) {
   const std::string field(100, 'f');
   const std::string bytes = Bytes("\x06\x40\x00\x64") + field + field;
-  PeerSends(bytes + bytes + bytes);
+  peer_->Send(bytes + bytes + bytes);
   Row record;
   ASSERT_TRUE(Read(record));
   ASSERT_TRUE(Read(record));
@@ -411,7 +411,7 @@ TEST_F(RecordTest, RecordOfUsualSizeIsReadWithoutAnAllocationAfterTheFirstTwo) {
 }
 
 TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongOneBeforeIt) {
-  PeerSends(std::string("\x00\x10\x40\x00k", 5) + std::string(0x4000, 'v') + std::string("\x00\x10\x00\x01kv", 6));
+  peer_->Send(std::string("\x00\x10\x40\x00k", 5) + std::string(0x4000, 'v') + std::string("\x00\x10\x00\x01kv", 6));
   Row record;
   Read(record);
   const long live = LiveAllocations();
@@ -427,7 +427,7 @@ TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongKeyBeforeIt) {
   const std::string longer = std::string("\xBB\x80\x00\x01", 4) + std::string(3000, 'k') + "v";
   // Memory that grows from 3,000 bytes is twice that.
   const std::string longest = std::string("\xFF\xF0\x00\x01", 4) + std::string(4095, 'k') + "v";
-  PeerSends(longer + short_record + longest + short_record);
+  peer_->Send(longer + short_record + longest + short_record);
   Row record;
   for (int read = 1; read <= 3; ++read) Read(record);
   const long live = LiveAllocations();
@@ -440,7 +440,7 @@ TEST_F(RecordTest, ShortRecordDoesNotKeepTheMemoryOfALongKeyBeforeIt) {
 
 TEST_F(RecordTest, RecordIsThereAsSoonAsItsLastByteIs) {
   const std::string larger_than_the_buffer(10001, 'v');
-  PeerSends(Bytes("\x00\x10\x27\x11") + "k" + larger_than_the_buffer);
+  peer_->Send(Bytes("\x00\x10\x27\x11") + "k" + larger_than_the_buffer);
   Hooked recv(Hooks().recv, [](int descriptor, void* buffer, std::size_t size, int) {
     return Hooks().recv.Real(descriptor, buffer, size, MSG_DONTWAIT);
   });
@@ -461,7 +461,7 @@ TEST_F(RecordTest, RecordThatComesByteByByteIsTheSame) {
     return Hooks().recv.Real(descriptor, buffer, 1, flags);
   });
   const std::string b(9000, 'b');
-  PeerSends(Bytes("\x00\x20\x23\x28") + "ab" + b);
+  peer_->Send(Bytes("\x00\x20\x23\x28") + "ab" + b);
 
   Row record;
   const bool read = Read(record);
@@ -471,7 +471,7 @@ TEST_F(RecordTest, RecordThatComesByteByByteIsTheSame) {
 }
 
 TEST_F(RecordTest, StreamThatHasEndedIsAPlainFailure) {
-  PeerCloses();
+  peer_->Close();
 
   Row record("old", "row");
   const bool read = Read(record);
@@ -483,7 +483,7 @@ TEST_F(RecordTest, StreamThatHasEndedIsAPlainFailure) {
 }
 
 TEST_F(RecordTest, ReadErrorIsAPlainFailure) {
-  PeerSends(Bytes("\x00\x10\x00\x01") + "kv");
+  peer_->Send(Bytes("\x00\x10\x00\x01") + "kv");
   Hooked recv(Hooks().recv, FailWith{ECONNRESET});
 
   Row record("old", "row");
@@ -495,7 +495,7 @@ TEST_F(RecordTest, ReadErrorIsAPlainFailure) {
 }
 
 TEST_F(RecordTest, ReadThatMeetsTheStopThrows) {
-  PeerSends(Bytes("\x00\x10\x00\x01") + "kv");
+  peer_->Send(Bytes("\x00\x10\x00\x01") + "kv");
   SignalDone();
 
   Row record("old", "row");
@@ -505,7 +505,7 @@ TEST_F(RecordTest, ReadThatMeetsTheStopThrows) {
 
 TEST_F(RecordTest, WrittenRecordIsReadBack) {
   Write({Bytes("\5table\0key"), Bytes("\0value\xFF")});
-  PeerSends(PeerReceivesWaiting());
+  peer_->Send(peer_->ReceiveWaiting());
 
   Row record;
   Read(record);
@@ -522,8 +522,8 @@ class BrokenRecordTest : public RecordTest, public testing::WithParamInterface<s
 INSTANTIATE_TEST_SUITE_P(AfterBytes, BrokenRecordTest, testing::Range<std::size_t>(0, 9));
 
 TEST_P(BrokenRecordTest, IsAPlainFailureWhenTheStreamEnds) {
-  PeerSends(arrived_);
-  PeerCloses();
+  peer_->Send(arrived_);
+  peer_->Close();
 
   Row record("old", "row");
   const bool read = Read(record);
@@ -535,7 +535,7 @@ TEST_P(BrokenRecordTest, IsAPlainFailureWhenTheStreamEnds) {
 }
 
 TEST_P(BrokenRecordTest, ThrowsWhenTheServerStops) {
-  PeerSends(arrived_);
+  peer_->Send(arrived_);
   Hooked poll(Hooks().poll, [this](pollfd* entries, nfds_t count, int time_out) {
     if (Hooks().poll.Real(entries, count, 0) == 0) SignalDone();  // When all that arrived has been read.
     return Hooks().poll.Real(entries, count, time_out);

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include "CallRecorder.h"
 #include "logging/Log.h"
 #include "network/ServerSockets.h"
+#include "support/Descriptors.h"
 #include "support/FailWith.h"
 #include "support/Says.h"
 
@@ -133,8 +133,8 @@ TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
 
   for (const FileDescriptor* listener : {&one, &other}) {
     std::string heard;
-    pollfd entry = {listener->Get(), POLLIN, 0};
-    while (heard != marker && poll(&entry, 1, 10000) == 1) {  // Other servers of this host may be heard as well.
+    // Other servers of this machine may be heard as well.
+    while (heard != marker && AwaitInput(listener->Get(), 10000) != 0) {
       heard.assign(256, '\0');
       const ssize_t size = recv(listener->Get(), heard.data(), heard.size(), 0);
       heard.resize(size < 0 ? 0 : static_cast<std::size_t>(size));

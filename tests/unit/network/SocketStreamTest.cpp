@@ -58,15 +58,15 @@ TEST_F(SocketStreamTest, StreamKeepsBytesInItsBufferUntilItIsFlushed) {
 
   fwrite("abc", 3, 1, stream);
 
-  EXPECT_EQ(PeerReceivesWaiting(), "");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "");
   EXPECT_EQ(fflush(stream), 0);
-  EXPECT_EQ(PeerReceivesWaiting(), "abc");
+  EXPECT_EQ(peer_->ReceiveWaiting(), "abc");
   CloseStream();
 }
 
 TEST_F(SocketStreamTest, StreamReadsAndWritesTheSameConnection) {
   FILE* const stream = OpenStream();
-  PeerSends("question");
+  peer_->Send("question");
 
   char question[8];
   EXPECT_EQ(fread(question, sizeof question, 1, stream), 1U);
@@ -74,7 +74,7 @@ TEST_F(SocketStreamTest, StreamReadsAndWritesTheSameConnection) {
   EXPECT_EQ(fflush(stream), 0);
 
   EXPECT_EQ(std::string(question, sizeof question), "question");
-  EXPECT_EQ(PeerReceives(6), "answer");
+  EXPECT_EQ(peer_->Receive(6), "answer");
   CloseStream();
 }
 
@@ -101,7 +101,7 @@ TEST_F(SocketStreamTest, StreamIsClosedBeforeItsSocketAndTheDonePipeStaysOpen) {
 
   CloseStream();
 
-  EXPECT_EQ(PeerReceives(4), "abc") << "and then the end";
+  EXPECT_EQ(peer_->Receive(4), "abc") << "and then the end";
   SignalDone();
   char byte = 0;
   EXPECT_EQ(read(done_[0], &byte, 1), 1);

@@ -14,6 +14,7 @@
 #include "PeerSocket.h"
 #include "ReceiverCalls.h"
 #include "RecordingTable.h"
+#include "Records.h"
 #include "Registration.h"
 #include "TestMember.h"
 #include "network/ActiveESNs.h"
@@ -37,11 +38,6 @@ using testing::StartsWith;
 using Varnix::LogLevel;
 using Varnix::Row;
 
-// The first record of a peer: database and uid.
-const std::string kPeer = Bytes(
-    "\x00\x20\x00\x09"
-    "db"
-    "\x04peerproc");
 // A row: 4 and 2 bytes.
 const std::string kRow = Bytes(
     "\x00\x40\x00\x02"
@@ -114,7 +110,7 @@ const std::vector<std::string> kClose = {"close"};
 // A whole stream.
 
 TEST_F(TableReceiverTest, StreamIsLoggedInTheseLines) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
 
   Receive();
@@ -129,7 +125,7 @@ TEST_F(TableReceiverTest, StreamIsLoggedInTheseLines) {
 }
 
 TEST_F(TableReceiverTest, FormatsAreHandedToTheHookUnexpanded) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
 
   Receive();
@@ -143,7 +139,7 @@ TEST_F(TableReceiverTest, FormatsAreHandedToTheHookUnexpanded) {
 }
 
 TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
 
   Receive();
@@ -152,7 +148,7 @@ TEST_F(TableReceiverTest, StreamIsMadeOfTheseCallsInThisOrder) {
 }
 
 TEST_F(TableReceiverTest, GroupAndListeningPortAreSentAsOneRecord) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
 
   Receive();
 
@@ -162,7 +158,7 @@ TEST_F(TableReceiverTest, GroupAndListeningPortAreSentAsOneRecord) {
 }
 
 TEST_F(TableReceiverTest, RowsAreSetIntoTheReceiveTableInTheirOrder) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow + Bytes(
                              "\x00\x40\x00\x03"
                              "\x01"
@@ -187,7 +183,7 @@ TEST_F(TableReceiverTest, RowsAreSetIntoTheReceiveTableInTheirOrder) {
 }
 
 TEST_F(TableReceiverTest, RowsWithZeroBytesAndWithEmptyFieldsAreSetAsTheyAre) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = Bytes(
       "\x00\x30\x00\x03"
       "a\0b"
@@ -202,7 +198,7 @@ TEST_F(TableReceiverTest, RowsWithZeroBytesAndWithEmptyFieldsAreSetAsTheyAre) {
 }
 
 TEST_F(TableReceiverTest, RowThatTheStreamCutsShortIsNotSet) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow + kRow.substr(0, kRow.size() - 1);
 
   Receive();
@@ -211,7 +207,7 @@ TEST_F(TableReceiverTest, RowThatTheStreamCutsShortIsNotSet) {
 }
 
 TEST_F(TableReceiverTest, PeerIsRegisteredWhileItsRowsAreReceived) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   bool registered = false;
   table_->before_set = [&](const Row&) { registered = IsRegistered("\x04peerproc"); };
@@ -222,7 +218,7 @@ TEST_F(TableReceiverTest, PeerIsRegisteredWhileItsRowsAreReceived) {
 }
 
 TEST_F(TableReceiverTest, EndsByUnregisteringLoggingAndClosingInThisOrder) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
     if (tag != std::string("tblrcvr.dtor")) return;
     calls_.Add(IsRegistered("\x04peerproc") ? "log, registered" : "log, not registered");
@@ -237,7 +233,7 @@ TEST_F(TableReceiverTest, EndsByUnregisteringLoggingAndClosingInThisOrder) {
 
 TEST_F(TableReceiverTest, StreamIsClosedBeforeTheSocket) {
   member_->group = "";
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   SetLogHook([this](LogLevel, const char* tag, const char*, va_list) {
     if (tag == std::string("tblrcvr.dtor")) calls_.Add("log");
   });
@@ -258,7 +254,7 @@ TEST_F(TableReceiverTest, SocketThatCannotBeMadeEndsTheProcess) {
 }
 
 TEST_F(TableReceiverTest, SocketIsClosedOnExec) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   int flags = 0;
   table_->before_set = [&](const Row&) { flags = Hooks().fcntl.Real(calls_.Socket(), F_GETFD, 0); };
@@ -269,7 +265,7 @@ TEST_F(TableReceiverTest, SocketIsClosedOnExec) {
 }
 
 TEST_F(TableReceiverTest, SocketDetectsASilentPeerAfterFourSeconds) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   std::vector<int> options;
   table_->before_set = [&](const Row&) {
@@ -291,7 +287,7 @@ TEST_F(TableReceiverTest, SocketDetectsASilentPeerAfterFourSeconds) {
 }
 
 TEST_F(TableReceiverTest, KeepaliveThatCannotBeSwitchedOnIsOnlyLogged) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   calls_.Fail("setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)", ENOPROTOOPT);
 
@@ -302,7 +298,7 @@ TEST_F(TableReceiverTest, KeepaliveThatCannotBeSwitchedOnIsOnlyLogged) {
 }
 
 TEST_F(TableReceiverTest, IdleTimeThatCannotBeSetIsOnlyLogged) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)", ENOPROTOOPT);
 
@@ -313,7 +309,7 @@ TEST_F(TableReceiverTest, IdleTimeThatCannotBeSetIsOnlyLogged) {
 }
 
 TEST_F(TableReceiverTest, ProbeIntervalThatCannotBeSetIsOnlyLogged) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)", ENOPROTOOPT);
 
@@ -324,7 +320,7 @@ TEST_F(TableReceiverTest, ProbeIntervalThatCannotBeSetIsOnlyLogged) {
 }
 
 TEST_F(TableReceiverTest, ProbeCountThatCannotBeSetIsOnlyLogged) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPCNT, 3)", ENOPROTOOPT);
 
@@ -335,7 +331,7 @@ TEST_F(TableReceiverTest, ProbeCountThatCannotBeSetIsOnlyLogged) {
 }
 
 TEST_F(TableReceiverTest, AllFourKeepaliveFailuresAreLoggedInTheirOrder) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   calls_.Fail("setsockopt(SOL_SOCKET, SO_KEEPALIVE, 1)", ENOPROTOOPT);
   calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPIDLE, 1)", ENOPROTOOPT);
   calls_.Fail("setsockopt(IPPROTO_TCP, TCP_KEEPINTVL, 1)", ENOPROTOOPT);
@@ -366,7 +362,7 @@ TEST_F(TableReceiverTest, ConnectThatTimesOutEndsTheStreamSilently) {
 // The handshake.
 
 TEST_F(TableReceiverTest, StreamThatCannotBeMadeIsLoggedAndEndsNormally) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   calls_.Fail("fopencookie", ENOMEM);
 
@@ -387,7 +383,7 @@ TEST_F(TableReceiverTest, PeerThatClosesAtOnceEndsTheStreamNormally) {
 }
 
 TEST_F(TableReceiverTest, FirstRecordThatIsCutShortEndsTheStreamNormally) {
-  peer_.says = kPeer.substr(0, kPeer.size() - 1);
+  peer_.says = kRecordOfPeer.substr(0, kRecordOfPeer.size() - 1);
 
   Receive();
 
@@ -436,11 +432,7 @@ TEST_F(TableReceiverTest, WrongServerOfOurOwnUidIsTheWrongServer) {
 }
 
 TEST_F(TableReceiverTest, OwnUidIsAConnectionToOurselvesThatIsSeenAfterTheUidIsLogged) {
-  peer_.says = Bytes(
-      "\x00\x20\x00\x08"
-      "db"
-      "\x03"
-      "devproc");
+  peer_.says = kRecordOfUs;
 
   EXPECT_THROW(Receive(), SelfConnect);
 
@@ -467,11 +459,7 @@ TEST_F(TableReceiverTest, UidThatBeginsWithOursOrIsTheBeginningOfOursIsAnother) 
 }
 
 TEST_F(TableReceiverTest, OwnUidIsNotRegistered) {
-  peer_.says = Bytes(
-      "\x00\x20\x00\x08"
-      "db"
-      "\x03"
-      "devproc");
+  peer_.says = kRecordOfUs;
   const Registration registration(esns_,
                                   "\x03"
                                   "devproc");
@@ -493,7 +481,7 @@ TEST_F(TableReceiverTest, UidThatDiffersFromOursOnlyInItsDivisionIsAPeer) {
 }
 
 TEST_F(TableReceiverTest, PeerThatIsBeingReceivedFromAlreadyIsAnsweredNothing) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   const Registration registration(esns_, "\x04peerproc");
 
   EXPECT_THROW(Receive(), AlreadyConnected);
@@ -504,7 +492,7 @@ TEST_F(TableReceiverTest, PeerThatIsBeingReceivedFromAlreadyIsAnsweredNothing) {
 }
 
 TEST_F(TableReceiverTest, PlaceAtWhichThePeerWasRefusedMeanwhileIsToBeTriedNext) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   table_->before_set = [this](const Row&) {
     std::optional<PeerPlace> nothing;
@@ -515,7 +503,7 @@ TEST_F(TableReceiverTest, PlaceAtWhichThePeerWasRefusedMeanwhileIsToBeTriedNext)
 }
 
 TEST_F(TableReceiverTest, PlaceOfARefusalIsToBeTriedNextAlsoWhenMemoryRunsOut) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   table_->before_set = [this](const Row&) {
     std::optional<PeerPlace> nothing;
@@ -533,20 +521,20 @@ TEST_F(TableReceiverTest, PlaceOfARefusalIsToBeTriedNextAlsoWhenTheGroupCannotBe
         EsnRegistration(esns_, "\x04peerproc", {INADDR_LOOPBACK, 9}, nothing);
         return FailWith{EPIPE}();
       }};
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
 
   EXPECT_EQ(Receive(), (PeerPlace{INADDR_LOOPBACK, 9}));
 }
 
 TEST_F(TableReceiverTest, StreamWithoutARefusalLeavesNoPlaceToTryNext) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
 
   EXPECT_EQ(Receive(), std::nullopt);
 }
 
 TEST_F(TableReceiverTest, SecondStreamLeavesTheRegistrationOfTheFirst) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   const Registration registration(esns_, "\x04peerproc");
 
   EXPECT_THROW(Receive(), AlreadyConnected);
@@ -555,7 +543,7 @@ TEST_F(TableReceiverTest, SecondStreamLeavesTheRegistrationOfTheFirst) {
 }
 
 TEST_F(TableReceiverTest, OtherPeersMayBeReceivedFromAtTheSameTime) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   const Registration registration(esns_, "\x04peerproD");
 
@@ -565,7 +553,7 @@ TEST_F(TableReceiverTest, OtherPeersMayBeReceivedFromAtTheSameTime) {
 }
 
 TEST_F(TableReceiverTest, AnswerThatCannotBeSentEndsTheStreamWithoutReadingRows) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   calls_.Fail("send 11", EPIPE);
   const HookedHere recv(Hooks().recv, [this](int descriptor, void* buffer, std::size_t size, int flags) {
     calls_.Add("recv");
@@ -582,7 +570,7 @@ TEST_F(TableReceiverTest, AnswerThatCannotBeSentEndsTheStreamWithoutReadingRows)
 
 TEST_F(TableReceiverTest, EmptyGroupSpoilsTheAnswer) {
   member_->group = "";
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
 
   Receive();
 
@@ -620,7 +608,7 @@ TEST_F(TableReceiverTest, OwnUidThatClaimsALongerNameThanItHasIsClampedInTheLog)
   member_->uid =
       "\x0A"
       "abc";  // Claims a device name of 10 bytes and has 3.
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
 
   Receive();
 
@@ -646,7 +634,7 @@ TEST_F(TableReceiverTest, StopDuringTheHandshakeIsThrown) {
 }
 
 TEST_F(TableReceiverTest, StopWhileRowsAreReceivedIsThrownAndUnregistersThePeer) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   peer_.ends = false;
   table_->before_set = [this](const Row&) { member_.SignalDone(); };
@@ -659,7 +647,7 @@ TEST_F(TableReceiverTest, StopWhileRowsAreReceivedIsThrownAndUnregistersThePeer)
 }
 
 TEST_F(TableReceiverTest, RowWhoseMemoryCannotBeHadEndsOnlyTheStream) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   table_->before_set = [](const Row&) { throw std::bad_alloc(); };
 
@@ -671,7 +659,7 @@ TEST_F(TableReceiverTest, RowWhoseMemoryCannotBeHadEndsOnlyTheStream) {
 }
 
 TEST_F(TableReceiverTest, AnyOtherExceptionLeavesTheStreamAndUnregistersThePeer) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   table_->before_set = [](const Row&) { throw std::runtime_error("table"); };
 
@@ -682,7 +670,7 @@ TEST_F(TableReceiverTest, AnyOtherExceptionLeavesTheStreamAndUnregistersThePeer)
 }
 
 TEST_F(TableReceiverTest, PeerThatResetsTheConnectionEndsTheStreamNormally) {
-  peer_.says = kPeer;
+  peer_.says = kRecordOfPeer;
   peer_.answers = kRow;
   peer_.ends = false;
   table_->before_set = [this](const Row&) { peer_.Reset(); };

@@ -16,7 +16,8 @@
 #include <utility>
 #include <vector>
 
-#include "PeerSocket.h"
+#include "PeerEnd.h"
+#include "Records.h"
 #include "TestMember.h"
 #include "network/ActiveESNs.h"
 #include "network/TableSender.h"
@@ -43,12 +44,6 @@ using testing::Not;
 using testing::StartsWith;
 using Varnix::LogLevel;
 
-// What the sender says first: a record of database and uid.
-const std::string kUs = Bytes(
-    "\x00\x20\x00\x08"
-    "db"
-    "\x03"
-    "devproc");
 // What a peer of our group answers: a record of group and listening port.
 const std::string kOurGroup = Bytes(
     "\x00\x50\x00\x02"
@@ -62,17 +57,17 @@ const std::string kOtherGroup = Bytes(
     "\x12\x34");
 
 // Throws at the lines of one tag.
-class ThrowingHook {
+class HookThatThrowsAt {
  public:
-  explicit ThrowingHook(const std::string& tag) {
+  explicit HookThatThrowsAt(const std::string& tag) {
     SetLogHook([this, tag](LogLevel, const char* line_tag, const char*, va_list) {
       last_tag_ = line_tag;
       if (tag == line_tag) throw std::runtime_error(tag);
     });
   }
-  ~ThrowingHook() { SetLogHook(DefaultLogger); }
-  ThrowingHook(const ThrowingHook&) = delete;
-  ThrowingHook& operator=(const ThrowingHook&) = delete;
+  ~HookThatThrowsAt() { SetLogHook(DefaultLogger); }
+  HookThatThrowsAt(const HookThatThrowsAt&) = delete;
+  HookThatThrowsAt& operator=(const HookThatThrowsAt&) = delete;
 
   const std::string& LastTag() const { return last_tag_; }
 
@@ -86,7 +81,6 @@ class TableSenderTest : public testing::Test {
  protected:
   TableSenderTest() : TableSenderTest(MakePair()) {}
   ~TableSenderTest() override {
-    if (peer_ >= 0) Hooks().close.Real(peer_);
     if (!sent_) Hooks().close.Real(socket_);
   }
 
@@ -103,23 +97,6 @@ class TableSenderTest : public testing::Test {
   void SendWithDefaultLogger() {
     SetLogHook(DefaultLogger);
     Send();
-  }
-  void PeerSays(const std::string& bytes) const {
-    ASSERT_EQ(Hooks().send.Real(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-  void PeerEnds() const { shutdown(peer_, SHUT_WR); }
-  void PeerCloses() {
-    Hooks().close.Real(peer_);
-    peer_ = -1;
-  }
-  // All of the stream, once the sender has closed it.
-  std::string PeerReceives() const { return ReceiveUntilEnd(peer_); }
-  // What has arrived already.
-  std::string WaitingForPeer() const {
-    std::string bytes(65536, '\0');
-    const ssize_t received = Hooks().recv.Real(peer_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-    bytes.resize(received < 0 ? 0 : static_cast<std::size_t>(received));
-    return bytes;
   }
   void SetRow(const std::string& key, const std::string& value) const { member_->send_table->Set({key, value}); }
   // The sender's own, as "7 tag: text", with T for the sender.
@@ -165,6 +142,7 @@ class TableSenderTest : public testing::Test {
 
   TestMember member_;
   const int socket_;
+  PeerEnd peer_;
   LogRecorder log_;
   std::vector<std::string> trace_;  // "send 14", "recv", "poll socket POLLIN 0", "close".
   // What happens at the looks for the end of the connection, one after another. After the last, the peer ends it.
@@ -179,7 +157,6 @@ class TableSenderTest : public testing::Test {
   }
 
   const std::shared_ptr<ActiveESNs> esns_ = std::make_shared<ActiveESNs>([] {});
-  int peer_;
   bool sent_ = false;
   mutable std::string sender_;
   std::chrono::steady_clock::time_point time_;
@@ -190,7 +167,7 @@ class TableSenderTest : public testing::Test {
         trace_.push_back(std::string("poll ") + (entries[0].fd == socket_ ? "socket" : "?") +
                          (entries[0].events == POLLIN ? " POLLIN " : " ? ") + std::to_string(time_out));
         if (passes_.empty()) {
-          PeerEnds();
+          peer_.End();
           return Hooks().poll.Real(entries, count, time_out);
         }
         const auto pass = std::move(passes_.front());
@@ -239,7 +216,7 @@ class QuietBurst {
 
 void TableSenderTest::LeaveWhole(const std::vector<std::size_t>& sizes, std::size_t looks) {
   const QuietBurst burst(static_cast<int>(sizes.size()), 1us);
-  std::string expected = kUs;
+  std::string expected = kRecordOfUs;
   char letter = 'a';
   for (const std::size_t size : sizes) {
     const std::string key = std::string("\x03tbl") + letter;
@@ -248,26 +225,26 @@ void TableSenderTest::LeaveWhole(const std::vector<std::size_t>& sizes, std::siz
     expected +=
         Bytes("\x00\x50") + static_cast<char>(value.size() >> 8) + static_cast<char>(value.size()) + key + value;
   }
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(looks, NothingIsThere);
 
   Send();
 
-  EXPECT_TRUE(PeerReceives() == expected) << "bytes differ";
+  EXPECT_TRUE(peer_.ReceiveUntilEnd() == expected) << "bytes differ";
 }
 
 void TableSenderTest::LeavesByTheBuffer(int rows, const std::string& key, const std::string& value,
                                         std::size_t row_size, std::size_t looks) {
   const QuietBurst burst(rows, 100ns);
   for (int i = 0; i < rows; ++i) SetRow(key + std::to_string(1000 + i), value);
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(looks, NothingIsThere);
 
   Send();
 
   const std::vector<std::size_t> sent = BytesBetweenLooks();
   EXPECT_THAT(*std::max_element(sent.begin(), sent.end()), AllOf(Ge(8192U), Lt(8192U + row_size)));
-  EXPECT_EQ(PeerReceives().size(), kUs.size() + static_cast<std::size_t>(rows) * row_size);
+  EXPECT_EQ(peer_.ReceiveUntilEnd().size(), kRecordOfUs.size() + static_cast<std::size_t>(rows) * row_size);
 }
 
 }  // namespace
@@ -276,7 +253,7 @@ void TableSenderTest::LeavesByTheBuffer(int rows, const std::string& key, const 
 
 TEST_F(TableSenderTest, StreamIsLoggedInTheseLines) {
   SetRow("\x03tblkey", "value");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere};
 
   Send();
@@ -290,7 +267,7 @@ TEST_F(TableSenderTest, StreamIsLoggedInTheseLines) {
 
 TEST_F(TableSenderTest, FormatsAreHandedToTheHookUnexpanded) {
   SetRow("\x03tblkey", "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere};
 
   Send();
@@ -303,19 +280,19 @@ TEST_F(TableSenderTest, FormatsAreHandedToTheHookUnexpanded) {
 }
 
 TEST_F(TableSenderTest, DatabaseAndUidAreSentAsTheFirstRecord) {
-  PeerEnds();
+  peer_.End();
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), Bytes("\x00\x20\x00\x08"
-                                  "db"
-                                  "\x03"
-                                  "devproc"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), Bytes("\x00\x20\x00\x08"
+                                           "db"
+                                           "\x03"
+                                           "devproc"));
 }
 
 TEST_F(TableSenderTest, StreamIsMadeOfTheseCallsInThisOrder) {
   SetRow("\x03tblkey", "value");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere};
 
   Send();
@@ -325,7 +302,7 @@ TEST_F(TableSenderTest, StreamIsMadeOfTheseCallsInThisOrder) {
 }
 
 TEST_F(TableSenderTest, SocketGetsNoOptionsBeforeItsFirstRow) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   RecordOptions();
 
   Send();
@@ -335,7 +312,7 @@ TEST_F(TableSenderTest, SocketGetsNoOptionsBeforeItsFirstRow) {
 
 TEST_F(TableSenderTest, RowsOfABurstMayShareSegmentsAndTheLastIsNotHeldBack) {
   for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc"}) SetRow(key, "value");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   RecordOptions();
   passes_.assign(3, NothingIsThere);
 
@@ -347,7 +324,7 @@ TEST_F(TableSenderTest, RowsOfABurstMayShareSegmentsAndTheLastIsNotHeldBack) {
 TEST_F(TableSenderTest, RowsBeforeAnEmptyValueThatEndsABurstAreNotHeldBack) {
   SetRow("\x03tbla", "value");
   SetRow("\x03tblb", "");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   RecordOptions();
   passes_.assign(2, NothingIsThere);
 
@@ -357,7 +334,7 @@ TEST_F(TableSenderTest, RowsBeforeAnEmptyValueThatEndsABurstAreNotHeldBack) {
 }
 
 TEST_F(TableSenderTest, SingleRowsAreNotHeldBackAndTakeNoFurtherCall) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   RecordOptions();
   for (const char* value : {"one", "two", "three"}) {
     passes_.emplace_back([this, value](pollfd&) {
@@ -374,7 +351,7 @@ TEST_F(TableSenderTest, SingleRowsAreNotHeldBackAndTakeNoFurtherCall) {
 
 TEST_F(TableSenderTest, NextBurstMayShareSegmentsAgain) {
   SetRow("\x03tbla", "value");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   RecordOptions();
   passes_ = {NothingIsThere, [this](pollfd&) {
                for (const char* key : {"\x03tblb", "\x03tblc", "\x03tbld"}) SetRow(key, "value");
@@ -395,7 +372,7 @@ TEST_F(TableSenderTest, RowsOfAFullBufferMayShareSegmentsAndTheLastIsNotHeldBack
     for (int i = 0; i < 300; ++i) SetRow("\x03tbl" + std::to_string(1000 + i), value);  // 104 bytes each.
   });
   SetRow("\x03tbla", "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   RecordOptions();
   passes_.assign(5, NothingIsThere);
 
@@ -408,13 +385,13 @@ TEST_F(TableSenderTest, RowsOfAFullBufferMayShareSegmentsAndTheLastIsNotHeldBack
 
 TEST_F(TableSenderTest, SocketThatRefusesTheOptionIsServedAllTheSame) {
   SetRow("\x03tblkey", "value");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const HookedHere setsockopt(Hooks().setsockopt, FailWith{ENOPROTOOPT});
   passes_ = {NothingIsThere};
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + std::string("\x00\x70\x00\x05\x03tblkeyvalue", 16));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + std::string("\x00\x70\x00\x05\x03tblkeyvalue", 16));
   EXPECT_THAT(Lines(), Not(Contains(StartsWith("3"))));
 }
 
@@ -435,7 +412,7 @@ TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcessThoughTheLogHookThro
   const auto send = [this] {
     const HookedHere fopencookie(Hooks().fopencookie,
                                  [](void*, const char*, cookie_io_functions_t) -> FILE* { return nullptr; });
-    const ThrowingHook hook("tblsndr.cook.fopen");
+    const HookThatThrowsAt hook("tblsndr.cook.fopen");
     Send();
   };
 
@@ -443,7 +420,7 @@ TEST_F(TableSenderTest, StreamThatCannotBeMadeEndsTheProcessThoughTheLogHookThro
 }
 
 TEST_F(TableSenderTest, PeerThatIsGoneAlreadyEndsTheStreamSilently) {
-  PeerCloses();
+  peer_.Close();
 
   Send();
 
@@ -455,7 +432,7 @@ TEST_F(TableSenderTest, PeerThatIsGoneAlreadyEndsTheStreamSilently) {
 }
 
 TEST_F(TableSenderTest, PeerThatClosesInsteadOfAnsweringEndsTheStreamSilently) {
-  PeerEnds();
+  peer_.End();
 
   Send();
 
@@ -467,25 +444,25 @@ TEST_F(TableSenderTest, PeerThatClosesInsteadOfAnsweringEndsTheStreamSilently) {
 
 TEST_F(TableSenderTest, AnswerThatIsCutShortEndsTheStreamSilently) {
   SetRow("\x03tblkey", "value");
-  PeerSays(kOurGroup.substr(0, kOurGroup.size() - 1));
-  PeerEnds();
+  peer_.Send(kOurGroup.substr(0, kOurGroup.size() - 1));
+  peer_.End();
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, AnswerWithThreeBytesOfPortEndsTheStreamWithoutRows) {
   SetRow("\x03tblkey", "value");
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x50\x00\x03"
             "group"
             "\x12\x34\x56"));
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
@@ -493,14 +470,14 @@ TEST_F(TableSenderTest, AnswerWithThreeBytesOfPortEndsTheStreamWithoutRows) {
 
 TEST_F(TableSenderTest, AnswerWithOneByteOfPortEndsTheStreamWithoutRows) {
   SetRow("\x03tblkey", "value");
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x50\x00\x01"
             "group"
             "\x12"));
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
@@ -508,13 +485,13 @@ TEST_F(TableSenderTest, AnswerWithOneByteOfPortEndsTheStreamWithoutRows) {
 
 TEST_F(TableSenderTest, AnswerWithoutAPortEndsTheStreamWithoutRows) {
   SetRow("\x03tblkey", "value");
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x50\x00\x00"
             "group"));
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_EQ(log_.Lines("tblsndr.getgrp").size(), 0U);
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "close"));
@@ -524,15 +501,15 @@ TEST_F(TableSenderTest, UidThatClaimsALongerNameThanItHasIsClampedInTheLog) {
   member_->uid =
       "\x0A"
       "abc";  // Claims a device name of 10 bytes and has 3.
-  PeerEnds();
+  peer_.End();
 
   Send();
 
   EXPECT_EQ(Lines()[1], "7 tblsndr.senduid: TableSender(T) sending uid: abc::");
-  EXPECT_EQ(PeerReceives(), Bytes("\x00\x20\x00\x04"
-                                  "db"
-                                  "\x0A"
-                                  "abc"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), Bytes("\x00\x20\x00\x04"
+                                           "db"
+                                           "\x0A"
+                                           "abc"));
 }
 
 TEST_F(TableSenderTest, StreamIsClosedBeforeTheSocketAndSendsWhatIsBuffered) {
@@ -540,14 +517,14 @@ TEST_F(TableSenderTest, StreamIsClosedBeforeTheSocketAndSendsWhatIsBuffered) {
   Send();
 
   EXPECT_THAT(trace_, ElementsAre("send 4", "close"));
-  EXPECT_EQ(PeerReceives(), Bytes("\x00\x00\x00\x08"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), Bytes("\x00\x00\x00\x08"));
   EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
 }
 
 // Connecting back.
 
 TEST_F(TableSenderTest, PeerOfTheSameGroupIsConnectedBackToAtThePortThatItNames) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
 
   Send();
 
@@ -555,7 +532,7 @@ TEST_F(TableSenderTest, PeerOfTheSameGroupIsConnectedBackToAtThePortThatItNames)
 }
 
 TEST_F(TableSenderTest, PortIsReadAsUnsignedBytes) {
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x50\x00\x02"
             "group"
             "\xFF\x80"));
@@ -568,7 +545,7 @@ TEST_F(TableSenderTest, PortIsReadAsUnsignedBytes) {
 
 TEST_F(TableSenderTest, PeerWithoutAGroupIsConnectedBackToIfWeHaveNoneEither) {
   member_->group = "";
-  PeerSays(Bytes("\x00\x00\x00\x02\x12\x34"));
+  peer_.Send(Bytes("\x00\x00\x00\x02\x12\x34"));
 
   Send();
 
@@ -578,7 +555,7 @@ TEST_F(TableSenderTest, PeerWithoutAGroupIsConnectedBackToIfWeHaveNoneEither) {
 
 TEST_F(TableSenderTest, PeerOfAnotherGroupIsServedButNotConnectedBackTo) {
   SetRow("\x03tblkey", "value");
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x50\x00\x02"
             "grouq"
             "\x12\x34"));
@@ -587,14 +564,14 @@ TEST_F(TableSenderTest, PeerOfAnotherGroupIsServedButNotConnectedBackTo) {
   Send();
 
   EXPECT_EQ(Lines()[2], "7 tblsndr.getgrp: TableSender(T) received group=\"grouq\" port=4660");
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x70\x00\x05"
-                                        "\x03tblkey"
-                                        "value"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x70\x00\x05"
+                                                         "\x03tblkey"
+                                                         "value"));
   EXPECT_THAT(member_.FoundPeers(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, PeerWhoseGroupIsAPrefixIsNotConnectedBackTo) {
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x40\x00\x02"
             "grou"
             "\x12\x34"));
@@ -605,7 +582,7 @@ TEST_F(TableSenderTest, PeerWhoseGroupIsAPrefixIsNotConnectedBackTo) {
 }
 
 TEST_F(TableSenderTest, PeerWhoseGroupIsAnExtensionIsNotConnectedBackTo) {
-  PeerSays(
+  peer_.Send(
       Bytes("\x00\x60\x00\x02"
             "group\0"
             "\x12\x34"));
@@ -618,7 +595,7 @@ TEST_F(TableSenderTest, PeerWhoseGroupIsAnExtensionIsNotConnectedBackTo) {
 // Streaming.
 
 TEST_F(TableSenderTest, DoneTableIsWatchedBeforeTheRows) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
 
   Send();
 
@@ -632,22 +609,22 @@ TEST_F(TableSenderTest, RowsOfTheTableAreSentOldestChangeFirst) {
   SetRow("\x01tk1", "a");
   SetRow("\x01tk2", "bb");
   SetRow("\x01tk1", "ccc");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere, NothingIsThere};
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x02"
-                                        "\x01tk2"
-                                        "bb"
-                                        "\x00\x40\x00\x03"
-                                        "\x01tk1"
-                                        "ccc"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x40\x00\x02"
+                                                         "\x01tk2"
+                                                         "bb"
+                                                         "\x00\x40\x00\x03"
+                                                         "\x01tk1"
+                                                         "ccc"));
 }
 
 TEST_F(TableSenderTest, RowsThatAreSetLaterAreSentToo) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto sets_rows = [this](pollfd&) {
     SetRow("\x01tk2", "bb");
     SetRow("\x01tk1", "ccc");
@@ -657,19 +634,19 @@ TEST_F(TableSenderTest, RowsThatAreSetLaterAreSentToo) {
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
-                                        "\x01tk1"
-                                        "a"
-                                        "\x00\x40\x00\x02"
-                                        "\x01tk2"
-                                        "bb"
-                                        "\x00\x40\x00\x03"
-                                        "\x01tk1"
-                                        "ccc"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x40\x00\x01"
+                                                         "\x01tk1"
+                                                         "a"
+                                                         "\x00\x40\x00\x02"
+                                                         "\x01tk2"
+                                                         "bb"
+                                                         "\x00\x40\x00\x03"
+                                                         "\x01tk1"
+                                                         "ccc"));
 }
 
 TEST_F(TableSenderTest, IdleStreamSendsNothing) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto sets_a_row = [this](pollfd&) {
     SetRow("\x01tk1", "a");
     return 0;
@@ -680,13 +657,13 @@ TEST_F(TableSenderTest, IdleStreamSendsNothing) {
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
-                                        "\x01tk1"
-                                        "a"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x40\x00\x01"
+                                                         "\x01tk1"
+                                                         "a"));
 }
 
 TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionWhenASecondHasPassed) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   int looks = 0;
   int looks_until_poll = 0;
   const HookedHere now(Hooks().now, [&] {
@@ -699,7 +676,7 @@ TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionWhenASecondHasPas
   });
   passes_ = {[&](pollfd&) {
     looks_until_poll = looks;
-    PeerEnds();
+    peer_.End();
     return 1;
   }};
 
@@ -710,7 +687,7 @@ TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionWhenASecondHasPas
 }
 
 TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionOnceASecond) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   std::chrono::nanoseconds time{0};
   const HookedHere now(Hooks().now, [&] { return std::chrono::steady_clock::time_point(time += 1ms); });
   std::vector<std::chrono::nanoseconds> looks;
@@ -730,7 +707,7 @@ TEST_F(TableSenderTest, IdleStreamLooksForTheEndOfTheConnectionOnceASecond) {
 }
 
 TEST_F(TableSenderTest, ClosedConnectionOfAnIdleStreamEndsIt) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere, NothingIsThere};
 
   Send();
@@ -741,7 +718,7 @@ TEST_F(TableSenderTest, ClosedConnectionOfAnIdleStreamEndsIt) {
 }
 
 TEST_F(TableSenderTest, ConnectionThatHasFailedEndsTheStream) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {[](pollfd& entry) {
     entry.revents = POLLERR | POLLHUP;
     return 1;
@@ -754,30 +731,30 @@ TEST_F(TableSenderTest, ConnectionThatHasFailedEndsTheStream) {
 
 TEST_F(TableSenderTest, RowThatWasTakenWhenThePeerHadGoneIsDropped) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {};
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_EQ(log_.Lines("tblsndr.strm").size(), 0U);
 }
 
 TEST_F(TableSenderTest, LookThatFailsDoesNotEndTheStream) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {[](pollfd&) { return FailWith{EINTR}(); }};
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x01"
-                                        "\x01tk1"
-                                        "a"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x40\x00\x01"
+                                                         "\x01tk1"
+                                                         "a"));
 }
 
 TEST_F(TableSenderTest, RowThatCannotBeSentIsFollowedByTheNextLook) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   int sends = 0;
   const HookedHere send(Hooks().send, [&](int descriptor, const void* bytes, std::size_t size, int flags) -> ssize_t {
     if (sends++ == 0) return Hooks().send.Real(descriptor, bytes, size, flags);
@@ -798,22 +775,22 @@ TEST_F(TableSenderTest, RowThatCannotBeSentIsFollowedByTheNextLook) {
 TEST_F(TableSenderTest, RowsThatAreReadyLeaveTogetherAfterOneLookAtThePeer) {
   const QuietBurst burst(3, 100us);
   for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc"}) SetRow(key, "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere};
 
   Send();
 
   EXPECT_THAT(trace_,
               ElementsAre("send 14", "recv", "poll socket POLLIN 0", "send 42", "poll socket POLLIN 0", "close"));
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x50\x00\x05\x03tblavalue"
-                                        "\x00\x50\x00\x05\x03tblbvalue"
-                                        "\x00\x50\x00\x05\x03tblcvalue"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x50\x00\x05\x03tblavalue"
+                                                         "\x00\x50\x00\x05\x03tblbvalue"
+                                                         "\x00\x50\x00\x05\x03tblcvalue"));
 }
 
 TEST_F(TableSenderTest, RowStaysInTheBufferForHalfAMillisecond) {
   const QuietBurst burst(5, 300us);
   for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc", "\x03tbld", "\x03tble"}) SetRow(key, "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere, NothingIsThere};
 
   Send();
@@ -852,18 +829,18 @@ TEST_F(TableSenderTest, RowsInTheBufferLeaveBeforeAHookIsCalledThatHasBeenSetMea
   const QuietBurst burst(4, 1us, [&](int taken) {
     if (taken != 3) return;
     SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
-      if (tag == std::string("tblsndr.strm")) received.push_back(WaitingForPeer());
+      if (tag == std::string("tblsndr.strm")) received.push_back(peer_.ReceiveWaiting());
     });
   });
   for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc", "\x03tbld"}) SetRow(key, "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(2, NothingIsThere);
 
   Send();
   SetLogHook({});
 
-  EXPECT_THAT(received, ElementsAre(kUs + Bytes("\x00\x50\x00\x05\x03tblavalue"
-                                                "\x00\x50\x00\x05\x03tblbvalue"),
+  EXPECT_THAT(received, ElementsAre(kRecordOfUs + Bytes("\x00\x50\x00\x05\x03tblavalue"
+                                                        "\x00\x50\x00\x05\x03tblbvalue"),
                                     Bytes("\x00\x50\x00\x05\x03tblcvalue")));
 }
 
@@ -872,10 +849,10 @@ TEST_F(TableSenderTest, PeerThatGoesInTheMiddleOfABurstIsNoticedWithinABuffer) {
   const QuietBurst burst(10000, 10ns, [&](int taken) {
     if (taken != 1000) return;
     calls_before = trace_.size();
-    PeerCloses();
+    peer_.Close();
   });
   for (int i = 0; i < 10000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");  // 15 bytes each.
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(10, [](pollfd& entry) { return Hooks().poll.Real(&entry, 1, 0); });
 
   Send();
@@ -895,7 +872,7 @@ TEST_F(TableSenderTest, StopInTheMiddleOfABurstEndsItWithinABuffer) {
     SetRow("\x03tblkey", std::to_string(taken));  // The set gives the newest of its two.
   });
   for (int i = 0; i < 10000; ++i) SetRow("\x03tbl" + std::to_string(100000 + i), "v");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(10, NothingIsThere);
 
   Send();
@@ -909,9 +886,9 @@ TEST_F(TableSenderTest, KeyThatIsEmptyOnTheWireHoldsNoRowBeforeItBack) {
   const QuietBurst burst(2, 100us);
   SetRow("\x03tbla", "value");
   SetRow(std::string(4096, 'k'), "value");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere, NothingIsThere, [this](pollfd&) {
-               EXPECT_EQ(WaitingForPeer().size(), kUs.size() + 14) << "all but the last row";
+               EXPECT_EQ(peer_.ReceiveWaiting().size(), kRecordOfUs.size() + 14) << "all but the last row";
                return 0;
              }};
 
@@ -924,9 +901,9 @@ TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesABurstWithTheNextRowOnly) {
   SetRow("\x03tblb", "");
   SetRow("\x03tblc", "value");
   SetRow("\x03tbld", "");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere, NothingIsThere, [this](pollfd&) {
-               EXPECT_EQ(WaitingForPeer().size(), kUs.size() + 14 + 9 + 14) << "all but the last row";
+               EXPECT_EQ(peer_.ReceiveWaiting().size(), kRecordOfUs.size() + 14 + 9 + 14) << "all but the last row";
                return 0;
              }};
 
@@ -945,18 +922,18 @@ TEST_F(TableSenderTest, ForkInABurstSendsNothingTwice) {
     }
     waitpid(child, nullptr, 0);
   });
-  std::string expected = kUs;
+  std::string expected = kRecordOfUs;
   for (int i = 0; i < 1000; ++i) {
     const std::string number = std::to_string(1000 + i);
     SetRow("\x03tbl" + number, "v");
     expected += Bytes("\x00\x80\x00\x01\x03tbl") + number + "v";
   }
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_.assign(2, NothingIsThere);
 
   Send();
 
-  EXPECT_TRUE(PeerReceives() == expected) << "bytes differ";
+  EXPECT_TRUE(peer_.ReceiveUntilEnd() == expected) << "bytes differ";
 }
 
 TEST_F(TableSenderTest, RowsBeforeOneThatThereIsNoMemoryForLeaveWhenTheStreamEnds) {
@@ -964,27 +941,27 @@ TEST_F(TableSenderTest, RowsBeforeOneThatThereIsNoMemoryForLeaveWhenTheStreamEnd
   const QuietBurst burst(5, 1us, [&](int taken) {
     if (taken == 3) failing.emplace(1);
   });
-  std::string expected = kUs;
+  std::string expected = kRecordOfUs;
   for (const char* key : {"\x03tbla", "\x03tblb", "\x03tblc", "\x03tbld", "\x03tble"}) {
     const std::string value(100, 'v');
     SetRow(key, value);
     if (key[4] <= 'c') expected += Bytes("\x00\x50\x00\x64") + key + value;
   }
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere};
 
   Send();
 
   EXPECT_TRUE(failing && failing->HasFailed());
-  EXPECT_EQ(PeerReceives(), expected);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), expected);
 }
 
 TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesWithTheNextRow) {
   SetRow("\x01tk1", "");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   std::string before_the_next_row;
   const auto sets_a_row = [&](pollfd&) {
-    before_the_next_row = WaitingForPeer();
+    before_the_next_row = peer_.ReceiveWaiting();
     SetRow("\x01tk2", "b");
     return 0;
   };
@@ -992,24 +969,24 @@ TEST_F(TableSenderTest, RowWithAnEmptyValueLeavesWithTheNextRow) {
 
   Send();
 
-  EXPECT_EQ(before_the_next_row, kUs);
-  EXPECT_EQ(PeerReceives(), Bytes("\x00\x40\x00\x00"
-                                  "\x01tk1"
-                                  "\x00\x40\x00\x01"
-                                  "\x01tk2"
-                                  "b"));
+  EXPECT_EQ(before_the_next_row, kRecordOfUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), Bytes("\x00\x40\x00\x00"
+                                           "\x01tk1"
+                                           "\x00\x40\x00\x01"
+                                           "\x01tk2"
+                                           "b"));
 }
 
 TEST_F(TableSenderTest, RowWithZeroBytesIsSentAsItIs) {
   SetRow(Bytes("\x01t\0k"), Bytes("\0v\0"));
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere};
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs + Bytes("\x00\x40\x00\x03"
-                                        "\x01t\0k"
-                                        "\0v\0"));
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs + Bytes("\x00\x40\x00\x03"
+                                                         "\x01t\0k"
+                                                         "\0v\0"));
 }
 
 TEST_F(TableSenderTest, KeyThatClaimsALongerTableNameThanItHasIsClampedInTheLog) {
@@ -1017,7 +994,7 @@ TEST_F(TableSenderTest, KeyThatClaimsALongerTableNameThanItHasIsClampedInTheLog)
       "\x0A"
       "abc",
       "v");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere};
 
   Send();
@@ -1027,7 +1004,7 @@ TEST_F(TableSenderTest, KeyThatClaimsALongerTableNameThanItHasIsClampedInTheLog)
 
 TEST_F(TableSenderTest, EmptyKeyIsLoggedWithoutATableName) {
   SetRow("", "v");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   passes_ = {NothingIsThere};
 
   Send();
@@ -1038,7 +1015,7 @@ TEST_F(TableSenderTest, EmptyKeyIsLoggedWithoutATableName) {
 // The stop of the server, and exceptions.
 
 TEST_F(TableSenderTest, DoneRowEndsTheStream) {
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto server_stops = [this](pollfd&) {
     member_->done_table->Set({"done", "y"});
     return 0;
@@ -1049,7 +1026,7 @@ TEST_F(TableSenderTest, DoneRowEndsTheStream) {
 
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "close"));
   EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }
 
 TEST_F(TableSenderTest, StopThatCameBeforeTheFirstRecordEndsTheStream) {
@@ -1057,7 +1034,7 @@ TEST_F(TableSenderTest, StopThatCameBeforeTheFirstRecordEndsTheStream) {
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), "");
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), "");
   EXPECT_THAT(trace_, ElementsAre("close"));
   EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
 }
@@ -1070,14 +1047,14 @@ TEST_F(TableSenderTest, StopWhileThePeerIsWaitedForEndsTheStream) {
 
   Send();
 
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
   EXPECT_THAT(trace_, ElementsAre("close"));
   EXPECT_EQ(Lines().back(), "7 tblsndr.dtor: TableSender(T) stopping");
 }
 
 TEST_F(TableSenderTest, StopWhileARowIsWrittenEndsTheStreamAtTheNextLook) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto server_stops = [this](pollfd&) {
     member_.SignalDone();
     return 0;
@@ -1087,12 +1064,12 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenEndsTheStreamAtTheNextLook) {
   Send();
 
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "poll socket POLLIN 0", "close"));
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }
 
 TEST_F(TableSenderTest, StopEndsTheStreamAlthoughARowIsSetAtEveryLook) {
   SetRow("\x01tk1", "0");
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto server_stops = [this](pollfd&) {
     member_.SignalDone();
     member_->done_table->Set({"done", "y"});
@@ -1112,7 +1089,7 @@ TEST_F(TableSenderTest, StopEndsTheStreamAlthoughARowIsSetAtEveryLook) {
 
 TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtOnce) {
   SetRow("\x01tk1", std::string(100000, 'a'));
-  PeerSays(kOurGroup);
+  peer_.Send(kOurGroup);
   const auto server_stops = [this](pollfd&) {
     member_.SignalDone();
     return 0;
@@ -1122,7 +1099,7 @@ TEST_F(TableSenderTest, StopWhileARowIsWrittenThatFillsTheBufferEndsTheStreamAtO
   Send();
 
   EXPECT_THAT(trace_, ElementsAre("send 14", "recv", "poll socket POLLIN 0", "close"));
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }
 
 TEST_F(TableSenderTest, SenderThatFindsNoMemoryToStartWithClosesItsSocketAndNothingElse) {
@@ -1133,49 +1110,49 @@ TEST_F(TableSenderTest, SenderThatFindsNoMemoryToStartWithClosesItsSocketAndNoth
     EXPECT_TRUE(failing.HasFailed());
   }
 
-  EXPECT_EQ(PeerReceives(), "");
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), "");
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(TableSenderTest, ExceptionOfTheLogHookBeforeTheFirstRecordEndsTheStreamAlone) {
-  const ThrowingHook hook("tblsndr.senduid");
+  const HookThatThrowsAt hook("tblsndr.senduid");
 
   EXPECT_NO_THROW(Send());
 
   EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
-  EXPECT_EQ(PeerReceives(), "");
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), "");
 }
 
 TEST_F(TableSenderTest, ExceptionOfTheLogHookAfterTheAnswerEndsTheStreamAlone) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOurGroup);
-  const ThrowingHook hook("tblsndr.getgrp");
+  peer_.Send(kOurGroup);
+  const HookThatThrowsAt hook("tblsndr.getgrp");
 
   EXPECT_NO_THROW(Send());
 
   EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }
 
 TEST_F(TableSenderTest, ExceptionOfTheLogHookWhileTheTablesAreWatchedEndsTheStreamAlone) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOtherGroup);
-  const ThrowingHook hook("tbl.watch.all");
+  peer_.Send(kOtherGroup);
+  const HookThatThrowsAt hook("tbl.watch.all");
 
   EXPECT_NO_THROW(Send());
 
   EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }
 
 TEST_F(TableSenderTest, ExceptionOfTheLogHookBeforeARowEndsTheStreamAlone) {
   SetRow("\x01tk1", "a");
-  PeerSays(kOtherGroup);
+  peer_.Send(kOtherGroup);
   passes_ = {NothingIsThere};
-  const ThrowingHook hook("tblsndr.strm");
+  const HookThatThrowsAt hook("tblsndr.strm");
 
   EXPECT_NO_THROW(Send());
 
   EXPECT_EQ(hook.LastTag(), "tblsndr.dtor");
-  EXPECT_EQ(PeerReceives(), kUs);
+  EXPECT_EQ(peer_.ReceiveUntilEnd(), kRecordOfUs);
 }

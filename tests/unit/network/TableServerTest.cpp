@@ -10,10 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -27,15 +26,19 @@
 
 #include "CallRecorder.h"
 #include "Client.h"
+#include "Records.h"
 #include "StartedServer.h"
 #include "network/ActiveESNs.h"
 #include "network/PeerTable.h"
 #include "network/PeerThreads.h"
 #include "network/TableServer.h"
 #include "support/DescriptorLimit.h"
+#include "support/Descriptors.h"
+#include "support/Entries.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 
 namespace {
 
@@ -55,8 +58,6 @@ constexpr std::chrono::seconds kDeadline(10);  // Bounds failing runs only.
 
 // The numbers that CallRecorder gives to the descriptors of a server.
 enum Number : std::size_t { kListener = 1, kDiscoverer, kDoneRead, kDoneWrite, kWakeRead, kWakeWrite };
-
-const std::string kRecordOfUid = std::string("\x00\x20\x00\x08", 4) + "db" + "\3devproc";
 
 template <class Promise>
 bool IsKept(Promise& promise) {
@@ -146,28 +147,19 @@ std::vector<std::string> NamesOfLocalTables() {
 
 // A thread that waits in the kernel, or is gone.
 bool IsAsleep(pid_t thread) {
-  std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
-  std::string text;
-  std::getline(status, text);
-  const std::size_t state = text.rfind(") ");
-  return state == std::string::npos || text[state + 2] == 'S';
+  const char state = StateOfThread(thread);
+  return state == 'S' || state == 'X';
 }
 
-std::size_t NumberOfThreads() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.rfind("Threads:", 0) == 0) return std::stoul(line.substr(8));
-  }
-  return 0;
-}
+std::ptrdiff_t NumberOfThreads() { return Entries("/proc/self/task"); }
 
 // What the thread of the one peer does at its end: it stays until the server's own threads have gone and the stop is
 // either asleep or past it.
 class EndOfThePeerThread {
  public:
   // To be made by the thread that stops the server, beside which there are `others`.
-  EndOfThePeerThread(CallRecorder& calls, std::size_t others) : calls_(calls), others_(others), stopping_(gettid()) {}
+  EndOfThePeerThread(CallRecorder& calls, std::ptrdiff_t others)
+      : calls_(calls), others_(others), stopping_(gettid()) {}
 
   void Delay() const {
     const auto deadline = std::chrono::system_clock::now() + kDeadline;
@@ -183,7 +175,7 @@ class EndOfThePeerThread {
   }
 
   CallRecorder& calls_;
-  const std::size_t others_;
+  const std::ptrdiff_t others_;
   const pid_t stopping_;
 };
 
@@ -357,7 +349,7 @@ TEST_P(MissingThreadTest, LeavesNoDescriptorOpen) {
 }
 
 TEST_P(MissingThreadTest, LeavesNoThread) {
-  const std::size_t before = NumberOfThreads();
+  const std::ptrdiff_t before = NumberOfThreads();
 
   EXPECT_THROW(StartWithoutThread(), std::system_error);
 
@@ -377,13 +369,11 @@ TEST_P(MissingThreadTest, LeavesRoomForAnotherServer) {
 
   Start();
 
-  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUs);
 }
 
 TEST(TableServer, MemoryThatRunsOutAtConstructionLeavesNothingBehind) {
-  const auto open = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
-  };
+  const auto open = [] { return Entries("/proc/self/fd"); };
   SetLogHook({});
   const std::string long_name(100, 'n');  // Does not fit into a string itself.
   const auto table = Varnix::MakeTable("t");
@@ -480,17 +470,16 @@ TEST_F(TableServerTest, DestructionWithoutPeersIsSilentButForTheDoneRow) {
 TEST_F(TableServerTest, DonePipeStaysReadableOnceTheStopHasBegun) {
   Start();
   int unread = 0;
-  int ready = 0;
+  bool readable = false;
   calls_.OnCall([&](const std::string& call) {
     if (call != "close(#1)") return;  // All threads have seen the byte by now.
-    pollfd entry = {calls_.Descriptor(kDoneRead), POLLIN, 0};
-    ready = Hooks().poll.Real(&entry, 1, 0);
+    readable = IsReadable(calls_.Descriptor(kDoneRead));
     ioctl(calls_.Descriptor(kDoneRead), FIONREAD, &unread);
   });
 
   server_->Stop();
 
-  EXPECT_EQ(ready, 1);
+  EXPECT_TRUE(readable);
   EXPECT_EQ(unread, 1);
 }
 
@@ -527,7 +516,7 @@ TEST_F(TableServerTest, WriteToTheDonePipeThatTakesNothingIsAFailure) {
 TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatNeverAnswers) {
   Start();
   const Client silent(Port());
-  ASSERT_EQ(silent.Receive(14), kRecordOfUid);
+  ASSERT_EQ(silent.Receive(14), kRecordOfUs);
 
   server_->Stop();
 
@@ -538,7 +527,7 @@ TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatNeverAnswers) {
 TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatReceivesRows) {
   Start();
   const Client peer(Port());
-  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  ASSERT_EQ(peer.Receive(14), kRecordOfUs);
   peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
   ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
 
@@ -550,8 +539,8 @@ TEST_F(TableServerTest, StopEndsTheConnectionOfAPeerThatReceivesRows) {
 TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
   Start();
   const Client peer(Port());
-  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
-  const std::size_t threads_of_server = 3;
+  ASSERT_EQ(peer.Receive(14), kRecordOfUs);
+  const std::ptrdiff_t threads_of_server = 3;
   const EndOfThePeerThread end(calls_, NumberOfThreads() - threads_of_server);
   calls_.Clear();
   calls_.OnCall([&](const std::string& call) {
@@ -566,7 +555,7 @@ TEST_F(TableServerTest, StopWaitsForTheLastPeerThread) {
 
 TEST_F(TableServerTest, StopWaitsAlsoForThePeerThatItsOwnThreadAcceptsMeanwhile) {
   Start();
-  const std::size_t threads_of_server = 2;
+  const std::ptrdiff_t threads_of_server = 2;
   const EndOfThePeerThread end(calls_, NumberOfThreads() - threads_of_server);
   std::promise<void> accepted;
   std::atomic<bool> stop_has_begun{false};
@@ -690,7 +679,7 @@ TEST_F(ThrowingHookTest, AtTheDoneRowKeepsNoStepFromBeingTaken) {
   Start();
   const std::shared_ptr<Varnix::Table> done_table = DoneTable();
   const Client peer(Port());
-  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  ASSERT_EQ(peer.Receive(14), kRecordOfUs);
   peer.Send(std::string("\x00\x50\x00\x02other\x00\x09", 11));
   ASSERT_TRUE(log_.Eventually("tbl.watch.all", 2));
   ThrowAt("tbl.set.ins");
@@ -800,7 +789,7 @@ TEST_F(TableServerTest, FailedWriteToTheWakePipeIsLoggedAndTheServerGoesOn) {
   Hooks().write.Reset();
   EXPECT_THAT(log_.Lines("tblsvr.nwc"),
               ElementsAre(LogLine{LogLevel::Error, "tblsvr.nwc", "TableServer: pipe write network changed 11", ""}));
-  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUid);
+  EXPECT_EQ(Client(Port()).Receive(14), kRecordOfUs);
 }
 
 // Accepting.
@@ -810,7 +799,7 @@ TEST_F(TableServerTest, AcceptedConnectionIsServed) {
 
   const Client peer(Port());
 
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_EQ(peer.Receive(14), kRecordOfUs);
 }
 
 TEST_F(TableServerTest, ConnectionsAreServedSideBySide) {
@@ -819,14 +808,14 @@ TEST_F(TableServerTest, ConnectionsAreServedSideBySide) {
   const Client one(Port());
   const Client other(Port());
 
-  EXPECT_EQ(one.Receive(14), kRecordOfUid);
-  EXPECT_EQ(other.Receive(14), kRecordOfUid);
+  EXPECT_EQ(one.Receive(14), kRecordOfUs);
+  EXPECT_EQ(other.Receive(14), kRecordOfUs);
 }
 
 TEST_F(TableServerTest, PeerIsConnectedBackToAtTheAddressItCameFrom) {
   Start();
 
-  const Client peer(Port(), "127.0.0.2");
+  const Client peer(Port(), 0x7F000002);
   peer.Answer();
 
   ASSERT_TRUE(log_.Eventually("tblrcvr.ctor"));
@@ -865,7 +854,7 @@ TEST_F(TableServerTest, PeerThreadReservesAQuarterOfAMebibyteForItsStack) {
 
   const Client peer(Port());
 
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_EQ(peer.Receive(14), kRecordOfUs);
   EXPECT_THAT(sizes.Get(), ElementsAre(AllOf(Ge(kSmallStack), Lt(kLargeStack))));
 }
 
@@ -878,7 +867,7 @@ TEST_F(TableServerTest, PeerThreadGetsALargeStackWhereThreadLocalObjectsNeedIt) 
 
   const Client peer(Port());
 
-  EXPECT_EQ(peer.Receive(14), kRecordOfUid);
+  EXPECT_EQ(peer.Receive(14), kRecordOfUs);
   EXPECT_THAT(sizes.Get(), ElementsAre(Ge(kLargeStack)));
 }
 
@@ -908,7 +897,7 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   std::vector<std::unique_ptr<Client>> peers;
   for (int i = 0; i < 48; ++i) {
     peers.push_back(std::make_unique<Client>(Port()));
-    ASSERT_EQ(peers.back()->Receive(14), kRecordOfUid);
+    ASSERT_EQ(peers.back()->Receive(14), kRecordOfUs);
   }
   EXPECT_THAT(log_.Tags(), Not(Contains("tblsvr.acc.thread")));
 
@@ -921,7 +910,7 @@ TEST_F(TableServerTest, PeersThatAreServedTakeNoMoreThanThreeEighthsOfTheDescrip
   peers.clear();
   EXPECT_TRUE(log_.Eventually("tblsndr.dtor", 48));
   const auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (Client(Port()).Receive(14) != kRecordOfUid) {
+  while (Client(Port()).Receive(14) != kRecordOfUs) {
     ASSERT_LT(std::chrono::steady_clock::now(), end);  // The last of the threads counts until it is gone.
   }
 }
@@ -939,7 +928,7 @@ TEST_F(TableServerTest, FoundPeerForWhichThereIsNoThreadHoldsUpNoStop) {
 TEST_F(TableServerTest, PeerThatCannotBeConnectedBackToIsServedAllTheSame) {
   Start();
   const Client peer(Port());
-  ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+  ASSERT_EQ(peer.Receive(14), kRecordOfUs);
   Hooked start_thread(Hooks().start_thread, ThrowNoThread);
 
   peer.Answer();
@@ -953,7 +942,7 @@ TEST_F(TableServerTest, NextMessageOfAPeerTriesAgainToConnectBack) {
   Start();
   {
     const Client peer(Port());
-    ASSERT_EQ(peer.Receive(14), kRecordOfUid);
+    ASSERT_EQ(peer.Receive(14), kRecordOfUs);
     Hooked start_thread(Hooks().start_thread, ThrowNoThread);
     peer.Answer();
     ASSERT_TRUE(log_.Eventually("tblsvr.fnd.thread"));

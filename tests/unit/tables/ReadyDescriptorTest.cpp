@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "support/DescriptorLimit.h"
+#include "support/Descriptors.h"
 #include "support/FailingAllocations.h"
 #include "support/ForkedChild.h"
 #include "support/Tables.h"
@@ -32,18 +33,6 @@ using Varnix::Row;
 using Clock = std::chrono::steady_clock;
 
 constexpr Clock::time_point kPast{};
-
-bool IsReadable(int descriptor) {
-  pollfd entry = {descriptor, POLLIN, 0};
-  return poll(&entry, 1, 0) == 1 && entry.revents == POLLIN;
-}
-
-void PollFor(int descriptor) {
-  pollfd entry = {descriptor, POLLIN, 0};
-  poll(&entry, 1, -1);
-}
-
-bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; }
 
 class ForeignSet final : public Varnix::WatcherSet {
  public:
@@ -237,7 +226,7 @@ TEST_F(ReadyDescriptorTest, LetsManyWaitersOfEachKindTakeEachChangeOnce) {
     // Each ends with the end that it takes, and leaves to others what is pending then.
     waiters.emplace_back([&, by_poll = i % 2 == 0] {
       for (;;) {
-        if (by_poll) PollFor(descriptor);
+        if (by_poll) AwaitInput(descriptor, -1);
         const auto change = by_poll ? set->WaitUntil(kPast) : set->Wait();
         if (change.second == nullptr) continue;
         if (change.first.second == "end") return;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "support/Descriptors.h"
 #include "support/ForkedChild.h"
 #include "support/Own.h"
 #include "support/SleepingThread.h"
@@ -19,8 +20,6 @@
 #include "threads/FileDescriptor.h"
 
 namespace {
-
-bool IsOpen(int descriptor) { return fcntl(descriptor, F_GETFD) >= 0; }
 
 FileDescriptor Open() { return Own(dup(STDERR_FILENO)); }
 
