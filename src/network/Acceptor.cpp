@@ -71,6 +71,5 @@ void Acceptor::Serve(FileDescriptor socket, unsigned address) {
 }
 
 bool Acceptor::StopsWithin(std::chrono::milliseconds time) const {
-  pollfd done = {member_.done_descriptor, POLLIN, 0};
-  return poll(&done, 1, static_cast<int>(time.count())) == 1;
+  return PollForInput(member_.done_descriptor, time) == 1;
 }

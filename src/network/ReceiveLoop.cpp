@@ -3,8 +3,6 @@
 
 #include "network/ReceiveLoop.h"
 
-#include <poll.h>
-
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -12,6 +10,7 @@
 #include "network/ActiveESNs.h"
 #include "network/Member.h"
 #include "network/StopExceptions.h"
+#include "network/SystemCalls.h"
 #include "network/TableReceiver.h"
 
 using Varnix::LogLevel;
@@ -77,13 +76,13 @@ bool ReceiveLoop::ExtendOrCheckDeadline(Clock::duration lasted, Clock::time_poin
 }
 
 bool ReceiveLoop::PauseBeforeRetry() {
-  pollfd done = {member_.done_descriptor, POLLIN, 0};
-  if (poll(&done, 1, static_cast<int>(kRetryPause.count())) < 0) {
+  const int ready = PollForInput(member_.done_descriptor, kRetryPause);
+  if (ready < 0) {
     if (errno == EINTR) return true;
     Log(LogLevel::Error, "tblsvr.fp.poll", "TableServer: FoundPeer::poll error %d", errno);
     return false;
   }
-  if (done.revents == 0) return true;
+  if (ready == 0) return true;
   VARNIX_LOG_OF(member_, LogLevel::Info, "tblsvr.fnd.rcv.err.abort", " aborted while retrying ReceiveTable");
   throw AbortRequested();
 }

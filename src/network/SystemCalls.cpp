@@ -28,6 +28,11 @@ int PollAgainAfterSignals(pollfd* entries, nfds_t count, int time_out) {
   return ready;
 }
 
+int PollForInput(int descriptor, std::chrono::milliseconds time_out) {
+  pollfd entry = {descriptor, POLLIN, 0};
+  return poll(&entry, 1, static_cast<int>(time_out.count()));
+}
+
 void NameThisThread(const char* what, const char* database) {
   char name[16];  // All that the kernel keeps.
   std::snprintf(name, sizeof name, "%s:%s", what, database);

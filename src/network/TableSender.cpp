@@ -4,7 +4,6 @@
 #include "network/TableSender.h"
 
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -82,10 +81,7 @@ void TableSender::StreamRows() {
 }
 
 // After its one record the peer sends nothing. If the socket is readable now, the connection has ended.
-bool TableSender::PeerIsGone() const {
-  pollfd entry = {stream_->Socket(), POLLIN, 0};
-  return poll(&entry, 1, 0) == 1;
-}
+bool TableSender::PeerIsGone() const { return PollForInput(stream_->Socket(), std::chrono::milliseconds(0)) == 1; }
 
 void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point now) {
   if (HasHookOfTheHost()) SendBuffered();  // It may be slow with this row.

@@ -83,7 +83,10 @@ void TableServer::StartThreads() {
     NameThisThread("vrx-find", member_.database.c_str());
     discovery->Run();
   });
-  accept_thread_ = std::thread(&TableServer::Accept, this);
+  accept_thread_ = std::thread([this] {
+    NameThisThread("vrx-acpt", member_.database.c_str());
+    Accept();
+  });
 }
 
 TableServer::~TableServer() {
@@ -157,7 +160,6 @@ void TableServer::NetworkChanged() {
 void TableServer::ForgetInChild() { LocalTableRegistry::LeaveInChild(member_.done_table.get()); }
 
 void TableServer::Accept() {
-  NameThisThread("vrx-acpt", member_.database.c_str());
   Acceptor(member_, listener_.Get(), [this](FileDescriptor& socket, unsigned address) {
     return IncomingConnection(socket, address);
   }).Run();

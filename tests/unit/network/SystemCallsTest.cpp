@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -67,6 +68,34 @@ TEST(SystemCalls, PollThatFailsForAnotherReasonIsNotRepeated) {
   EXPECT_EQ(PollAgainAfterSignals(&entry, 1, -1), -1);
 
   EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(SystemCalls, InputOfADescriptorIsPolledForWithThisTimeOut) {
+  pollfd polled{};
+  int milliseconds = 0;
+  const Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
+    EXPECT_EQ(count, 1U);
+    polled = entries[0];
+    milliseconds = time_out;
+    return 1;
+  });
+
+  EXPECT_EQ(PollForInput(7, std::chrono::milliseconds(1234)), 1);
+
+  EXPECT_EQ(polled.fd, 7);
+  EXPECT_EQ(polled.events, POLLIN);
+  EXPECT_EQ(polled.revents, 0);
+  EXPECT_EQ(milliseconds, 1234);
+}
+
+TEST(SystemCalls, PollForInputThatIsInterruptedIsNotRepeated) {
+  int polls = 0;
+  const Hooked poll(Hooks().poll, [&](pollfd*, nfds_t, int) { return ++polls == 1 ? FailWith{EINTR}() : 0; });
+
+  EXPECT_EQ(PollForInput(7, std::chrono::milliseconds(1234)), -1);
+
+  EXPECT_EQ(errno, EINTR);
+  EXPECT_EQ(polls, 1);
 }
 
 TEST(SystemCalls, ThreadIsNamedAfterItsWorkAndAsMuchOfTheDatabaseAsFits) {
