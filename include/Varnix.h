@@ -230,13 +230,13 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 
 /// Shares the database with the members of `group` on the local network, from now until the process exits,
 /// StopSharing() or the next call for this database. Those share that name the same database and the same group. There
-/// may be any number of members on one host or on many.
+/// may be any number of members on one device or on many.
 ///
 /// device, process: who we are. No two members may have the same pair. Both are only compared, logged and shown in peer
 ///   tables.
 /// broadcast_address: where announcements are sent: an IPv4 address in network byte order, such as the s_addr of
 ///   inet_aton(). 0 stands for 255.255.255.255, which needs a route and leaves by one network only; a network's own
-///   broadcast address chooses that network; 127.255.255.255 stays on this host. With an address that is no broadcast
+///   broadcast address chooses that network; 127.255.255.255 stays on this device. With an address that is no broadcast
 ///   address, such as 127.0.0.1, only one member there hears the announcements, and perhaps nobody meets.
 /// Waits: if the database was shared already, until all threads of that sharing have ended, also when nothing changes.
 ///   Peers are met again at their next announcement, up to 60 seconds later, or sooner through their own connections;

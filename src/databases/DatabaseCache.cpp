@@ -19,7 +19,7 @@ struct Holder {
   bool exiting VARNIX_GUARDED_BY(lock) = false;
 };
 
-// Threads that outlive main, and destructors of the host's static objects, still ask for the cache.
+// Threads that outlive main, and destructors of the program's static objects, still ask for the cache.
 NeverDestroyed<Holder> never_destroyed;
 Holder& holder = never_destroyed.value;
 

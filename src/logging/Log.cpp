@@ -19,7 +19,7 @@ std::atomic<std::thread::id> hook_thread;
 // prints an error to a slow device keeps no other from setting rows.
 std::atomic<bool> only_errors_are_heard{true};
 
-// Emptied at exit and never destroyed: static objects of the host, and threads that outlive main, still log.
+// Emptied at exit and never destroyed: static objects of the program, and threads that outlive main, still log.
 LogHook& Hook() VARNIX_REQUIRES(log_lock) {
   alignas(LogHook) static unsigned char place[sizeof(LogHook)];  // The first message allocates nothing either.
   static LogHook& hook = *new (place) LogHook(DefaultLogger);

@@ -24,7 +24,7 @@ void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, 
 // Replaces the hook by a copy. The previous hook is destroyed when this returns.
 void SetLogHook(const LogHook& hook);
 
-// Whether the host gets messages that are less serious than errors, and may be slow with each.
+// Whether the program gets messages that are less serious than errors, and may be slow with each.
 bool HasHookOfTheHost();
 
 // For fork(): the child must not get a log lock that another thread holds.

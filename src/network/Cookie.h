@@ -16,9 +16,9 @@
 // What stands behind the stdio stream of a connected socket. Every wait for the socket also watches the done pipe of
 // the server, so that one byte there ends all reads and writes of all its streams, now and later.
 //
-// Threads: a cookie and its stream belong to one thread. But the host's fflush(nullptr) visits every stream of the
+// Threads: a cookie and its stream belong to one thread. But the program's fflush(nullptr) visits every stream of the
 // process and waits for the lock of each. So our thread holds the lock for each record (see StreamLock) and lends it
-// out while it waits for the peer (see Poll). Between two records, rows may stand in the buffer. A flush of the host's
+// out while it waits for the peer (see Poll). Between two records, rows may stand in the buffer. A flush by the program
 // sends as much of them as the peer takes at once, and our thread sends the rest.
 // Ownership: owns neither the socket nor the stream.
 struct Cookie {
@@ -39,7 +39,7 @@ struct Cookie {
   // streams, and would wait for that lock; and what it throws must not cross the frames of stdio.
   void LogReadError();
 
-  // Sends what a flush of the host's has left. Under the StreamLock of the caller. False on failure or abort.
+  // Sends what a flush by the program has left. Under the StreamLock of the caller. False on failure or abort.
   bool SendUnsent();
 
  private:
@@ -56,9 +56,9 @@ struct Cookie {
 
   const std::thread::id thread_ = std::this_thread::get_id();
   int read_error_ = 0;  // An errno that has not been logged yet.
-  // The host's flushes look at these. All change only under the stream's lock, which no sanitizer sees: hence atomic.
+  // Flushes by the program look at these. All change only under the stream's lock, which no sanitizer sees: so, atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
-  std::atomic<bool> lock_lent_{false};         // Our thread waits, or ends the process: a call now comes from the host.
+  std::atomic<bool> lock_lent_{false};         // Our thread waits, or ends the process: the program calls now.
   std::atomic<bool> has_unsent_{false};
-  std::string unsent_;  // What a flush of the host's could not send. Looked at after `has_unsent_`, changed before it.
+  std::string unsent_;  // What a flush by the program could not send. Read after `has_unsent_`, changed before it.
 };

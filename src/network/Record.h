@@ -23,7 +23,7 @@ bool BufferRecord(const Varnix::Row& record, SocketStream& stream);
 // not flush.
 bool HasEmptyField(const Varnix::Row& record);
 
-// Sends what is in the buffer, and what a flush of the host's has taken from there and not sent. False when the stream
+// Sends what is in the buffer, and what a flush by the program has taken from there and not sent. False when the stream
 // has failed.
 bool FlushRecords(SocketStream& stream);
 

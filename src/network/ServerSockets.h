@@ -5,9 +5,9 @@
 
 #include "threads/FileDescriptor.h"
 
-// The descriptors of the network. Each is closed on exec from the moment it is made: in a program that the host
-// starts it would hold a connection open whose owner is gone. When a system call fails while those of a table server
-// are made, that is logged with errno and ends the process.
+// The descriptors of the network. Each is closed on exec from the moment it is made: another program that this one
+// starts would hold a connection open whose owner is gone. When a system call fails while those of a table server are
+// made, that is logged with errno and ends the process.
 
 constexpr unsigned short kDiscoveryPort = 1975;
 

@@ -10,7 +10,7 @@
 
 // A connected socket with its stdio stream.
 //
-// Threads: one; see Cookie for what the host may do to the stream meanwhile.
+// Threads: one; see Cookie for what the program may do to the stream meanwhile.
 // Ownership: owns the socket, the cookie and the stream. A forked child, which does not have the thread, never destroys
 // its copy: stdio flushes the stream at the child's exit and needs the cookie. So it is never made on a stack.
 class SocketStream {
@@ -34,7 +34,7 @@ class SocketStream {
   FILE* file_ = nullptr;
 };
 
-// Locks a stream for one record, so that a flush of the host's never meets half of one.
+// Locks a stream for one record, so that a flush by the program never meets half of one.
 class StreamLock {
  public:
   explicit StreamLock(SocketStream& stream);

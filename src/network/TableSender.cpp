@@ -111,7 +111,7 @@ void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point n
 bool TableSender::MayStayInBuffer(Clock::time_point now) const {
   constexpr std::size_t kMostBytes = BUFSIZ;
   constexpr std::chrono::microseconds kLongest(500);
-  // A hook of the host's may be slow with the next row.
+  // The program's hook may be slow with the next row.
   return !HasHookOfTheHost() && buffered_ < kMostBytes && now - buffered_since_ < kLongest;
 }
 

@@ -18,7 +18,7 @@ struct Member;
 // the member's table and then each change, until the peer goes or the server stops.
 //
 // Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, at the first
-// row that comes half a millisecond after the oldest in it, and before a log hook of the host's is called.
+// row that comes half a millisecond after the oldest in it, and before a log hook of the program is called.
 //
 // The handshake has no time limit: the end of the connection or of the server ends it.
 //

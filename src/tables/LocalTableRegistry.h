@@ -9,7 +9,7 @@
 class LocalTable;
 
 // The process-wide list of live local tables. It keeps none alive: its references are weak. It is made on first use and
-// freed at process exit. From then on it is empty, though tables of the host's static objects may live on.
+// freed at process exit. From then on it is empty, though tables of the program's static objects may live on.
 //
 // Threads: any, with or without the table lock. The registry lock comes after the table lock. Nothing else is called
 // while it is held.

@@ -37,8 +37,8 @@ FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
 
 FileDescriptor::~FileDescriptor() { Close(); }
 
-// Under the lock to the end: a child must neither miss the descriptor nor close one that the host has got by then under
-// the same number.
+// Under the lock to the end: a child must neither miss the descriptor nor close one that the program has got by then
+// under the same number.
 void FileDescriptor::Close() noexcept {
   if (!IsOpen()) return;
   const NoFork no_fork;

@@ -19,7 +19,7 @@
 
 // Records the calls that make, set up, write to and close the descriptors of a server, as text:
 // "socket(AF_INET, SOCK_STREAM, 0) = #1". Descriptors are numbered as they are made, calls on any other are left out.
-// A socket that asks for the discovery port gets another, so that no other server of this host is heard.
+// A socket that asks for the discovery port gets another, so that no other server of this machine is heard.
 class CallRecorder {
  public:
   std::vector<std::string> Calls() const {

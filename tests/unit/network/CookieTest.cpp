@@ -46,7 +46,7 @@ class CookieTest : public ConnectionTest {
     std::string bytes;
     return Read(bytes);
   }
-  // `write` writes the rows while a host flushes all the time: they arrive as they are, and nothing else does.
+  // `write` writes the rows while the program flushes all the time: they arrive as they are, and nothing else does.
   void ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
                                  const std::function<void(const std::vector<Varnix::Row>&)>& write);
 };
@@ -653,7 +653,7 @@ TEST_F(CookieTest, StreamWritesShortWhenTheServerStops) {
   CloseStream();
 }
 
-// The host flushes every stream of the process.
+// The program flushes every stream of the process.
 
 namespace {
 
@@ -681,7 +681,7 @@ bool IsLockedForOthers(FILE* stream) {
   return locked;
 }
 
-// What a host may do at any time.
+// What a program may do at any time.
 class HostThatFlushes {
  public:
   HostThatFlushes()

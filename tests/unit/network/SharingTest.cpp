@@ -23,7 +23,7 @@ namespace {
 using testing::IsEmpty;
 using Varnix::LogLevel;
 
-// Whole servers, which announce themselves on this host, in a group that no other process is in.
+// Whole servers, which announce themselves on this machine, in a group that no other process is in.
 class SharingTest : public testing::Test {
  protected:
   struct Tables {

@@ -15,7 +15,7 @@
 #include "network/TableServer.h"
 #include "support/HookedHere.h"
 
-// A server that announces itself on this host, in a group that no other process is in, and the port on which it
+// A server that announces itself on this machine, in a group that no other process is in, and the port on which it
 // listens.
 class StartedServer {
  public:
