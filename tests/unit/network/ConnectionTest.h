@@ -10,7 +10,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <future>
 #include <memory>
@@ -19,6 +18,7 @@
 
 #include "PeerEnd.h"
 #include "network/SocketStream.h"
+#include "support/IsKept.h"
 #include "support/LogRecorder.h"
 #include "support/Own.h"
 #include "support/SystemCallHooks.h"
@@ -83,10 +83,7 @@ class WaitingInPoll {
           return Hooks().poll.Real(entries, count, time_out);
         }) {}
 
-  bool Eventually() {
-    return waiting_.get_future().wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) ==
-           std::future_status::ready;
-  }
+  bool Eventually() { return IsKept(waiting_); }
 
  private:
   std::atomic<bool> told_{false};

@@ -24,6 +24,7 @@
 #include "support/Descriptors.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
+#include "support/IsKept.h"
 #include "support/Says.h"
 
 namespace {
@@ -665,8 +666,7 @@ bool HostFlushReturns(Unblock unblock) {
     fflush(nullptr);
     returned.set_value();
   });
-  const bool in_time = returned.get_future().wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) ==
-                       std::future_status::ready;
+  const bool in_time = IsKept(returned);
   if (!in_time) unblock();
   host.join();
   return in_time;
@@ -894,8 +894,8 @@ TEST_F(CookieTest, LogHookThatFlushesOnOurThreadDoesNotWaitForAStalledPeer) {
   SetLogHook([](Varnix::LogLevel, const char*, const char*, va_list) { fflush(nullptr); });
   std::promise<void> logged;
   bool in_time = false;
-  std::thread patience([&, done = logged.get_future()] {
-    in_time = done.wait_until(std::chrono::system_clock::now() + std::chrono::seconds(10)) == std::future_status::ready;
+  std::thread patience([&] {
+    in_time = IsKept(logged);
     if (!in_time) peer_->Close();
   });
 

@@ -10,7 +10,9 @@
 #include <string>
 
 #include "CallRecorder.h"
+#include "Client.h"
 #include "logging/Log.h"
+#include "network/PeerPlace.h"
 #include "network/ServerSockets.h"
 #include "support/Descriptors.h"
 #include "support/FailWith.h"
@@ -21,27 +23,11 @@ namespace {
 using testing::ElementsAre;
 using testing::KilledBySignal;
 
-sockaddr_in Loopback(unsigned short port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-bool ConnectTo(unsigned short port) {
-  const int client = socket(AF_INET, SOCK_STREAM, 0);
-  const sockaddr_in address = Loopback(port);
-  const int result = connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  close(client);
-  return result == 0;
-}
-
 unsigned short PortOf(const FileDescriptor& socket) {
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  getsockname(socket.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
+  getsockname(socket.Get(), Generic(address), &size);
+  return ToPeerPlace(address).port;
 }
 
 int OptionOf(const FileDescriptor& socket, int option) {
@@ -75,7 +61,7 @@ TEST(ServerSockets, ListeningSocketTellsItsPortInHostByteOrder) {
 
   EXPECT_NE(port, 0);
   EXPECT_EQ(port, PortOf(listener));
-  EXPECT_TRUE(ConnectTo(port));
+  const Client client(port);  // It connects.
 }
 
 TEST(ServerSockets, EveryListeningSocketHasAPortOfItsOwn) {
@@ -124,12 +110,10 @@ TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
   ASSERT_EQ(PortOf(one), 1975);
   ASSERT_EQ(PortOf(other), 1975);
   const std::string marker = std::string(2, '\0') + "sockets of " + std::to_string(getpid());
-  sockaddr_in everyone = Loopback(1975);
-  everyone.sin_addr.s_addr = inet_addr("127.255.255.255");
+  const sockaddr_in everyone = ToSocketAddress({0x7FFFFFFF, 1975});
 
-  ASSERT_EQ(
-      sendto(one.Get(), marker.data(), marker.size(), 0, reinterpret_cast<const sockaddr*>(&everyone), sizeof everyone),
-      static_cast<ssize_t>(marker.size()));
+  ASSERT_EQ(sendto(one.Get(), marker.data(), marker.size(), 0, Generic(everyone), sizeof everyone),
+            static_cast<ssize_t>(marker.size()));
 
   for (const FileDescriptor* listener : {&one, &other}) {
     std::string heard;

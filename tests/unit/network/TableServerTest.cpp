@@ -37,6 +37,7 @@
 #include "support/Entries.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
+#include "support/IsKept.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 
@@ -58,11 +59,6 @@ constexpr std::chrono::seconds kDeadline(10);  // Bounds failing runs only.
 
 // The numbers that CallRecorder gives to the descriptors of a server.
 enum Number : std::size_t { kListener = 1, kDiscoverer, kDoneRead, kDoneWrite, kWakeRead, kWakeWrite };
-
-template <class Promise>
-bool IsKept(Promise& promise) {
-  return promise.get_future().wait_until(std::chrono::system_clock::now() + kDeadline) == std::future_status::ready;
-}
 
 constexpr std::size_t kSmallStack = std::size_t{256} * 1024;  // The thread sanitizer adds some of its own.
 constexpr std::size_t kLargeStack = std::size_t{8} * 1024 * 1024;
