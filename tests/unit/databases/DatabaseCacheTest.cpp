@@ -23,6 +23,7 @@
 #include "databases/DatabaseCache.h"
 #include "support/FailWith.h"
 #include "support/FailingAllocations.h"
+#include "support/FailingLocks.h"
 #include "support/ForkedChild.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
@@ -500,6 +501,24 @@ TEST(MakeSharedTable, WorksAfterTheLogHookHasThrownAnywhere) {
       return;
     }
   }
+}
+
+TEST(MakeSharedTable, WorksAfterALockHasFailedAnywhere) {
+  SetLogHook([](LogLevel, const char*, const char*, va_list) {});
+  bool failed = true;
+  for (long n = 1; failed; ++n) {
+    const std::string name = "not locked " + std::to_string(n);
+    failed = FailsToLockAt(n, [&] { Varnix::MakeSharedTable(name, "t"); });
+    EXPECT_TRUE(failed || n > 2);
+
+    const auto table = Varnix::MakeSharedTable(name, "t");
+    table->Set({"k", "v"});
+
+    EXPECT_EQ(Contents(*table), (Rows{{"k", "v"}}));
+    EXPECT_TRUE(IsListed(name));
+    EXPECT_EQ(Contents(*Varnix::GetTableTable(name)), (Rows{{"t", ""}}));
+  }
+  SetLogHook(DefaultLogger);
 }
 
 TEST(GetTableTable, WorksAfterTheLogHookHasThrownAnywhere) {

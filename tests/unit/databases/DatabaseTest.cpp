@@ -14,6 +14,7 @@
 
 #include "databases/Database.h"
 #include "support/FailingAllocations.h"
+#include "support/FailingLocks.h"
 #include "support/LogRecorder.h"
 #include "support/Tables.h"
 #include "support/ThrowingHook.h"
@@ -301,6 +302,21 @@ TEST(Database, KeepsItsSettingsWhenTheLogHookThrowsAtTheFirstLineOfSetSharing) {
   EXPECT_EQ(settings.group, "database test");
   EXPECT_EQ(settings.device, "dev");
   EXPECT_EQ(settings.process, "proc");
+}
+
+TEST(Database, KeepsItsSettingsWhenALockFailsBeforeTheOldServerIsStopped) {
+  Database database("d");
+  database.SetSharing(Settings());
+  const SharingSettings later{"new", "dev2", "proc2", Settings().broadcast_address};
+  SetLogHook([](LogLevel, const char*, const char*, va_list) {});
+  for (long n : {1, 2}) {  // The log lock and that of the database.
+    EXPECT_TRUE(FailsToLockAt(n, [&] { database.SetSharing(later); }));
+
+    SharingSettings settings;
+    EXPECT_TRUE(database.GetSharing(settings));
+    EXPECT_EQ(settings.group, "database test");
+  }
+  SetLogHook(DefaultLogger);
 }
 
 TEST(Database, IsNotSharedWhenTheLogHookThrowsBeforeTheNewServerIsMade) {

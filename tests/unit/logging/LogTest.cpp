@@ -18,6 +18,7 @@
 
 #include "logging/Log.h"
 #include "support/FailingAllocations.h"
+#include "support/FailingLocks.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 
@@ -95,6 +96,18 @@ TEST(Log, PassesOnWhatTheHookThrowsWithTheLockReleased) {
   LogRecorder log;  // Takes the log lock.
   Log(LogLevel::Debug, "tag", "text");
   EXPECT_EQ(log.Lines().size(), 1U);
+}
+
+TEST(Log, ThrowsWhenTheLockFailsAndWorksAfterwards) {
+  int calls = 0;  // No recorder: that takes a lock of its own.
+  SetLogHook([&](LogLevel, const char*, const char*, va_list) { ++calls; });
+
+  EXPECT_TRUE(FailsToLockAt(1, [] { Log(LogLevel::Debug, "tag", "lost"); }));
+  EXPECT_EQ(calls, 0);
+
+  Log(LogLevel::Debug, "tag", "text");
+  SetLogHook(DefaultLogger);
+  EXPECT_EQ(calls, 1);
 }
 
 TEST(Log, NeverRunsTheHookTwiceAtOnce) {
@@ -251,6 +264,15 @@ TEST(SetLoggingFunction, KeepsTheHookWhenTheNewOneCannotBeCopied) {
   armed = true;
 
   EXPECT_THROW(SetLogHook(uncopyable), std::runtime_error);
+
+  Log(LogLevel::Debug, "tag", "text");
+  EXPECT_EQ(log.Lines().size(), 1U);
+}
+
+TEST(SetLoggingFunction, KeepsTheHookWhenTheLockFails) {
+  LogRecorder log;
+
+  EXPECT_TRUE(FailsToLockAt(1, [] { Varnix::SetLoggingFunction(nullptr); }));
 
   Log(LogLevel::Debug, "tag", "text");
   EXPECT_EQ(log.Lines().size(), 1U);

@@ -16,6 +16,7 @@
 
 #include "logging/Log.h"
 #include "support/FailingAllocations.h"
+#include "support/FailingLocks.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 #include "support/SystemCallHooks.h"
@@ -299,6 +300,17 @@ TEST_F(LWatcherSetTest, LosesNoChangeWhenMemoryRunsOut) {
   }
 
   EXPECT_EQ(taken, (Change{row, watcher}));
+}
+
+TEST_F(LWatcherSetTest, LosesNoChangeWhenTheLockFails) {
+  table_->Set({"k", "v"});
+  const auto watcher = table_->WatchAll();
+  const auto set = Varnix::MakeWatcherSet({watcher});
+
+  EXPECT_TRUE(FailsToLockAt(1, [&] { set->Wait(); }));
+  EXPECT_TRUE(FailsToLockAt(1, [&] { set->WaitUntil(kPast); }));
+
+  EXPECT_EQ(set->WaitUntil(kPast), (Change{{"k", "v"}, watcher}));
 }
 
 TEST_F(LWatcherSetTest, LeavesNoTraceWhenMemoryRunsOutWhileItIsMade) {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/FailingLocks.h"
 #include "tables/AllWatcher.h"
 #include "tables/KeyWatcher.h"
 #include "tables/LWatcher.h"
@@ -194,6 +195,16 @@ TEST(LWatcher, MayBeMadeReadAndDestroyedWhileOthersSetRows) {
 
   done = true;
   setter.join();
+}
+
+TEST(LWatcher, LosesNoChangeWhenTheLockFails) {
+  const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+  table->Set({"k", "v"});
+  for (const auto& watcher : {table->WatchAll(), table->Watch("k")}) {
+    EXPECT_TRUE(FailsToLockAt(1, [&] { watcher->GetChanges(); }));
+
+    EXPECT_EQ(watcher->GetChanges(), (std::vector<Varnix::Row>{{"k", "v"}}));
+  }
 }
 
 TEST(LWatcher, MayBeTheLastToHoldItsTable) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "support/FailingAllocations.h"
+#include "support/FailingLocks.h"
 #include "support/LogRecorder.h"
 #include "support/SleepingThread.h"
 #include "support/Tables.h"
@@ -402,6 +403,20 @@ TEST(LocalTable, SetChangesNothingWhenTheLogHookThrows) {
 
   EXPECT_TRUE(all->GetChanges().empty());
   EXPECT_EQ(Contents(*table), (std::vector<Row>{{"k", "old"}}));
+}
+
+TEST(LocalTable, SetChangesNothingWhenALockFailsAndWorksAfterwards) {
+  SetLogHook([](LogLevel, const char*, const char*, va_list) {});
+  for (long n : {1, 2}) {  // The table lock and the log lock.
+    const std::shared_ptr<Varnix::Table> table = Varnix::MakeTable("t");
+
+    EXPECT_TRUE(FailsToLockAt(n, [&] { table->Set({"k", "1"}); }));
+
+    EXPECT_EQ(Contents(*table), std::vector<Row>());
+    table->Set({"k", "2"});
+    EXPECT_EQ(Contents(*table), (std::vector<Row>{{"k", "2"}}));
+  }
+  SetLogHook(DefaultLogger);
 }
 
 TEST(LocalTable, SetsWithoutAWordWhenAskedTo) {

@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <thread>
 
+#include "support/FailingLocks.h"
 #include "support/SleepingThread.h"
 #include "threads/Mutex.h"
 
@@ -30,4 +32,12 @@ TEST(MutexLock, SleepsInTheEndWhereItHasToWait) {
   mutex.unlock();
   waiter.join();
   EXPECT_TRUE(sleeps);
+}
+
+TEST(MutexLock, ThrowsWhenTheLockFailsAndLeavesTheMutexFree) {
+  Mutex mutex;
+
+  EXPECT_TRUE(FailsToLockAt(1, [&] { const MutexLock lock(mutex); }));
+
+  EXPECT_TRUE(std::unique_lock<std::mutex>(mutex, std::try_to_lock).owns_lock());
 }
