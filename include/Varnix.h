@@ -250,7 +250,8 @@ VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std:
                                    unsigned broadcast_address);
 
 /// Ends the sharing of the database, as SetSharingGroup ends the one before, and starts none. Its tables stay. A later
-/// SetSharingGroup shares them again. Does nothing to a database that is not shared or not known, and makes none.
+/// SetSharingGroup shares them again. For a database that is not shared it only logs the call ("tblcmbn.stop"); for one
+/// that is not known it does nothing, and makes none.
 VARNIX_EXPORT void StopSharing(std::string database);
 
 /// Whether the database is shared and, if it is, its settings; if it is not, the outputs are left as they are. Never

@@ -368,11 +368,13 @@ TEST(GetSharingGroup, BeforeSharingIsFalse) {
   EXPECT_EQ(std::tie(group, device, process, address), std::make_tuple("group", "device", "process", 7U));
 }
 
-TEST(StopSharing, OfADatabaseThatWasNeverNamedMakesNone) {
+TEST(StopSharing, OfADatabaseThatWasNeverNamedMakesNoneAndLogsNothing) {
   const Rows before = Contents(*Varnix::GetDatabaseTable());
+  LogRecorder log;
 
   Varnix::StopSharing("never named");
 
+  EXPECT_TRUE(log.Lines().empty());
   EXPECT_EQ(Contents(*Varnix::GetDatabaseTable()), before);
 }
 

@@ -108,6 +108,18 @@ TEST(Database, CanStopSharingAndShareAgain) {
   EXPECT_TRUE(database.GetSharing(settings));
 }
 
+TEST(Database, LogsEachCallThatStopsSharingAlsoWhenItIsNotShared) {
+  Database database("d");
+  database.SetSharing(Settings());
+  LogRecorder log;
+
+  database.StopSharing();
+  database.StopSharing();
+
+  const LogLine stop{LogLevel::Debug, "tblcmbn.stop", "DB(" + AddressOf(&database) + ") StopSharing", ""};
+  EXPECT_THAT(log.Lines("tblcmbn.stop"), testing::ElementsAre(stop, stop));
+}
+
 TEST(Database, HasStoppedSharingAlsoWhenTheHookThrows) {
   Database database("d");
   database.SetSharing(Settings());
