@@ -242,9 +242,9 @@ VARNIX_EXPORT std::shared_ptr<Table> MakeSharedTable(std::string database, std::
 ///   Peers are met again at their next announcement, up to 60 seconds later, or sooner through their own connections;
 ///   call NetworkChanged() to bring the group together in seconds.
 /// Give each database a group of its own: at each announcement all databases of its group connect.
-/// Errors: if the new sharing cannot be started (std::bad_alloc, std::system_error), the database is left unshared.
-///   A log hook that throws at the first line ("tblcmbn.sharing") leaves the sharing as it was, at the last
-///   ("tblcmbn.sharing.svr") as it was asked for, and at any other line the database unshared.
+/// Errors: what is thrown before the old sharing is ended (std::bad_alloc, std::system_error, or by a log hook at the
+///   first line, "tblcmbn.sharing") leaves that as it was. A log hook that throws at the last line
+///   ("tblcmbn.sharing.svr") leaves the new sharing; anything else that is thrown, the database unshared.
 ///   System calls that fail are logged and end the process with abort().
 VARNIX_EXPORT void SetSharingGroup(std::string database, std::string group, std::string device, std::string process,
                                    unsigned broadcast_address);

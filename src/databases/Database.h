@@ -38,8 +38,9 @@ class Database {
   std::shared_ptr<Varnix::Table> GetPeerTable() { return peer_table_.GetTable(); }
 
   // Stops the present server, if any, and starts a new one. Waits for all threads of the old one.
-  // Errors: when the first log line throws, nothing has changed; when the last one does, the new server is there. After
-  // any other exception there is none.
+  // Errors: what is thrown before the old server is stopped (by the first log line, for want of memory, by a lock that
+  // fails) changes nothing. When the last log line throws, the new server is there. After any other exception there is
+  // none.
   void SetSharing(const SharingSettings& settings) VARNIX_EXCLUDES(lock_);
   // Stops the present server, if any. Waits for all its threads. When the first log line throws, nothing has changed;
   // what the hook throws later is thrown at the end.
