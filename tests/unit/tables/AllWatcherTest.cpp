@@ -64,6 +64,18 @@ TEST_F(AllWatcherTest, StepsOverTheRowAtItsCursorWhenThatIsUpdated) {
   EXPECT_EQ(watcher->GetChanges(), Rows());
 }
 
+TEST_F(AllWatcherTest, StaysAtItsRowWhenOneBehindItIsUpdated) {
+  for (const char* key : {"a", "b", "c"}) table_->Set({key, "1"});
+  const auto watcher = table_->WatchAll();
+
+  table_->Set({"b", "2"});
+
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"a", "1"}}));
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"c", "1"}}));
+  EXPECT_EQ(watcher->GetChanges(), (Rows{{"b", "2"}}));
+  EXPECT_EQ(watcher->GetChanges(), Rows());
+}
+
 TEST_F(AllWatcherTest, ReportsTheLastRowOnceWithItsNewValueWhenItIsUpdatedAtTheCursor) {
   table_->Set({"a", "1"});
   const auto watcher = table_->WatchAll();

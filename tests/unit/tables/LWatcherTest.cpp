@@ -82,6 +82,16 @@ TEST_F(ListenerTest, AWatchAllWatcherTellsWhenAnUpdateFindsItEmpty) {
   EXPECT_EQ(listener_.told, (Told{{watcher.get(), false}}));
 }
 
+TEST_F(ListenerTest, AWatchAllWatcherTellsOnceThoughItsOnlyRowChangesBeforeItIsRead) {
+  const auto watcher = table_->WatchAll();
+  Listen(watcher);
+
+  table_->Set({"a", "1"});
+  table_->Set({"a", "2"});
+
+  EXPECT_EQ(listener_.told, (Told{{watcher.get(), false}}));
+}
+
 TEST_F(ListenerTest, AWatchAllWatcherTellsThatItIsEmptyOnlyAfterTheLastChangeIsRead) {
   table_->Set({"a", "1"});
   table_->Set({"b", "1"});
