@@ -183,6 +183,23 @@ TEST_F(LWatcherSetTest, KeepsItsMembersAlive) {
   EXPECT_TRUE(alive.expired());
 }
 
+TEST_F(LWatcherSetTest, MayBeTheLastToHoldItsWatchersAndTheirTable) {
+  auto table = Varnix::MakeTable("of the set");
+  table->Set({"k", "v"});
+  auto ready = table->WatchAll();
+  auto idle = table->Watch("missing");
+  const std::weak_ptr<Varnix::Table> table_alive = table;
+  const std::weak_ptr<Varnix::Watcher> watchers_alive[] = {ready, idle};
+  auto set = Varnix::MakeWatcherSet({std::move(ready), std::move(idle)});
+  table.reset();
+  ASSERT_FALSE(table_alive.expired());
+
+  set.reset();
+
+  EXPECT_TRUE(table_alive.expired());
+  for (const auto& watcher : watchers_alive) EXPECT_TRUE(watcher.expired());
+}
+
 TEST_F(LWatcherSetTest, LeavesItsMembersInWorkingOrderWhenItIsDestroyed) {
   const auto watcher = table_->WatchAll();
   Varnix::MakeWatcherSet({watcher}).reset();
