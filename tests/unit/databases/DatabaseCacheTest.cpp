@@ -181,19 +181,29 @@ TEST(DatabaseCache, LogsTheNewDatabaseAndThenListsIt) {
                      "Table(" + AddressOf(cache.GetDatabaseTable().get()) + ") inserting row for a (0 bytes)", ""}));
 }
 
-TEST(DatabaseCache, FindsADatabaseThatIsBeingMadeOnlyWhenItIsWhole) {
-  DatabaseCache cache;
-  std::optional<SleepingThread> finder;
-  std::shared_ptr<Database> found;
-  SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
-    if (std::string(tag) == "tblcmbn.ctor") finder.emplace([&] { found = cache.FindDatabase("new"); });
-  });
+TEST(DatabaseCache, FindsADatabaseThatIsBeingMadeOnlyWhenItIsWholeAndListed) {
+  for (const std::string step : {"tblcmbn.ctor", "tbl.set.ins"}) {
+    DatabaseCache cache;
+    std::optional<SleepingThread> finder;
+    std::shared_ptr<Database> found;
+    std::atomic<bool> returned{false};
+    bool returned_meanwhile = true;
+    SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+      if (tag != step) return;
+      finder.emplace([&] {
+        found = cache.FindDatabase("new");
+        returned = true;
+      });
+      returned_meanwhile = returned;
+    });
 
-  const auto made = cache.GetDatabase("new");
-  finder.reset();
+    const auto made = cache.GetDatabase("new");
+    finder.reset();
 
-  SetLogHook(DefaultLogger);
-  EXPECT_EQ(found, made);
+    SetLogHook(DefaultLogger);
+    EXPECT_FALSE(returned_meanwhile) << step;
+    EXPECT_EQ(found, made) << step;
+  }
 }
 
 TEST(DatabaseCache, FindsADatabaseWhileAnotherStartsToShare) {
