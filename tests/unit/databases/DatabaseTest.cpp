@@ -5,9 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +18,7 @@
 #include "support/FailingAllocations.h"
 #include "support/FailingLocks.h"
 #include "support/LogRecorder.h"
+#include "support/SleepingThread.h"
 #include "support/Tables.h"
 #include "support/ThrowingHook.h"
 
@@ -188,6 +191,33 @@ TEST(Database, LogsNewSettingsWhileOthersMayAskForTheOldOnes) {
   EXPECT_EQ(status, std::future_status::ready);
   EXPECT_TRUE(asked.get());
   EXPECT_EQ(reported.group, "database test");
+}
+
+TEST(Database, SaysWhetherItIsSharedOnlyOnceTheOldServerHasStopped) {
+  for (const bool again : {true, false}) {
+    Database database("d");
+    database.SetSharing(Settings());
+    std::optional<SleepingThread> asking;
+    SharingSettings settings;
+    bool shared = !again;
+    std::atomic<bool> answered{false};
+    bool answered_meanwhile = true;
+    SetLogHook([&](LogLevel, const char* tag, const char*, va_list) {
+      if (std::string(tag) != "tbl.set.ins") return;  // The stop row of the old server.
+      asking.emplace([&] {
+        shared = database.GetSharing(settings);
+        answered = true;
+      });
+      answered_meanwhile = answered;
+    });
+
+    again ? database.SetSharing(Settings()) : database.StopSharing();
+    asking.reset();
+
+    SetLogHook(DefaultLogger);
+    EXPECT_FALSE(answered_meanwhile);
+    EXPECT_EQ(shared, again);
+  }
 }
 
 TEST(Database, HandsItsFormatsToTheHookUnexpanded) {
