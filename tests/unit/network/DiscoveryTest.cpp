@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "TestMember.h"
+#include "network/ActiveESNs.h"
 #include "network/Discovery.h"
 #include "support/Bytes.h"
 #include "support/FailWith.h"
@@ -67,7 +68,11 @@ class DiscoveryTest : public testing::Test {
   // Each event is that of one poll; when there are no more, the server stops.
   void Run(const std::vector<Event>& events) {
     events_.assign(events.begin(), events.end());
-    Discovery(*member_, socket_, wake_[0], ToSocketAddress({0x7FFFFFFF, 1975}), member_.FoundPeer(), nullptr).Run();
+    const FoundPeerCallback found_peer = [this](const PeerPlace& place, const std::shared_ptr<ActiveESNs>& esns) {
+      found_with_.push_back(esns);
+      member_.FoundPeer()(place, esns);
+    };
+    Discovery(*member_, socket_, wake_[0], ToSocketAddress({0x7FFFFFFF, 1975}), found_peer, active_esns_).Run();
   }
   // For a death test.
   void RunWithDefaultLogger(const Event& event) {
@@ -132,7 +137,9 @@ class DiscoveryTest : public testing::Test {
   std::chrono::nanoseconds send_takes_{0};
   std::vector<PollEntry> polled_;
   std::vector<RecvfromCall> recvfrom_calls_;
-  const int socket_;  // On a loopback port of its own.
+  const std::shared_ptr<ActiveESNs> active_esns_ = std::make_shared<ActiveESNs>([] {});
+  std::vector<std::shared_ptr<ActiveESNs>> found_with_;  // What each peer that was found was reported with.
+  const int socket_;                                     // On a loopback port of its own.
   int wake_[2];
 
  private:
@@ -528,6 +535,16 @@ TEST_F(DiscoveryTest, SenderOfTheSameGroupIsFoundAtItsAddressAndPort) {
   EXPECT_THAT(member_.FoundPeers(), ElementsAre("2130706433:4660"));
 }
 
+TEST_F(DiscoveryTest, EachFoundPeerIsReportedWithTheActiveESNsWhichAreKeptNoLongerThanTheRun) {
+  Run({Arrives("\x12\x34"
+               "group"),
+       Arrives("\x12\x35"
+               "group")});
+
+  EXPECT_THAT(found_with_, ElementsAre(active_esns_, active_esns_));
+  EXPECT_EQ(active_esns_.use_count(), 3);  // Here and with the two.
+}
+
 TEST_F(DiscoveryTest, PortIsReadAsUnsignedBytes) {
   Run(
       {Arrives("\xFF\x80"
@@ -750,4 +767,16 @@ TEST_F(DiscoveryTest, ReceiveThatFailsIsLoggedAndTheNextPassFollows) {
   EXPECT_THAT(log_.Lines(), ElementsAre(LogLine{LogLevel::Error, "tblsvr.dscv.rcv",
                                                 "TableServer: Discover::recvfrom error 105", ""}));
   EXPECT_THAT(trace_, ElementsAre("0ms: send", "0ms: poll 60000", "0ms: poll 60000"));
+}
+
+TEST_F(DiscoveryTest, HandsItsFormatsToTheHookUnexpanded) {
+  send_errors_ = {ENETUNREACH};
+  const HookedHere recvfrom(Hooks().recvfrom, FailOnce(Hooks().recvfrom, ENOBUFS));
+
+  Run({NetworkChanges(), Arrives(""), Arrives("")});
+
+  EXPECT_THAT(log_.Formats("tblsvr.dscv."), ElementsAre("TableServer: Discover::sendto error %d",
+                                                        "TableServer for %.*s::%s::%s(%p) notified of network change",
+                                                        "TableServer: Discover::recvfrom error %d",
+                                                        "TableServer: Discover::recvfrom: wrong size: %d"));
 }
