@@ -221,21 +221,31 @@ TEST(Database, SaysWhetherItIsSharedOnlyOnceTheOldServerHasStopped) {
 }
 
 TEST(Database, HandsItsFormatsToTheHookUnexpanded) {
+  TableDecombiner decombiner("d");
+  decombiner.GetTable("t");
+  Varnix::MakeSharedTable("formats", "t");
   LogRecorder log;
 
   {
     Database database("d");
     database.MakeTable("t")->Set({"k", "v"});
     database.SetSharing(Settings());
+    database.StopSharing();
   }
+  decombiner.Set({"\1tk", "v"});
+  Varnix::MakeSharedTable("formats", "t");
 
   EXPECT_THAT(log.Formats("tblcmbn."), testing::ElementsAre("DB(%p) constructed: %s -> combined: %p decombiner: %p",
                                                             "TableDecombiner(%p) created table %s -> %p",  //
                                                             "DB(%p) MakeTable %s -> %p",                   //
                                                             "TableCombiner(%p) setting %s:%s (%zu bytes)",
                                                             "DB(%p) SetSharing group=\"%s\" dev=\"%s\" proc=\"%s\"",
-                                                            "DB(%p) SetSharing -> server=%p",  //
-                                                            "DB(%p) destructed"));
+                                                            "DB(%p) SetSharing -> server=%p",                 //
+                                                            "DB(%p) StopSharing",                             //
+                                                            "DB(%p) destructed",                              //
+                                                            "TableDecombiner(%p) setting %s:%s (%zu bytes)",  //
+                                                            "DB(%p) MakeTable %s -> %p"));
+  EXPECT_THAT(log.Formats("mkshrdtbl"), testing::ElementsAre("MakeSharedTable: %s:%s -> %p"));
 }
 
 TEST(Database, CutsTheDeviceInItsIdentityAloneAt255Bytes) {
