@@ -10,6 +10,7 @@ import re
 import signal
 import subprocess
 import termios
+import time
 
 import pytest
 
@@ -405,3 +406,24 @@ def test_load_and_replay_show_their_progress_on_a_terminal(press, tmp_path):
 
 def test_no_progress_is_shown_to_a_file(network):
     assert run("dump", "-w", "1.5").errors.count("\n") == 1
+
+
+def test_a_watch_that_ends_leaves_no_error_in_the_logs_of_members(network, make_host, start):
+    hosts = [make_host("--default-log") for _ in range(5)]  # Its log shows errors.
+    for number, host in enumerate(hosts):
+        host.watch(b"plant", b"status")
+        host.set(b"plant", b"status", b"%d" % number, b"1")
+        host.share(b"plant", b"line-4", b"press", b"%d" % number)
+    watch = start("watch")
+    assert watch.eventually(lambda: len(watch.lines) >= len(hosts))
+    time.sleep(1.1)  # To a stream that has lasted a second members connect again at once when it ends.
+
+    watch.signal(signal.SIGINT)
+
+    assert watch.ends() == 0
+    another = make_host("--default-log")
+    another.set(b"plant", b"status", b"speed", b"42")
+    share(another)
+    for host in hosts:  # By the time that they have met another, they have tried to connect again.
+        assert host.gets_row(b"plant", b"status", b"speed", b"42")
+        assert host.errors == []

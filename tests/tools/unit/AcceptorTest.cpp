@@ -1,12 +1,15 @@
 // SPDX-FileCopyrightText: 2026 the Varnix authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// What the acceptor does when the system gives it no connection.
+// What the acceptor does when the system gives it no connection, and when it is closed.
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 
 #include "net/Acceptor.h"
+#include "net/Sockets.h"
 #include "support/FailWith.h"
 #include "support/SystemCallHooks.h"
 
@@ -36,6 +39,27 @@ TEST(Acceptor, PausesWhileTheSystemLacksWhatAConnectionNeeds) {
 
 TEST(Acceptor, WaitsForTheNextConnectionWhenThereIsNone) {
   for (const int error : {EAGAIN, EINTR, ECONNABORTED}) EXPECT_TRUE(WaitsAfter(error)) << error;
+}
+
+// Waits until there is something to read; a time-out only bounds a failing run.
+bool IsReadable(int descriptor) {
+  pollfd awaited{descriptor, POLLIN, 0};
+  return poll(&awaited, 1, 60'000) == 1;
+}
+
+TEST(Acceptor, LetsThoseWhoWaitGoInOrderWhenItIsClosed) {
+  Nobody nobody;
+  Loop loop;
+  Acceptor acceptor(loop, nobody);
+  int error = 0;
+  const FileDescriptor visitor = BeginConnecting({INADDR_LOOPBACK, acceptor.Port()}, error);
+  ASSERT_TRUE(IsReadable(acceptor.Awaited().fd));
+
+  acceptor.Close();
+
+  char byte = 0;
+  ASSERT_TRUE(IsReadable(visitor.Get()));
+  EXPECT_EQ(recv(visitor.Get(), &byte, 1, 0), 0);  // The end of the stream, and no error.
 }
 
 }  // namespace

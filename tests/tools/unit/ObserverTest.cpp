@@ -6,13 +6,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "net/Acceptor.h"
+#include "Quiet.h"
 #include "net/Observer.h"
 #include "net/OwnTable.h"
 #include "net/SendingStream.h"
@@ -27,47 +26,6 @@
 namespace {
 
 using std::chrono::seconds;
-
-// They only bound a failing run.
-constexpr std::chrono::milliseconds kTurn{1};
-constexpr int kMostTurns = 60'000;
-
-// The clock stands until a test moves it.
-struct DrivenClock {
-  TimePoint now = std::chrono::steady_clock::now();
-  Hooked<TimePoint()> hook{Hooks().now, [this] { return now; }};
-};
-
-// Nothing is heard, and nothing leaves this process but connections to itself.
-struct QuietNetwork {
-  Hooked<int(int, const sockaddr*, socklen_t)> bind{Hooks().bind, FailWith{EADDRINUSE}};
-  Hooked<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)> send{
-      Hooks().sendto,
-      [](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) { return static_cast<ssize_t>(size); }};
-};
-
-// A member that sends what a test wants.
-class Fake : private Acceptor::Owner {
- public:
-  explicit Fake(Loop& loop) : acceptor_(loop, *this) {}
-
-  Place At() const { return {INADDR_LOOPBACK, acceptor_.Port()}; }
-  bool IsVisited() const { return connection_.Get() >= 0; }
-  void Send(std::string_view a, std::string_view b) const {
-    std::string record;
-    AppendRecord(record, {a, b});
-    Send(record);
-  }
-  void Send(const std::string& bytes) const {
-    EXPECT_EQ(send(connection_.Get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-  }
-
- private:
-  void OnAccepted(FileDescriptor socket, std::uint32_t) override { connection_ = std::move(socket); }
-
-  Acceptor acceptor_;
-  FileDescriptor connection_;
-};
 
 // Keeps the value of every row.
 struct Keeper : Audience {
@@ -313,6 +271,21 @@ TEST(SendingStream, SharesALargeValueWithAllOthersUntilItIsSent) {
   }
   EXPECT_EQ(received, rest);
   EXPECT_EQ(rows.After(1)->second.value.use_count(), 2);
+}
+
+TEST(SendingStream, EndsInOrderAlsoWhereTheAnswerHasComeMeanwhile) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+  const FileDescriptor its(ends[1]);
+  Loop loop;
+  const OwnTable no_rows;
+  auto stream = std::make_unique<SendingStream>(loop, FileDescriptor(ends[0]), INADDR_LOOPBACK, "", no_rows);
+  ASSERT_EQ(send(its.Get(), "answer", 6, 0), 6);
+
+  stream.reset();
+
+  char byte = 0;
+  EXPECT_EQ(recv(its.Get(), &byte, 1, 0), 0);  // The end of the stream, and no error.
 }
 
 TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {

@@ -22,8 +22,12 @@ class Acceptor : public Waiter {
   Acceptor(Loop& loop, Owner& owner);  // On a port of the system's choice.
   Acceptor(Loop& loop, Owner& owner, const Place& place);
 
+  ~Acceptor() override { Close(); }
+
   std::uint16_t Port() const { return port_; }
-  void Close() { socket_ = FileDescriptor(); }
+
+  // Accepts nobody any more. Those who wait are let go in order: closing the listener would reset them.
+  void Close();
 
   pollfd Awaited() const override;
   void OnReady(short events) override;
@@ -32,6 +36,7 @@ class Acceptor : public Waiter {
 
  private:
   bool IsPaused() const { return paused_until_ != TimePoint::max(); }
+  FileDescriptor Accept(sockaddr_in& peer) const;
 
   Owner& owner_;
   std::uint16_t port_ = 0;

@@ -27,8 +27,8 @@ Presence::Presence(Loop& loop, Discovery& discovery, const Settings& settings, c
       settings_(settings),
       rows_(rows),
       owner_(owner),
-      acceptor_(loop, *this),
-      last_event_(Clock::now()) {
+      last_event_(Clock::now()),
+      acceptor_(loop, *this) {
   if (settings_.announced) Announce();
 }
 

@@ -86,11 +86,12 @@ class Presence : public Waiter, private Acceptor::Owner {
   const Settings settings_;
   const OwnTable& rows_;
   Owner& owner_;
-  Acceptor acceptor_;
   TimePoint announced_at_{}, next_announcement_ = TimePoint::max();
   int announcements_ = 0;
   int announcing_error_ = 0;
   TimePoint last_event_;
   std::vector<Guest> guests_;
   Strangers strangers_;
+  // Ends before the streams: members whose stream ends connect again at once.
+  Acceptor acceptor_;
 };

@@ -35,6 +35,12 @@ SendingStream::SendingStream(Loop& loop, FileDescriptor socket, std::uint32_t ad
   SendAtOnce(socket_);  // What is sent here is put together already.
 }
 
+// Takes the answer that may have come: a socket that is closed with bytes unread resets the other side.
+SendingStream::~SendingStream() {
+  char piece[kMostAnswer];
+  if (state_ == State::kGreeting) recv(socket_.Get(), piece, sizeof piece, 0);
+}
+
 pollfd SendingStream::Awaited() const {
   if (IsEnded()) return {-1, 0, 0};
   return {socket_.Get(), static_cast<short>(HasMore() ? POLLIN | POLLOUT : POLLIN), 0};

@@ -29,6 +29,7 @@ class SendingStream : public Waiter {
 
   SendingStream(Loop& loop, FileDescriptor socket, std::uint32_t address, const std::string& greeting,
                 const OwnTable& rows);
+  ~SendingStream() override;
 
   // Closes our direction behind the last row.
   void Finish() { finishing_ = true; }
