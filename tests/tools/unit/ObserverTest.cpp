@@ -3,6 +3,7 @@
 
 // What the observer does with members that send much, and where the system gives it no more descriptors.
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -191,6 +192,20 @@ TEST(ReceivingStream, EndsAsSoonAsAGreetingClaimsToBeLongerThanAnyIs) {
   lonely.TurnUntil([&] { return lonely.stream.IsEnded(); });
   ASSERT_TRUE(lonely.stream.IsEnded());
   EXPECT_EQ(lonely.stream.GetEnd().kind, End::Kind::kOverLimit);
+}
+
+TEST(ReceivingStream, GivesUpAMemberThatDiesBeforeItHasTakenOurAnswer) {
+  int limit_ms = 0;
+  const Hooked options(Hooks().setsockopt, [&](int socket, int level, int name, const void* value, socklen_t size) {
+    if (level == IPPROTO_TCP && name == TCP_USER_TIMEOUT) limit_ms = *static_cast<const int*>(value);
+    return Hooks().setsockopt.Real(socket, level, name, value, size);
+  });
+  Lonely lonely(true);
+
+  lonely.fake.Send("plant", CombinedKey("fake", "ctl"));
+
+  lonely.TurnUntil([&] { return lonely.stream.IsReceiving(); });
+  EXPECT_EQ(limit_ms, 4000);  // By default the system would try for a quarter of an hour.
 }
 
 TEST(ReceivingStream, KeepsNothingOfRowsThatAreNotWanted) {

@@ -68,6 +68,7 @@ void ReceivingStream::OnConnected() {
   const int error = FinishConnecting(socket_);
   if (error != 0) return EndAs({End::Kind::kUnreachable, error});
   KeepAlive(socket_);
+  LimitSilence(socket_);  // Of a member that dies before it has taken our answer.
   state_ = State::kGreeting;
   due_ = Clock::now() + kMostForGreeting;
 }

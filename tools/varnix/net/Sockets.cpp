@@ -15,6 +15,7 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr rlim_t kMostDescriptors = 4096;
+constexpr int kMostSilenceMs = 4000;
 
 int Checked(int result, const char* what) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), what);
@@ -102,6 +103,8 @@ void KeepAlive(const FileDescriptor& socket) {
   SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 1);
   SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
+
+void LimitSilence(const FileDescriptor& socket) { SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, kMostSilenceMs); }
 
 void SendAtOnce(const FileDescriptor& socket) { SetOption(socket, IPPROTO_TCP, TCP_NODELAY, 1); }
 
