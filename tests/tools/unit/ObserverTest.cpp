@@ -106,6 +106,23 @@ TEST(Observer, CountsWhatIsKeptOfMembersThatHaveSentEverything) {
   EXPECT_EQ(scene.observer.Met(), 1);
 }
 
+TEST(Observer, ConnectsAgainAtOnceOnlyWhereTheStreamHasLastedASecond) {
+  for (const auto& [lasted, pause] : {std::pair(seconds(1), seconds(0)), std::pair(seconds(0), seconds(2))}) {
+    Observer::Settings settings = Settings(1 << 20);
+    settings.wants_changes = true;
+    Scene scene(settings);
+    Fake fake(scene.loop);
+    scene.Meet(fake);
+    scene.clock.now += lasted;
+    fake.HangUp();
+    ASSERT_TRUE(scene.Until([&] { return scene.observer.Met() == 0; }));
+
+    EXPECT_EQ(scene.observer.Deadline(), pause == seconds(0) ? TimePoint::max() : scene.clock.now + pause);
+    scene.clock.now += pause;
+    EXPECT_TRUE(scene.Until([&] { return fake.IsVisited(); }));
+  }
+}
+
 TEST(Observer, LeavesOutTheAnnouncementThatFollowsTheSignOfAnotherObserver) {
   Scene scene(Settings(1 << 20));
   Fake fake(scene.loop);

@@ -44,6 +44,7 @@ class Fake : private Acceptor::Owner {
 
   Place At() const { return {INADDR_LOOPBACK, acceptor_.Port()}; }
   bool IsVisited() const { return connection_.Get() >= 0; }
+  void HangUp() { connection_ = FileDescriptor(); }
   void Send(std::string_view a, std::string_view b) const {
     std::string record;
     AppendRecord(record, {a, b});

@@ -20,7 +20,7 @@ constexpr std::size_t kMostContacts = 1024, kMostPresences = 16, kMostAsked = 64
 constexpr char kObserver[] = "(observer)", kOtherObserver[] = "(another observer)";
 
 // As members try again.
-constexpr std::chrono::seconds kRetryPause{2}, kRetryPeriod{30}, kLongStream{9};
+constexpr std::chrono::seconds kRetryPause{2}, kRetryPeriod{30}, kQuickStream{1}, kLongStream{9};
 
 }  // namespace
 
@@ -207,15 +207,16 @@ bool Observer::IsComplete(const Contact& contact, TimePoint now) const {
 
 void Observer::OnStreamEnd(Contact& contact, TimePoint now) {
   const End end = contact.stream->GetEnd();
-  const TimePoint begun = contact.stream->Begun();
+  const Clock::duration lasted = now - contact.stream->Begun();
+  const bool at_once = contact.met && lasted >= kQuickStream;
   contact.stream.reset();
   contact.snapshot.reset();
   contact.met = false;
   contact.kept = 0;
   if (end.kind == End::Kind::kNotLookedFor || end.kind == End::Kind::kDuplicate) return;
   audience_.OnEnd(contact.member, end);
-  if (now - begun >= kLongStream) contact.retries_end = now + kRetryPeriod;
-  if (!contact.enough && now < contact.retries_end) contact.retry_at = now + kRetryPause;
+  if (lasted >= kLongStream) contact.retries_end = now + kRetryPeriod;
+  if (!contact.enough && now < contact.retries_end) contact.retry_at = at_once ? now : now + kRetryPause;
 }
 
 bool Observer::IsSettled() const {
