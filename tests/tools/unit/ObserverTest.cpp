@@ -341,7 +341,7 @@ TEST(Loop, PollsOnlyThoseThatWaitForADescriptor) {
 
 struct Host : Discovery::Owner, Presence::Owner {
   void OnAnnouncement(const Place&, const std::string&) override {}
-  void OnGuest(const Place&, const std::string&) override {}
+  void OnGuest(const Place&, const std::string&, bool) override {}
 };
 
 TEST(Presence, LeavesDescriptorsToTheOthersThatItSharesThemWith) {

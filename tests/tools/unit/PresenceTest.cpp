@@ -25,7 +25,7 @@ bool IsListener(int descriptor) {
 // A presence in a group without anybody else.
 struct Appearance : Discovery::Owner, Presence::Owner {
   void OnAnnouncement(const Place&, const std::string&) override {}
-  void OnGuest(const Place&, const std::string&) override {}
+  void OnGuest(const Place&, const std::string&, bool) override {}
 
   QuietNetwork network;
   DrivenClock clock;

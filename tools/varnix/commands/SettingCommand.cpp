@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "net/Snapshot.h"
 #include "net/Sockets.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr std::chrono::seconds kMostForTaking{1};
 constexpr int kNoOutput = -1;
+constexpr std::size_t kMostNamed = 8;
 
 Setter::Settings ToSettings(const Options& options, const Session& session) {
   return {*options.group, *options.database, options.broadcast, session.Identity(), !options.passive};
@@ -84,9 +86,10 @@ TimePoint SettingCommand::EndOfMeeting() const {
   return all_of_it ? end_ : end_ - std::min<Clock::duration>(wait / 2, kMostForTaking);
 }
 
-// Somebody is there, and it has been a while since anybody came.
+// Somebody is there, nobody is missing, and it has been a while since anybody came.
 bool SettingCommand::IsSettled() const {
-  return !session_.options.passive && setter_.Connected() > 0 && Clock::now() - setter_.LastEvent() >= Snapshot::kWhile;
+  return !session_.options.passive && setter_.Connected() > 0 &&
+         Clock::now() - setter_.LastEvent() >= Snapshot::kWhile && setter_.Lost().empty();
 }
 
 void SettingCommand::EndMeeting() {
@@ -100,9 +103,10 @@ void SettingCommand::EndMeeting() {
 // The time for taking the rows of what is held begins when it is interrupted.
 void SettingCommand::Finish() {
   phase_ = Phase::kFinishing;
-  if (session_.options.hold)
+  if (session_.options.hold) {
     end_ = Clock::now() + std::max<Clock::duration>(session_.End() - session_.begun, kMostForTaking);
-  expected_ = setter_.Connected();
+    setter_.ForgetLost();  // Members come and go.
+  }
   session_.signals.Forgive();
   setter_.Finish();
 }
@@ -112,9 +116,8 @@ TimePoint SettingCommand::NextStep() const {
   TimePoint next = end_;
   if (phase_ == Phase::kFeeding) next = NextRow();
   if (phase_ == Phase::kMeeting) next = EndOfMeeting();
-  if (phase_ == Phase::kMeeting && setter_.Connected() > 0) {
-    next = std::min(next, setter_.LastEvent() + Snapshot::kWhile);
-  }
+  const TimePoint quiet = setter_.LastEvent() + Snapshot::kWhile;
+  if (phase_ == Phase::kMeeting && quiet > now) next = std::min(next, quiet);
   if (session_.progress.IsShown()) next = std::min(next, now + Progress::kPace);
   return next;
 }
@@ -127,20 +130,30 @@ void SettingCommand::NoteTrouble() {
 }
 
 std::string SettingCommand::ProgressText() const {
-  const std::string done = phase_ == Phase::kFinishing ? ", taken by " + std::to_string(setter_.Taken()) : "";
+  const std::string done =
+      phase_ == Phase::kFinishing ? ", taken by " + std::to_string(setter_.Met() - setter_.Untaken().size()) : "";
   return CountText(rows_.Size(), "row") + ", " + CountText(setter_.Connected(), "member") + " connected" + done;
 }
 
+// "2 members", or "1 member of 3 that were met, not by 10.0.0.1:40213, 10.0.0.2:35001".
+std::string SettingCommand::TakenText() const {
+  const std::vector<Place> missing = setter_.Untaken();
+  std::string text = CountText(setter_.Met() - missing.size(), "member");
+  if (missing.empty()) return text;
+  text += " of " + std::to_string(setter_.Met()) + " that were met";
+  const std::size_t named = std::min(missing.size(), kMostNamed);
+  for (std::size_t i = 0; i < named; ++i) text += (i == 0 ? ", not by " : ", ") + PlaceText(missing[i]);
+  return named == missing.size() ? text : text + " and " + std::to_string(missing.size() - named) + " more";
+}
+
 int SettingCommand::EndStatus() {
-  const std::size_t taken = setter_.Taken();
   const bool held = session_.options.hold && session_.signals.First() != 0;
-  if (expected_ == 0 && !held) {
+  if (setter_.Met() == 0 && !held) {
     session_.progress.Note("nobody of group \"" + Printable(*session_.options.group) + "\" with database \"" +
                            Printable(*session_.options.database) + "\" was met within " +
                            SecondsText(session_.WaitSeconds()) + "; 'varnix doctor' says why");
     return kNothing;
   }
-  const std::string of_all = taken < expected_ ? " of " + std::to_string(expected_) + " that were met" : "";
-  session_.progress.Note(CountText(rows_.Size(), "row") + " taken by " + CountText(taken, "member") + of_all);
-  return held ? kDone : taken < expected_ || failed_ ? kFailed : kDone;
+  session_.progress.Note(CountText(rows_.Size(), "row") + " taken by " + TakenText());
+  return !held && (failed_ || !setter_.Untaken().empty()) ? kFailed : kDone;
 }

@@ -47,12 +47,12 @@ class SettingCommand {
   TimePoint NextStep() const;
   void NoteTrouble();
   std::string ProgressText() const;
+  std::string TakenText() const;
   int EndStatus();
 
   OwnTable rows_;
   Setter setter_;
   Phase phase_ = Phase::kFeeding;
   TimePoint end_ = TimePoint::max();  // When all has to be over, as far as that is known.
-  std::size_t expected_ = 0;          // So many members had to take the rows when the end began.
   bool failed_ = false, announcing_told_ = false;
 };

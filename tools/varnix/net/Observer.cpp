@@ -62,7 +62,7 @@ bool Observer::IsOurs(const Place& place) const {
 }
 
 // Observers give another group than that in which they were met: there is nothing to receive from them.
-void Observer::OnGuest(const Place& place, const std::string& group) {
+void Observer::OnGuest(const Place& place, const std::string& group, bool) {
   const bool of_ours = std::any_of(presences_.begin(), presences_.end(),
                                    [&](const auto& presence) { return presence->Group() == group; });
   if (!of_ours || IsOurs(place)) return;

@@ -74,7 +74,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
 
  private:
   void OnAnnouncement(const Place& place, const std::string& group) override;
-  void OnGuest(const Place& place, const std::string& group) override;
+  void OnGuest(const Place& place, const std::string& group, bool stays) override;
   void OnGreeting(ReceivingStream& stream, std::string_view database, std::string_view identity) override;
   void OnRow(ReceivingStream& stream, std::string_view key, std::string_view value) override;
   void OnBytes(ReceivingStream& stream) override;

@@ -101,11 +101,13 @@ void Presence::Tidy() {
 
 void Presence::Look(Guest& guest) {
   const SendingStream& stream = *guest.stream;
-  if (stream.GetState() == SendingStream::State::kGreeting) return;
-  if (stream.GetState() == SendingStream::State::kLeft) return strangers_.OnLeft(stream.Address());
-  if (stream.GetState() == SendingStream::State::kTaken) owner_.OnTaken(stream.Peer(), stream.Group());
-  if (guest.greeted || stream.Peer().port == 0) return;
-  guest.greeted = true;
-  last_event_ = Clock::now();
-  owner_.OnGuest(stream.Peer(), stream.Group());
+  const SendingStream::State state = stream.GetState();
+  if (state == SendingStream::State::kGreeting) return;
+  if (state == SendingStream::State::kLeft) return strangers_.OnLeft(stream.Address());
+  if (!guest.greeted && stream.Peer().port != 0) {
+    guest.greeted = true;
+    last_event_ = Clock::now();
+    owner_.OnGuest(stream.Peer(), stream.Group(), state != SendingStream::State::kLost);
+  }
+  if (state == SendingStream::State::kTaken) owner_.OnTaken(stream.Peer());
 }

@@ -116,12 +116,14 @@ void ReceivingStream::OnGreeting(const Record& record) {
   due_ = Clock::now() + kMostForLeaving;
 }
 
-// In one piece: the buffer of a new connection takes it.
+// In one piece: the buffer of a new connection takes it. Together with our end of the stream, if no row is wanted, so
+// that it is not taken for the answer of a member that stays.
 void ReceivingStream::SendAnswer() {
   const char port[] = {static_cast<char>(answer_.port >> 8), static_cast<char>(answer_.port & 0xFF)};
   std::string record;
   AppendRecord(record, {answer_.group, {port, sizeof port}});
-  const ssize_t sent = send(socket_.Get(), record.data(), record.size(), MSG_NOSIGNAL);
+  const int more = answer_.wants_rows ? 0 : MSG_MORE;
+  const ssize_t sent = send(socket_.Get(), record.data(), record.size(), MSG_NOSIGNAL | more);
   if (sent != static_cast<ssize_t>(record.size())) {
     EndAs({End::Kind::kBroken, sent < 0 ? errno : ECONNRESET});
   } else if (!answer_.wants_rows) {

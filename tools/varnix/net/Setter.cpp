@@ -3,11 +3,14 @@
 
 #include "net/Setter.h"
 
+#include <algorithm>
+
 #include "net/Sockets.h"
 
 namespace {
 
 constexpr std::size_t kMostRequests = 256;
+constexpr std::size_t kMostMembers = 4096;  // More than can be connected.
 
 }  // namespace
 
@@ -31,7 +34,34 @@ void Setter::OnGreeting(ReceivingStream& stream, std::string_view database, std:
   if (database != settings_.database) stream.EndAs({End::Kind::kNotLookedFor});
 }
 
-void Setter::OnTaken(const Place&, const std::string& group) { taken_ += group == settings_.group ? 1 : 0; }
+void Setter::OnGuest(const Place& place, const std::string& group, bool stays) {
+  if (!stays || group != settings_.group || members_.size() >= kMostMembers) return;
+  members_.try_emplace(place, false);
+}
+
+void Setter::OnTaken(const Place& place) {
+  const auto member = members_.find(place);
+  if (member != members_.end()) member->second = true;
+}
+
+std::vector<Place> Setter::Untaken() const {
+  std::vector<Place> places;
+  for (const auto& [place, has_taken] : members_) {
+    if (!has_taken) places.push_back(place);
+  }
+  return places;
+}
+
+std::vector<Place> Setter::Lost() const {
+  std::vector<Place> places = Untaken();
+  const auto is_there = [this](const Place& place) { return presence_.IsConnected(place); };
+  places.erase(std::remove_if(places.begin(), places.end(), is_there), places.end());
+  return places;
+}
+
+void Setter::ForgetLost() {
+  for (const Place& place : Lost()) members_.erase(place);
+}
 
 void Setter::Tidy() {
   presence_.Tidy();

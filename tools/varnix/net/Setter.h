@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "net/Discovery.h"
 #include "net/OwnTable.h"
@@ -30,8 +31,13 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
 
   std::size_t Connected() const { return presence_.Connected(); }
 
-  // How many have taken every row, after Finish().
-  std::size_t Taken() const { return taken_; }
+  // How many members have been met, and which of them have not taken every row. That shows only after Finish().
+  std::size_t Met() const { return members_.size(); }
+  std::vector<Place> Untaken() const;
+
+  // Those of them that are not connected.
+  std::vector<Place> Lost() const;
+  void ForgetLost();
 
   // When anybody last came.
   TimePoint LastEvent() const { return presence_.LastEvent(); }
@@ -48,8 +54,8 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
 
  private:
   void OnAnnouncement(const Place& place, const std::string& group) override;
-  void OnGuest(const Place&, const std::string&) override {}
-  void OnTaken(const Place& place, const std::string& group) override;
+  void OnGuest(const Place& place, const std::string& group, bool stays) override;
+  void OnTaken(const Place& place) override;
   void OnGreeting(ReceivingStream& stream, std::string_view database, std::string_view identity) override;
   void OnRow(ReceivingStream&, std::string_view, std::string_view) override {}
   void OnBytes(ReceivingStream&) override {}
@@ -59,5 +65,5 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
   Discovery discovery_;
   Presence presence_;
   std::map<Place, std::unique_ptr<ReceivingStream>> requests_;  // To those who are asked to connect.
-  std::size_t taken_ = 0;
+  std::map<Place, bool> members_;  // Each that has been met, and whether it has taken every row.
 };
