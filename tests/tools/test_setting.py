@@ -217,6 +217,16 @@ def test_a_torn_last_line_is_reported_and_left_out(share, tmp_path):
     assert press.gets_row(b"plant", b"status", b"speed", b"42")
 
 
+@pytest.mark.parametrize("words", [["load"], ["replay", "-"]])
+def test_a_last_line_that_lacks_only_its_newline_is_taken(share, words):
+    press = share(b"press")
+
+    done = run(*words, data=row_line("speed", "42") + row_line("mode", "auto")[:-1])
+
+    assert (done.status, done.errors) == (0, "varnix: 2 rows taken by 1 member\n")
+    assert press.gets_row(b"plant", b"status", b"mode", b"auto")
+
+
 def test_a_line_that_is_too_long_ends_a_load_and_is_told(share):
     press = share(b"press")
 

@@ -40,9 +40,14 @@ bool LoadCommand::Feed() {
   for (int i = 0; i < kMostLines; ++i) {
     if (pending_ && pending_due_ > Clock::now()) return false;
     if (pending_) SetPending();
-    const auto line = lines_.Next();
-    if (!line) return lines_.IsAtEnd() && End();
-    if (Parse(*line)) pending_due_ = pace_.DueTime(pending_->time_us);
+    if (const auto line = lines_.Next()) {
+      Parse(*line);
+    } else if (!lines_.IsAtEnd()) {
+      return false;
+    } else if (!ParseUnended()) {
+      End();
+      return true;
+    }
   }
   more_ = true;
   return false;
@@ -53,31 +58,41 @@ TimePoint LoadCommand::NextRow() const {
   return pending_ ? pending_due_ : TimePoint::max();
 }
 
-bool LoadCommand::Parse(std::string_view line) {
+void LoadCommand::Parse(std::string_view line) {
   JsonRow row;
   const std::string error = ParseJsonRow(line, row);
-  if (error.empty()) {
-    pending_ = std::move(row);
-  } else {
-    Fail("line " + std::to_string(lines_.LineNumber()) + ": " + error + ": left out");
-  }
-  return error.empty();
+  if (error.empty()) return Await(std::move(row), lines_.LineNumber());
+  Fail("line " + std::to_string(lines_.LineNumber()) + ": " + error + ": left out");
+}
+
+// Whether the last line is whole, though it has no newline.
+bool LoadCommand::ParseUnended() {
+  JsonRow row;
+  if (unended_taken_ || lines_.IsTooLong() || !ParseJsonRow(lines_.Torn(), row).empty()) return false;
+  unended_taken_ = true;
+  Await(std::move(row), lines_.LineNumber() + 1);
+  return true;
+}
+
+void LoadCommand::Await(JsonRow row, std::size_t line_number) {
+  pending_ = std::move(row);
+  pending_line_ = line_number;
+  pending_due_ = pace_.DueTime(pending_->time_us);
 }
 
 void LoadCommand::SetPending() {
-  const std::string where = "line " + std::to_string(lines_.LineNumber()) + ": ";
+  const std::string where = "line " + std::to_string(pending_line_) + ": ";
   Set(pending_->table, pending_->key, std::move(pending_->value), where);
   pending_.reset();
 }
 
 // Says what was not a whole line; a recording that was cut off ends so.
-bool LoadCommand::End() {
+void LoadCommand::End() {
   const std::string line = "line " + std::to_string(lines_.LineNumber() + 1);
   if (lines_.Error() != 0) Fail(std::string("cannot read further: ") + std::strerror(lines_.Error()));
   if (lines_.IsTooLong()) {
     Fail(line + " is longer than 16 MiB: it and all behind it are left out");
-  } else if (!lines_.Torn().empty()) {
+  } else if (!lines_.Torn().empty() && !unended_taken_) {
     session_.progress.Note(line + " is torn: left out");
   }
-  return true;
 }
