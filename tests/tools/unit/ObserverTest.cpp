@@ -208,7 +208,7 @@ TEST(ReceivingStream, EndsAsSoonAsAGreetingClaimsToBeLongerThanAnyIs) {
 
   lonely.TurnUntil([&] { return lonely.stream.IsEnded(); });
   ASSERT_TRUE(lonely.stream.IsEnded());
-  EXPECT_EQ(lonely.stream.GetEnd().kind, End::Kind::kOverLimit);
+  EXPECT_EQ(lonely.stream.GetEnd().kind, End::Kind::kLongName);
 }
 
 TEST(ReceivingStream, GivesUpAMemberThatDiesBeforeItHasTakenOurAnswer) {

@@ -94,7 +94,7 @@ void ReceivingStream::TakeRecords() {
   const TimePoint end = Clock::now() + kMostOfATurn;
   Record record;
   interrupted_ = false;
-  if (state_ == State::kGreeting && reader_.NextSize() > kMostOfGreeting) return EndAs({End::Kind::kOverLimit});
+  if (state_ == State::kGreeting && reader_.NextSize() > kMostOfGreeting) return EndAs({End::Kind::kLongName});
   while (!IsEnded() && !interrupted_ && reader_.Next(record)) {
     if (state_ == State::kGreeting) {
       OnGreeting(record);
@@ -106,7 +106,7 @@ void ReceivingStream::TakeRecords() {
 }
 
 void ReceivingStream::OnGreeting(const Record& record) {
-  if (record.b.size() > kLongestIdentity) return EndAs({End::Kind::kOverLimit});
+  if (record.b.size() > kLongestIdentity) return EndAs({End::Kind::kLongName});
   owner_.OnGreeting(*this, record.a, record.b);
   if (IsEnded()) return;
   state_ = State::kReceiving;
