@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <utility>
@@ -74,6 +75,26 @@ TEST(Setter, RemembersAMemberThatLeavesBeforeItHasTakenTheRows) {
   ASSERT_TRUE(stage.Until([&] { return stage.setter.Connected() == 1; }));
   EXPECT_TRUE(stage.setter.Lost().empty());
   EXPECT_EQ(stage.setter.Untaken(), lost);
+}
+
+TEST(Setter, AsksNobodyToConnectOnceItHasFinished) {
+  Stage stage;
+  int connecting = 0;
+  const Hooked counting(Hooks().connect, [&connecting](int, const sockaddr*, socklen_t) {
+    ++connecting;
+    errno = EINPROGRESS;
+    return -1;
+  });
+  const auto hear = [&](std::uint16_t port) {
+    static_cast<Discovery::Owner&>(stage.setter).OnAnnouncement({INADDR_LOOPBACK, port}, "line-4");
+  };
+  hear(kPort);
+  ASSERT_EQ(connecting, 1);
+  stage.setter.Finish();
+
+  hear(kPort + 1);
+
+  EXPECT_EQ(connecting, 1);
 }
 
 TEST(Setter, TakesNobodyForAMemberWhoOnlyAsksItToConnect) {

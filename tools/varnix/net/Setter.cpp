@@ -21,7 +21,13 @@ Setter::Setter(Loop& loop, const Settings& settings, const OwnTable& rows)
       presence_(loop, discovery_, {settings.group, settings.database, settings.identity, settings.announces}, rows,
                 *this) {}
 
+void Setter::Finish() {
+  finished_ = true;
+  presence_.Finish();
+}
+
 void Setter::OnAnnouncement(const Place& place, const std::string& group) {
+  if (finished_) return;  // Nobody could connect to us.
   const bool ours = place.port == presence_.Port() && IsOwnAddress(place.address);
   if (group != settings_.group || ours || presence_.IsConnected(place)) return;
   if (requests_.size() >= kMostRequests || requests_.count(place) > 0) return;

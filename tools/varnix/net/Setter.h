@@ -43,7 +43,7 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
   TimePoint LastEvent() const { return presence_.LastEvent(); }
 
   // Waits for nobody any more, and ends each stream behind its last row.
-  void Finish() { presence_.Finish(); }
+  void Finish();
 
   // Deals with what has happened in a turn of the loop.
   void Tidy();
@@ -65,5 +65,6 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
   Discovery discovery_;
   Presence presence_;
   std::map<Place, std::unique_ptr<ReceivingStream>> requests_;  // To those who are asked to connect.
+  bool finished_ = false;
   std::map<Place, bool> members_;  // Each that has been met, and whether it has taken every row.
 };
