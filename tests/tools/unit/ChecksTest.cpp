@@ -134,6 +134,35 @@ TEST_F(Checks, TellWhoHasLeftAndIsNotKnownFromWhoIsKnown) {
             "not known until it announces itself: 1 member at 10.0.0.2, 1 member at 10.0.0.3");
 }
 
+TEST_F(Checks, SayThatTheGroupIsThereAlsoWhereAllHaveAnotherDatabase) {
+  evidence.places.clear();
+  evidence.strangers = {{0x0A000002, 1}};
+
+  EXPECT_EQ(Seen("group"), "members of \"line-4\" came, and left again");
+  EXPECT_EQ(Faults(),
+            "database: nobody of the group has \"plant\"; of another database, not known until it announces itself: 1 "
+            "member at 10.0.0.2\n");
+}
+
+TEST_F(Checks, SayOneThingAtLeastWhereNobodyIs) {
+  evidence.places.clear();
+
+  EXPECT_EQ(Faults(), "group: nobody of \"line-4\" was heard or came within 61 s\n");
+  for (const char* const check : {"reach", "database", "back", "hears", "heard", "identity", "rows"}) {
+    EXPECT_EQ(Seen(check), "nobody to judge") << check;
+  }
+}
+
+TEST_F(Checks, TellWhetherAnnouncementsAreSentAlsoWhereNoneIsHeard) {
+  evidence.hearing_error = EADDRINUSE;
+  evidence.own_announcement = false;
+  EXPECT_EQ(Faults(), "");
+  EXPECT_EQ(Seen("own"), "our own announcement is sent; whether it comes back is not heard");
+
+  evidence.announcing_error = EPERM;
+  EXPECT_EQ(Faults(), "own: announcements cannot be sent: Operation not permitted\n");
+}
+
 TEST_F(Checks, FindDatabasesWhoseNamesLookTheSame) {
   Press().member.database = "plant \0"s;
   EXPECT_EQ(Faults(),

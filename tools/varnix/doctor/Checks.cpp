@@ -70,6 +70,9 @@ bool IsOurs(const Evidence& evidence, const SeenPlace& seen) {
 // Whether it had the time to do what members do.
 bool IsKnownInTime(const Evidence& evidence, const SeenPlace& seen) { return seen.known <= evidence.judged_until; }
 
+// Each check says something, also where it has nothing to look at.
+Finding NobodyToJudge(const char* check) { return {true, check, "nobody to judge", "", ""}; }
+
 // --- This host
 
 Finding CheckRoute(const Evidence& evidence) {
@@ -103,6 +106,9 @@ Finding CheckOwn(const Evidence& evidence) {
             "tblsvr.dscv.sendto with error " + std::to_string(evidence.announcing_error)};
   }
   if (evidence.own_announcement) return {true, "own", "our own announcement comes back", "", ""};
+  if (evidence.hearing_error != 0) {
+    return {true, "own", "our own announcement is sent; whether it comes back is not heard", "", ""};
+  }
   return {false, "own", "our own announcement does not come back",
           "let UDP port 1975 into this host's firewall, and see 'port' and 'route'",
           "on this host's members no tblrcvr.ctor, not even of themselves"};
@@ -151,6 +157,9 @@ void CheckGroup(const Evidence& evidence, Findings& findings) {
          "see that one runs, on this network, with this group, and that UDP port 1975 gets through; "
          "--wait 61 hears everybody once",
          "no tblrcvr.ctor"});
+  } else {
+    findings.push_back(
+        {true, "group", "members of " + Quoted(evidence.group) + " came, and left again" + also, "", ""});
   }
 }
 
@@ -182,6 +191,8 @@ void CheckDatabase(const Evidence& evidence, Findings& findings) {
     findings.push_back({false, "database", "nobody of the group has " + Quoted(evidence.database) + also,
                         unnamed.empty() ? "give both the same database" : "--wait 61 hears what they have",
                         "tblsvr.fnd.rcv.abort.svr"});
+  } else {
+    findings.push_back(NobodyToJudge("database"));
   }
 }
 
@@ -196,7 +207,7 @@ struct Step {
 };
 
 void AddStep(Findings& findings, const Step& step, const Members& all, const Members& failed) {
-  if (all.empty()) return;
+  if (all.empty()) return findings.push_back(NobodyToJudge(step.check));
   if (failed.empty()) {
     findings.push_back({true, step.check, CountText(all.size(), "member") + " " + step.good, "", ""});
     return;
@@ -225,7 +236,8 @@ void CheckReach(const Evidence& evidence, Findings& findings) {
                         "see what listens there: it does not speak as members do, or is stopped",
                         "on its peers tblrcvr.sock.conn.succ, without tblrcvr.gotuid"});
   }
-  if (all.empty() || unreachable.size() + silent.size() > 0) return;
+  if (all.empty()) return findings.push_back(NobodyToJudge("reach"));
+  if (unreachable.size() + silent.size() > 0) return;
   findings.push_back({true, "reach", CountText(all.size(), "member") + " can be reached", "", ""});
 }
 
@@ -277,7 +289,8 @@ void CheckRows(const Members& ours, Findings& findings) {
          CountText(seen->rows, "row") + " came before " + NameAndPlace(*seen) + " " + EndText(*seen->end),
          "see whether that process ended, or the network between", "cook.rd.rd, tblsndr.dtor"});
   }
-  if (!broken.empty() || ours.empty()) return;
+  if (ours.empty()) return findings.push_back(NobodyToJudge("rows"));
+  if (!broken.empty()) return;
   const Members none = Among(ours, [](const SeenPlace& seen) { return seen.rows == 0; });
   const std::string also = none.empty() ? "" : "; nothing is set by " + Names(none);
   findings.push_back(
@@ -290,7 +303,7 @@ Findings CheckHost(const Evidence& evidence) { return {CheckRoute(evidence), Che
 
 Findings CheckMembers(const Evidence& evidence) {
   Findings findings;
-  if (evidence.announced && evidence.hearing_error == 0) findings.push_back(CheckOwn(evidence));
+  if (evidence.announced) findings.push_back(CheckOwn(evidence));
   CheckGroup(evidence, findings);
   CheckReach(evidence, findings);
   CheckDatabase(evidence, findings);
