@@ -30,7 +30,7 @@ using std::chrono::seconds;
 
 // Keeps the value of every row.
 struct Keeper : Audience {
-  std::vector<Place> met, over_limit;
+  std::vector<Place> met, over_limit, no_room;
   std::size_t rows = 0;
 
   void OnMet(const Member& member) override { met.push_back(member.place); }
@@ -40,6 +40,7 @@ struct Keeper : Audience {
   }
   void OnEnd(const Member& member, const End& end) override {
     if (end.kind == End::Kind::kOverLimit) over_limit.push_back(member.place);
+    if (end.kind == End::Kind::kNoRoom) no_room.push_back(member.place);
   }
 };
 
@@ -121,6 +122,25 @@ TEST(Observer, ConnectsAgainAtOnceOnlyWhereTheStreamHasLastedASecond) {
     scene.clock.now += pause;
     EXPECT_TRUE(scene.Until([&] { return fake.IsVisited(); }));
   }
+}
+
+TEST(Observer, LetsTheAddressThatFillsEveryPlaceGiveWayToAnother) {
+  Observer::Settings settings = Settings(1 << 20);
+  settings.places = 3;
+  Scene scene(settings);
+  Fake first(scene.loop), second(scene.loop), third(scene.loop), fourth(scene.loop), elsewhere(scene.loop);
+  for (Fake* const fake : {&first, &second, &third}) scene.Meet(*fake);
+  const auto hear = [&](const Place& place) {
+    static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(place, "line-4");
+  };
+
+  hear(fourth.At());
+  EXPECT_EQ(scene.keeper.no_room, (std::vector<Place>{fourth.At()}));  // It would do no better than the others.
+  hear({INADDR_LOOPBACK + 1, elsewhere.At().port});
+
+  EXPECT_TRUE(scene.Until([&] { return elsewhere.IsVisited(); }));
+  EXPECT_EQ(scene.keeper.no_room, (std::vector<Place>{fourth.At(), std::min({first.At(), second.At(), third.At()})}));
+  EXPECT_EQ(scene.observer.Met(), 2);
 }
 
 TEST(Observer, LeavesOutTheAnnouncementThatFollowsTheSignOfAnotherObserver) {

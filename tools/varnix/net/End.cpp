@@ -23,6 +23,8 @@ std::string EndText(const End& end) {
       return "is received by way of another address";
     case End::Kind::kOverLimit:
       return "sends more than --limit allows: left out";
+    case End::Kind::kNoRoom:
+      return "is one of too many places at once: left out";
     case End::Kind::kLongName:
       return "has a name of more than 4351 bytes: left out";
   }

@@ -16,6 +16,7 @@ struct End {
     kNotLookedFor,  // It is of another group, or serves another database.
     kDuplicate,     // It is received already, by way of another address.
     kOverLimit,     // It needed more memory than it may.
+    kNoRoom,        // More places were known than are looked after.
     kLongName,      // It says who it is at greater length than is taken.
   };
   Kind kind = Kind::kClosed;

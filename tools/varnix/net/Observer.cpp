@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kMostContacts = 1024, kMostPresences = 16, kMostAsked = 64;
+constexpr std::size_t kMostObservers = 1024, kMostPresences = 16, kMostAsked = 64;
 
 // No group has such a name by chance; one that has it is told the other.
 constexpr char kObserver[] = "(observer)", kOtherObserver[] = "(another observer)";
@@ -50,7 +50,7 @@ void Observer::OnAnnouncement(const Place& place, const std::string& group) {
 // Observers are told from members by what they announce just before: that they are in a group in which no member is.
 bool Observer::IsOfObserver(const Place& place, const std::string& group) {
   if (group != kObserver || settings_.group == kObserver) return observers_.erase(place) > 0;
-  if (observers_.size() >= kMostContacts) observers_.clear();
+  if (observers_.size() >= kMostObservers) observers_.clear();
   observers_.insert(place);
   return true;
 }
@@ -72,7 +72,12 @@ void Observer::OnGuest(const Place& place, const std::string& group, bool) {
 
 void Observer::Learn(const Place& place, const std::string& group) {
   const auto known = contacts_.find(place);
-  if (known == contacts_.end() && contacts_.size() >= kMostContacts && !MakeRoom()) return;
+  if (known == contacts_.end() && contacts_.size() >= settings_.places && !MakeRoom(place.address)) {
+    Member left_out;
+    left_out.place = place;
+    left_out.group = group;
+    return audience_.OnEnd(left_out, {End::Kind::kNoRoom});
+  }
   Contact& contact = contacts_[place];
   if (contact.stream || contact.enough) return;
   contact.member.place = place;
@@ -81,12 +86,20 @@ void Observer::Learn(const Place& place, const std::string& group) {
   Visit(contact);
 }
 
-// At the cost of a place where nobody has said who they are.
-bool Observer::MakeRoom() {
-  const auto unnamed = std::find_if(contacts_.begin(), contacts_.end(),
-                                    [](const auto& entry) { return !entry.second.met && !entry.second.enough; });
-  if (unnamed == contacts_.end()) return false;
-  contacts_.erase(unnamed);
+// At the cost of a place where nobody has said who they are; else of the address that has most of them, if that is fair.
+bool Observer::MakeRoom(std::uint32_t address) {
+  auto leaving = std::find_if(contacts_.begin(), contacts_.end(),
+                              [](const auto& entry) { return !entry.second.met && !entry.second.enough; });
+  if (leaving == contacts_.end()) {
+    Strangers::Counts counts;
+    for (const auto& [place, contact] : contacts_) ++counts[place.address];
+    const auto most = std::max_element(counts.begin(), counts.end(),
+                                       [](const auto& left, const auto& right) { return left.second < right.second; });
+    if (most->second <= counts[address] + 1) return false;
+    leaving = contacts_.lower_bound({most->first, 0});
+    audience_.OnEnd(leaving->second.member, {End::Kind::kNoRoom});
+  }
+  contacts_.erase(leaving);
   return true;
 }
 

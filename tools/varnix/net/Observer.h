@@ -36,6 +36,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
     bool wants_rows = true;
     bool wants_changes = true;      // Not only the rows that are there.
     std::size_t memory = 64 << 20;  // The most for what members send, in bytes.
+    std::size_t places = 1024;      // The most that are looked after.
   };
 
   Observer(Loop& loop, const Settings& settings, Audience& audience);
@@ -84,7 +85,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   bool IsOurs(const Place& place) const;
   bool IsLookedFor(const Member& member) const;
   bool IsReceivedAlready(const Member& member) const;
-  bool MakeRoom();
+  bool MakeRoom(std::uint32_t address);
   void Visit(Contact& contact);
   void AppearIn(const std::string& group, const std::string& database);
   void AppearAmong(const Member& member);
