@@ -181,6 +181,7 @@ def test_a_firewall_that_keeps_announcements_in_is_found(hosts, start):
     found = hosts.doctor(start, ["group", "own"])
 
     assert found["own"]["seen"] == "announcements cannot be sent: Operation not permitted"
+    assert found["own"]["log"] == "tblsvr.dscv.sendto with error 1"
 
 
 def test_a_firewall_that_keeps_announcements_out_is_found(hosts, share, start):
@@ -190,6 +191,7 @@ def test_a_firewall_that_keeps_announcements_out_is_found(hosts, share, start):
     found = hosts.doctor(start, ["own"])
 
     assert found["own"]["seen"] == "our own announcement does not come back"
+    assert found["own"]["log"] == "on this host's members no tblrcvr.ctor, not even of themselves"
 
 
 def test_announcements_that_are_lost_on_the_way_are_found(hosts, share, start):
@@ -207,8 +209,10 @@ def test_a_member_that_does_not_hear_us_is_found(hosts, share, start):
     press = share()
     drop(hosts.there, "input", "udp dport 1975")
 
-    hosts.doctor(start, ["hears"], member=press, sees={
+    found = hosts.doctor(start, ["hears"], member=press, sees={
         "hears": r"^press::ctl at 10\.1\.1\.2:\d+ did not hear our announcement, and came only when asked to$"})
+
+    assert found["hears"]["log"] == "on those members no tblrcvr.ctor of this host"
 
 
 def test_a_member_that_starts_while_the_doctor_looks_is_no_fault(hosts, share, start):
@@ -244,8 +248,10 @@ def test_a_member_that_cannot_connect_to_us_is_found(hosts, share, start):
     press = share()
     drop(hosts.here, "input", "tcp flags syn / syn,ack")
 
-    hosts.doctor(start, ["back"], member=press,
-                 sees={"back": r"^press::ctl at 10\.1\.1\.2:\d+ did not connect to us, also when asked to$"})
+    found = hosts.doctor(start, ["back"], member=press, sees={
+        "back": r"^press::ctl at 10\.1\.1\.2:\d+ did not connect to us, also when asked to$"})
+
+    assert found["back"]["log"] == "on those members tblsvr.fnd.rcv.err, without tblrcvr.sock.conn.succ"
 
 
 def test_another_group_is_found_once_it_is_heard(hosts, share, start):
@@ -308,7 +314,8 @@ def test_one_identity_twice_is_found(hosts, share, start):
     found = hosts.doctor(start, ["identity"], sees={
         "identity": r"^press::ctl at 10\.1\.1\.2:\d+, press::ctl at 10\.1\.1\.2:\d+ have one name"})
 
-    assert found["identity"]["log"] == "tblrcvr.gotuid with that name, without tblsvr.fnd"
+    assert found["identity"]["log"] == ("behind tblrcvr.ctor of the other place: tblrcvr.gotuid with that name, "
+                                        "without tblsvr.fnd")
 
 
 def test_a_member_with_two_addresses_is_one(hosts, share, start):
@@ -382,8 +389,10 @@ def test_rows_that_break_off_are_found(hosts, start, fake):
         connected.sendall(wire.record(b"\x06statusspeed", b"42"))
         connected.shutdown(socket.SHUT_RDWR)
 
-    hosts.doctor(start, ["back", "rows"], member=fake(break_off), sees={
+    found = hosts.doctor(start, ["back", "rows"], member=fake(break_off), sees={
         "rows": r"^\d+ rows? came before fake::ctl at 10\.1\.1\.2:\d+ has left$"})
+
+    assert found["rows"]["log"] == "cook.rd.rd, tblsndr.dtor"
 
 
 def test_one_that_accepts_and_says_nothing_is_found(hosts, start, fake):

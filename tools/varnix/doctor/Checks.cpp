@@ -275,7 +275,7 @@ void CheckIdentities(const Members& all, Findings& findings) {
   AddStep(findings,
           {"identity", "have a name of their own", "have one name: these do not meet, and others hear one of them",
            "give each member a device and a process that differ from those of all others",
-           "tblrcvr.gotuid with that name, without tblsvr.fnd"},
+           "behind tblrcvr.ctor of the other place: tblrcvr.gotuid with that name, without tblsvr.fnd"},
           ours, twice);
 }
 
