@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -15,6 +15,9 @@
 #include "wire/CombinedKey.h"
 
 namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
 
 bool IsListener(int descriptor) {
   int listens = 0;
@@ -53,6 +56,30 @@ TEST(Presence, ClosesItsPortBeforeItsStreamsSoThatNobodyWhoConnectsAgainIsReset)
   appearance.presence.reset();
 
   EXPECT_EQ(closed, (std::vector<bool>{true, false}));
+}
+
+TEST(Presence, IsAnnouncedFourTimesSoonAndThenOnceAMinuteByTheClock) {
+  Appearance appearance;
+  const TimePoint begun = appearance.clock.now;
+  int announced = 1;
+  const Hooked counting(Hooks().sendto, [&](int, const void*, std::size_t size, int, const sockaddr*, socklen_t) {
+    ++announced;
+    return static_cast<ssize_t>(size);
+  });
+  for (const int due : {2, 4, 6, 66, 126, 186}) {
+    const int before = announced;
+    appearance.clock.now = begun + seconds(due) - milliseconds(1);
+    appearance.loop.Turn(appearance.clock.now);
+    EXPECT_EQ(announced, before) << due;
+
+    appearance.clock.now = begun + seconds(due) + milliseconds(20);  // A little late, as it always is.
+    appearance.loop.Turn(appearance.clock.now);
+    EXPECT_EQ(announced, before + 1) << due;
+  }
+
+  appearance.clock.now = begun + seconds(1000);
+  for (int i = 0; i < 3; ++i) appearance.loop.Turn(appearance.clock.now);
+  EXPECT_EQ(announced, 8);  // Nothing is made good for.
 }
 
 }  // namespace

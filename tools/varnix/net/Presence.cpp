@@ -29,7 +29,18 @@ Presence::Presence(Loop& loop, Discovery& discovery, const Settings& settings, c
       owner_(owner),
       last_event_(Clock::now()),
       acceptor_(loop, *this) {
-  if (settings_.announced) Announce();
+  if (!settings_.announced) return;
+  next_announcement_ = Clock::now();
+  AnnounceAsScheduled();
+}
+
+// What was missed because the process was stopped is left out.
+void Presence::AnnounceAsScheduled() {
+  Announce();
+  ++announcements_;
+  while (next_announcement_ <= announced_at_) {
+    next_announcement_ += announcements_ < kBurst ? kWithinBurst : kAfterBurst;
+  }
 }
 
 void Presence::Announce() {
@@ -37,7 +48,6 @@ void Presence::Announce() {
   announcing_error_ = discovery_.Send(Encode({Port(), settings_.group}));
   strangers_.BeginRound(GreetedByAddress());
   announced_at_ = Clock::now();
-  next_announcement_ = announced_at_ + (++announcements_ < kBurst ? kWithinBurst : kAfterBurst);
 }
 
 Strangers::Counts Presence::GreetedByAddress() const {

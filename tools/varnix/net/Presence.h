@@ -40,7 +40,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   const std::string& Group() const { return settings_.group; }
   const std::string& Database() const { return settings_.database; }
 
-  // Announces us once more, before the next announcement is due; and when the last one was sent.
+  // Announces us once more, whenever the next announcement is due; and when the last one was sent.
   void Announce();
   TimePoint AnnouncedAt() const { return announced_at_; }
 
@@ -68,7 +68,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   pollfd Awaited() const override { return {-1, 0, 0}; }
   void OnReady(short) override {}
   TimePoint Deadline() const override { return next_announcement_; }
-  void OnDeadline() override { Announce(); }
+  void OnDeadline() override { AnnounceAsScheduled(); }
 
  private:
   struct Guest {
@@ -77,6 +77,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   };
 
   void OnAccepted(FileDescriptor socket, std::uint32_t address) override;
+  void AnnounceAsScheduled();
   std::size_t MostGuests() const;
   void MakeRoom();
   void Look(Guest& guest);
