@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,18 @@ TEST(Strangers, AreThoseWhoLeaveAndWereNotConnected) {
   strangers.OnLeft(2);
 
   EXPECT_EQ(strangers.Most(), (Strangers::Counts{{1, 1}, {2, 2}}));
+}
+
+TEST(Strangers, AreCountedAtSoManyAddressesAndNoMore) {
+  Strangers strangers;
+  for (int round = 0; round < 2; ++round) {
+    strangers.BeginRound({});
+    for (std::uint32_t address = 1; address <= 2 * Strangers::kMost; ++address) strangers.OnLeft(address);
+  }
+  strangers.OnLeft(1);
+
+  EXPECT_EQ(strangers.Most().size(), Strangers::kMost);
+  EXPECT_EQ(strangers.Most().begin()->second, 2);
 }
 
 TEST(Strangers, AreNotThoseWhoAreConnectedAlready) {

@@ -10,9 +10,18 @@ void Strangers::BeginRound(Counts connected) {
   left_.clear();
 }
 
+// Addresses are made up easily: of more, the first are kept.
+int* Strangers::CountOf(Counts& counts, std::uint32_t address) {
+  if (counts.size() >= kMost && counts.count(address) == 0) return nullptr;
+  return &counts[address];
+}
+
 void Strangers::OnLeft(std::uint32_t address) {
-  const int strangers = ++left_[address] - connected_[address];
+  int* const left = CountOf(left_, address);
+  if (left == nullptr) return;
+  const auto connected = connected_.find(address);
+  const int strangers = ++*left - (connected == connected_.end() ? 0 : connected->second);
   if (strangers <= 0) return;
-  int& most = most_[address];
-  if (strangers > most) most = strangers;
+  int* const most = CountOf(most_, address);
+  if (most != nullptr && strangers > *most) *most = strangers;
 }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 
@@ -14,6 +15,7 @@
 class Strangers {
  public:
   using Counts = std::map<std::uint32_t, int>;  // By address.
+  static constexpr std::size_t kMost = 1024;    // So many addresses.
 
   // We have announced ourselves while so many were connected.
   void BeginRound(Counts connected);
@@ -24,5 +26,7 @@ class Strangers {
   const Counts& Most() const { return most_; }
 
  private:
+  static int* CountOf(Counts& counts, std::uint32_t address);
+
   Counts connected_, left_, most_;
 };
