@@ -47,6 +47,12 @@ def test_it_is_built_where_its_libraries_are_unless_it_is_not_wanted(configure, 
     assert configure("-DVARNIX_TOOLS=OFF").returncode == 0 and not has_target(tmp_path / "build")
 
 
+def test_it_is_linked_without_the_library_so_it_shows_what_is_on_the_wire():
+    shown = subprocess.run(["readelf", "-d", os.environ["VARNIX_TOOL"]], capture_output=True, text=True, check=True)
+
+    assert "(NEEDED)" in shown.stdout and "libvarnix" not in shown.stdout
+
+
 def test_a_parent_project_does_not_get_it(configure, tmp_path):
     (tmp_path / "CMakeLists.txt").write_text(
         f"cmake_minimum_required(VERSION 3.16)\nproject(parent CXX)\nadd_subdirectory({SOURCE} varnix)\n")

@@ -102,6 +102,14 @@ def test_nothing_is_found_where_all_is_well(hosts, share, start):
     assert found["route"]["seen"] == "255.255.255.255 is reached by eth0 from 10.1.1.1"
 
 
+@pytest.mark.parametrize("words", [[], ["-b", "0.0.0.0"]])
+def test_it_announces_itself_to_everybody_by_default(hosts, words):
+    with hosts.here:
+        found = run("doctor", "--json", "-w", "0", *words, VARNIX_BROADCAST="")
+
+    assert json.loads(found.output.splitlines()[0])["seen"] == "255.255.255.255 is reached by eth0 from 10.1.1.1"
+
+
 def test_nothing_is_found_among_members_that_announce_themselves_and_set_nothing(hosts, share, start):
     share(device=b"pump", rows=())
     press = share()
