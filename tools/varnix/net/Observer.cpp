@@ -86,7 +86,7 @@ void Observer::Learn(const Place& place, const std::string& group) {
   Visit(contact);
 }
 
-// At the cost of a place where nobody has said who they are; else of the address that has most of them, if that is fair.
+// At the cost of a place where nobody has said who they are; else of the address that has most, if that is fair.
 bool Observer::MakeRoom(std::uint32_t address) {
   auto leaving = std::find_if(contacts_.begin(), contacts_.end(),
                               [](const auto& entry) { return !entry.second.met && !entry.second.enough; });

@@ -20,8 +20,8 @@ class Presence : public Waiter, private Acceptor::Owner {
   class Owner {
    public:
     virtual ~Owner() = default;
-    // Somebody has connected, and has said its group and where it accepts connections. Who only asks us to connect there
-    // does not stay.
+    // Somebody has connected, and has said its group and where it accepts connections. Who only asks us to connect
+    // there does not stay.
     virtual void OnGuest(const Place& place, const std::string& group, bool stays) = 0;
     // It has taken every row, to the end of the stream.
     virtual void OnTaken(const Place& /*place*/) {}

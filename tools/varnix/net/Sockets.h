@@ -33,8 +33,8 @@ int FinishConnecting(const FileDescriptor& socket);
 // Has the kernel notice within some 4 seconds that the peer is gone without a word.
 void KeepAlive(const FileDescriptor& socket);
 
-// The same while something that we have sent is on its way, when the kernel does not ask. Not for peers that may be slow
-// to read.
+// The same while something that we have sent is on its way, when the kernel does not ask. Not for peers that may be
+// slow to read.
 void LimitSilence(const FileDescriptor& socket);
 
 // Has the kernel send small segments without waiting for acknowledgements of earlier ones.
