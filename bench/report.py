@@ -97,7 +97,7 @@ def idle_table(results):
 
 
 def group_table(results):
-    return table(["Members of a group, on one host", "all have a row after s", "all are connected after s",
+    return table(["Members of a group, on one machine", "all have a row after s", "all are connected after s",
                   "connections", "threads each", "descriptors each", "MiB each", "CPU ms a minute each",
                   "packets a minute each"],
                  [[str(run["members"]), number(run["row_s"]), number(run["all_s"]), number(run["connections"]),

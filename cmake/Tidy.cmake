@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: BSD-3-Clause
 
 # Replaces the sources of a target by files of up to 16 of them. Not by those of CMake's unity build: clang's analyzer
-# looks at no function of a file that is included.
+# looks at no function of a file that is included. Those that are left out of such a build are left alone here, too.
 function(varnix_join_sources target)
   get_target_property(sources ${target} SOURCES)
   set(joined_sources "")
@@ -34,9 +34,9 @@ function(varnix_join_sources target)
   target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})  # What stands beside a source.
 endfunction()
 
-# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets. With VARNIX_TIDY=QUICK it takes
-# those of a target together, because it spends most of its time in what they include; and its analyzer inlines less in
-# those that include LARGE_HEADERS: it would spend most of its time in their templates.
+# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets; behind what sets their properties.
+# With VARNIX_TIDY=QUICK the sources of a target are joined: most of the time goes into what they include. Where they
+# include LARGE_HEADERS the analyzer inlines less, too: most of its time would go into the templates there.
 function(varnix_tidy)
   if(NOT VARNIX_TIDY)
     return()

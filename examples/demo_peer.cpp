@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
   Varnix::SetLoggingFunction(ReportFoundPeers);
   Report("starts", name);
   const std::shared_ptr<Varnix::Table> shared = Varnix::MakeSharedTable("demo", "machine");
-  Varnix::SetSharingGroup("demo", group, "this-host", name, inet_addr("127.255.255.255"));  // Stays on this host.
+  Varnix::SetSharingGroup("demo", group, "this-device", name, inet_addr("127.255.255.255"));  // Stays on this device.
 
   const std::shared_ptr<Varnix::Table> own = Varnix::MakeTable("own");
   const std::shared_ptr<Varnix::Watcher> end = own->Watch("end");

@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
   const std::string name = argv[1], value = argv[2];
 
   std::shared_ptr<Varnix::Table> table = Varnix::MakeSharedTable("plant", "status");
-  Varnix::SetSharingGroup("plant", "line-4", "press", name, inet_addr("127.255.255.255"));  // Stays on this host.
+  Varnix::SetSharingGroup("plant", "line-4", "press", name, inet_addr("127.255.255.255"));  // Stays on this device.
   std::shared_ptr<Varnix::WatcherSet> changes = Varnix::MakeWatcherSet({table->WatchAll()});
 
   table->Set({name, value});

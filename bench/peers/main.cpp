@@ -3,7 +3,7 @@
 
 // One peer of a benchmark, for every system the same: PEER WRITTEN WATCHED ADDRESS NAME
 // "-" as WRITTEN or WATCHED: none. Takes commands on standard input and answers each with one line, times being
-// nanoseconds of the monotonic clock, which all processes of a host share:
+// nanoseconds of the monotonic clock, which all processes of a machine share:
 //
 //   fill FIRST COUNT      sets COUNT new rows, keys of 16 bytes, values of 32              -> "filled BEGIN END"
 //   refill FIRST COUNT    sets these rows to other values, and then the row that `last` waits for -> "refilled BEGIN

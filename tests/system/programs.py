@@ -64,7 +64,7 @@ def address_space(pid):
 
 
 def output_of(*command):
-    """Of one that must end well; text."""
+    """What the command prints, as text. It has to end with 0."""
     return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout
 
 

@@ -107,7 +107,7 @@ def last(host, kind):
 
 
 def has_met_itself(host, logged):
-    """Whether the threads have ended that a server has because it hears itself; `logged` log lines came before it.
+    """Whether the two threads of a server that meets itself are at their end; `logged` log lines came before it.
 
     A thread that begins or ends holds a lock of the emulator (qemu-user 7.2), which stays locked in a child.
     """
@@ -135,7 +135,7 @@ def shares_like_any_process(ether, host, process, group=b"line-4"):
     host.do("group", "706c616e74")
     assert last(host, "group").startswith(f"group {group.hex()} ")
     assert has_met_itself(host, logged)
-    return port, (receiving, sending)
+    return port, (receiving, sending)  # To be kept: no thread of the server ends as long as they stand.
 
 
 @of_any_thread

@@ -195,7 +195,7 @@ local function Value(field)
   return info and info.value
 end
 
--- A member is at this port of the host that sent this packet.
+-- A member is at this port of the device that sent this packet.
 local function Learn(port)
   local address = Last(ip_source)
   if address and port > 0 then listeners[address.range:uint() * 65536 + port] = true end

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
   varnix_change* change;
   const varnix_sharing sharing = {
       VARNIX_LITERAL("line-4"), VARNIX_LITERAL("press"), name, strlen(name), inet_addr("127.255.255.255"),
-  };  // That address stays on this host.
+  };  // That address stays on this device.
   if (varnix_shared_table(VARNIX_LITERAL("plant"), VARNIX_LITERAL("status"), &table) != 0) return 1;
   if (varnix_share(VARNIX_LITERAL("plant"), &sharing) != 0) return 1;
   if (varnix_table_watch_all(table, &watcher) != 0) return 1;
