@@ -138,7 +138,7 @@ void Bridge::WaitForTheBroker() {
 void Bridge::Acknowledged(int message, int reason) {
   if (!publisher_) return;
   if (!presence_->Acknowledged(message, reason, log_)) return publisher_->Acknowledged(message, reason);
-  if (!HasSecondBridge()) publisher_->Begin();  // The broker has shown that it works.
+  if (!Signals::EndIsAskedFor() && !HasSecondBridge()) publisher_->Begin();  // The broker has shown that it works.
 }
 
 void Bridge::Arrived(std::string_view topic, std::string_view payload, std::string_view instance) {

@@ -41,7 +41,7 @@ class Bridge final : private BrokerListener {
   void JoinGroup();
   // Until it ends, the end is asked for, or a second bridge is noticed.
   void ServeConnection();
-  // By what the broker tells.
+  // The broker has ended our connection because another client has our name.
   bool IsTakenOver() const;
   bool HasSecondBridge() const;
   // Whether this bridge is the one of the two that ends. It is not when the broker may not know that it leaves: then

@@ -139,8 +139,10 @@ def test_of_two_bridges_of_a_site_one_ends_and_says_why(broker, make_client, mak
 
 def test_a_broker_that_tells_of_a_second_bridge_is_believed(middle, make_site, start_bridge):
     with middle, socket.create_server(("", 1883)) as listener:
+        listener.settimeout(DEADLINE)
         bridge = start_bridge(make_site(b"hall1"))
         connection, _ = listener.accept()
+        connection.settimeout(DEADLINE)
         with connection:
             connection.recv(1000)
             connection.sendall(b"\x20\x03\x00\x00\x00")  # Accepted.
@@ -163,9 +165,11 @@ def state_of_another(name):
 def test_a_bridge_goes_on_beside_a_second_one_if_the_broker_may_not_know_its_leave(middle, make_site, start_bridge):
     """The second one may take it for being there, and end: then nobody would be left."""
     with middle, socket.create_server(("", 1883)) as listener:
+        listener.settimeout(DEADLINE)
         bridge = start_bridge(make_site(b"hall1"), "--import", "hall2")
         for number in range(3):
             connection, _ = listener.accept()
+            connection.settimeout(DEADLINE)
             with connection, connection.makefile("rb") as stream:
                 Packet(stream)  # It connects.
                 connection.sendall(b"\x20\x03\x00\x00\x00")  # Accepted.
