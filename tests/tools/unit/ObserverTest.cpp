@@ -232,16 +232,19 @@ TEST(ReceivingStream, EndsAsSoonAsAGreetingClaimsToBeLongerThanAnyIs) {
 }
 
 TEST(ReceivingStream, GivesUpAMemberThatDiesBeforeItHasTakenOurAnswer) {
-  int limit_ms = 0;
-  const Hooked options(Hooks().setsockopt, [&](int socket, int level, int name, const void* value, socklen_t size) {
-    if (level == IPPROTO_TCP && name == TCP_USER_TIMEOUT) limit_ms = *static_cast<const int*>(value);
-    return Hooks().setsockopt.Real(socket, level, name, value, size);
+  int socket = -1;
+  const Hooked connects(Hooks().connect, [&](int connecting, const sockaddr* address, socklen_t size) {
+    socket = connecting;
+    return Hooks().connect.Real(connecting, address, size);
   });
   Lonely lonely(true);
 
   lonely.fake.Send("plant", CombinedKey("fake", "ctl"));
 
   lonely.TurnUntil([&] { return lonely.stream.IsReceiving(); });
+  int limit_ms = 0;
+  socklen_t size = sizeof limit_ms;
+  ASSERT_EQ(getsockopt(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, &limit_ms, &size), 0);
   EXPECT_EQ(limit_ms, 4000);  // By default the system would try for a quarter of an hour.
 }
 
