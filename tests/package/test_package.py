@@ -147,18 +147,19 @@ def build_sub_project(project, directory, *definitions):
     return {path.name for path in directory.glob("installed/**/*")}
 
 
-def test_as_a_sub_project_it_brings_its_library_alone(tmp_path):
-    installed = build_sub_project("subproject", tmp_path)
+if not TOOLCHAIN:  # The recipes build it whole with the tools of another machine.
 
-    assert_works(tmp_path / "build" / "stranger")
-    assert not installed & {"Varnix.h", "libvarnix.so", "varnix.pc"}
+    def test_as_a_sub_project_it_brings_its_library_alone(tmp_path):
+        installed = build_sub_project("subproject", tmp_path)
 
+        assert_works(tmp_path / "build" / "stranger")
+        assert not installed & {"Varnix.h", "libvarnix.so", "varnix.pc"}
 
-def test_a_parent_project_that_asks_for_it_installs_the_library_too(tmp_path):
-    installed = build_sub_project("fetched", tmp_path, "-DVARNIX_INSTALL=ON")
+    def test_a_parent_project_that_asks_for_it_installs_the_library_too(tmp_path):
+        installed = build_sub_project("fetched", tmp_path, "-DVARNIX_INSTALL=ON")
 
-    assert_works(tmp_path / "build" / "stranger")
-    assert installed >= {"Varnix.h", "libvarnix.so", "varnix.pc", "VarnixConfig.cmake"}
+        assert_works(tmp_path / "build" / "stranger")
+        assert installed >= {"Varnix.h", "libvarnix.so", "varnix.pc", "VarnixConfig.cmake"}
 
 
 if shutil.which("systemd-analyze") and (BUILD / "bridges" / "mqtt" / "varnix-mqtt@.service").exists():
