@@ -12,7 +12,7 @@ import programs
 WAYS = ["return", "exit", "exit from a thread"]
 WAYS_WITHOUT_DESTRUCTORS = ["quick exit"]
 WAYS_BY_FORK_OR_EXEC = ["exit after a fork", "exec"]
-RUNS = 1000 if programs.SOAK else 10 if programs.EMULATOR else 50
+RUNS = 1000 if programs.SOAK else 50 if programs.NATIVE else 10 if programs.EMULATOR else 20
 STATUS = 5
 # The first log hook tells of peers that end at the same time.
 RESET = "cook.rd.rd: Cookie::Read: read error 104: Connection reset by peer"
