@@ -7,8 +7,8 @@
 
 #include <cerrno>
 
-// The linker's --wrap sends each call of this program to __wrap_X and leaves the real one as __real_X. The hooks of
-// SystemCallHooks.h take a lock themselves.
+// The linker's --wrap sends each call of this program to __wrap_X and leaves the real one as __real_X. Not one of the
+// hooks of SystemCallHooks.h: those take a lock themselves.
 
 namespace {
 

@@ -7,9 +7,9 @@
 
 #include <system_error>
 
-// Makes the n-th lock that this thread takes, counted from 1, fail while this object lives: to try finds the mutex
-// taken, and to wait for it is a deadlock. Only locks that the program's own code takes count, not those within the
-// system's libraries.
+// While this object lives, the n-th lock that this thread takes (from 1) fails: pthread_mutex_trylock() returns EBUSY,
+// pthread_mutex_lock() EDEADLK. Only locks that the program's own code takes count, not those within the system's
+// libraries.
 class FailingLock {
  public:
   explicit FailingLock(long n);
@@ -23,13 +23,17 @@ class FailingLock {
 // Whether the call had an n-th lock, which failed. It has to throw that.
 template <class Call>
 bool FailsToLockAt(long n, Call call) {
-  const FailingLock failing(n);
   bool thrown = false;
-  try {
-    call();
-  } catch (const std::system_error& error) {
-    thrown = error.code() == std::errc::resource_deadlock_would_occur;
+  bool failed = false;
+  {
+    const FailingLock failing(n);
+    try {
+      call();
+    } catch (const std::system_error& error) {
+      thrown = error.code() == std::errc::resource_deadlock_would_occur;
+    }
+    failed = failing.HasFailed();
   }
-  EXPECT_EQ(thrown, failing.HasFailed()) << "at lock " << n;
-  return failing.HasFailed();
+  EXPECT_EQ(thrown, failed) << "at lock " << n;  // It takes locks, too.
+  return failed;
 }
