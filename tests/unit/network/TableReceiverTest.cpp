@@ -353,9 +353,10 @@ TEST_F(TableReceiverTest, AllFourKeepaliveFailuresAreLoggedInTheirOrder) {
 TEST_F(TableReceiverTest, ConnectThatTimesOutEndsTheStreamSilently) {
   calls_.polls = {[](pollfd*) { return 0; }};
 
-  Receive();
+  Receive(3s);
 
-  EXPECT_EQ(calls_.Calls(), Join({kSetUp, kConnect, kWait, kBlockAgain, kClose}));
+  const std::vector<std::string> wait = {"poll(done POLLIN, socket POLLOUT, 3000)"};
+  EXPECT_EQ(calls_.Calls(), Join({kSetUp, kConnect, wait, kBlockAgain, kClose}));
   EXPECT_THAT(LinesBetween(), IsEmpty());
 }
 
