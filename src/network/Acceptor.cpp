@@ -54,7 +54,9 @@ void Acceptor::AcceptConnection() {
     return;
   }
   const int error = errno;
-  if (error == EINVAL) return;  // The server stops, and has shut the listener down.
+  // The stop shuts the listener down.
+  if (error == EINVAL && StopsWithin(std::chrono::milliseconds(0))) return;
+  errno = error;  // The first log hook prints it, too.
   Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
   // The connection still waits, and accepting it would fail at once again: leave the processor to others for a while.
   if (IsOutOfResources(error)) StopsWithin(kPauseWithoutResources);

@@ -248,13 +248,30 @@ TEST_F(AcceptorTest, AddressOfAPeerIsHandedOnInHostByteOrder) {
 }
 
 TEST_F(AcceptorTest, AcceptThatMeetsTheStopLogsNothing) {
-  accept_errors_ = {EINVAL};  // As after the shutdown of the listener.
-  const Client peer = Connect();
+  wait_results_ = {[this](pollfd* entries) {
+    member_.SignalDone();
+    entries[1].revents = POLLHUP;  // Of the listener that the stop has shut down.
+    return 1;
+  }};
+  accept_errors_ = {EINVAL};
 
   Run();
 
-  EXPECT_EQ(peer.ReceiveUntilEnd(), kGreeting);
+  EXPECT_EQ(Accepts(), 1);
   EXPECT_THAT(log_.Lines("tblsvr.acc.acc"), IsEmpty());
+}
+
+TEST_F(AcceptorTest, InvalidAcceptWithoutAStopIsLoggedAndTheServerGoesOn) {
+  accept_errors_ = {EINVAL};
+  pause_result_ = [](pollfd&) { return FailWith{EINTR}(); };  // The look for the stop leaves its own error.
+  const Client peer = Connect();
+  testing::internal::CaptureStderr();
+
+  RunWithDefaultLogger();
+
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "tblsvr.acc.acc: TableServer: Accept::accept error 22: Invalid argument\n");
+  EXPECT_EQ(peer.ReceiveUntilEnd(), kGreeting);
 }
 
 TEST_F(AcceptorTest, FailedAcceptIsLoggedAndTheServerGoesOn) {
