@@ -132,9 +132,9 @@ enum class LogLevel : int {
 ///   ends the process, or, while a peer is being served, the stream to that peer.
 /// A hook should not wait: until it returns, nearly every call of this library waits, on every thread. It must not call
 /// this library and must not own objects of it (it would wait for itself), must not call exit() or fork without exec
-/// (use posix_spawn(): before glibc 2.36, fork() may wait for ever for one on another thread), must not keep the
-/// strings or the list, and must not use objects that are destroyed before the library, such as static objects of the
-/// program. If its code is in a plugin, another hook must be set before dlclose().
+/// (use posix_spawn(): before glibc 2.36, a fork() here and one on another thread may wait for each other for ever),
+/// must not keep the strings or the list, and must not use objects that are destroyed before the library, such as
+/// static objects of the program. If its code is in a plugin, another hook must be set before dlclose().
 VARNIX_EXPORT void SetLoggingFunction(std::function<void(LogLevel, const char*, const char*, va_list)> fn);
 
 /// Reports the changes of one key, or of a whole table, to one consumer.

@@ -56,9 +56,11 @@ struct Cookie {
 
   const std::thread::id thread_ = std::this_thread::get_id();
   int read_error_ = 0;  // An errno that has not been logged yet.
-  // Flushes by the program look at these. All change only under the stream's lock, which no sanitizer sees: so, atomic.
+  // Flushes by the program look at these. They change only under the stream's lock. No sanitizer sees that lock: so
+  // they are atomic.
   std::atomic<FILE*> locked_stream_{nullptr};  // Set while our thread is inside a record, and may lend the lock.
-  std::atomic<bool> lock_lent_{false};         // Our thread waits, or ends the process: the program calls now.
+  // Our thread waits, or ends the process: a call that comes now is the program's.
+  std::atomic<bool> lock_lent_{false};
   std::atomic<bool> has_unsent_{false};
   std::string unsent_;  // What a flush by the program could not send. Read after `has_unsent_`, changed before it.
 };

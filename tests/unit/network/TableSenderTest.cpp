@@ -770,7 +770,7 @@ TEST_F(TableSenderTest, RowThatCannotBeSentIsFollowedByTheNextLook) {
   EXPECT_EQ(log_.Lines("tblsndr.strm").size(), 1U);
 }
 
-// Bursts, while no hook of the program's has to be called for each row.
+// Bursts, while no hook of the program has to be called for each row.
 
 TEST_F(TableSenderTest, RowsThatAreReadyLeaveTogetherAfterOneLookAtThePeer) {
   const QuietBurst burst(3, 100us);
