@@ -80,6 +80,6 @@ void LockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.lock(); }
 
 void UnlockLog() VARNIX_NO_LOCK_ANALYSIS { log_lock.unlock(); }
 
-bool HasHookOfTheHost() { return !only_errors_are_heard; }
+bool HasHookOfTheProgram() { return !only_errors_are_heard; }
 
 bool IsInLogHook() { return hook_thread.load(std::memory_order_relaxed) == std::this_thread::get_id(); }

@@ -25,7 +25,7 @@ void DefaultLogger(Varnix::LogLevel level, const char* tag, const char* format, 
 void SetLogHook(const LogHook& hook);
 
 // Whether the program gets messages that are less serious than errors, and may be slow with each.
-bool HasHookOfTheHost();
+bool HasHookOfTheProgram();
 
 // For fork(): the child must not get a log lock that another thread holds.
 void LockLog();

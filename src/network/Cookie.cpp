@@ -33,13 +33,13 @@ ssize_t Cookie::Write(void* cookie, const char* buffer, std::size_t size) {
   if (self.BelongsToParent()) return all;
   // A flush by the program finds the bytes that our thread is sending, and has lent the lock for.
   if (self.lock_lent_) return all;
-  if (self.IsFlushOfTheHost()) return self.SendWithoutWaiting(buffer, size) ? all : 0;
+  if (self.IsFlushOfTheProgram()) return self.SendWithoutWaiting(buffer, size) ? all : 0;
   return self.SendUnsent() && self.Send(buffer, size) ? all : 0;
 }
 
 // A flush by the program comes between two records, on another thread or, in the log hook, on ours. It must not wait
 // for the peer. (Of our own calls only fclose() writes there.)
-bool Cookie::IsFlushOfTheHost() const {
+bool Cookie::IsFlushOfTheProgram() const {
   return locked_stream_ == nullptr && (std::this_thread::get_id() != thread_ || IsInLogHook());
 }
 

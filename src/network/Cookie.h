@@ -46,7 +46,7 @@ struct Cookie {
   friend class StreamLock;
 
   bool BelongsToParent() const { return !socket.IsOpen(); }
-  bool IsFlushOfTheHost() const;
+  bool IsFlushOfTheProgram() const;
   bool Send(const char* bytes, std::size_t size);
   bool SendWithoutWaiting(const char* bytes, std::size_t size);
   ssize_t SendOnce(const char* bytes, std::size_t size);

@@ -84,7 +84,7 @@ void TableSender::StreamRows() {
 bool TableSender::PeerIsGone() const { return PollForInput(stream_->Socket(), std::chrono::milliseconds(0)) == 1; }
 
 void TableSender::SendRow(const Varnix::Row& row, bool more, Clock::time_point now) {
-  if (HasHookOfTheHost()) SendBuffered();  // It may be slow with this row.
+  if (HasHookOfTheProgram()) SendBuffered();  // It may be slow with this row.
   const PrintableKey key(row.first);
   Log(LogLevel::Debug, "tblsndr.strm", "TableSender(%p) sending %.*s::%s (%zu bytes)", static_cast<void*>(this),
       key.name_length, key.name, key.key, row.second.size());
@@ -112,7 +112,7 @@ bool TableSender::MayStayInBuffer(Clock::time_point now) const {
   constexpr std::size_t kMostBytes = BUFSIZ;
   constexpr std::chrono::microseconds kLongest(500);
   // The program's hook may be slow with the next row.
-  return !HasHookOfTheHost() && buffered_ < kMostBytes && now - buffered_since_ < kLongest;
+  return !HasHookOfTheProgram() && buffered_ < kMostBytes && now - buffered_since_ < kLongest;
 }
 
 void TableSender::SendBuffered() {

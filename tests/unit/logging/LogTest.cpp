@@ -147,17 +147,17 @@ TEST(Log, TakesNoLockForWhatNobodyHears) {
   SetLogHook(DefaultLogger);
 }
 
-TEST(Log, HasAHookOfTheHostWhenThatIsNeitherTheFirstOneNorEmpty) {
-  EXPECT_FALSE(HasHookOfTheHost()) << "first hook";
+TEST(Log, HasAHookOfTheProgramWhenThatIsNeitherTheFirstOneNorEmpty) {
+  EXPECT_FALSE(HasHookOfTheProgram()) << "first hook";
 
   SetLogHook({});
-  EXPECT_FALSE(HasHookOfTheHost()) << "empty hook";
+  EXPECT_FALSE(HasHookOfTheProgram()) << "empty hook";
 
   SetLogHook([](LogLevel, const char*, const char*, va_list) {});
-  EXPECT_TRUE(HasHookOfTheHost()) << "hook of the host";
+  EXPECT_TRUE(HasHookOfTheProgram()) << "hook of the program";
 
   SetLogHook(DefaultLogger);
-  EXPECT_FALSE(HasHookOfTheHost()) << "first hook again";
+  EXPECT_FALSE(HasHookOfTheProgram()) << "first hook again";
 }
 
 TEST(Log, KnowsTheThreadThatRunsTheHookAndForgetsItAfterwards) {
@@ -356,7 +356,7 @@ TEST(DefaultLoggerDeathTest, IsInPlaceBeforeAnyHookIsSet) {
       testing::ExitedWithCode(0), "tblsvr.lstn.lstn: TableServer: listen error 98: Address already in use\n");
 }
 
-TEST(LogDeathTest, ReachesTheHookFromDestructorsOfTheHostsStaticObjects) {
+TEST(LogDeathTest, ReachesTheHookFromDestructorsOfTheProgramsStaticObjects) {
   EXPECT_EXIT(
       {
         static struct LogsLate {

@@ -48,8 +48,8 @@ class CookieTest : public ConnectionTest {
     return Read(bytes);
   }
   // `write` writes the rows while the program flushes all the time: they arrive as they are, and nothing else does.
-  void ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
-                                 const std::function<void(const std::vector<Varnix::Row>&)>& write);
+  void ArriveWhileTheProgramFlushes(const std::vector<Varnix::Row>& rows,
+                                    const std::function<void(const std::vector<Varnix::Row>&)>& write);
 };
 
 // "poll" for each poll, and "send 7" for each send of 7 bytes, of which the connection takes at most `capacity`.
@@ -660,15 +660,15 @@ namespace {
 
 // fflush(nullptr) on a thread of its own: true when it returns within ten seconds. `unblock` ends a hanging one.
 template <class Unblock>
-bool HostFlushReturns(Unblock unblock) {
+bool ProgramsFlushReturns(Unblock unblock) {
   std::promise<void> returned;
-  std::thread host([&] {
+  std::thread program([&] {
     fflush(nullptr);
     returned.set_value();
   });
   const bool in_time = IsKept(returned);
   if (!in_time) unblock();
-  host.join();
+  program.join();
   return in_time;
 }
 
@@ -682,21 +682,21 @@ bool IsLockedForOthers(FILE* stream) {
 }
 
 // What a program may do at any time.
-class HostThatFlushes {
+class ProgramThatFlushes {
  public:
-  HostThatFlushes()
+  ProgramThatFlushes()
       : thread_([this] {
           while (!stop_) {
             fflush(nullptr);
             ++flushes_;
           }
         }) {}
-  ~HostThatFlushes() {
+  ~ProgramThatFlushes() {
     stop_ = true;
     thread_.join();
   }
-  HostThatFlushes(const HostThatFlushes&) = delete;
-  HostThatFlushes& operator=(const HostThatFlushes&) = delete;
+  ProgramThatFlushes(const ProgramThatFlushes&) = delete;
+  ProgramThatFlushes& operator=(const ProgramThatFlushes&) = delete;
 
   int Flushes() const { return flushes_; }
 
@@ -727,16 +727,16 @@ std::string BytesOf(const std::vector<Varnix::Row>& rows) {
   return bytes;
 }
 
-void CookieTest::ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
-                                           const std::function<void(const std::vector<Varnix::Row>&)>& write) {
+void CookieTest::ArriveWhileTheProgramFlushes(const std::vector<Varnix::Row>& rows,
+                                              const std::function<void(const std::vector<Varnix::Row>&)>& write) {
   OpenStream();
   const std::string expected = BytesOf(rows);
   std::string received;
   std::thread peer([&] { received = peer_->Receive(expected.size()); });
 
   {
-    HostThatFlushes host;
-    while (host.Flushes() == 0) std::this_thread::yield();
+    ProgramThatFlushes program;
+    while (program.Flushes() == 0) std::this_thread::yield();
     write(rows);
     peer.join();
   }
@@ -748,14 +748,14 @@ void CookieTest::ArriveWhileTheHostFlushes(const std::vector<Varnix::Row>& rows,
 
 }  // namespace
 
-TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
+TEST_F(CookieTest, ProgramsFlushDoesNotWaitForAnIdleReceivingStream) {
   OpenStream();
   WaitingInPoll waiting;
   Varnix::Row received;
   std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   EXPECT_TRUE(waiting.Eventually());
 
-  const bool returned = HostFlushReturns([this] { peer_->Close(); });
+  const bool returned = ProgramsFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
   if (returned) peer_->Send(std::string("\x00\x10\x00\x02kvv", 7));
@@ -764,7 +764,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAnIdleReceivingStream) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
+TEST_F(CookieTest, ProgramsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   OpenStream();
   peer_->Send(std::string("\x00\x10\x00\x02k", 5));
   Varnix::Row received;
@@ -776,7 +776,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   std::thread receiver([&] { RecordReader(*stream_).Read(received); });
   in_the_middle.get_future().wait();
 
-  const bool returned = HostFlushReturns([this] { peer_->Close(); });
+  const bool returned = ProgramsFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
   if (returned) peer_->Send("vv");
@@ -785,7 +785,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAStreamInTheMiddleOfARecord) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
+TEST_F(CookieTest, ProgramsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   OpenStream();
   const std::size_t filled = FillConnection();
   WaitingInPoll waiting;
@@ -793,7 +793,7 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   std::thread sender([&] { written = WriteRecord({"k", "vv"}, *stream_); });
   EXPECT_TRUE(waiting.Eventually());
 
-  const bool returned = HostFlushReturns([this] { peer_->Close(); });
+  const bool returned = ProgramsFlushReturns([this] { peer_->Close(); });
 
   EXPECT_TRUE(returned);
   EXPECT_EQ(returned ? peer_->Receive(filled).size() : filled, filled);
@@ -803,13 +803,13 @@ TEST_F(CookieTest, HostsFlushDoesNotWaitForAWriterThatAStalledPeerBlocks) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
+TEST_F(CookieTest, ProgramsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
   EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
   EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
   EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
@@ -818,11 +818,11 @@ TEST_F(CookieTest, HostsFlushLeavesToOurThreadWhatAStalledPeerDoesNotTake) {
   CloseStream();
 }
 
-TEST_F(CookieTest, OurFlushSendsWhatAHostsFlushHasLeftAlthoughTheBufferIsEmpty) {
+TEST_F(CookieTest, OurFlushSendsWhatAProgramsFlushHasLeftAlthoughTheBufferIsEmpty) {
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_TRUE(BufferRecord({"k", "v"}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
   EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
   EXPECT_TRUE(FlushRecords(*stream_));
@@ -831,15 +831,15 @@ TEST_F(CookieTest, OurFlushSendsWhatAHostsFlushHasLeftAlthoughTheBufferIsEmpty) 
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
+TEST_F(CookieTest, ProgramsFlushSendsFirstWhatAnEarlierOneHasLeft) {
   OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({"k", ""}, *stream_));
-  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
   EXPECT_EQ(peer_->Receive(filled).size(), filled);
   EXPECT_FALSE(WriteRecord({"l", ""}, *stream_));
 
-  EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+  EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
 
   EXPECT_EQ(peer_->ReceiveWaiting(), std::string("\x00\x10\x00\x00k\x00\x10\x00\x00l", 10));
   EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
@@ -847,12 +847,12 @@ TEST_F(CookieTest, HostsFlushSendsFirstWhatAnEarlierOneHasLeft) {
   CloseStream();
 }
 
-TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
+TEST_F(CookieTest, WhatAProgramsFlushHasLeftToOurThreadIsSentOnce) {
   OpenStream();
   for (const std::string& key : {std::string("k"), std::string("l")}) {
     const std::size_t filled = FillConnection();
     EXPECT_FALSE(WriteRecord({key, ""}, *stream_));
-    EXPECT_TRUE(HostFlushReturns([this] { peer_->Close(); }));
+    EXPECT_TRUE(ProgramsFlushReturns([this] { peer_->Close(); }));
     EXPECT_EQ(peer_->Receive(filled).size(), filled);
 
     EXPECT_TRUE(WriteRecord({"m", "v"}, *stream_));
@@ -862,7 +862,7 @@ TEST_F(CookieTest, WhatAHostsFlushHasLeftToOurThreadIsSentOnce) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
+TEST_F(CookieTest, ProgramsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
   FILE* const stream = OpenStream();
   EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, *stream_));
 
@@ -872,7 +872,7 @@ TEST_F(CookieTest, HostsFlushNeedsNoMemoryWhereThePeerTakesAllAtOnce) {
   CloseStream();
 }
 
-TEST_F(CookieTest, HostsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
+TEST_F(CookieTest, ProgramsFlushWithoutMemoryForWhatAStalledPeerDoesNotTakeEndsTheStream) {
   FILE* const stream = OpenStream();
   const std::size_t filled = FillConnection();
   EXPECT_FALSE(WriteRecord({std::string(100, 'k'), ""}, *stream_));
@@ -1054,14 +1054,14 @@ TEST_F(CookieTest, ForkedChildWritesNothingIntoWhatHasGotTheNumberOfItsParentsSo
   close(ends[0]);
 }
 
-TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoSendingStream) {
-  ArriveWhileTheHostFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
+TEST_F(CookieTest, ProgramThatFlushesAllTheTimeCorruptsNoSendingStream) {
+  ArriveWhileTheProgramFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
     for (const Varnix::Row& row : rows) EXPECT_TRUE(WriteRecord(row, *stream_));
   });
 }
 
-TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfBufferedRows) {
-  ArriveWhileTheHostFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
+TEST_F(CookieTest, ProgramThatFlushesAllTheTimeCorruptsNoStreamOfBufferedRows) {
+  ArriveWhileTheProgramFlushes(RowsOfManySizes(), [this](const std::vector<Varnix::Row>& rows) {
     for (std::size_t i = 0; i < rows.size(); ++i) {
       EXPECT_TRUE(BufferRecord(rows[i], *stream_));
       EXPECT_TRUE(i % 7 != 0 || FlushRecords(*stream_));
@@ -1070,27 +1070,27 @@ TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfBufferedRows) {
   });
 }
 
-TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
+TEST_F(CookieTest, ProgramThatFlushesAllTheTimeCorruptsNoStreamOfRowsWithEmptyValues) {
   std::vector<Varnix::Row> all;
   for (int i = 0; i < 5000; ++i) all.emplace_back("key number " + std::to_string(i), "");
   all.emplace_back("last", "v");
 
-  ArriveWhileTheHostFlushes(all, [this](const std::vector<Varnix::Row>& rows) {
+  ArriveWhileTheProgramFlushes(all, [this](const std::vector<Varnix::Row>& rows) {
     for (const Varnix::Row& row : rows) EXPECT_EQ(WriteRecord(row, *stream_), !row.second.empty());
   });
 }
 
-TEST_F(CookieTest, HostThatFlushesAllTheTimeCorruptsNoReceivingStream) {
+TEST_F(CookieTest, ProgramThatFlushesAllTheTimeCorruptsNoReceivingStream) {
   OpenStream();
   const std::vector<Varnix::Row> rows = RowsOfManySizes();
   std::thread peer([&] { peer_->Send(BytesOf(rows)); });
   std::vector<Varnix::Row> received;
 
   {
-    HostThatFlushes host;
+    ProgramThatFlushes program;
     Varnix::Row row;
     while (received.size() < rows.size() && RecordReader(*stream_).Read(row)) received.push_back(row);
-    while (host.Flushes() == 0) std::this_thread::yield();
+    while (program.Flushes() == 0) std::this_thread::yield();
   }
 
   peer.join();

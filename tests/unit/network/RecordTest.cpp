@@ -224,7 +224,7 @@ TEST_F(RecordTest, RecordsWithEmptyFieldsBLeaveWhenTheBufferIsFullOrWithTheNextR
   EXPECT_TRUE(peer_->ReceiveWaiting() == expected + Bytes("\x00\x10\x00\x01") + "kv") << "bytes differ";
 }
 
-TEST_F(RecordTest, HostsFlushSendsARecordWithAnEmptyFieldBOnce) {
+TEST_F(RecordTest, ProgramsFlushSendsARecordWithAnEmptyFieldBOnce) {
   Write({"key", ""});
 
   fflush(nullptr);

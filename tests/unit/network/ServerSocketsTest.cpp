@@ -104,7 +104,7 @@ TEST(ServerSockets, DiscoverySocketIsClosedOnExec) {
   EXPECT_EQ(fcntl(discoverer.Get(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
+TEST(ServerSockets, EveryDiscoverySocketOfADeviceHearsEachBroadcast) {
   const FileDescriptor one = OpenDiscoverySocket();
   const FileDescriptor other = OpenDiscoverySocket();
   ASSERT_EQ(PortOf(one), 1975);
@@ -127,7 +127,7 @@ TEST(ServerSockets, EveryDiscoverySocketOfAHostHearsEachBroadcast) {
   }
 }
 
-TEST(ServerSockets, ProcessesOfAHostShareTheDiscoveryPort) {
+TEST(ServerSockets, ProcessesOfADeviceShareTheDiscoveryPort) {
   int told[2];
   int release[2];
   ASSERT_EQ(pipe(told), 0);

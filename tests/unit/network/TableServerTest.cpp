@@ -318,7 +318,7 @@ TEST_F(BroadcastAddressTest, OfAllBitsIsTheLimitedBroadcast) {
   EXPECT_EQ(sent.address, AddressBytes("\xFF\xFF\xFF\xFF"));
 }
 
-TEST_F(BroadcastAddressTest, MayBeTheAddressOfOneHost) {
+TEST_F(BroadcastAddressTest, MayBeTheAddressOfOneDevice) {
   const Sent sent = FirstAnnouncement(inet_addr("127.1.2.3"));
 
   EXPECT_EQ(sent.address, AddressBytes("\x7F\x01\x02\x03"));
@@ -631,7 +631,7 @@ TEST_F(TableServerTest, StopSetsTheDoneRowBeforeItWaitsForItsOwnThreads) {
   EXPECT_TRUE(is_set);
 }
 
-TEST_F(TableServerTest, StopEndsABlockedWriterWhileTheHostFlushesAllTheTime) {
+TEST_F(TableServerTest, StopEndsABlockedWriterWhileTheProgramFlushesAllTheTime) {
   std::promise<void> blocked;
   std::atomic<bool> told{false};
   Hooked poll(Hooks().poll, [&](pollfd* entries, nfds_t count, int time_out) {
@@ -646,7 +646,7 @@ TEST_F(TableServerTest, StopEndsABlockedWriterWhileTheHostFlushesAllTheTime) {
   ASSERT_TRUE(IsKept(blocked));
   std::atomic<int> flushes{0};
   std::atomic<bool> stopped{false};
-  std::thread host([&] {
+  std::thread program([&] {
     while (!stopped || flushes == 0) {
       fflush(nullptr);
       ++flushes;
@@ -656,7 +656,7 @@ TEST_F(TableServerTest, StopEndsABlockedWriterWhileTheHostFlushesAllTheTime) {
   server_->Stop();
 
   stopped = true;
-  host.join();
+  program.join();
   EXPECT_THAT(calls_.Calls(), Contains("close(#7)"));
   EXPECT_THAT(log_.Lines("tblsndr.dtor"), SizeIs(1));
 }

@@ -106,7 +106,7 @@ TEST(FileDescriptor, IsClosedInAForkedChildAlsoWhenThoseBesideItHaveGone) {
   EXPECT_TRUE(HoldsInForkedChild([&] { return !oldest.IsOpen() && !newest.IsOpen(); }));
 }
 
-TEST(FileDescriptor, NumberThatIsTheHostsByNowIsLeftOpenInAForkedChild) {
+TEST(FileDescriptor, NumberThatIsTheProgramsByNowIsLeftOpenInAForkedChild) {
   FileDescriptor closed = Open();
   const int number = closed.Get();
   closed.Close();
