@@ -211,7 +211,11 @@ TEST(Database, SaysWhetherItIsSharedOnlyOnceTheOldServerHasStopped) {
       answered_meanwhile = answered;
     });
 
-    again ? database.SetSharing(Settings()) : database.StopSharing();
+    if (again) {
+      database.SetSharing(Settings());
+    } else {
+      database.StopSharing();
+    }
     asking.reset();
 
     SetLogHook(DefaultLogger);
