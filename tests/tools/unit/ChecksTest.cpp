@@ -183,9 +183,26 @@ TEST_F(Checks, TakeOneNameAtTwoPortsForTwoMembersAndAtTwoAddressesForOne) {
 }
 
 TEST_F(Checks, TakeOneThatHasLeftAndStartedAgainForOne) {
-  Press().end = End{End::Kind::kClosed};
+  Press().OnEnd("line-4", {End::Kind::kClosed});
   Add({0x0A000002, 1001}, "press");
   EXPECT_EQ(Faults(), "rows: 3 rows came before press::ctl at 10.0.0.2:1000 has left\n");
+}
+
+TEST_F(Checks, FindAStreamThatHasEndedAlsoWhereTheMemberIsBack) {
+  Press().OnEnd("line-4", {End::Kind::kClosed});
+  Press().OnNamed(Member(Press().member));
+  EXPECT_EQ(Faults(), "rows: 3 rows came before press::ctl at 10.0.0.2:1000 has left\n");
+
+  Add({0x0A000002, 1001}, "press");  // It is there: two have one name.
+  EXPECT_NE(Faults().find("identity: press::ctl at 10.0.0.2:1000, press::ctl at 10.0.0.2:1001 have one name"),
+            std::string::npos);
+}
+
+TEST_F(Checks, ForgiveThatItCouldNotBeReachedToAMemberThatWasMetSince) {
+  Press().named = false;
+  Press().OnEnd("line-4", {End::Kind::kUnreachable, ECONNREFUSED});
+  Press().OnNamed(Member(Press().member));
+  EXPECT_EQ(Faults(), "");
 }
 
 TEST_F(Checks, ShowSixteenOfManyAndTheBeginningOfLongNames) {

@@ -267,7 +267,7 @@ void CheckWayBack(const Evidence& evidence, const Members& ours, Findings& findi
 // Two members have one name if it is at two ports: at two addresses alone it is one member with several. One that has
 // left may have started again.
 void CheckIdentities(const Members& all, Findings& findings) {
-  const Members ours = Among(all, [](const SeenPlace& seen) { return !seen.end; });
+  const Members ours = Among(all, [](const SeenPlace& seen) { return !seen.gone; });
   std::map<std::string_view, std::set<std::uint16_t>> ports;
   for (const SeenPlace* const seen : ours) ports[seen->member.identity].insert(seen->member.place.port);
   const Members twice =

@@ -118,13 +118,6 @@ void DoctorCommand::OnCame(const Place& place) {
   seen.member.group = evidence_.group;
 }
 
-void DoctorCommand::Named(const Member& member) {
-  SeenPlace& seen = Seen(member.place);
-  seen.member = member;
-  seen.named = true;
-  seen.end.reset();
-}
-
 // What it did at one address counts for the other.
 void DoctorCommand::OnDuplicate(const Member& member) {
   const SeenPlace duplicate = Seen(member.place);
@@ -142,9 +135,7 @@ std::size_t DoctorCommand::OnRow(const Member& member, const Row&) {
 }
 
 void DoctorCommand::OnEnd(const Member& member, const End& end) {
-  SeenPlace& seen = Seen(member.place);
-  seen.member.group = member.group;
-  seen.end = end;
+  Seen(member.place).OnEnd(member.group, end);
 }
 
 void DoctorCommand::Print(const std::vector<Finding>& findings) {

@@ -23,14 +23,13 @@ class DoctorCommand : public Audience {
   void OnHeard(const Place& place, const std::string& group) override;
   void OnOwnAnnouncement() override { evidence_.own_announcement = true; }
   void OnCame(const Place& place) override;
-  void OnMet(const Member& member) override { Named(member); }
-  void OnOther(const Member& member) override { Named(member); }
+  void OnMet(const Member& member) override { Seen(member.place).OnNamed(member); }
+  void OnOther(const Member& member) override { Seen(member.place).OnNamed(member); }
   void OnDuplicate(const Member& member) override;
   std::size_t OnRow(const Member& member, const Row& row) override;
   void OnEnd(const Member& member, const End& end) override;
 
   SeenPlace& Seen(const Place& place);
-  void Named(const Member& member);
   void Turn();
   void AskToConnectBack();
   void AskToConnectBack(SeenPlace& seen);

@@ -24,7 +24,23 @@ struct SeenPlace {
   std::optional<TimePoint> told;   // When we first announced ourselves from then on.
   std::optional<TimePoint> asked;  // When we asked it to connect, because it had not come by itself.
   std::size_t rows = 0;
-  std::optional<End> end;  // How the last connection to it came to nothing.
+  std::optional<End> end;  // How a connection to it came to nothing.
+  bool gone = false;       // It did not say who it is since then.
+
+  // It has said who it is. That connections failed before that is no fault; that one ended behind it remains one, also
+  // where the place was met again since.
+  void OnNamed(const Member& its_names) {
+    if (!named) end.reset();
+    member = its_names;
+    named = true;
+    gone = false;
+  }
+
+  void OnEnd(const std::string& group, const End& its_end) {
+    member.group = group;
+    end = its_end;
+    gone = true;
+  }
 };
 
 // What a doctor has seen while the time lasted.
