@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -121,6 +122,20 @@ TEST(Observer, ConnectsAgainAtOnceOnlyWhereTheStreamHasLastedASecond) {
     EXPECT_EQ(scene.observer.Deadline(), pause == seconds(0) ? TimePoint::max() : scene.clock.now + pause);
     scene.clock.now += pause;
     EXPECT_TRUE(scene.Until([&] { return fake.IsVisited(); }));
+  }
+}
+
+TEST(Observer, TriesAgainInTimeAlsoWhereAVisitFailsAtOnce) {
+  Scene scene(Settings(1 << 20));
+  const Hooked no_network(Hooks().connect, FailWith{ENETUNREACH});
+  static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement({INADDR_LOOPBACK, 9}, "line-4");
+
+  for (int visit = 0; visit < 3; ++visit) {
+    EXPECT_EQ(scene.observer.Deadline(), scene.clock.now);
+    scene.observer.Tidy();
+    EXPECT_EQ(scene.observer.Deadline(), scene.clock.now + seconds(2));
+    scene.clock.now += seconds(2);
+    scene.observer.Tidy();
   }
 }
 

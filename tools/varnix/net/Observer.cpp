@@ -251,6 +251,7 @@ TimePoint Observer::Deadline() const {
     if (quiet > now) deadline = std::min(deadline, quiet);
   }
   for (const auto& [place, contact] : contacts_) {
+    if (contact.stream && contact.stream->IsEnded()) return now;  // It failed at once, and nothing else tells.
     deadline = std::min(deadline, contact.retry_at);
     if (contact.snapshot && !contact.stream->IsAmidRow()) deadline = std::min(deadline, contact.snapshot->CompleteAt());
   }
