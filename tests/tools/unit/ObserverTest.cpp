@@ -139,6 +139,21 @@ TEST(Observer, TriesAgainInTimeAlsoWhereAVisitFailsAtOnce) {
   }
 }
 
+TEST(Observer, GivesUpAPlaceWhereNobodySaysWhoTheyAreHoweverLongThatTakes) {
+  Scene scene(Settings(1 << 20));
+  const Fake silent(scene.loop);
+  static_cast<Discovery::Owner&>(scene.observer).OnAnnouncement(silent.At(), "line-4");
+
+  for (int i = 0; i < 20; ++i) {
+    scene.clock.now += seconds(9);
+    scene.loop.Turn(scene.clock.now);
+    scene.observer.Tidy();
+  }
+
+  EXPECT_TRUE(scene.observer.Unfinished().empty());
+  EXPECT_EQ(scene.observer.Deadline(), TimePoint::max());
+}
+
 TEST(Observer, LetsTheAddressThatFillsEveryPlaceGiveWayToAnother) {
   Observer::Settings settings = Settings(1 << 20);
   settings.places = 3;

@@ -221,14 +221,15 @@ bool Observer::IsComplete(const Contact& contact, TimePoint now) const {
 void Observer::OnStreamEnd(Contact& contact, TimePoint now) {
   const End end = contact.stream->GetEnd();
   const Clock::duration lasted = now - contact.stream->Begun();
-  const bool at_once = contact.met && lasted >= kQuickStream;
+  const bool met = contact.met;
   contact.stream.reset();
   contact.snapshot.reset();
   contact.met = false;
   contact.kept = 0;
   if (end.kind == End::Kind::kNotLookedFor || end.kind == End::Kind::kDuplicate) return;
   audience_.OnEnd(contact.member, end);
-  if (lasted >= kLongStream) contact.retries_end = now + kRetryPeriod;
+  if (met && lasted >= kLongStream) contact.retries_end = now + kRetryPeriod;
+  const bool at_once = met && lasted >= kQuickStream;
   if (!contact.enough && now < contact.retries_end) contact.retry_at = at_once ? now : now + kRetryPause;
 }
 
