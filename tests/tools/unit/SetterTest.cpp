@@ -77,6 +77,23 @@ TEST(Setter, RemembersAMemberThatLeavesBeforeItHasTakenTheRows) {
   EXPECT_EQ(stage.setter.Untaken(), lost);
 }
 
+TEST(Setter, CountsMembersThatComeAlsoWhereVeryManyHaveLeft) {
+  constexpr std::uint32_t kMany = 4096;
+  Stage stage;
+  const FileDescriptor visitor = Visit(stage);
+  ASSERT_TRUE(stage.Until([&] { return stage.setter.Connected() == 1; }));
+  const auto come = [&](std::uint32_t number) {
+    static_cast<Presence::Owner&>(stage.setter).OnGuest({INADDR_LOOPBACK + number, kPort}, "line-4", true);
+  };
+
+  for (std::uint32_t number = 1; number <= kMany; ++number) come(number);
+
+  const std::vector<Place> members = stage.setter.Untaken();
+  ASSERT_EQ(members.size(), kMany);
+  EXPECT_EQ(members.front(), (Place{INADDR_LOOPBACK, kPort}));  // It is there.
+  EXPECT_EQ(members.back(), (Place{INADDR_LOOPBACK + kMany, kPort}));
+}
+
 TEST(Setter, AsksNobodyToConnectOnceItHasFinished) {
   Stage stage;
   int connecting = 0;

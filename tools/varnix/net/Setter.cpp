@@ -41,8 +41,20 @@ void Setter::OnGreeting(ReceivingStream& stream, std::string_view database, std:
 }
 
 void Setter::OnGuest(const Place& place, const std::string& group, bool stays) {
-  if (!stays || group != settings_.group || members_.size() >= kMostMembers) return;
+  if (!stays || group != settings_.group) return;
+  if (members_.size() >= kMostMembers && members_.count(place) == 0 && !ForgetOneLost()) return;
   members_.try_emplace(place, false);
+}
+
+// Where rows are held, or fed, for days, there are more who have left than are counted.
+bool Setter::ForgetOneLost() {
+  const auto lost = std::find_if(members_.begin(), members_.end(), [this](const auto& member) {
+    const auto& [place, has_taken] = member;
+    return !has_taken && !presence_.IsConnected(place);
+  });
+  if (lost == members_.end()) return false;
+  members_.erase(lost);
+  return true;
 }
 
 void Setter::OnTaken(const Place& place) {

@@ -60,6 +60,8 @@ class Setter : public Discovery::Owner, public Presence::Owner, public Receiving
   void OnRow(ReceivingStream&, std::string_view, std::string_view) override {}
   void OnBytes(ReceivingStream&) override {}
 
+  bool ForgetOneLost();
+
   Loop& loop_;
   const Settings settings_;
   Discovery discovery_;
