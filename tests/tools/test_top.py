@@ -310,6 +310,19 @@ def test_what_it_keeps_leaves_half_of_the_limit_for_a_screen_that_is_stopped(ter
     assert terminal.shows("fake::ctl at 127.0.0.1:[0-9]+ sends more than --limit allows: left out")
 
 
+def test_who_is_left_out_for_a_name_that_is_too_long_is_told(terminal, ether, fake):
+    terminal.run(*TOOL, "top")
+    ether.receive()
+
+    def behave(connected):
+        connected.sendall(wire.record(b"plant", b"\x04fake" + b"x" * 5_000))
+        fakes.wait_for_end(connected)
+
+    fake(behave).announce(ether)
+
+    assert terminal.shows("^ *127.0.0.1:[0-9]+ has a name of more than 4351 bytes: left out")
+
+
 def test_it_needs_a_terminal_that_can_show_a_screen(terminal):
     assert (run("top").status, run("top").errors) == (1, "varnix: top needs a terminal\n")
     terminal.run("sh", "-c", shlex.join([*TOOL, "top"]) + " < /dev/null")

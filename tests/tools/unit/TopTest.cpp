@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "net/End.h"
 #include "top/Rate.h"
 #include "top/TopModel.h"
 #include "top/TopPage.h"
@@ -159,6 +160,15 @@ TEST_F(Top, WhileAFilterIsTypedKeysAreItsText) {
   PressKey(view, kEnter, 5);
   EXPECT_FALSE(view.typing);
   EXPECT_EQ(PressKey(view, 'q', 5), TopAction::kQuit);
+}
+
+TEST(End, IsOursWhereItSaysThatSomebodyIsLeftOut) {
+  using Kind = End::Kind;
+  for (const Kind kind : {Kind::kUnreachable, Kind::kSilent, Kind::kLeftAtOnce, Kind::kClosed, Kind::kBroken,
+                          Kind::kNotLookedFor, Kind::kDuplicate, Kind::kOverLimit, Kind::kNoRoom, Kind::kLongName}) {
+    const std::string text = EndText({kind});
+    EXPECT_EQ(IsLeftOut({kind}), text.find("left out") != std::string::npos) << text;
+  }
 }
 
 }  // namespace

@@ -5,6 +5,10 @@
 
 #include <cstring>
 
+bool IsLeftOut(const End& end) {
+  return end.kind == End::Kind::kOverLimit || end.kind == End::Kind::kNoRoom || end.kind == End::Kind::kLongName;
+}
+
 std::string EndText(const End& end) {
   switch (end.kind) {
     case End::Kind::kUnreachable:

@@ -23,5 +23,8 @@ struct End {
   int error = 0;
 };
 
+// Whether it is we who want no more of it.
+bool IsLeftOut(const End& end);
+
 // As in "press::ctl at 10.0.0.1:40213 ...".
 std::string EndText(const End& end);

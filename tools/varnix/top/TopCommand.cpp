@@ -64,7 +64,7 @@ std::size_t TopCommand::OnRow(const Member& member, const Row& row) {
 void TopCommand::OnEnd(const Member& member, const End& end) {
   model_.RemoveMember(member.place);
   changed_ = true;
-  if (end.kind == End::Kind::kOverLimit) notice_ = NameAndPlaceText(member) + " " + EndText(end);
+  if (IsLeftOut(end)) notice_ = NameAndPlaceText(member) + " " + EndText(end);
 }
 
 // False when it is to end.
