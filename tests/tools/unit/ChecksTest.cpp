@@ -198,6 +198,18 @@ TEST_F(Checks, FindAStreamThatHasEndedAlsoWhereTheMemberIsBack) {
             std::string::npos);
 }
 
+TEST_F(Checks, FindNoFaultInThoseForWhomThereIsNoRoom) {
+  Press().OnEnd("line-4", {End::Kind::kNoRoom});
+  SeenPlace& pump = evidence.places[{0x0A000003, 1000}];
+  pump.member.place = {0x0A000003, 1000};
+  pump.OnEnd("line-4", {End::Kind::kNoRoom});
+
+  EXPECT_EQ(Faults(), "");
+  EXPECT_EQ(Seen("group"),
+            "2 members of \"line-4\"; left out for want of room: press::ctl at 10.0.0.2:1000, 10.0.0.3:1000");
+  EXPECT_EQ(Seen("reach"), "1 member can be reached");
+}
+
 TEST_F(Checks, ForgiveThatItCouldNotBeReachedToAMemberThatWasMetSince) {
   Press().named = false;
   Press().OnEnd("line-4", {End::Kind::kUnreachable, ECONNREFUSED});

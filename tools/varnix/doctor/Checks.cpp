@@ -70,6 +70,9 @@ bool IsOurs(const Evidence& evidence, const SeenPlace& seen) {
 // Whether it had the time to do what members do.
 bool IsKnownInTime(const Evidence& evidence, const SeenPlace& seen) { return seen.known <= evidence.judged_until; }
 
+// We have left it out, whatever it did.
+bool LacksRoom(const SeenPlace& seen) { return seen.end && seen.end->kind == End::Kind::kNoRoom; }
+
 // Each check says something, also where it has nothing to look at.
 Finding NobodyToJudge(const char* check) { return {true, check, "nobody to judge", "", ""}; }
 
@@ -148,6 +151,8 @@ void CheckGroup(const Evidence& evidence, Findings& findings) {
   if (!ours.empty()) {
     const Members late = Among(ours, [&](const SeenPlace& seen) { return !IsKnownInTime(evidence, seen); });
     if (!late.empty()) also += "; known too late to be judged: " + Names(late);
+    const Members left_out = Among(ours, LacksRoom);
+    if (!left_out.empty()) also += "; left out for want of room: " + Names(left_out);
     findings.push_back(
         {true, "group", CountText(ours.size(), "member") + " of " + Quoted(evidence.group) + also, "", ""});
   } else if (evidence.strangers.empty()) {
@@ -221,7 +226,7 @@ bool IsUnreachable(const SeenPlace& seen) {
 
 void CheckReach(const Evidence& evidence, Findings& findings) {
   const Members all = Select(evidence, [&](const SeenPlace& seen) {
-    return IsOfGroup(evidence, seen) && (seen.named || IsKnownInTime(evidence, seen));
+    return IsOfGroup(evidence, seen) && (seen.named || (IsKnownInTime(evidence, seen) && !LacksRoom(seen)));
   });
   const Members unreachable = Among(all, IsUnreachable);
   for (const SeenPlace* const seen : unreachable) {
@@ -282,7 +287,7 @@ void CheckIdentities(const Members& all, Findings& findings) {
 void CheckRows(const Members& ours, Findings& findings) {
   std::size_t rows = 0;
   for (const SeenPlace* const seen : ours) rows += seen->rows;
-  const Members broken = Among(ours, [](const SeenPlace& seen) { return seen.end.has_value(); });
+  const Members broken = Among(ours, [](const SeenPlace& seen) { return seen.end && !LacksRoom(seen); });
   for (const SeenPlace* const seen : broken) {
     findings.push_back(
         {false, "rows",
