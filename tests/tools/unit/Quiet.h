@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include <cerrno>
 #include <chrono>
@@ -44,6 +45,11 @@ class Fake : private Acceptor::Owner {
 
   Place At() const { return {INADDR_LOOPBACK, acceptor_.Port()}; }
   bool IsVisited() const { return connection_.Get() >= 0; }
+  // How many bytes, at most one, have come; 0 at the end of the connection, -1 before anything comes.
+  ssize_t Received() const {
+    char byte = 0;
+    return recv(connection_.Get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  }
   void HangUp() { connection_ = FileDescriptor(); }
   void Send(std::string_view a, std::string_view b) const {
     std::string record;

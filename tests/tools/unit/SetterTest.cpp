@@ -114,6 +114,19 @@ TEST(Setter, AsksNobodyToConnectOnceItHasFinished) {
   EXPECT_EQ(connecting, 1);
 }
 
+TEST(Setter, AsksNobodyToConnectWhoAnswersOnceItHasFinished) {
+  Stage stage;
+  Fake member(stage.loop);
+  static_cast<Discovery::Owner&>(stage.setter).OnAnnouncement(member.At(), "line-4");
+  ASSERT_TRUE(stage.Until([&] { return member.IsVisited(); }));
+
+  stage.setter.Finish();
+  member.Send("plant", CombinedKey("press", "ctl"));
+
+  ASSERT_TRUE(stage.Until([&] { return member.Received() >= 0; }));
+  EXPECT_EQ(member.Received(), 0);  // The connection ends without a word.
+}
+
 TEST(Setter, TakesNobodyForAMemberWhoOnlyAsksItToConnect) {
   struct Unconcerned : ReceivingStream::Owner {
     void OnGreeting(ReceivingStream&, std::string_view, std::string_view) override {}

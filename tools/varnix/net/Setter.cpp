@@ -35,9 +35,9 @@ void Setter::OnAnnouncement(const Place& place, const std::string& group) {
       loop_, place, ReceivingStream::Answer{settings_.group, presence_.Port(), false}, *this);
 }
 
-// Those that share another database would only find that out in turn.
+// Those that share another database would only find that out in turn, and nobody can connect once we have finished.
 void Setter::OnGreeting(ReceivingStream& stream, std::string_view database, std::string_view) {
-  if (database != settings_.database) stream.EndAs({End::Kind::kNotLookedFor});
+  if (finished_ || database != settings_.database) stream.EndAs({End::Kind::kNotLookedFor});
 }
 
 void Setter::OnGuest(const Place& place, const std::string& group, bool stays) {
