@@ -192,8 +192,9 @@ def test_load_names_the_lines_that_it_leaves_out(share):
     press = share(b"press")
     bad = [b"no json\n", b"[]\n", row_line("k" * 4095, "too long"), row_line("k", "v", table="t" * 256),
            row_line("k", "v" * 1_048_576), b'{"table":"status","key":"k"}\n']
+    unended = b'{"table":"status","key":"k"}'
 
-    done = run("load", data=b"".join(bad) + row_line("speed", "42"))
+    done = run("load", data=b"".join(bad) + row_line("speed", "42") + unended)
 
     assert done.status == 1
     assert [line for line in done.errors.splitlines() if "left out" in line] == [
@@ -202,7 +203,8 @@ def test_load_names_the_lines_that_it_leaves_out(share):
         "varnix: line 3: table and key have more than 4094 bytes: left out",
         "varnix: line 4: a table's name has more than 255 bytes: left out",
         "varnix: line 5: a value has more than 1048575 bytes: left out",
-        'varnix: line 6: no "value": left out']
+        'varnix: line 6: no "value": left out',
+        'varnix: line 8: no "value": left out']
     assert press.gets_row(b"plant", b"status", b"speed", b"42")
 
 

@@ -96,6 +96,13 @@ TEST(JsonRow, SaysWhatIsWrong) {
   EXPECT_EQ(Error(R"({"table":"t","key":"k","value":"v"} x)"), "no JSON from byte 37 on");
 }
 
+TEST(JsonRow, MayBeTornOnlyWhereItIsNoJsonToItsEnd) {
+  const std::string row = R"({"table":"t","key":"k","value":"\u00e4"})";
+  for (std::size_t size = 0; size < row.size(); ++size) EXPECT_TRUE(MayBeTorn(row.substr(0, size))) << size;
+
+  for (const auto& line : {row, R"({"table":"t","key":"k"})"s, "{}"s, "[]"s, "42"s}) EXPECT_FALSE(MayBeTorn(line));
+}
+
 TEST(JsonRow, StandsAnyDepth) {
   EXPECT_NE(Error(std::string(1'000'000, '[')), "");
   EXPECT_NE(Error("{\"a\":" + std::string(1'000'000, '[')), "");

@@ -41,7 +41,7 @@ bool LoadCommand::Feed() {
     if (pending_ && pending_due_ > Clock::now()) return false;
     if (pending_) SetPending();
     if (const auto line = lines_.Next()) {
-      Parse(*line);
+      Parse(*line, lines_.LineNumber());
     } else if (!lines_.IsAtEnd()) {
       return false;
     } else if (!ParseUnended()) {
@@ -58,20 +58,19 @@ TimePoint LoadCommand::NextRow() const {
   return pending_ ? pending_due_ : TimePoint::max();
 }
 
-void LoadCommand::Parse(std::string_view line) {
+void LoadCommand::Parse(std::string_view line, std::size_t line_number) {
   JsonRow row;
   const std::string error = ParseJsonRow(line, row);
-  if (error.empty()) return Await(std::move(row), lines_.LineNumber());
-  Fail("line " + std::to_string(lines_.LineNumber()) + ": " + error + ": left out");
+  if (error.empty()) return Await(std::move(row), line_number);
+  Fail("line " + std::to_string(line_number) + ": " + error + ": left out");
 }
 
-// Whether the last line is whole, though it has no newline.
+// The last line, if it is whole, though it has no newline. Returns whether it has a row.
 bool LoadCommand::ParseUnended() {
-  JsonRow row;
-  if (unended_taken_ || lines_.IsTooLong() || !ParseJsonRow(lines_.Torn(), row).empty()) return false;
-  unended_taken_ = true;
-  Await(std::move(row), lines_.LineNumber() + 1);
-  return true;
+  if (unended_parsed_ || lines_.IsTooLong() || MayBeTorn(lines_.Torn())) return false;
+  unended_parsed_ = true;
+  Parse(lines_.Torn(), lines_.LineNumber() + 1);
+  return pending_.has_value();
 }
 
 void LoadCommand::Await(JsonRow row, std::size_t line_number) {
@@ -92,7 +91,7 @@ void LoadCommand::End() {
   if (lines_.Error() != 0) Fail(std::string("cannot read further: ") + std::strerror(lines_.Error()));
   if (lines_.IsTooLong()) {
     Fail(line + " is longer than 16 MiB: it and all behind it are left out");
-  } else if (!lines_.Torn().empty() && !unended_taken_) {
+  } else if (!lines_.Torn().empty() && !unended_parsed_) {
     session_.progress.Note(line + " is torn: left out");
   }
 }

@@ -22,7 +22,7 @@ class LoadCommand : public SettingCommand {
   bool Feed() override;
   TimePoint NextRow() const override;
 
-  void Parse(std::string_view line);
+  void Parse(std::string_view line, std::size_t line_number);
   bool ParseUnended();
   void Await(JsonRow row, std::size_t line_number);
   void SetPending();
@@ -34,6 +34,6 @@ class LoadCommand : public SettingCommand {
   std::optional<JsonRow> pending_;
   std::size_t pending_line_ = 0;  // The number of its line.
   TimePoint pending_due_;
-  bool unended_taken_ = false;  // Of the last line only the newline is missing.
-  bool more_ = false;           // There may be lines that were not looked at, only because there were many.
+  bool unended_parsed_ = false;  // Of the last line only the newline is missing.
+  bool more_ = false;            // There may be lines that were not looked at, only because there were many.
 };

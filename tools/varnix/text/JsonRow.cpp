@@ -20,6 +20,7 @@ class Texts : public nlohmann::json_sax<json> {
  public:
   std::map<std::string, std::string> texts;
   std::string error;
+  bool may_be_torn = false;
 
   bool null() override { return Pass(); }
   bool boolean(bool) override { return Pass(); }
@@ -44,6 +45,7 @@ class Texts : public nlohmann::json_sax<json> {
 
   bool parse_error(std::size_t position, const std::string&, const nlohmann::detail::exception&) override {
     error = "no JSON from byte " + std::to_string(position) + " on";
+    may_be_torn = true;
     return false;
   }
 
@@ -102,4 +104,10 @@ std::string ParseJsonRow(std::string_view line, JsonRow& row) {
     if (!error.empty()) return error;
   }
   return TakeTime(texts, row.time_us);
+}
+
+bool MayBeTorn(std::string_view line) {
+  Texts texts;
+  json::sax_parse(line.begin(), line.end(), &texts);
+  return texts.may_be_torn;
 }

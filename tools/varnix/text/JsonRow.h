@@ -16,3 +16,6 @@ struct JsonRow {
 
 // What is wrong with the line, or nothing.
 std::string ParseJsonRow(std::string_view line, JsonRow& row);
+
+// Whether the line is no JSON to its end, as a row is not of which the rest is missing.
+bool MayBeTorn(std::string_view line);
