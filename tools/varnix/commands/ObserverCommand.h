@@ -60,8 +60,8 @@ class ObserverCommand : public Audience {
 
   const Kind kind_;
   Observer observer_;
-  std::set<Place> told_;     // Members in trouble that were mentioned already,
-  std::set<Place> unnamed_;  // and those of them whose note is one of those that were left out.
+  std::set<Place> told_;     // Members in trouble that were named, or counted,
+  std::set<Place> unnamed_;  // and those of them that were only counted.
   NoteLimit limit_;          // Of what is said of them.
   bool failed_ = false;
   bool nobody_told_ = false, announcing_told_ = false;

@@ -40,9 +40,9 @@ class Presence : public Waiter, private Acceptor::Owner {
   const std::string& Group() const { return settings_.group; }
   const std::string& Database() const { return settings_.database; }
 
-  // Announces us once more, whenever the next announcement is due; and when the last one was sent.
+  // Announces us once more. The next announcement stays due when it was.
   void Announce();
-  TimePoint AnnouncedAt() const { return announced_at_; }
+  TimePoint AnnouncedAt() const { return announced_at_; }  // The last time.
 
   // 0, or the error number with which the last announcement could not be sent.
   int AnnouncingError() const { return announcing_error_; }
