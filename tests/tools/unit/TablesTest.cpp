@@ -110,7 +110,7 @@ TEST(Strangers, AreThoseWhoLeaveAndWereNotConnected) {
   strangers.OnLeft(2);
   strangers.OnLeft(2);
 
-  EXPECT_EQ(strangers.Most(), (Strangers::Counts{{1, 1}, {2, 2}}));
+  EXPECT_EQ(strangers.Most(), (CountsByAddress{{1, 1}, {2, 2}}));
 }
 
 TEST(Strangers, AreCountedAtSoManyAddressesAndNoMore) {
@@ -134,7 +134,7 @@ TEST(Strangers, AreNotThoseWhoAreConnectedAlready) {
   EXPECT_TRUE(strangers.Most().empty());
 
   strangers.OnLeft(1);
-  EXPECT_EQ(strangers.Most(), (Strangers::Counts{{1, 1}}));
+  EXPECT_EQ(strangers.Most(), (CountsByAddress{{1, 1}}));
 }
 
 }  // namespace

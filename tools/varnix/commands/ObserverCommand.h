@@ -41,7 +41,7 @@ class ObserverCommand : public Audience {
   // Says that `what` was not there, if there was anybody to have it.
   void NoteNothing(const std::string& what);
 
-  const Strangers::Counts& Strange() const { return observer_.Strange(); }
+  const CountsByAddress& Strange() const { return observer_.Strange(); }
 
   Session session_;
 

@@ -11,8 +11,8 @@
 #include "net/End.h"
 #include "net/Loop.h"
 #include "net/Member.h"
+#include "net/Place.h"
 #include "net/Route.h"
-#include "net/Strangers.h"
 
 // What was seen of one place at which somebody accepts connections.
 struct SeenPlace {
@@ -59,5 +59,5 @@ struct Evidence {
   // Of others. What began later than `judged_until` had too little time to be judged.
   std::map<Place, SeenPlace> places;
   TimePoint judged_until = TimePoint::max();
-  Strangers::Counts strangers;  // Those who left at the name of our database, by address.
+  CountsByAddress strangers;  // Those who left at the name of our database, by address.
 };

@@ -91,7 +91,7 @@ bool Observer::MakeRoom(std::uint32_t address) {
   auto leaving = std::find_if(contacts_.begin(), contacts_.end(),
                               [](const auto& entry) { return !entry.second.met && !entry.second.enough; });
   if (leaving == contacts_.end()) {
-    Strangers::Counts counts;
+    CountsByAddress counts;
     for (const auto& [place, contact] : contacts_) ++counts[place.address];
     const auto most = std::max_element(counts.begin(), counts.end(),
                                        [](const auto& left, const auto& right) { return left.second < right.second; });
@@ -277,8 +277,8 @@ std::size_t Observer::Unanswered() const {
                          [](std::size_t sum, const auto& presence) { return sum + presence->Unanswered(); });
 }
 
-const Strangers::Counts& Observer::Strange() const {
-  static const Strangers::Counts none;
+const CountsByAddress& Observer::Strange() const {
+  static const CountsByAddress none;
   return presences_.empty() ? none : presences_.front()->Strange().Most();
 }
 

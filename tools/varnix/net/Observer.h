@@ -59,7 +59,7 @@ class Observer : public Discovery::Owner, public Presence::Owner, public Receivi
   std::size_t Unanswered() const;
 
   // Those who heard us and share another database, by address.
-  const Strangers::Counts& Strange() const;
+  const CountsByAddress& Strange() const;
 
   // 0, or the error number with which announcements could not be heard, or sent.
   int HearingError() const { return discovery_.HearingError(); }

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <tuple>
 
@@ -21,6 +22,8 @@ inline bool operator<(const Place& left, const Place& right) {
 inline bool operator==(const Place& left, const Place& right) {
   return left.address == right.address && left.port == right.port;
 }
+
+using CountsByAddress = std::map<std::uint32_t, int>;
 
 sockaddr_in ToSocketAddress(const Place& place);
 Place ToPlace(const sockaddr_in& address);

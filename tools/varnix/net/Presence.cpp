@@ -50,8 +50,8 @@ void Presence::Announce() {
   announced_at_ = Clock::now();
 }
 
-Strangers::Counts Presence::GreetedByAddress() const {
-  Strangers::Counts counts;
+CountsByAddress Presence::GreetedByAddress() const {
+  CountsByAddress counts;
   for (const Guest& guest : guests_) counts[guest.stream->Address()] += guest.greeted ? 1 : 0;
   return counts;
 }
@@ -71,7 +71,7 @@ void Presence::OnAccepted(FileDescriptor socket, std::uint32_t address) {
 
 // At the cost of the address that has most of them.
 void Presence::MakeRoom() {
-  Strangers::Counts counts;
+  CountsByAddress counts;
   for (const Guest& guest : guests_) ++counts[guest.stream->Address()];
   const auto most = std::max_element(counts.begin(), counts.end(),
                                      [](const auto& left, const auto& right) { return left.second < right.second; });

@@ -81,7 +81,7 @@ class Presence : public Waiter, private Acceptor::Owner {
   std::size_t MostGuests() const;
   void MakeRoom();
   void Look(Guest& guest);
-  Strangers::Counts GreetedByAddress() const;
+  CountsByAddress GreetedByAddress() const;
 
   Loop& loop_;
   Discovery& discovery_;

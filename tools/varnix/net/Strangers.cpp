@@ -5,13 +5,13 @@
 
 #include <utility>
 
-void Strangers::BeginRound(Counts connected) {
+void Strangers::BeginRound(CountsByAddress connected) {
   connected_ = std::move(connected);
   left_.clear();
 }
 
 // Addresses are made up easily: of more, the first are kept.
-int* Strangers::CountOf(Counts& counts, std::uint32_t address) {
+int* Strangers::CountOf(CountsByAddress& counts, std::uint32_t address) {
   if (counts.size() >= kMost && counts.count(address) == 0) return nullptr;
   return &counts[address];
 }

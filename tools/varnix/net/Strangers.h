@@ -5,7 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+
+#include "net/Place.h"
 
 // Counts those who hear our announcement, connect, and leave at the name of our database, because they share another
 // one.
@@ -14,19 +15,18 @@
 // strangers do: so both are counted from one announcement to the next.
 class Strangers {
  public:
-  using Counts = std::map<std::uint32_t, int>;  // By address.
-  static constexpr std::size_t kMost = 1024;    // So many addresses.
+  static constexpr std::size_t kMost = 1024;  // So many addresses.
 
   // We have announced ourselves while so many were connected.
-  void BeginRound(Counts connected);
+  void BeginRound(CountsByAddress connected);
 
   void OnLeft(std::uint32_t address);
 
   // The most that any round has shown.
-  const Counts& Most() const { return most_; }
+  const CountsByAddress& Most() const { return most_; }
 
  private:
-  static int* CountOf(Counts& counts, std::uint32_t address);
+  static int* CountOf(CountsByAddress& counts, std::uint32_t address);
 
-  Counts connected_, left_, most_;
+  CountsByAddress connected_, left_, most_;
 };
