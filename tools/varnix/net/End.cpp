@@ -5,6 +5,8 @@
 
 #include <cstring>
 
+#include "net/Member.h"
+
 bool IsLeftOut(const End& end) {
   return end.kind == End::Kind::kOverLimit || end.kind == End::Kind::kNoRoom || end.kind == End::Kind::kLongName;
 }
@@ -30,7 +32,7 @@ std::string EndText(const End& end) {
     case End::Kind::kNoRoom:
       return "is one of too many places at once: left out";
     case End::Kind::kLongName:
-      return "has a name of more than 4351 bytes: left out";
+      return "has a name of more than " + std::to_string(kMostBytesOfNames) + " bytes: left out";
   }
   return "";
 }

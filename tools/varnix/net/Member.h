@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "net/Place.h"
@@ -16,6 +17,9 @@ struct Member {
   std::string identity;  // As it is on the wire.
   std::string device, process;
 };
+
+// Nobody's device and process are longer together; longer ones would take memory that nothing counts.
+constexpr std::size_t kMostBytesOfNames = 255 + 4096;
 
 // Fills in what the first record says.
 void Name(Member& member, std::string_view database, std::string_view identity);

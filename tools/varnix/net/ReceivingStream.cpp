@@ -8,14 +8,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "net/Member.h"
 #include "net/Sockets.h"
 
 namespace {
 
 constexpr std::chrono::seconds kMostForConnecting{5}, kMostForGreeting{5}, kMostForLeaving{5};
 constexpr std::size_t kPiece = 1 << 16;
-// Of a device and a process with names that nobody has; a longer one would take memory that nothing counts.
-constexpr std::size_t kLongestIdentity = 1 + 255 + 4096;
+constexpr std::size_t kLongestIdentity = 1 + kMostBytesOfNames;
 // Header, database, identity: what claims to be longer is not waited for.
 constexpr std::size_t kMostOfGreeting = 4 + kMostBytesOfA + kLongestIdentity;
 // A member that never pauses lets the others have their turn, also if each of its rows takes long.
