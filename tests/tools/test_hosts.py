@@ -137,7 +137,6 @@ def test_many_rows_are_dumped_and_taken(network, make_host):
     figure(f"{ROWS} rows dumped as JSON in {statistics.median(passed) * 1000:.0f} ms, "
            f"{statistics.median(needed) * 1000:.0f} ms without the work of others")
     assert is_soon() or programs.eventually(lambda: measure() and is_soon()), needed  # The caches may be taken, too.
-    assert min(passed) < 15 or not programs.NATIVE  # However busy the machine is.
     assert {row["key"] for row in dump.rows()} == {"key %012d" % number for number in range(ROWS)}
     done = run("load", "--device", "bench", "-w", "60", data=dump.output)
     assert (done.status, done.errors) == (0, f"varnix: {ROWS} rows taken by 1 member\n")
