@@ -29,6 +29,14 @@ def row_line(key, value, table="status", **more):
     return (json.dumps({"table": table, "key": key, "value": value, **more}) + "\n").encode()
 
 
+def start_feeding(start):
+    """A command that has set one row. Its time begins when its input is closed: a busy machine meets it before."""
+    setting = start("load", "-w", "1", stdin=subprocess.PIPE)
+    setting.process.stdin.write(row_line("speed", "42"))
+    setting.process.stdin.flush()
+    return setting
+
+
 def test_set_reaches_every_member_and_says_how_many(share):
     hosts = [share(device) for device in (b"press", b"pump", b"valve")]
 
@@ -83,25 +91,27 @@ def test_set_with_nobody_there_is_told(share):
 
 
 def test_a_member_that_leaves_before_it_has_read_the_row_has_not_taken_it(ether, start):
-    setting = start("set", "status", "speed", "42", "-w", "3")
+    setting = start_feeding(start)
     member = wire.connect(ether.port_of_next_announcement())
     assert member.receive_record()[0] == b"plant"
     member.send(wire.answer(b"line-4", 9))
     assert programs.eventually(lambda: member.unread() > 0)
 
     member.reset()
+    setting.process.stdin.close()
 
     assert setting.ends() == 1
     assert setting.errors == "varnix: 1 row taken by 0 members of 1 that were met, not by 127.0.0.1:9\n"
 
 
 def test_a_member_that_does_not_close_its_end_has_not_taken_the_row(ether, start):
-    setting = start("set", "status", "speed", "42", "-w", "3")
+    setting = start_feeding(start)
     member = wire.connect(ether.port_of_next_announcement())
     member.receive_record()
     member.send(wire.answer(b"line-4", 9))
 
     assert member.receive_record() == (b"\x06statusspeed", b"42")
+    setting.process.stdin.close()
     assert member.is_closed()
 
     assert setting.ends() == 1
