@@ -292,6 +292,26 @@ def test_bytes_that_are_no_text_are_shown_as_such(web, show, member):
     assert page.run("[...document.querySelectorAll('#log .raw')].map((entry) => entry.textContent)") == ["fc::ctl came"]
 
 
+def test_bytes_are_marked_in_the_past_of_a_row_and_where_others_set_it(web, show, member):
+    press = member(b"press", [(b"status", b"mode", b"\xff")])
+    member(b"\xfe", [(b"status", b"mode", b"\xfd")])
+    page = show(web)
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+    for value in ("ff", "end"):
+        press.set(b"status", b"mode", value.encode())
+        assert page.eventually("[...document.querySelectorAll('.row:not([hidden]) .value:not(.raw)')]"
+                               f".some((text) => text.textContent === '{value}')")
+
+    page.press("End", "Enter")
+
+    assert page.eventually("document.getElementById('detail').open")
+    past = page.run("""[...document.querySelectorAll("#detail-past span")]
+        .map((text) => [text.textContent, text.className])""")
+    assert past == [["ff", ""], ["ff", "raw"]]
+    assert page.text("#detail-others") == "fe::ctl sets this, too: fd"
+    assert page.run("document.querySelectorAll('#detail-others .raw').length") == 2
+
+
 def test_a_table_whose_name_is_bytes_is_not_that_whose_name_looks_alike(web, show, member):
     member(b"press", [(b"\xff", b"key", b"one"), (b"ff", b"key", b"two"), (b"ff", b"more", b"three")])
     page = show(web)

@@ -46,6 +46,12 @@ function setName(element, name) {
   element.classList.toggle("raw", name.bytes);
 }
 
+function named(name) {
+  const element = make("span");
+  setName(element, name);
+  return element;
+}
+
 // Moves none that is there already: that would take the focus, or a click, from it. So their order must not change.
 function putInto(parent, elements) {
   const wanted = new Set(elements);
@@ -166,7 +172,7 @@ class Row {
     const figure = value.bytes || value.cut ? NaN : number(shown);
     if (isNaN(figure)) {
       this.times = this.numbers = null;
-      this.addText(shown, time);
+      this.addText(value, time);
     } else {
       this.texts = null;
       this.addPoint(figure, time);
@@ -192,9 +198,9 @@ class Row {
     this.numbers = this.numbers.filter((_, i) => i % 2 === 0 || i === last + 1);
   }
 
-  addText(shown, time) {
+  addText({ shown, bytes }, time) {
     if (!this.texts) this.texts = [];
-    this.texts.push({ time, text: shown.slice(0, MOST_OF_TEXT) });
+    this.texts.push({ time, shown: shown.slice(0, MOST_OF_TEXT), bytes });
     if (this.texts.length > MOST_TEXTS) this.texts.shift();
   }
 
@@ -741,13 +747,16 @@ function drawDetail() {
   setText($("detail-range"), line ? range(row) : "");
   if (line) $("detail-line").firstElementChild.setAttribute("d", steps(row, 480, 120));
   const past = row.texts && row.texts.length > 1 ? row.texts.slice(0, -1).reverse() : [];
-  $("detail-past").replaceChildren(...past.map(({ time, text }) => {
+  $("detail-past").replaceChildren(...past.map((text) => {
     const item = make("li");
-    item.append(make("time", "", clock(time)), make("span", "", text));
+    item.append(make("time", "", clock(text.time)), named(text));
     return item;
   }));
-  $("detail-others").replaceChildren(...row.others.map((other) =>
-    make("div", "", spoken(other.member.name) + " sets this, too: " + other.value.slice(0, MOST_OF_TEXT))));
+  $("detail-others").replaceChildren(...row.others.map((other) => {
+    const item = make("div"), value = { shown: other.value.slice(0, MOST_OF_TEXT), bytes: other.bytes };
+    item.append(named(other.member.name), " sets this, too: ", named(value));
+    return item;
+  }));
 }
 
 function range(row) {
