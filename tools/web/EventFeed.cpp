@@ -44,6 +44,13 @@ void Tell(std::string& out, const WebModel::Departure& departure) {
   out += kEnd;
 }
 
+void TellTime(std::string& out) {
+  BeginEvent(out, "time");
+  JsonObject data = BeginData(out);
+  data.Text("time", TimeText(TimeNow())).End();
+  out += kEnd;
+}
+
 void TellRow(std::string& out, const WebModel::RowEntry& row) {
   const Member& member = row.member->member;
   JsonObject data = BeginData(out);
@@ -159,15 +166,15 @@ void EventFeed::Begin(std::string& out) {
   told_ = round_ = departed_ = 0;
   pass_.reset();
   first_part_ = model_.LastChange();
-  out += SignOfLife();
+  TellTime(out);
   BeginEvent(out, "hello");
   out.append("data: ").append(hello_).append(kEnd);
 }
 
+// None until everything is told that there was: until then a reader knows by the time at the beginning who has left
+// since then, and a later one would take that from it.
 std::string EventFeed::SignOfLife() const {
   std::string out;
-  BeginEvent(out, "time");
-  JsonObject data = BeginData(out);
-  data.Text("time", TimeText(TimeNow())).End();
-  return out + kEnd;
+  if (ready_) TellTime(out);
+  return out;
 }

@@ -19,7 +19,7 @@
 //   left     it has left, with its rows, and why.
 //   rows     one or more rows, one a line, as the command prints them, each with its member's port.
 //   ready    everything that there was has been told.
-//   time     the server's clock, at the beginning and every few seconds.
+//   time     the server's clock, at the beginning and, once everything has been told, every few seconds.
 //
 // Nothing is kept for a reader but how far it has been told. It is told the changes in their order, the oldest first.
 // But a row that changes moves behind all others, and a slow reader would never come to the fastest rows. So when it

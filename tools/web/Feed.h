@@ -22,6 +22,6 @@ class Feed {
   // Whether more may come when there is nothing to write now.
   virtual bool IsLiving() const { return false; }
 
-  // Something that changes nothing, and shows that the server is there; of one that lives.
+  // Something that changes nothing, and shows that the server is there; of one that lives. It may stand before a piece.
   virtual std::string SignOfLife() const { return ""; }
 };

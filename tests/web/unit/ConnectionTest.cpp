@@ -182,6 +182,20 @@ TEST_F(HttpConnectionTest, AReaderThatIsToldNothingGetsASignOfLifeEveryTenSecond
   }
 }
 
+TEST_F(HttpConnectionTest, AReaderThatIsToldSomethingAllTheTimeGetsTheSameSigns) {
+  Ask("/rows");
+  Taken();
+
+  for (int i = 1; i < 20; i += 2) {
+    springs_.drops = i;
+    Pass(seconds(5));
+    EXPECT_EQ(Taken(), "drop " + std::to_string(i));
+    springs_.drops = i + 1;
+    Pass(seconds(5));
+    EXPECT_EQ(Taken(), "alivedrop " + std::to_string(i + 1));
+  }
+}
+
 TEST_F(HttpConnectionTest, APieceThatFollowsAnotherAtOnceWaitsForALittle) {
   Ask("/rows");
   Taken();

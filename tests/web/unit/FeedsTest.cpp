@@ -137,6 +137,18 @@ TEST_F(FeedsTest, EventsGoOnWithWhatChanges) {
   EXPECT_EQ(Told(FillAll(feed)), (Texts{"2", "auto"}));
 }
 
+TEST_F(FeedsTest, TheTimeIsASignOfLifeOnceAllThatThereWasIsTold) {
+  SetMany("1", 2000);
+  EventFeed feed(model_, "{}\n");
+  EXPECT_EQ(feed.SignOfLife(), "");
+  Fill(feed);
+  EXPECT_EQ(feed.SignOfLife(), "");
+
+  FillAll(feed);
+
+  EXPECT_EQ(Told(feed.SignOfLife()), Texts{"time"});
+}
+
 TEST_F(FeedsTest, RowsThatFollowEachOtherAreOneEvent) {
   SetMany("1", 3);
   EventFeed feed(model_, "{}\n");
