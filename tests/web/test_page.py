@@ -135,14 +135,14 @@ def test_numbers_of_any_size_are_drawn_or_taken_for_text(web, show, member):
     press = member(b"press", [(b"status", b"speed", b"0")])
     page = show(web)
     assert page.shows(".row:not([hidden]) .value", "0")
-    for value in ("1e308", "-1e308"):
+    for value in (".5", "5.", "1e308", "-1e308"):
         press.set(b"status", b"speed", value.encode())
         assert page.shows(".row:not([hidden]) .value", value)
     path = page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d')")
     press.set(b"status", b"speed", b"1e309")
     assert page.shows(".row:not([hidden]) .value", "1e309")
 
-    assert path.count("V") == 2 and "NaN" not in path and "Infinity" not in path
+    assert path.count("V") == 4 and "NaN" not in path and "Infinity" not in path
     assert page.run("document.querySelector('.row:not([hidden]) path').getAttribute('d')") == ""
 
 

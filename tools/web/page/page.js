@@ -109,7 +109,7 @@ const spoken = (name) => (name.bytes ? "bytes " : "") + name.shown;
 
 // What is no number, or none that can be drawn, is NaN.
 function number(text) {
-  const figure = /^\s*[-+]?\d+(\.\d+)?([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
+  const figure = /^\s*[-+]?(\d+(\.\d*)?|\.\d+)([eE][-+]?\d+)?\s*$/.test(text) ? Number(text) : NaN;
   return Number.isFinite(figure) ? figure : NaN;
 }
 
