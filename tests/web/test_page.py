@@ -547,6 +547,29 @@ def test_it_fits_a_phone(web, show, member):
         assert page.run(f"{seen}({json.dumps(part)})"), part
 
 
+def test_a_row_that_is_shown_alone_fits_a_phone(web, chromium):
+    page = driven.open_page(chromium, web, width=360, height=640)
+    page.run("""{
+        const long = (text) => text.repeat(200);
+        const of = (port, value) => ({ ...row(long("k"), long(value)), port, table: long("t") });
+        begin(of(1, "v"));
+        tell("member", { ...member(2, stamp()), device: long("q") });
+        tell("rows", of(1, "w"), of(2, "x"));
+    }""")
+    assert page.eventually("document.querySelectorAll('.row:not([hidden])').length === 2")
+
+    page.press("Home", "Enter")
+
+    assert page.eventually("document.getElementById('detail').open")
+    assert page.run("document.querySelectorAll('#detail-past li, #detail-others div').length") == 2
+    wide = page.run("""[...document.querySelectorAll("#detail, #detail *")].filter((one) => {
+        const box = one.getBoundingClientRect();
+        return box.right > 360 || one.scrollWidth > Math.ceil(box.width);
+    }).map((one) => one.id || one.tagName)""")
+    assert wide == []
+    page.close()
+
+
 def test_on_a_phone_each_of_many_members_can_be_touched_and_the_chosen_is_named(web, chromium):
     page = driven.open_page(chromium, web, width=360, height=640)
     page.run("begin(); for (let port = 2; port <= 9; ++port) tell('member', member(port, stamp()))")
