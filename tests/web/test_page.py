@@ -9,6 +9,7 @@ import time
 
 import client
 import driven
+import pytest
 from programs import DEADLINE, eventually, figure
 
 MARKUP = b"<script>window.caught=1</script>"
@@ -607,8 +608,9 @@ def test_the_chosen_row_is_named_wherever_it_is_drawn(web, chromium):
     page.close()
 
 
-def test_who_has_gone_can_be_read(web, chromium):
-    page = driven.open_page(chromium, web)
+@pytest.mark.parametrize("dark", [False, True], ids=["light", "dark"])
+def test_who_has_gone_can_be_read(web, chromium, dark):
+    page = driven.open_page(chromium, web, dark=dark)
     page.run("begin(); tell('left', { ...member(1, stamp()), left: stamp(), reason: 'has left' })")
     assert page.eventually("document.querySelectorAll('.node.gone').length === 1")
 
