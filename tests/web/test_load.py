@@ -12,6 +12,7 @@ from programs import figure
 
 ROWS = 50_000
 CHANGES_PER_SECOND = 5_000
+LEAST_RATE = CHANGES_PER_SECOND * .9  # What is reached, where the machine has time.
 BATCH = 250
 MOST_WAIT = 100  # Milliseconds.
 LEAST_SEEN = 20  # So many keys and frames tell something. Where there is no time, they take more than one round.
@@ -69,6 +70,7 @@ class Burst:
         page.run("window.waits = []")
         frames, (worked, waited) = page.run("window.frames_drawn"), chromium.main_thread_seconds()
         stop, self._seen, self.value = threading.Event(), threading.Event(), value_before
+        self.rate = 0  # Changes a second, as they were made.
         changing = threading.Thread(target=self._change_all, args=(press, stop))
         changing.start()
         try:
@@ -90,9 +92,11 @@ class Burst:
         page.press("Escape")
         self.waits = sorted(page.run("window.waits"))
         self.median = statistics.median(self.waits)
+        self.is_enough = self.median <= MOST_WAIT and self.rate >= LEAST_RATE
 
     def _change_all(self, press, stop):
         """Steadily: each change is of another row, so that none takes the place of another."""
+        first, changed = time.monotonic(), 0
         while self.value < MOST_ROUNDS and not self._seen.is_set():
             self.value += 1
             begun = time.monotonic()
@@ -101,6 +105,8 @@ class Burst:
                     return
                 press.set_all([(b"table-%d" % (n % 8), b"key-%05d" % n, b"%d" % self.value)
                                for n in range(sent, sent + BATCH)])
+            changed += ROWS
+            self.rate = changed / (time.monotonic() - first)
 
 
 def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, show, member):
@@ -110,18 +116,19 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
     drawn = page.run("document.querySelectorAll('.row').length")
     bursts = []
     rounds = 0
-    while rounds <= MOST_ROUNDS - LEAST_ROUNDS and all(burst.median > MOST_WAIT for burst in bursts):
+    while rounds <= MOST_ROUNDS - LEAST_ROUNDS and not any(burst.is_enough for burst in bursts):
         bursts.append(Burst(page, chromium, press, rounds))
         rounds = bursts[-1].value
 
         assert page.eventually(f"""[...document.querySelectorAll(".row:not([hidden]) .value")].length > 0 &&
             [...document.querySelectorAll(".row:not([hidden]) .value")]
                 .every((value) => value.textContent === "{bursts[-1].value}")""")
-    best = min(bursts, key=lambda burst: burst.median)
-    figure(f"with {ROWS} rows and {CHANGES_PER_SECOND} changes a second a key is answered within "
+    best = min(bursts, key=lambda burst: (not burst.is_enough, burst.median))
+    figure(f"with {ROWS} rows and {best.rate:.0f} changes a second a key is answered within "
            f"{best.median:.0f} ms, 9 of 10 within {best.waits[len(best.waits) * 9 // 10]:.0f} ms; "
            f"the page works {best.seconds_for_a_frame * 1000:.0f} ms for a frame, with {best.share:.0%} of a processor")
     assert len(best.waits) >= LEAST_SEEN and best.frames >= LEAST_SEEN
+    assert best.rate >= LEAST_RATE or best.share <= .8, [(burst.share, burst.rate) for burst in bursts]
     # What the machine has given to others is not the page's. Of the slowest keys that cannot be told: one that waits
     # longest may have met all that was given to others in the burst.
     assert best.median * best.share <= MOST_WAIT, [(burst.share, burst.waits) for burst in bursts]
