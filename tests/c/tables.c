@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <stdint.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -172,6 +173,26 @@ static void a_descriptor_is_readable_while_a_change_is_pending(void) {
   varnix_table_free(table);
 }
 
+static void a_set_for_which_no_descriptor_is_to_be_had_can_have_one_later(void) {
+  varnix_table* table = new_table();
+  varnix_watcher* watcher = watch_all(table);
+  varnix_watcher_set* set = set_of(watcher);
+  struct rlimit before;
+  CHECK(getrlimit(RLIMIT_NOFILE, &before) == 0);
+  const struct rlimit none = {0, before.rlim_max};
+
+  CHECK(setrlimit(RLIMIT_NOFILE, &none) == 0);
+  const int result = varnix_watcher_set_descriptor(set);
+  CHECK(setrlimit(RLIMIT_NOFILE, &before) == 0);
+  CHECK(result == -EMFILE);
+  set_row(table, "speed", "42");
+  CHECK(is_readable(varnix_watcher_set_descriptor(set)));
+
+  varnix_watcher_set_free(set);
+  varnix_watcher_free(watcher);
+  varnix_table_free(table);
+}
+
 static void* set_ten_thousand_rows(void* table) {
   for (int i = 1; i <= 10000; ++i) {
     char value[16];
@@ -276,6 +297,7 @@ int main(void) {
   RUN(a_handle_that_a_set_reports_is_no_other_watcher_s_handle);
   RUN(null_may_be_freed);
   RUN(a_descriptor_is_readable_while_a_change_is_pending);
+  RUN(a_set_for_which_no_descriptor_is_to_be_had_can_have_one_later);
   RUN(a_thread_that_waits_sees_the_last_value_of_another);
   RUN(a_forked_child_uses_its_copies);
   RUN(the_list_of_tables_holds_those_that_are_alive);
