@@ -2,12 +2,18 @@
 // SPDX-License-Identifier: BSD-3-Clause
 
 // What the library throws becomes a result: no exception leaves a function.
+#include <arpa/inet.h>
+#include <pthread.h>
+
 #include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
 #include "Check.h"
+
+// In place of the C library's: this program can start no thread.
+extern "C" int pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) noexcept { return EAGAIN; }
 
 namespace {
 
@@ -39,6 +45,18 @@ void any_other_exception_is_an_input_output_error() {
   CHECK(ResultOfThrowing(4) == -EIO);
 }
 
+void sharing_without_a_thread_is_to_be_tried_again() {
+  const varnix_sharing settings = {
+      VARNIX_LITERAL("group"),
+      VARNIX_LITERAL("device"),
+      VARNIX_LITERAL("process"),
+      inet_addr("127.255.255.255"),
+  };
+  varnix_sharing* found = nullptr;
+  CHECK(varnix_share(VARNIX_LITERAL("d"), &settings) == -EAGAIN);
+  CHECK(varnix_get_sharing(VARNIX_LITERAL("d"), &found) == -ENOENT && found == nullptr);
+}
+
 void the_library_works_after_it() { CHECK(ResultOfThrowing(0) == 0); }
 
 }  // namespace
@@ -47,5 +65,6 @@ int main() {
   CHECK(varnix_set_log_function(Throw, 7, nullptr) == 0);
   RUN(an_error_of_the_system_is_its_errno);
   RUN(any_other_exception_is_an_input_output_error);
+  RUN(sharing_without_a_thread_is_to_be_tried_again);
   RUN(the_library_works_after_it);
 }
