@@ -4,9 +4,11 @@
 """Tables, watchers and sets of one process."""
 
 import copy
+import errno
 import gc
 import os
 import pickle
+import resource
 import select
 import signal
 import subprocess
@@ -102,6 +104,23 @@ def test_the_descriptor_is_readable_while_a_change_is_pending(table):
     assert is_readable()
     changes.wait()
     assert not is_readable()
+
+
+def test_a_wait_for_which_no_descriptor_is_to_be_had_is_an_error_and_the_next_works(table):
+    changes = varnix.WatcherSet([table.watch_all()])
+    before = resource.getrlimit(resource.RLIMIT_NOFILE)
+
+    resource.setrlimit(resource.RLIMIT_NOFILE, (0, before[1]))
+    try:
+        with pytest.raises(OSError) as raised:
+            changes.wait(programs.DEADLINE)
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, before)
+    assert raised.value.errno == errno.EMFILE
+    writer = threading.Timer(0.05, table.set, ("k", "v"))
+    writer.start()
+    assert changes.wait(programs.DEADLINE)[:2] == (b"k", b"v")
+    writer.join()
 
 
 def test_a_hundred_thousand_rows_come_in_their_order(table):
