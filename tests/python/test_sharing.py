@@ -7,6 +7,7 @@ import multiprocessing
 import os
 import subprocess
 import sys
+import time
 
 import pytest
 
@@ -96,6 +97,27 @@ def test_children_of_multiprocessing_share_as_members_of_their_own(plant, how):
 
     child.join(DEADLINE)
     assert child.exitcode == 0
+
+
+def test_a_program_ends_while_a_member_sets_rows_without_a_pause(plant):
+    program = subprocess.Popen([sys.executable, "-c", """if True:
+        import logging, varnix
+        logging.basicConfig(level=logging.CRITICAL)
+        varnix.start_logging(logging.DEBUG)
+        changes = varnix.WatcherSet([varnix.shared_table("plant", "busy").watch_all()])
+        varnix.share("plant", "group", "child", "python", "127.255.255.255")
+        for _, change in zip(range(10), changes):
+            pass
+        print("the end")
+        """], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    rows = [(b"k", str(number).encode()) for number in range(1000)]
+
+    end = time.monotonic() + DEADLINE
+    while program.poll() is None and time.monotonic() < end:
+        plant.set_all(b"plant", b"busy", rows)
+    program.kill()
+
+    assert (program.communicate()[0], program.returncode) == ("the end\n", 0)
 
 
 @pytest.mark.parametrize("example", ["print_table.py", "print_table_asyncio.py"])
