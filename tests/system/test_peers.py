@@ -4,8 +4,10 @@
 """What a process is told of the members it receives from, and how it stops sharing."""
 
 import re
+import time
 
 import namespaces
+import programs
 
 GONE_AFTER_A_CUT = 4  # Seconds, by TCP's keepalive.
 MARGIN = 60  # For a busy machine.
@@ -82,8 +84,10 @@ def test_a_peer_whose_network_is_cut_is_shown_as_gone(make_namespace, make_host)
     assert press.eventually(lambda: peers(press).get("pump::p", "").startswith("10.1.1.2:"))
 
     right.ip("link set eth0 down")
+    cut = time.monotonic()
 
     assert is_gone(press, "pump::p", GONE_AFTER_A_CUT + MARGIN)
+    programs.figure("a cut is told after", round(time.monotonic() - cut, 1), "s")
     right.ip("link set eth0 up")
 
 
