@@ -137,7 +137,7 @@ const tables = new Map();   // Their names, and how many rows each has.
 let whose = null;           // The group and the database.
 let generation = 0;         // A new one with each connection. What has an older one is no more.
 let changes = 0;            // The number of the last change.
-let told = 0;               // The clock of the server, as it was told last.
+let serverTime = 0;         // As it was told last.
 let lead = 0;               // How far it is ahead of ours.
 let log = [];
 
@@ -250,8 +250,8 @@ const placeOf = (data) => data.address + ":" + data.port;
 
 const on = {
   time(data) {
-    told = Date.parse(data.time);
-    lead = told - Date.now();
+    serverTime = Date.parse(data.time);
+    lead = serverTime - Date.now();
   },
 
   hello(data) {
@@ -284,8 +284,8 @@ const on = {
   left(data) {
     const place = placeOf(data), since = Date.parse(data.since);
     const isMeant = () => members.has(place) && members.get(place).since === since;
-    // It has come and left since the last piece, or else before this page came.
-    if (!isMeant() && (view.ready || Date.parse(data.left) > told)) on.member(data);
+    // It has come and left since the last piece. At the beginning: only what left after this page came.
+    if (!isMeant() && (view.ready || Date.parse(data.left) > serverTime)) on.member(data);
     if (isMeant()) removeMember(members.get(place), Date.parse(data.left), data.reason);
   },
 
@@ -852,7 +852,7 @@ function makeNode(member) {
   mark.textContent = member.name.bytes ? "bytes " : "";
   label.append(mark, cut(member.name.shown, 20));
   title.textContent = spoken(member.name) + "\n" + member.place;
-  node.append(draw("circle", { class: "pulse" }), draw("circle", {}), label,
+  node.append(draw("circle", { class: "pulse", r: 15 }), draw("circle", { r: 8 }), label,
               draw("text", { class: "sub" }), title);
   const press = () => {
     view.chosenMember = isChosen(member) || !isHere(member) ? null : member.place;
