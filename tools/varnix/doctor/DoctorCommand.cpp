@@ -134,9 +134,7 @@ std::size_t DoctorCommand::OnRow(const Member& member, const Row&) {
   return 0;
 }
 
-void DoctorCommand::OnEnd(const Member& member, const End& end) {
-  Seen(member.place).OnEnd(member.group, end);
-}
+void DoctorCommand::OnEnd(const Member& member, const End& end) { Seen(member.place).OnEnd(member.group, end); }
 
 void DoctorCommand::Print(const std::vector<Finding>& findings) {
   for (const Finding& finding : findings) {
