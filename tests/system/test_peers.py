@@ -35,6 +35,18 @@ def is_gone(host, name, seconds=MARGIN):
     return host.eventually(lambda: peers(host).get(name) == "", seconds)
 
 
+def streams_from(host, name):
+    """By what its log has told until now, the streams that it receives from that peer."""
+    streams = set()
+    for _, tag, text in list(host.log):
+        stream, _, rest = text.partition(" ")
+        if (tag, rest) == ("tblrcvr.gotuid", f"got uid: {name}"):
+            streams.add(stream)
+        elif tag == "tblrcvr.dtor":
+            streams.discard(stream)
+    return streams
+
+
 def test_a_peer_is_shown_while_it_is_received_from(network, make_host):
     press, pump = make_host(), make_host()
     watch_peers(press)  # Before it is shared.
@@ -60,8 +72,9 @@ def test_a_table_that_is_asked_for_late_shows_who_is_there(network, make_host):
     for host, name in (pump, b"pump"), (valve, b"valve"):
         host.set(b"plant", b"state", name, b"on")
         assert press.gets_row(b"plant", b"state", name, b"on")
+    assert streams_from(press, "valve::p")
     valve.kill()
-    assert press.logs(6, "tblsvr.fnd.rcv.err", ".*")
+    assert press.eventually(lambda: not streams_from(press, "valve::p"))
 
     watch_peers(press)
 
