@@ -19,12 +19,15 @@ using Varnix::LogLevel;
 
 namespace {
 
-constexpr std::chrono::milliseconds kPauseWithoutResources(100);
+constexpr std::chrono::milliseconds kPauseAfterFailure(100);
 // Where many members meet, short connections come in bursts: a thread mostly ends within milliseconds.
 constexpr std::chrono::milliseconds kPauseBetweenTries(10);
 constexpr int kTries = 10;
 
-bool IsOutOfResources(int error) { return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM; }
+// While there are no resources, or when somebody else has shut the listener down.
+bool WouldFailAgainAtOnce(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EINVAL;
+}
 
 }  // namespace
 
@@ -58,8 +61,7 @@ void Acceptor::AcceptConnection() {
   if (error == EINVAL && StopsWithin(std::chrono::milliseconds(0))) return;
   errno = error;  // The first log hook prints it, too.
   Log(LogLevel::Error, "tblsvr.acc.acc", "TableServer: Accept::accept error %d", error);
-  // The connection still waits, and accepting it would fail at once again: leave the processor to others for a while.
-  if (IsOutOfResources(error)) StopsWithin(kPauseWithoutResources);
+  if (WouldFailAgainAtOnce(error)) StopsWithin(kPauseAfterFailure);  // Leave the processor to others for a while.
 }
 
 void Acceptor::Serve(FileDescriptor socket, unsigned address) {

@@ -271,6 +271,7 @@ TEST_F(AcceptorTest, InvalidAcceptWithoutAStopIsLoggedAndTheServerGoesOn) {
 
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "tblsvr.acc.acc: TableServer: Accept::accept error 22: Invalid argument\n");
+  EXPECT_THAT(pauses_, ElementsAre("pause of 0 ms for done", "pause of 100 ms for done"));
   EXPECT_EQ(peer.ReceiveUntilEnd(), kGreeting);
 }
 
