@@ -10,8 +10,7 @@
 
 namespace {
 
-thread_local long countdown = 0;  // 0: none fails.
-thread_local bool has_failed = false;
+thread_local Countdown countdown;
 thread_local long live = 0;
 thread_local bool spared = false;
 std::atomic<const std::function<bool()>*> fails_elsewhere{nullptr};
@@ -23,14 +22,7 @@ bool FailsElsewhere() {
 
 }  // namespace
 
-FailingAllocation::FailingAllocation(long n) {
-  has_failed = false;
-  countdown = n;
-}
-
-FailingAllocation::~FailingAllocation() { countdown = 0; }
-
-bool FailingAllocation::HasFailed() const { return has_failed; }
+FailingAllocation::FailingAllocation(long n) : CountedFailure(countdown, n) {}
 
 long LiveAllocations() { return live; }
 
@@ -40,11 +32,7 @@ void FailAllocationsOfOtherThreads(std::function<bool()> fails) {
 }
 
 void* operator new(std::size_t size) {
-  if (countdown > 0 && --countdown == 0) {
-    has_failed = true;
-    throw std::bad_alloc();
-  }
-  if (FailsElsewhere()) throw std::bad_alloc();
+  if (countdown.FailsNow() || FailsElsewhere()) throw std::bad_alloc();
   void* const memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   ++live;

@@ -6,15 +6,12 @@
 #include <functional>
 #include <new>
 
+#include "support/Countdown.h"
+
 // Makes the n-th allocation of this thread, counted from 1, fail while this object lives.
-class FailingAllocation {
+class FailingAllocation : public CountedFailure {
  public:
   explicit FailingAllocation(long n);
-  ~FailingAllocation();
-  FailingAllocation(const FailingAllocation&) = delete;
-  FailingAllocation& operator=(const FailingAllocation&) = delete;
-
-  bool HasFailed() const;
 };
 
 // Whether the call had an n-th allocation, which failed. What it then throws is caught.

@@ -12,19 +12,11 @@
 
 namespace {
 
-thread_local long countdown = 0;  // 0: none fails.
-thread_local bool has_failed = false;
+thread_local Countdown countdown;
 
 }  // namespace
 
-FailingLock::FailingLock(long n) {
-  has_failed = false;
-  countdown = n;
-}
-
-FailingLock::~FailingLock() { countdown = 0; }
-
-bool FailingLock::HasFailed() const { return has_failed; }
+FailingLock::FailingLock(long n) : CountedFailure(countdown, n) {}
 
 extern "C" {
 
@@ -32,15 +24,13 @@ int __real_pthread_mutex_lock(pthread_mutex_t*);
 int __real_pthread_mutex_trylock(pthread_mutex_t*);
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
-  if (countdown == 0 || --countdown > 0) return __real_pthread_mutex_lock(mutex);
-  has_failed = true;
-  return EDEADLK;
+  return countdown.FailsNow() ? EDEADLK : __real_pthread_mutex_lock(mutex);
 }
 
 int __wrap_pthread_mutex_trylock(pthread_mutex_t* mutex) {
-  if (countdown == 1) return EBUSY;
+  if (countdown.left == 1) return EBUSY;
   const int error = __real_pthread_mutex_trylock(mutex);
-  if (error == 0 && countdown > 0) --countdown;
+  if (error == 0 && countdown.left > 0) --countdown.left;
   return error;
 }
 

@@ -7,17 +7,14 @@
 
 #include <system_error>
 
+#include "support/Countdown.h"
+
 // While this object lives, the n-th lock that this thread takes (from 1) fails: pthread_mutex_trylock() returns EBUSY,
 // pthread_mutex_lock() EDEADLK. Only locks that the program's own code takes count, not those within the system's
 // libraries.
-class FailingLock {
+class FailingLock : public CountedFailure {
  public:
   explicit FailingLock(long n);
-  ~FailingLock();
-  FailingLock(const FailingLock&) = delete;
-  FailingLock& operator=(const FailingLock&) = delete;
-
-  bool HasFailed() const;
 };
 
 // Whether the call had an n-th lock, which failed. It has to throw that.
@@ -34,6 +31,6 @@ bool FailsToLockAt(long n, Call call) {
     }
     failed = failing.HasFailed();
   }
-  EXPECT_EQ(thrown, failed) << "at lock " << n;  // It takes locks, too.
+  EXPECT_EQ(thrown, failed) << "at lock " << n;  // EXPECT_EQ takes locks, too.
   return failed;
 }
