@@ -190,7 +190,9 @@ TEST_F(Checks, TakeOneThatHasLeftAndStartedAgainForOne) {
 
 TEST_F(Checks, FindAStreamThatHasEndedAlsoWhereTheMemberIsBack) {
   Press().OnEnd("line-4", {End::Kind::kClosed});
+  Press().OnEnd("line-4", {End::Kind::kUnreachable, ECONNREFUSED});
   Press().OnNamed(Member(Press().member));
+  Press().rows = 6;
   EXPECT_EQ(Faults(), "rows: 3 rows came before press::ctl at 10.0.0.2:1000 has left\n");
 
   Add({0x0A000002, 1001}, "press");  // It is there: two have one name.

@@ -24,11 +24,12 @@ struct SeenPlace {
   std::optional<TimePoint> told;   // When we first announced ourselves from then on.
   std::optional<TimePoint> asked;  // When we asked it to connect, because it had not come by itself.
   std::size_t rows = 0;
-  std::optional<End> end;  // How a connection to it came to nothing.
-  bool gone = false;       // It did not say who it is since then.
+  std::optional<End> end;       // How a connection to it came to nothing.
+  std::size_t rows_at_end = 0;  // How many had come by then.
+  bool gone = false;            // It has not said who it is since then.
 
-  // It has said who it is. That connections failed before that is no fault; that one ended behind it remains one, also
-  // where the place was met again since.
+  // It has said who it is. A connection that failed before is no fault. One that ends later is one, also when the
+  // member comes back.
   void OnNamed(const Member& its_names) {
     if (!named) end.reset();
     member = its_names;
@@ -38,8 +39,10 @@ struct SeenPlace {
 
   void OnEnd(const std::string& group, const End& its_end) {
     member.group = group;
-    end = its_end;
     gone = true;
+    if (named && end && its_end.kind == End::Kind::kUnreachable) return;  // The end before tells more.
+    end = its_end;
+    rows_at_end = rows;
   }
 };
 
@@ -51,7 +54,7 @@ struct Evidence {
   double seconds = 0;
   bool announced = true;  // Not if nothing may be sent.
 
-  // Of this host. Each error number is 0 where all is well.
+  // Of this device. Each error number is 0 where all is well.
   Route route;
   int hearing_error = 0, announcing_error = 0;
   bool own_announcement = false;  // It has come back.
