@@ -66,7 +66,7 @@ def test_255_255_255_255_leaves_by_the_network_to_which_its_route_leads(device, 
 
 def test_members_meet_as_soon_as_one_hears_the_other(networks, make_member):
     gateway, left, right = networks
-    on_left = make_member(left, b"left", "127.255.255.255")  # Announces itself to its own host alone.
+    on_left = make_member(left, b"left", "127.255.255.255")  # Announces itself to its own device alone.
     on_right = make_member(right, b"right", "10.0.2.255")
     middle = make_member(gateway, b"gateway", "10.0.1.255")
     assert meet(middle, b"gateway", on_left, b"left")

@@ -126,7 +126,7 @@ class Schedule:
         self._tried_until = dict.fromkeys(self._pairs, first_announcement + PERIOD)
 
     def bound(self, victim, began, healed):
-        """How many seconds after the cut of that host the slowest may take."""
+        """How many seconds after the cut of that device the slowest may take."""
         cut = healed - began
         if cut > GIVEN_UP - ABOUT:
             self._give_up(victim, began + GIVEN_UP)

@@ -17,7 +17,7 @@ PLANT = {"VARNIX_GROUP": "line-4", "VARNIX_DATABASE": "plant", "VARNIX_BROADCAST
 
 
 def environment(changes=None):
-    """Of a process whose user looks for members of group line-4 with database plant on this host."""
+    """Of a process whose user looks for members of group line-4 with database plant on this device."""
     base = {name: text for name, text in os.environ.items() if not name.startswith("VARNIX_")}
     base.pop("NO_COLOR", None)
     return {**base, "LC_ALL": "C.UTF-8", **PLANT, **(changes or {})}

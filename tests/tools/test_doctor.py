@@ -167,7 +167,7 @@ def test_an_address_that_is_no_broadcast_address_is_found(hosts, share, start):
 
     found = hosts.doctor(start, ["own", "route"], VARNIX_BROADCAST="10.1.1.2")
 
-    assert found["route"]["seen"] == "10.1.1.2 is the address of one host, not a broadcast address"
+    assert found["route"]["seen"] == "10.1.1.2 is the address of one device, not a broadcast address"
 
 
 def test_a_port_of_announcements_that_is_not_shared_is_found(hosts, share, start):
@@ -199,7 +199,7 @@ def test_a_firewall_that_keeps_announcements_out_is_found(hosts, share, start):
     found = hosts.doctor(start, ["own"])
 
     assert found["own"]["seen"] == "our own announcement does not come back"
-    assert found["own"]["log"] == "on this host's members no tblrcvr.ctor, not even of themselves"
+    assert found["own"]["log"] == "on this device's members no tblrcvr.ctor, not even of themselves"
 
 
 def test_announcements_that_are_lost_on_the_way_are_found(hosts, share, start):
@@ -220,7 +220,7 @@ def test_a_member_that_does_not_hear_us_is_found(hosts, share, start):
     found = hosts.doctor(start, ["hears"], member=press, sees={
         "hears": r"^press::ctl at 10\.1\.1\.2:\d+ did not hear our announcement, and came only when asked to$"})
 
-    assert found["hears"]["log"] == "on those members no tblrcvr.ctor of this host"
+    assert found["hears"]["log"] == "on those members no tblrcvr.ctor of this device"
 
 
 def test_a_member_that_starts_while_the_doctor_looks_is_no_fault(hosts, share, start):

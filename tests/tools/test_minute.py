@@ -49,4 +49,4 @@ def test_a_minute_hears_everybody(share, start, make_namespace, make_host):
     assert fault["check"] == "heard"
     assert re.fullmatch(r"valve::ctl at 10\.1\.1\.2:\d+ did not announce themselves to us within a minute",
                         fault["seen"])
-    assert fault["log"] == "on this host's members no tblrcvr.ctor of those"
+    assert fault["log"] == "on this device's members no tblrcvr.ctor of those"

@@ -88,7 +88,7 @@ const char* Explanation(int status) {
     case 400:
       return "This is no request that can be understood.\n";
     case 403:
-      return "This page is known under another name: that of this host, localhost, or an address.\n";
+      return "This page is known under another name: that of this device, localhost, or an address.\n";
     case 404:
       return "There is nothing here. There is: / /members /rows?table= /events /metrics\n";
     case 405:

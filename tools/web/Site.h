@@ -24,7 +24,7 @@ class Site {
     virtual std::unique_ptr<Feed> Events() = 0;
   };
 
-  // Requests must name this host, or an address; see IsOurHost().
+  // Requests must name this device, or an address; see IsOurHost().
   Site(Content& content, std::string own_name);
   ~Site();
   Site(const Site&) = delete;

@@ -42,7 +42,7 @@ WebCommand::WebCommand(const Options& options)
   if (!IsLoopback(place.address)) {
     session_.progress.Note("whoever reaches " + PlaceText(place) + " sees every row: no password, no encryption");
   }
-  if (place.address == 0) place.address = 0x7F000001;  // One that a browser of this host reaches.
+  if (place.address == 0) place.address = 0x7F000001;  // One that a browser of this device reaches.
   session_.output.Text() += "http://" + PlaceText(place) + "/\n";
   session_.output.Flush();  // Before anything is waited for.
 }

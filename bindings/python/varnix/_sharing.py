@@ -25,7 +25,7 @@ def share(database: Bytes, group: Bytes, device: Bytes, process: Bytes, broadcas
     """Shares the database with the members of `group`, from now until stop_sharing(), the next call for this database,
     or the end of the process. `device` and `process` together must be different for each member.
 
-    broadcast: where announcements are sent. 127.255.255.255 stays on this host.
+    broadcast: where announcements are sent. 127.255.255.255 stays on this device.
     """
     buffers = [encode(text) for text in (group, device, process)]  # They have to outlive the call.
     settings = SharingStruct()

@@ -76,7 +76,7 @@ bool LacksRoom(const SeenPlace& seen) { return seen.end && seen.end->kind == End
 // Each check says something, also where it has nothing to look at.
 Finding NobodyToJudge(const char* check) { return {true, check, "nobody to judge", "", ""}; }
 
-// --- This host
+// --- This device
 
 Finding CheckRoute(const Evidence& evidence) {
   const Route& route = evidence.route;
@@ -87,9 +87,9 @@ Finding CheckRoute(const Evidence& evidence) {
             "tblsvr.dscv.sendto with error " + std::to_string(route.error)};
   }
   if (!route.to_everybody) {
-    return {false, "route", address + " is the address of one host, not a broadcast address",
+    return {false, "route", address + " is the address of one device, not a broadcast address",
             "give the broadcast address of the members' network, or 255.255.255.255",
-            "no tblrcvr.ctor, but on one member of that host"};
+            "no tblrcvr.ctor, but on one member of that device"};
   }
   const std::string by = route.interface_name.empty() ? "" : " by " + route.interface_name;
   return {true, "route", address + " is reached" + by + " from " + AddressText(route.source), "", ""};
@@ -105,7 +105,7 @@ Finding CheckPort(const Evidence& evidence) {
 Finding CheckOwn(const Evidence& evidence) {
   if (evidence.announcing_error != 0) {
     return {false, "own", std::string("announcements cannot be sent: ") + std::strerror(evidence.announcing_error),
-            "let UDP to port 1975 out of this host's firewall, and see 'route'",
+            "let UDP to port 1975 out of this device's firewall, and see 'route'",
             "tblsvr.dscv.sendto with error " + std::to_string(evidence.announcing_error)};
   }
   if (evidence.own_announcement) return {true, "own", "our own announcement comes back", "", ""};
@@ -113,8 +113,8 @@ Finding CheckOwn(const Evidence& evidence) {
     return {true, "own", "our own announcement is sent; whether it comes back is not heard", "", ""};
   }
   return {false, "own", "our own announcement does not come back",
-          "let UDP port 1975 into this host's firewall, and see 'port' and 'route'",
-          "on this host's members no tblrcvr.ctor, not even of themselves"};
+          "let UDP port 1975 into this device's firewall, and see 'port' and 'route'",
+          "on this device's members no tblrcvr.ctor, not even of themselves"};
 }
 
 // --- Names
@@ -232,7 +232,7 @@ void CheckReach(const Evidence& evidence, Findings& findings) {
   for (const SeenPlace* const seen : unreachable) {
     const std::string how = seen->end ? EndText(*seen->end) : "does not answer";
     findings.push_back({false, "reach", NameAndPlace(*seen) + " " + how,
-                        "let TCP into the firewall of that host; members use ports of the system's choice",
+                        "let TCP into the firewall of that device; members use ports of the system's choice",
                         "on its peers tblsvr.fnd.rcv.err, without tblrcvr.sock.conn.succ"});
   }
   const Members silent = Among(all, [](const SeenPlace& seen) { return !seen.named && !IsUnreachable(seen); });
@@ -252,20 +252,20 @@ void CheckWayBack(const Evidence& evidence, const Members& ours, Findings& findi
       ours, [&](const SeenPlace& seen) { return seen.came || (seen.asked && *seen.asked <= evidence.judged_until); });
   AddStep(findings,
           {"back", "connected to us", "did not connect to us, also when asked to",
-           "let TCP into the firewall of this host, and let it out of theirs",
+           "let TCP into the firewall of this device, and let it out of theirs",
            "on those members tblsvr.fnd.rcv.err, without tblrcvr.sock.conn.succ"},
           asked_in_time, Among(asked_in_time, [](const SeenPlace& seen) { return !seen.came; }));
   const Members here = Among(ours, [](const SeenPlace& seen) { return seen.came; });
   AddStep(findings,
           {"hears", "heard our announcement", "did not hear our announcement, and came only when asked to",
-           "let UDP port 1975 into the firewall of that host, and see 'route'",
-           "on those members no tblrcvr.ctor of this host"},
+           "let UDP port 1975 into the firewall of that device, and see 'route'",
+           "on those members no tblrcvr.ctor of this device"},
           here, Among(here, [](const SeenPlace& seen) { return seen.asked.has_value(); }));
   if (evidence.seconds < kEverybodyIsHeard) return;
   AddStep(findings,
           {"heard", "announced themselves", "did not announce themselves to us within a minute",
-           "see the broadcast address that these members were given, and let UDP port 1975 into this host's firewall",
-           "on this host's members no tblrcvr.ctor of those"},
+           "see the broadcast address that these members were given, and let UDP port 1975 into this device's firewall",
+           "on this device's members no tblrcvr.ctor of those"},
           ours, Among(ours, [](const SeenPlace& seen) { return !seen.heard; }));
 }
 
@@ -291,7 +291,7 @@ void CheckRows(const Members& ours, Findings& findings) {
   for (const SeenPlace* const seen : broken) {
     findings.push_back(
         {false, "rows",
-         CountText(seen->rows, "row") + " came before " + NameAndPlace(*seen) + " " + EndText(*seen->end),
+         CountText(seen->rows_at_end, "row") + " came before " + NameAndPlace(*seen) + " " + EndText(*seen->end),
          "see whether that process ended, or the network between", "cook.rd.rd, tblsndr.dtor"});
   }
   if (ours.empty()) return findings.push_back(NobodyToJudge("rows"));

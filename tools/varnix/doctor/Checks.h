@@ -10,7 +10,7 @@
 
 // Why do they not meet? Each check looks at the evidence alone.
 
-// What there is to say of this host before anybody was looked for: route, port.
+// What there is to say of this device before anybody was looked for: route, port.
 std::vector<Finding> CheckHost(const Evidence& evidence);
 
 // What there is to say in the end: own, group, database, then each step of a conversation with the members.

@@ -146,7 +146,7 @@ bool Observer::IsLookedFor(const Member& member) const {
          (!settings_.database || member.database == *settings_.database);
 }
 
-// A member can be reached at each address of its host, always at the same port. At another port it is another member
+// A member can be reached at each address of its device, always at the same port. At another port it is another member
 // that has the same name.
 bool Observer::IsReceivedAlready(const Member& member) const {
   return std::any_of(contacts_.begin(), contacts_.end(), [&](const auto& entry) {

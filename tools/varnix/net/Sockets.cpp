@@ -45,7 +45,7 @@ std::uint16_t BeginListening(const FileDescriptor& socket) {
   return ToPlace(address).port;
 }
 
-// Where nobody listens at a port of the own host, TCP may give the connecting socket this very port.
+// Where nobody listens at a port of the own device, TCP may give the connecting socket this very port.
 bool IsConnectedToItself(const FileDescriptor& socket) {
   sockaddr_in here{}, there{};
   socklen_t here_size = sizeof here, there_size = sizeof there;

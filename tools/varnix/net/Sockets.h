@@ -17,7 +17,7 @@ constexpr std::uint16_t kDiscoveryPort = 1975;
 // A socket to send broadcasts from; bound to nothing.
 FileDescriptor OpenBroadcastSocket();
 
-// Shares the port of announcements with the members of this host: 0 or an error number.
+// Shares the port of announcements with the members of this device: 0 or an error number.
 int BindToDiscoveryPort(const FileDescriptor& socket);
 
 // A listening socket on a port of the system's choice, which `port` gets.
@@ -43,7 +43,7 @@ void SendAtOnce(const FileDescriptor& socket);
 // Has the kernel keep about so many bytes of what is not yet taken, and no more.
 void LimitSendBuffer(const FileDescriptor& socket, int size_bytes);
 
-// Whether the address is one of this host's own.
+// Whether the address is one of this device's own.
 bool IsOwnAddress(std::uint32_t address);
 
 // Lets this process have as many descriptors as it may, because every member takes two.
