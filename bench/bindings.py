@@ -25,6 +25,12 @@ def microseconds(call, count=100):
     return min(timeit.repeat(call, number=count, repeat=1000)) / count * 1e6
 
 
+def microseconds_in_turns(*calls):
+    """Of each of the calls, which take turns: again of the best of many."""
+    rounds = [[timeit.timeit(call, number=1) for call in calls] for _ in range(1000)]
+    return [min(times) / BURST * 1e6 for times in zip(*rounds)]
+
+
 def measure_python():
     """Microseconds of an empty call by ctypes, and of what the package does."""
     import varnix  # Its library is found through the environment, which main() sets.
@@ -34,6 +40,8 @@ def measure_python():
     values = itertools.cycle([b"41.5", b"42.0"])
     empty = ctypes.CDLL("libvarnix_c.so.1").varnix_version
     keys = [str(i).encode() for i in range(BURST)]
+    tables = [varnix.table(f"bench {i}") for i in range(BURST)]
+    sets = [varnix.WatcherSet([each.watch_all()]) for each in tables]
 
     def set_and_wait():
         table.set(b"speed", next(values))
@@ -46,12 +54,23 @@ def measure_python():
         for _ in keys:
             changes.wait()
 
+    def set_in_each():
+        value = next(values)
+        for each in tables:
+            each.set(b"speed", value)
+
+    def wait_for_each():
+        for each in sets:
+            each.wait()
+
     empty_call = microseconds(lambda: empty(next(values)) and None)
     setting = microseconds(lambda: table.set(b"speed", next(values)))
     both = microseconds(set_and_wait)
-    changes.fileno()  # From now on the kernel is told when the set has a change, and when it has none.
+    for each in [changes, *sets]:
+        each.fileno()  # From now on the kernel is told when the set has a change, and when it has none.
+    telling, taking = microseconds_in_turns(set_in_each, wait_for_each)
     by_descriptor = microseconds(set_and_wait)
-    return empty_call, setting, both, by_descriptor, microseconds(set_and_wait_in_a_burst, 1) / BURST
+    return empty_call, setting, both, telling, taking, by_descriptor, microseconds(set_and_wait_in_a_burst, 1) / BURST
 
 
 def measure_c(build):
@@ -75,17 +94,19 @@ def main():
         return f"{ours - theirs:+.{0 if ours > 10 else 1}f}"
 
     set_c, set_cpp, both_c, both_cpp, descriptor, eventfd, _ = measure_c(build)
-    empty, setting, both, by_descriptor, in_a_burst = measure_python()
+    empty, setting, both, telling, taking, by_descriptor, in_a_burst = measure_python()
     print(f"| {'':50} | Varnix | beside |   more |")
     print(f"|{'-' * 52}|-------:|-------:|-------:|")
     row("C beside C++: a set, ns", set_c, set_cpp, 0, difference(set_c, set_cpp))
     row("  a set and a wait that finds it pending, ns", both_c, both_cpp, 0, difference(both_c, both_cpp))
     row("a set until poll() returns, beside an eventfd, ns", descriptor, eventfd, 0, f"x {descriptor / eventfd:.2f}")
     row("Python beside an empty call of ctypes: a set, us", setting, empty, 1, difference(setting, empty))
-    for what, times in (("  a set and a wait, beside two empty calls, us", both),
-                        ("  the same where the set has a descriptor, us", by_descriptor),
-                        (f"  the same in bursts of {BURST} changes, us for each", in_a_burst)):
-        row(what, times, 2 * empty, 1, difference(times, 2 * empty))
+    for what, times, calls in (("  a set that makes a descriptor readable, us", telling, 1),
+                               ("  a wait that makes it unreadable again, us", taking, 1),
+                               ("  a set and a wait, beside two empty calls, us", both, 2),
+                               ("  the same where the set has a descriptor, us", by_descriptor, 2),
+                               (f"  the same in bursts of {BURST} changes, us for each", in_a_burst, 2)):
+        row(what, times, calls * empty, 1, difference(times, calls * empty))
 
 
 if __name__ == "__main__":
