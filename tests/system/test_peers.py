@@ -72,7 +72,7 @@ def test_a_table_that_is_asked_for_late_shows_who_is_there(network, make_host):
     for host, name in (pump, b"pump"), (valve, b"valve"):
         host.set(b"plant", b"state", name, b"on")
         assert press.gets_row(b"plant", b"state", name, b"on")
-    assert streams_from(press, "valve::p")
+    assert press.eventually(lambda: streams_from(press, "valve::p"))
     valve.kill()
     assert press.eventually(lambda: not streams_from(press, "valve::p"))
 

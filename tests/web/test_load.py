@@ -13,6 +13,7 @@ from programs import figure
 ROWS = 50_000
 CHANGES_PER_SECOND = 5_000
 LEAST_RATE = CHANGES_PER_SECOND * .9  # What is reached, where the machine has time.
+BUSY_SHARE = .8  # Of a processor that the page wants. Where it gets no more, that rate is too much for the machine.
 BATCH = 250
 MOST_WAIT = 100  # Milliseconds.
 LEAST_SEEN = 20  # So many keys and frames tell something. Where there is no time, they take more than one round.
@@ -92,7 +93,10 @@ class Burst:
         page.press("Escape")
         self.waits = sorted(page.run("window.waits"))
         self.median = statistics.median(self.waits)
-        self.is_enough = self.median <= MOST_WAIT and self.rate >= LEAST_RATE
+        # What the machine has given to others is not the page's. Of the slowest keys that cannot be told: one that
+        # waits longest may have met all that was given to others in the burst.
+        is_fast = self.rate >= LEAST_RATE or self.share <= BUSY_SHARE
+        self.is_enough = is_fast and self.median * self.share <= MOST_WAIT
 
     def _change_all(self, press, stop):
         """Steadily: each change is of another row, so that none takes the place of another."""
@@ -128,10 +132,7 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
            f"{best.median:.0f} ms, 9 of 10 within {best.waits[len(best.waits) * 9 // 10]:.0f} ms; "
            f"the page works {best.seconds_for_a_frame * 1000:.0f} ms for a frame, with {best.share:.0%} of a processor")
     assert len(best.waits) >= LEAST_SEEN and best.frames >= LEAST_SEEN
-    assert best.rate >= LEAST_RATE or best.share <= .8, [(burst.share, burst.rate) for burst in bursts]
-    # What the machine has given to others is not the page's. Of the slowest keys that cannot be told: one that waits
-    # longest may have met all that was given to others in the burst.
-    assert best.median * best.share <= MOST_WAIT, [(burst.share, burst.waits) for burst in bursts]
+    assert best.is_enough, [(burst.share, burst.rate, burst.waits) for burst in bursts]
     assert best.seconds_for_a_frame <= 0.1  # Whatever the machine does besides.
     assert drawn < 100  # Only what is seen.
     assert page.eventually(f"document.getElementById('grid').ariaRowCount === '{ROWS}'")
