@@ -34,7 +34,7 @@ function(varnix_join_sources target)
   target_include_directories(${target} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})  # What stands beside a source.
 endfunction()
 
-# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets; behind what sets their properties.
+# varnix_tidy(<target>... [LARGE_HEADERS]): clang-tidy on the sources of the targets, after their properties were set.
 # With VARNIX_TIDY=QUICK the sources of a target are joined: most of the time goes into what they include. Where they
 # include LARGE_HEADERS the analyzer inlines less, too: most of its time would go into the templates there.
 function(varnix_tidy)

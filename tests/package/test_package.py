@@ -147,7 +147,7 @@ def build_sub_project(project, directory, *definitions):
     return {path.name for path in directory.glob("installed/**/*")}
 
 
-if not TOOLCHAIN:  # The recipes build it whole with the tools of another machine.
+if not TOOLCHAIN:  # What a sub-project brings does not depend on the machine.
 
     def test_as_a_sub_project_it_brings_its_library_alone(tmp_path):
         installed = build_sub_project("subproject", tmp_path)
