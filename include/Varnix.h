@@ -76,10 +76,11 @@
 //   device, process  device at most 255 bytes (more are cut), both together at most 1,048,574; and they must differ
 //                    between any two members of a group, or those two never meet
 //   peers            at most 1,024 of each direction in a process, and no more than 3/8 of its limit of
-//                    descriptors; one for each database that both share. Others are met when there is room,
-//                    at the latest after their next announcement
+//                    descriptors. A member counts once for each database that both share. One that finds no room
+//                    is tried as soon as there is room, for 30 seconds, and again at each announcement
 //
-// A row whose combined key or value is longer is set, and is a log line of level Warning ("tblcmbn.set.long").
+// A row whose combined key or value is longer is set here all the same, with a log line of level Warning
+// ("tblcmbn.set.long").
 //
 // A peer that loses power while nothing is written is not noticed by the side that sends: set one small row now and
 // then. There is no deletion, no authentication and no encryption: share on a network that you trust.
@@ -156,7 +157,8 @@ class VARNIX_EXPORT Table {
  public:
   virtual ~Table();
 
-  /// Inserts the row, or replaces the value of the row with the same key, and wakes the threads that wait for it.
+  /// Inserts the row, or replaces the value of the row with the same key, and wakes the threads that wait for it. The
+  /// value that the row has already changes nothing.
   /// A shared table hands the row to its peers as well; that happens on other threads, and never delays this call.
   virtual void Set(const Row& row) = 0;
 

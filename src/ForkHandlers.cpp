@@ -13,7 +13,8 @@
 
 // A forked child has one thread, and copies of everything. It uses its copies of the tables like any process. The
 // servers and their streams belong to the parent: the child closes its copies of their descriptors and forgets them. No
-// lock may be held by another thread of the parent at that moment: the child would wait for it for ever.
+// lock that the child takes may be held by another thread of the parent at that moment: the child would wait for it for
+// ever. Locks within a server are not among them.
 
 namespace {
 

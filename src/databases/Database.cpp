@@ -50,7 +50,7 @@ void Database::SetSharing(const SharingSettings& settings) {
   sharing_ = std::move(stored);
   StopServer();
   if (sharing_ended_) return;
-  // What it receives goes to the decombiner, what it sends comes from the combined table: nothing is sent on.
+  // What it receives goes to the decombiner, what it sends comes from the combined table: no row is sent on or back.
   server_ = std::make_unique<TableServer>(CombinedKey(sharing_.device, sharing_.process), name_, decombiner_, combined_,
                                           sharing_.group, sharing_.broadcast_address, peer_table_);
   Log(LogLevel::Debug, "tblcmbn.sharing.svr", "DB(%p) SetSharing -> server=%p", static_cast<void*>(this),

@@ -24,7 +24,6 @@ using Varnix::LogLevel;
 
 namespace {
 
-// No group has so many members.
 constexpr rlim_t kMostPeers = 1024;
 
 // Peers of each kind that the process may have at once.

@@ -9,7 +9,7 @@
 
 #include "network/SocketStream.h"
 
-// The only unit on the wire, in both directions: a header of 4 bytes, big-endian, with the length of field A in its
+// The only unit of a stream, in both directions: a header of 4 bytes, big-endian, with the length of field A in its
 // upper 12 bits and that of field B in its lower 20, then field A, then field B. A record is a row: A its key, B its
 // value.
 constexpr std::size_t kRecordHeaderSize = 4;

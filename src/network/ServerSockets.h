@@ -22,8 +22,8 @@ FileDescriptor OpenListeningSocket(unsigned short& port);
 // A UDP socket that may broadcast and shares the discovery port with every other server on this machine.
 FileDescriptor OpenDiscoverySocket();
 
-// What every wait of a server watches, but that of a sender for rows: once something is written to it, it stays
-// readable.
+// Every wait of a server watches this pipe, but that of a sender for rows. What is written to it is never read, so it
+// stays readable.
 Pipe OpenDonePipe();
 
 // What tells the discovery thread that the network has changed.

@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-// A lack of threads that neighbours can bring about and end as often as they like. It is worth one line in the log, and
+// A lack of threads, which neighbours can cause and end as often as they like. It is worth one line in the log, and
 // all of them together at most one in 100 ms.
 //
 // Threads: the caller guards it.

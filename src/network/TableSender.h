@@ -17,8 +17,9 @@ struct Member;
 // The serving side of one table stream: tells who we are, hears which group the peer belongs to, and sends every row of
 // the member's table and then each change, until the peer goes or the server stops.
 //
-// Rows that are ready at once leave together: the buffer is sent when no more are ready, when it is full, at the first
-// row that comes half a millisecond after the oldest in it, and before a log hook of the program is called.
+// Rows that are ready at once leave together: the buffer is flushed when no more are ready, when it is full, at the
+// first row that comes half a millisecond after the oldest in it, and before a log hook of the program is called. A row
+// with an empty field stays in it until the next row.
 //
 // The handshake has no time limit: the end of the connection or of the server ends it.
 //

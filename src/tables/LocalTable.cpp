@@ -65,7 +65,7 @@ void LocalTable::Insert(const Varnix::Row& row, std::size_t hash) {
 }
 
 void LocalTable::Update(Position position, const std::string& value) {
-  if (position->content.second == value) return;
+  if (position->content.second == value) return;  // No change: nobody is told.
   AssignAndTrim(position->content.second, value);
   // Before the row moves: a watcher whose cursor is on it steps to the row behind its old place.
   TellUpdated(position);

@@ -17,7 +17,8 @@
 #define VARNIX_NO_LOCK_ANALYSIS VARNIX_THREADS(no_thread_safety_analysis)
 
 // A std::mutex that the analysis can follow; std::unique_lock and std::condition_variable accept it. A global one works
-// before and after every static object: it is constant-initialised and trivially destroyed.
+// before and after every static object: it is constant-initialised and trivially destroyed. docs/architecture.md tells
+// in which order the locks are taken.
 class VARNIX_THREADS(capability("mutex")) Mutex : public std::mutex {
  public:
   void lock() VARNIX_THREADS(acquire_capability()) { std::mutex::lock(); }

@@ -30,7 +30,7 @@ def row_line(key, value, table="status", **more):
 
 
 def start_feeding(start):
-    """A command that has set one row. Its time begins when its input is closed: a busy machine meets it before."""
+    """A command that has set one row. Its time begins when its input is closed: until then members meet it."""
     setting = start("load", "-w", "1", stdin=subprocess.PIPE)
     setting.process.stdin.write(row_line("speed", "42"))
     setting.process.stdin.flush()

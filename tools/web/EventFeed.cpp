@@ -171,8 +171,7 @@ void EventFeed::Begin(std::string& out) {
   out.append("data: ").append(hello_).append(kEnd);
 }
 
-// None until everything is told that there was: until then a reader knows by the time at the beginning who has left
-// since then, and a later one would take that from it.
+// No time before `ready`: by the time at the beginning a reader tells which departures are new to it.
 std::string EventFeed::SignOfLife() const {
   std::string out;
   if (ready_) TellTime(out);

@@ -65,8 +65,7 @@ void HttpConnection::OnDeadline() {
     if (now >= due_) EndAs(State::kEnded, now);
   } else if (feed_->HasMore()) {
     pausing_ = now < not_before_;
-  } else if (now >= next_sign_) {
-    GiveSignWhenDue(now);
+  } else if (GiveSignWhenDue(now)) {
     NoteProgress();
   }
 }
@@ -122,11 +121,12 @@ void HttpConnection::Write() {
   EndAs(State::kLeaving, Clock::now() + kMostToLeave);
 }
 
-// Whatever else is told: a reader would not see that the clock was set while rows come all the time.
-void HttpConnection::GiveSignWhenDue(TimePoint now) {
-  if (now < next_sign_) return;
+// Also while rows come all the time: else a reader would not learn that the clock of the server was set.
+bool HttpConnection::GiveSignWhenDue(TimePoint now) {
+  if (now < next_sign_) return false;
   unsent_ = feed_->SignOfLife();
   next_sign_ = now + kBetweenSigns;
+  return true;
 }
 
 // False when the connection is lost.

@@ -43,7 +43,7 @@ class HttpConnection : public Waiter {
   void Begin(Site::Answer answer);
   void LookForEnd();
   void Write();
-  void GiveSignWhenDue(TimePoint now);
+  bool GiveSignWhenDue(TimePoint now);
   void NoteProgress();
   bool SendUnsent();
   void ResetWhenClosed(bool is_reset);

@@ -162,7 +162,7 @@ TEST_F(Top, WhileAFilterIsTypedKeysAreItsText) {
   EXPECT_EQ(PressKey(view, 'q', 5), TopAction::kQuit);
 }
 
-TEST(End, IsOursWhereItSaysThatSomebodyIsLeftOut) {
+TEST(End, SaysOfTheSameKindsThatSomebodyIsLeftOut) {
   using Kind = End::Kind;
   for (const Kind kind : {Kind::kUnreachable, Kind::kSilent, Kind::kLeftAtOnce, Kind::kClosed, Kind::kBroken,
                           Kind::kNotLookedFor, Kind::kDuplicate, Kind::kOverLimit, Kind::kNoRoom, Kind::kLongName}) {

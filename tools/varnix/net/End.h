@@ -23,7 +23,7 @@ struct End {
   int error = 0;
 };
 
-// Whether it is we who want no more of it.
+// Whether its text says "left out": there is no room for the member, or for what it sends.
 bool IsLeftOut(const End& end);
 
 // As in "press::ctl at 10.0.0.1:40213 ...".

@@ -46,7 +46,7 @@ void Setter::OnGuest(const Place& place, const std::string& group, bool stays) {
   members_.try_emplace(place, false);
 }
 
-// Where rows are held, or fed, for days, there are more who have left than are counted.
+// A long run may meet more members than are counted. One that has left makes room, the first by address.
 bool Setter::ForgetOneLost() {
   const auto lost = std::find_if(members_.begin(), members_.end(), [this](const auto& member) {
     const auto& [place, has_taken] = member;

@@ -17,5 +17,5 @@ struct JsonRow {
 // What is wrong with the line, or nothing.
 std::string ParseJsonRow(std::string_view line, JsonRow& row);
 
-// Whether the line is no JSON to its end, as a row is not of which the rest is missing.
+// Whether the line is no valid JSON. Then its rest may be missing.
 bool MayBeTorn(std::string_view line);
