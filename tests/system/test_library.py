@@ -96,6 +96,7 @@ def test_no_program_is_started():
     assert undefined_symbols() & {"fork", "vfork", "system", "popen", "execve", "execv", "posix_spawn"} == set()
 
 
+@programs.only_natively
 @pytest.mark.parametrize("standard", ["c++11", "c++14", "c++17", "c++20", "c++2b"])
 @pytest.mark.parametrize("compiler", [name for name in ("g++", "clang++") if shutil.which(name)])
 def test_the_header_compiles_alone_and_without_a_warning(compiler, standard):
@@ -107,6 +108,7 @@ def test_the_header_compiles_alone_and_without_a_warning(compiler, standard):
     assert (done.returncode, done.stdout) == (0, "")
 
 
+@programs.only_natively
 @pytest.mark.parametrize("compiler", [name for name in ("g++", "clang++") if shutil.which(name)])
 def test_the_header_may_be_included_twice_and_from_two_files(compiler, tmp_path):
     for name, text in (("one.cpp", "#include <Varnix.h>\n#include <Varnix.h>\n"),
