@@ -11,9 +11,8 @@
 struct Member;
 
 // Receives from one found peer, again and again, until its retry period is over: 30 seconds from when it was found, or
-// from the end of the last attempt that lasted 9 seconds or more. After an attempt of
-// less than a second it waits 2 seconds. Nothing is remembered of a place that failed: its next announcement starts a
-// new loop.
+// from the end of the last attempt that lasted 9 seconds or more. After an attempt of less than a second it waits 2
+// seconds. Nothing is remembered of a place that failed: its next announcement starts a new loop.
 //
 // Threads: one, started for this peer.
 class ReceiveLoop {

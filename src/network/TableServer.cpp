@@ -123,7 +123,7 @@ void TableServer::SignalDone() {
   Log(LogLevel::Error, "tblsvr.dest", "TableServer: pipe write fail error %d", errno);
 }
 
-// A peer whose stream ends connects again at once, and nobody accepts it any more. Now it is refused. Closing the
+// A peer whose stream ends connects again at once. Nobody accepts it any more, so it has to be refused: closing the
 // listener would reset it, an error in the peer's log. After the done byte, so that the accept thread finds that first.
 void TableServer::RefuseConnections() { shutdown(listener_.Get(), SHUT_RD); }
 
