@@ -139,4 +139,5 @@ def test_an_example_prints_the_rows_of_a_member_until_it_is_interrupted(network,
         program.send_signal(signal.SIGINT)
         if programs.eventually(lambda: program.poll() is not None, patience):
             break
+    program.kill()
     assert (program.returncode, "Traceback" in program.stdout.read()) == (0, False)

@@ -16,6 +16,7 @@ LEAST_RATE = CHANGES_PER_SECOND * .9  # What is reached, where the machine has t
 BUSY_SHARE = .8  # Of a processor that the page wants. Where it gets no more, that rate is too much for the machine.
 BATCH = 250
 MOST_WAIT = 100  # Milliseconds.
+MOST_WORK = 0.1  # Seconds of a processor for a frame, whatever the machine does besides.
 LEAST_SEEN = 20  # So many keys and frames tell something. Where there is no time, they take more than one round.
 MOST_ROUNDS = 9  # Of ten seconds, in all bursts. A machine that has no time keeps the keys of one waiting, or of two.
 LEAST_ROUNDS = 3  # So many must be left for another burst.
@@ -96,7 +97,7 @@ class Burst:
         # What the machine has given to others is not the page's. Of the slowest keys that cannot be told: one that
         # waits longest may have met all that was given to others in the burst.
         is_fast = self.rate >= LEAST_RATE or self.share <= BUSY_SHARE
-        self.is_enough = is_fast and self.median * self.share <= MOST_WAIT
+        self.is_enough = is_fast and self.median * self.share <= MOST_WAIT and self.seconds_for_a_frame <= MOST_WORK
 
     def _change_all(self, press, stop):
         """Steadily: each change is of another row, so that none takes the place of another."""
@@ -132,8 +133,7 @@ def test_fifty_thousand_rows_and_a_burst_leave_the_keys_answered(web, chromium, 
            f"{best.median:.0f} ms, 9 of 10 within {best.waits[len(best.waits) * 9 // 10]:.0f} ms; "
            f"the page works {best.seconds_for_a_frame * 1000:.0f} ms for a frame, with {best.share:.0%} of a processor")
     assert len(best.waits) >= LEAST_SEEN and best.frames >= LEAST_SEEN
-    assert best.is_enough, [(burst.share, burst.rate, burst.waits) for burst in bursts]
-    assert best.seconds_for_a_frame <= 0.1  # Whatever the machine does besides.
+    assert best.is_enough, [(burst.share, burst.rate, burst.waits, burst.seconds_for_a_frame) for burst in bursts]
     assert drawn < 100  # Only what is seen.
     assert page.eventually(f"document.getElementById('grid').ariaRowCount === '{ROWS}'")
     page.press("End")
