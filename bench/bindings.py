@@ -26,7 +26,7 @@ def microseconds(call, count=100):
 
 
 def microseconds_in_turns(*calls):
-    """Of each of the calls, which take turns: again of the best of many."""
+    """Of one of the BURST steps of each of the calls, which take turns: again of the best of many."""
     rounds = [[timeit.timeit(call, number=1) for call in calls] for _ in range(1000)]
     return [min(times) / BURST * 1e6 for times in zip(*rounds)]
 

@@ -157,8 +157,8 @@ class VARNIX_EXPORT Table {
  public:
   virtual ~Table();
 
-  /// Inserts the row, or replaces the value of the row with the same key, and wakes the threads that wait for it. The
-  /// value that the row has already changes nothing.
+  /// Inserts the row, or replaces the value of the row with the same key, and wakes the threads that wait for it.
+  /// Setting the value that the row already has changes nothing, and wakes nobody.
   /// A shared table hands the row to its peers as well; that happens on other threads, and never delays this call.
   virtual void Set(const Row& row) = 0;
 

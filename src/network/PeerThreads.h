@@ -21,8 +21,8 @@
 // Starts the threads of one server's peers, one for each peer that is received from and one for each that is served,
 // and awaits their end. The process has at most 1,024 of each kind, for all servers together, and no more than three
 // eighths of the limit of descriptors: a flood of announcements or connections must not take them all. A place for
-// which there is no thread waits until a thread of any server has ended, or until it was found 30 seconds ago. What
-// becomes of a connection for which there is none is the acceptor's to say.
+// which there is no thread waits until a thread of any server has ended, or until it was found 30 seconds ago. The
+// acceptor decides what becomes of a connection for which there is no thread.
 //
 // Threads: any. The lock of the places that wait, one for the process, comes before the mutex of each object, and that
 // before the one of ActiveESNs.

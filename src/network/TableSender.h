@@ -18,8 +18,8 @@ struct Member;
 // the member's table and then each change, until the peer goes or the server stops.
 //
 // Rows that are ready at once leave together: the buffer is flushed when no more are ready, when it is full, at the
-// first row that comes half a millisecond after the oldest in it, and before a log hook of the program is called. A row
-// with an empty field stays in it until the next row.
+// first row that comes half a millisecond after the oldest in it, and before a log hook of the program is called. What
+// is written of a row with an empty field stays there until the next row without one.
 //
 // The handshake has no time limit: the end of the connection or of the server ends it.
 //

@@ -153,7 +153,7 @@ void CommandLine::AddCommonOptions() {
                   "command takes that ends by itself (5; with --passive 61)")
       ->type_name("SECONDS")
       ->check(AtLeast(0));
-  app_.add_option("--device", options_.device, "Who we say we are (the name of the host)")
+  app_.add_option("--device", options_.device, "Who we say we are (the name of this device)")
       ->type_name("NAME")
       ->check(Size(0, 255));
   app_.add_option("--process", options_.process, "Who we say we are (varnix-PID)")
